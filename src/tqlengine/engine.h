@@ -1,0 +1,129 @@
+// The query engine: evaluates patterns over the tree of objects and ties writes to those who watch
+// the tree. It owns no objects and no storage; it reaches objects through resolvers and the
+// TqlObjectHandler interface alone.
+//
+// One Engine is made by the composition root and lives as long as the server. Everything runs on
+// one thread, between two events, so a select sees the tree in one state.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <set>
+#include <string_view>
+#include <vector>
+
+#include "queues/event_types.h"
+#include "tql/pattern.h"
+#include "tqlengine/id_resolver.h"
+#include "tqlengine/object_handler.h"
+#include "tqlengine/result_node.h"
+
+namespace tqlengine {
+
+class TqlSingletonHandler;
+
+/// What happened to an object; numbers as they travel in notifications.
+enum class object_operation_t : uint32_t {
+    created = 0,
+    updated = 1,
+    deleted = 2,
+    data_changed = 3,
+    checked_in = 4,
+};
+
+/// What one select cost.
+struct SelectStatistics {
+    uint64_t considered = 0;  ///< objects tried against a step of the pattern
+    uint64_t included = 0;    ///< objects that matched
+    uint64_t doublets = 0;    ///< merges of two nodes of one object
+    uint64_t object_matches =
+        0;                 ///< tests of an object against class, template flag and conditions
+    uint64_t lengthy = 0;  ///< those tests that had to look at properties
+};
+
+/// Bounds that keep a request, however it was meant, from holding up the server.
+struct SelectLimits {
+    /// Steps below one another in a pattern; looking for index answers recurses over it.
+    size_t pattern_depth = tql::kMaxPatternDepth;
+    /// Steps of a pattern in all.
+    size_t pattern_steps = 20'000;
+    /// Objects below one another in a result, since the record that travels is nested. The walk
+    /// itself has no such bound.
+    size_t result_depth = 1'000;
+    /// Tries of an object against a step. Recursive steps below recursive steps multiply what they
+    /// try, so a pattern of a few hundred bytes could otherwise keep the server busy for years.
+    uint64_t considered = 50'000'000;
+};
+
+class Engine {
+  public:
+    using ResultList = std::vector<ResultNodePtr>;
+    using OperationHook = std::function<void(TqlObjectHandler&, object_operation_t)>;
+
+    Engine() = default;
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    // ---- set up by the composition root ---------------------------------------------------------
+
+    /// Resolvers are asked in the order in which they were added; each must outlive the engine's
+    /// use.
+    void add_resolver(TqlIdResolver& resolver) { resolvers_.push_back(&resolver); }
+    /// Makes `singleton` the answer to every pattern that starts with its class. Must outlive the
+    /// engine's use.
+    void add_singleton(TqlSingletonHandler& singleton);
+    /// Called for every create, update and delete that goes through a TqlUpdateWatcher. Must not
+    /// throw.
+    void set_operation_hook(OperationHook hook) { operation_hook_ = std::move(hook); }
+    /// The class numbers whose objects can be given another parent.
+    void set_reparentable_classes(std::set<uint32_t> classes) {
+        reparentable_classes_ = std::move(classes);
+    }
+    [[nodiscard]] const std::set<uint32_t>& reparentable_classes() const noexcept {
+        return reparentable_classes_;
+    }
+    void set_limits(const SelectLimits& limits) noexcept { limits_ = limits; }
+    [[nodiscard]] const SelectLimits& limits() const noexcept { return limits_; }
+
+    // ---- reading --------------------------------------------------------------------------------
+
+    /// The first answer of the resolvers; empty when no resolver knows the id.
+    [[nodiscard]] HandlerRef find(const tql::id_t& id) const;
+    /// As find(), but throws errors::tql code 1 with the id and " not found".
+    [[nodiscard]] HandlerRef get(const tql::id_t& id) const;
+    /// As find(), for the resolvers in turn; see TqlIdResolver::discardOrphans.
+    void discard_orphans(const tql::id_t& id) const;
+
+    /// Runs `pattern` at each root and appends a tree for each root that gives one, in id order.
+    /// Roots that don't exist are skipped. Adds to `statistics`. Throws errors::tql and
+    /// errors::db_anomaly; `results` is then incomplete.
+    void evaluate(ResultList& results, const std::set<tql::id_t>& roots,
+                  const tql::pattern_t& pattern, SelectStatistics& statistics) const;
+
+    // ---- writing --------------------------------------------------------------------------------
+
+    /// Tells those who watch for operations on objects. Used by TqlUpdateWatcher, and directly for
+    /// operations that come without a request (data changed, checked in).
+    void notify(TqlObjectHandler& handler, object_operation_t operation) noexcept;
+    /// Notes every subscription whose selection holds or may hold `handler` now. Used by
+    /// TqlUpdateWatcher before and after a write. There are no subscriptions yet, so nobody is
+    /// noted.
+    void notify_pass(TqlObjectHandler& handler) noexcept;
+
+    /// Called by the main loop after each event that went through the dispatcher, with the event's
+    /// sender and name: sends out what notify_pass() has noted. There are no subscriptions yet, so
+    /// nothing is due.
+    void tqlPeriodicUpdate(queues::queue_t sender, std::string_view caused_by);
+
+  private:
+    static constexpr uint32_t kClassCount = 97;
+
+    std::vector<TqlIdResolver*> resolvers_;
+    std::array<TqlSingletonHandler*, kClassCount> singletons_{};
+    OperationHook operation_hook_;
+    std::set<uint32_t> reparentable_classes_;
+    SelectLimits limits_;
+};
+
+}  // namespace tqlengine

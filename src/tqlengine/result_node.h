@@ -1,0 +1,90 @@
+// One object of a select's answer, in memory, with what matched below it.
+//
+// A tree of these is built while the engine walks, and becomes the record that travels when the
+// walk is done. The same object can be met on several branches of a pattern; its nodes are merged
+// into one.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "tql/id.h"
+#include "tql/origin.h"
+#include "tql/property.h"
+#include "tql/version.h"
+
+namespace tqlengine {
+
+class TqlObjectHandler;
+struct ResultNode;
+struct SelectStatistics;
+
+/// Unlinks a whole tree without recursion, so that its depth doesn't matter.
+struct ResultNodeDelete {
+    void operator()(ResultNode* node) const noexcept;
+};
+using ResultNodePtr = std::unique_ptr<ResultNode, ResultNodeDelete>;
+
+/// The children of a node by key. Children come mostly in ascending order, so they are appended;
+/// settle() puts in order what wasn't and merges nodes of one key. Costs an append per child, and a
+/// sort only where it is needed.
+class ResultChildren {
+  public:
+    struct Entry {
+        tql::internal_id_t key;
+        ResultNodePtr node;
+    };
+
+    void append(const tql::internal_id_t& key, ResultNodePtr node);
+    /// Appends all of `other` and leaves it empty.
+    void append_all(ResultChildren&& other);
+    /// True when the keys ascend without a repetition.
+    [[nodiscard]] bool settled() const noexcept { return settled_; }
+
+    [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
+    [[nodiscard]] size_t size() const noexcept { return entries_.size(); }
+    /// The entries; in key order only when settled().
+    [[nodiscard]] std::vector<Entry>& entries() noexcept { return entries_; }
+    [[nodiscard]] const std::vector<Entry>& entries() const noexcept { return entries_; }
+
+  private:
+    friend void settle(ResultNode& node, SelectStatistics& statistics);
+
+    std::vector<Entry> entries_;
+    bool settled_ = true;
+};
+
+struct ResultNode {
+    /// Takes class, id, version, flags and origin of `handler`.
+    ResultNode(TqlObjectHandler& handler, bool is_visible);
+    ResultNode(const ResultNode&) = delete;
+    ResultNode& operator=(const ResultNode&) = delete;
+
+    uint32_t class_number;
+    uint32_t flags;
+    std::set<uint32_t> tags;
+    tql::id_t id;
+    tql::version_t version;
+    tql::origin_t origin;
+    tql::property_map_t properties;
+    ResultChildren children;
+    /// False for an object that isn't to be a node of the result; its children move up to its
+    /// parent's node.
+    bool visible;
+};
+
+/// Merges `node` into `slot`, both being the same object: tags and children are joined, the
+/// properties of `node` win. An empty slot takes the node, an empty node changes nothing. Throws
+/// errors::db_anomaly when class, flags or id differ. Counts a doublet for each pair of nodes
+/// merged; those below are counted when they are settled.
+void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics);
+
+/// Moves the children of `node` into `slot` and drops the rest of it; an empty slot takes the node.
+void splice(ResultNodePtr& slot, ResultNodePtr node);
+
+/// Puts the children of this node and of all below in key order and merges those with one key.
+void settle(ResultNode& node, SelectStatistics& statistics);
+
+}  // namespace tqlengine
