@@ -46,6 +46,12 @@ class ESystemError : public Exception {
     int code_;
 };
 
+/// An index or size outside of what a fixed container holds.
+class ERange : public Exception {
+  public:
+    using Exception::Exception;
+};
+
 /// An operation on stored structures that cannot be undone halfway was found not to have worked.
 class syserror : public Exception {
   public:

@@ -1,0 +1,78 @@
+// Names and numbers of classes and properties, the vocabulary that the system shares with its
+// clients.
+//
+// Numbers are persistent: they are stored and travel in events, and a number is never used again
+// for something else. Code uses the constants: cls::Node, prop::label, nodetype::AgentCheck. Each
+// number stands once, in detail/class_names.inc, detail/property_names.inc and
+// detail/nodetype_names.inc.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "tql/value_kind.h"
+
+/// Class numbers, what clients see.
+namespace cls {
+#define TQL_CLASS(number, constant, text) inline constexpr uint32_t constant = number;
+#include "tql/detail/class_names.inc"
+#undef TQL_CLASS
+/// Class numbers run below this.
+inline constexpr uint32_t kCount = 97;
+}  // namespace cls
+
+/// Property numbers.
+namespace prop {
+#define TQL_PROPERTY(number, constant, text, kind) inline constexpr uint32_t constant = number;
+#include "tql/detail/property_names.inc"
+#undef TQL_PROPERTY
+/// stateAction0 to stateAction31 stand in one row of numbers.
+inline constexpr uint32_t kStateActionCount = 32;
+}  // namespace prop
+
+/// Nodetypes, what the store sees; a class may have several.
+namespace nodetype {
+#define TQL_NODETYPE(number, constant, class_constant) inline constexpr uint32_t constant = number;
+#include "tql/detail/nodetype_names.inc"
+#undef TQL_NODETYPE
+/// Nodetypes run below this.
+inline constexpr uint32_t kCount = 95;
+}  // namespace nodetype
+
+namespace tql {
+
+struct property_row_t {
+    uint32_t number;
+    std::string_view name;
+    /// The kind that a value of this property has in most classes; of type none where there is no
+    /// usual one.
+    value_kind_t usual_kind;
+};
+
+/// All class names in order of their numbers; 97 entries. The reserved number 78 has an empty text.
+[[nodiscard]] std::span<const std::string_view> class_names() noexcept;
+/// All properties in order of their numbers.
+[[nodiscard]] std::span<const property_row_t> property_rows() noexcept;
+
+/// The number of a class by its exact name; none for an unknown one and for the empty text.
+[[nodiscard]] std::optional<uint32_t> find_class(std::string_view name) noexcept;
+/// As find_class(); throws errors::tql for an unknown name.
+[[nodiscard]] uint32_t get_class(std::string_view name);
+/// The name of a class; empty for the reserved number and beyond the table.
+[[nodiscard]] std::string_view find_class_name(uint32_t class_number) noexcept;
+/// The name of a class, or "<unknown class: N>".
+[[nodiscard]] std::string class_name(uint32_t class_number);
+
+/// The number of a property by its exact name; none for an unknown one.
+[[nodiscard]] std::optional<uint32_t> find_property(std::string_view name) noexcept;
+/// As find_property(); throws errors::tql with code 7 for an unknown name.
+[[nodiscard]] uint32_t get_property(std::string_view name);
+/// The row of a property; null for a number without name. Lives for ever.
+[[nodiscard]] const property_row_t* find_property_row(uint32_t number) noexcept;
+/// The name of a property, or "<unknown property: N>".
+[[nodiscard]] std::string property_name(uint32_t number);
+
+}  // namespace tql
