@@ -1,0 +1,124 @@
+// io::ParentMessenger: the parent side of the family's messenger. It makes the pool and its own
+// FIFO, gives each sibling that comes up an area, introduces the siblings to each other, and sees
+// to it that an area is used again only when nobody reads it any more. Starting, watching and
+// restarting processes is its owner's matter.
+//
+// Life of a sibling here (who makes the step):
+//
+//   absent --IAmUp--> up --InitShutdown from it--> stopping --AckShutdown from it--> gone
+//                     \--siblingGone--> gone       \--siblingGone--> gone
+//   gone, everybody let go of its area --> area free
+//   a sibling that comes up again while its old area is not free gets another one, or waits for
+//   room
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "io/area_table.h"
+#include "io/sibling_messenger.h"
+
+namespace io {
+
+/// What the parent's owner decides.
+class ParentPolicy {
+  public:
+    virtual ~ParentPolicy() = default;
+    /// Size of the area of a sibling (0: the parent's own) in bytes, a multiple of 8 and at
+    /// least 64.
+    [[nodiscard]] virtual uint32_t sliceSize(uint32_t sibling_id) = 0;
+    /// `asker` wants to talk to `wanted`, which is not up. True: it will come up (start it unless
+    /// it is starting already); false: the asker is told that it is dead.
+    [[nodiscard]] virtual bool requestPeer(uint32_t asker, uint32_t wanted) = 0;
+};
+
+class ParentMessenger;
+
+/// Ready when a sibling came up that the owner has not taken note of.
+class NewSiblings final : public StackedSelectableFront {
+  public:
+    explicit NewSiblings(ParentMessenger& messenger);
+    void name(std::string& out) const override { out += "NewSiblings"; }
+    [[nodiscard]] bool isReady() const override { return !ids_.empty(); }
+    /// The next one in order of coming up, or none.
+    std::optional<uint32_t> take();
+
+  private:
+    friend class ParentMessenger;
+    std::deque<uint32_t> ids_;
+};
+
+class ParentMessenger final : public SiblingMessenger {
+  public:
+    /// Makes pool, own area and FIFO; do it before children start. `policy` must outlive the
+    /// messenger. error::ESystemError when the system refuses, error::EFatal "No room for write
+    /// area for ID 0".
+    ParentMessenger(const std::string& fifo_prefix, uint64_t pool_size_bytes, ParentPolicy& policy);
+    ~ParentMessenger() override;
+
+    /// What a child needs: its process must inherit map_fd, and its environment have
+    /// PoolAccess::toEnvironment().
+    [[nodiscard]] const PoolAccess& access() const { return access_; }
+
+    [[nodiscard]] NewSiblings& newSiblings() { return new_siblings_; }
+    /// Introduced, and neither stopping nor gone.
+    [[nodiscard]] bool isUp(uint32_t sibling_id) const;
+    /// Said its last word, or was declared gone; true also for one that never was up.
+    [[nodiscard]] bool isGone(uint32_t sibling_id) const;
+
+    /// The process of this sibling ended. Everyone is told; what waited for it waits no more. A
+    /// second call does nothing, also after an orderly end. Call it before the sibling is started
+    /// again.
+    void siblingGone(uint32_t sibling_id);
+
+    /// Bytes of the pool that are in areas, those of the dead included that are not free yet.
+    [[nodiscard]] uint64_t bytesInAreas() const;
+
+  protected:
+    void handleControl(const SignalMessage& message) override;
+    void requestPeer(SiblingImplementation& peer) override;
+    [[nodiscard]] const char* writeForbidden(uint32_t) const override { return nullptr; }
+    void letGo(SiblingImplementation& peer) override;
+
+  private:
+    friend class NewSiblings;
+
+    /// One life of a sibling, from coming up until its area is free.
+    struct Life {
+        uint32_t sibling_id;
+        uint32_t area_offset;
+        bool stopping = false;         ///< others were asked to let go
+        bool gone = false;             ///< its process ended or said its last word
+        bool parent_let_go = false;    ///< we read all of its messages
+        bool consent_sent = false;     ///< it got its AckShutdown
+        std::set<uint32_t> awaited{};  ///< siblings that did not let go yet
+    };
+
+    [[nodiscard]] Life* liveLife(uint32_t sibling_id);
+    [[nodiscard]] const Life* liveLife(uint32_t sibling_id) const;
+    void onIAmUp(uint32_t sibling_id);
+    bool tryIntroduce(uint32_t sibling_id);
+    void introduce(uint32_t sibling_id, uint32_t offset, uint32_t size);
+    void onRequestPeer(uint32_t asker, uint32_t wanted);
+    void onInitShutdown(uint32_t sibling_id);
+    void onAckShutdown(uint32_t from, uint32_t about);
+    void askOthersToLetGo(Life& life);
+    void advance();
+    void tellAll(signal_t type, uint32_t about);
+    void sendIfConnected(uint32_t to, signal_t type, uint32_t argument);
+
+    ParentPolicy& policy_;
+    PoolAccess access_;
+    AreaTable table_;
+    std::deque<Life> lives_;
+    std::deque<uint32_t> waiting_for_room_;
+    NewSiblings new_siblings_;
+};
+
+}  // namespace io

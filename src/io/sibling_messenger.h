@@ -1,0 +1,269 @@
+// io::SiblingMessenger: how a process of the family exchanges messages with the others. Bulk data
+// lies in the pool, in the writer's own area (write_area.h); 8-byte signals through FIFOs
+// (signal_message.h) say that a message lies there, that it was read, who is there, who ended and
+// who wants to stop. The parent, id 0, arbitrates. The two sides are ChildMessenger and, in
+// parent_messenger.h, ParentMessenger; this class is what they share.
+//
+// It knows no events: what the bytes of a message mean is told by whoever uses the streams.
+//
+// Order. For one sender and one receiver messages arrive in order of publishing and are one stream
+// of bytes. All signals of a process but acknowledges leave in one order across peers, so that what
+// the parent says of a sibling is there before the sibling's first message. Acknowledges may
+// overtake.
+//
+// When signals leave. Before every wait of a selector that holds a front of the messenger, in one
+// write per peer. Before that at once, unless there is more input waiting to be read and the
+// process is busy with it: then up to kMaxDeferredSignals messages wait for each other, and
+// acknowledges wait as long as they hold back less than an eighth of their sender's area.
+//
+// A process blocked in a write still serves its input, since it waits in a selector that includes
+// the messenger's input.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <memory_resource>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "io/detail/received_list.h"
+#include "io/pipe_stream.h"
+#include "io/shared_memory.h"
+#include "io/sibling.h"
+#include "io/signal_message.h"
+#include "io/stack.h"
+#include "io/system_handle.h"
+#include "io/write_area.h"
+#include "platform/clock.h"
+
+namespace io {
+
+inline constexpr uint32_t kParentId = 0;
+/// Ids of peers are 0 to this.
+inline constexpr uint32_t kMaxSiblingId = 128;
+
+/// This process's FIFO, over which all others signal it.
+class InputSignalReader final : public PipeIStream {
+  public:
+    InputSignalReader(SiblingMessenger& messenger, platform::Fd fd, std::string path);
+    /// Sends off the signals that wait, before the process goes to sleep.
+    void prepare() override;
+
+  private:
+    SiblingMessenger& messenger_;
+};
+
+/// Ready when a message, or the end of a peer, waits to be read.
+class SomeSibling final : public StackedSelectableFront {
+  public:
+    explicit SomeSibling(SiblingMessenger& messenger);
+    void name(std::string& out) const override { out += "SomeSibling"; }
+    [[nodiscard]] bool isReady() const override;
+
+  private:
+    SiblingMessenger& messenger_;
+};
+
+class SiblingMessenger : public StackedSelectableBack {
+  public:
+    ~SiblingMessenger() override;
+
+    [[nodiscard]] uint32_t id() const { return id_; }
+
+    /// The peer with this id, made on first use. The handle must not outlive the messenger.
+    [[nodiscard]] SiblingHandle sibling(uint32_t peer_id);
+    /// Who sent the first message or end mark that waits; the parent's id if none waits and the
+    /// parent failed. Call it when someSibling() is ready.
+    [[nodiscard]] uint32_t nextSender() const;
+    /// What to wait for to read anything from anybody.
+    [[nodiscard]] SomeSibling& someSibling() { return some_sibling_; }
+
+    /// Sends off all signals that wait, as far as the FIFOs take them. Call it before long work
+    /// that waits in no selector.
+    void flush();
+
+    /// What an own message still lacks: blocks published and not acknowledged.
+    [[nodiscard]] size_t unacknowledgedCount() const { return unacknowledged_.size(); }
+    /// Checks the own area against invariants A1 to A6; an empty text if all is well. Walks the
+    /// whole area.
+    [[nodiscard]] std::string check_area() const;
+
+    void underlyingIsReady(Selectable& underlying) override;
+
+    static constexpr size_t kMaxDeferredSignals = 16;
+    static constexpr uint64_t kMaxDeferral_us = 20;
+
+  protected:
+    /// Makes the FIFO of `own_id`, ready to receive. An id that is out of range is a fatal
+    /// assertion.
+    SiblingMessenger(uint32_t own_id, SharedMemory memory, std::string fifo_prefix);
+
+    struct Shutdown {
+        bool allowed = false;
+        bool completed = false;
+    };
+
+    /// First half: a signal of a kind that parent and child treat differently. MT_Undefined never
+    /// comes here.
+    virtual void handleControl(const SignalMessage& message) = 0;
+    /// A message could not be announced to `peer`: see that it is introduced, or declare it dead.
+    virtual void requestPeer(SiblingImplementation& peer) = 0;
+    /// A reason why nothing may be written to `peer_id`, or null.
+    [[nodiscard]] virtual const char* writeForbidden(uint32_t peer_id) const = 0;
+    /// An own block came back.
+    virtual void blockReleased() {}
+    /// Nothing of `peer`'s present life is outstanding any more, and the parent wants to know. Its
+    /// FIFO is closed.
+    virtual void letGo(SiblingImplementation& peer) = 0;
+
+    SiblingImplementation& peer(uint32_t peer_id);
+    [[nodiscard]] SiblingImplementation* findPeer(uint32_t peer_id);
+    [[nodiscard]] const std::map<uint32_t, std::unique_ptr<SiblingImplementation>>& peers() const {
+        return peers_;
+    }
+    [[nodiscard]] std::string fifoPath(uint32_t sibling_id) const;
+    /// Opens the peer's FIFO; ENoConnection if nobody reads it, a fatal assertion if it is open.
+    void openFifo(SiblingImplementation& peer);
+
+    /// Queues a signal to a peer whose FIFO is open, else throws ENoConnection. send() also tries
+    /// to write it.
+    void queueSignal(SiblingImplementation& peer, signal_t type, uint32_t argument);
+    void send(SiblingImplementation& peer, signal_t type, uint32_t argument);
+    /// The three signals that tell `peer` of a sibling's area.
+    void sendTriple(SiblingImplementation& peer, uint32_t offset, uint32_t size,
+                    uint32_t sibling_id);
+
+    void takeOwnArea(uint64_t offset, uint64_t size);
+    /// `peer` has the area at `area_offset` now. Takes effect at once, or after the end of its
+    /// former life was read.
+    void peerIntroduced(SiblingImplementation& peer, uint64_t area_offset, bool open_fifo);
+    /// `peer` wants to stop, or died and its area is to be let go of.
+    void peerShutdown(SiblingImplementation& peer);
+    void peerDied(SiblingImplementation& peer);
+    /// Drops what waits for the peer and closes its FIFO.
+    void shutDownCommunications(SiblingImplementation& peer);
+    void appendNullMessage(SiblingImplementation& peer);
+    [[nodiscard]] bool hasOutstanding(const SiblingImplementation& peer) const;
+
+    SharedMemory& memory() { return memory_; }
+    WriteArea& area() { return area_; }
+
+  private:
+    friend class InputSignalReader;
+    friend class SomeSibling;
+    friend class SiblingImplementation;
+    friend class SiblingIStream;
+    friend class SiblingOStream;
+
+    struct Outgoing {
+        SiblingImplementation* peer;
+        SignalMessage message;
+    };
+
+    // Writing: the streams call these.
+    [[nodiscard]] bool writerReady(const SiblingOStream& stream) const;
+    size_t writeBegin(SiblingOStream& stream, uint8_t*& out);
+    void writeCommit(SiblingOStream& stream, size_t count);
+    void publish(SiblingOStream& stream);
+    void announce(SiblingImplementation& peer, uint32_t offset);
+    void deliverUndelivered(SiblingImplementation& peer);
+    void release(uint32_t offset);
+    void releaseDeferred();
+
+    // Reading: the streams call these.
+    [[nodiscard]] bool readerReady(const SiblingIStream& stream) const;
+    size_t readBegin(SiblingIStream& stream, const uint8_t*& out);
+    void readCommit(SiblingIStream& stream, size_t count);
+    void endSeen(SiblingImplementation& peer);
+    void letGoIfDone(SiblingImplementation& peer);
+    void takeNextLife(SiblingImplementation& peer);
+    void beginLife(SiblingImplementation& peer, uint64_t area_offset);
+
+    // Signals in.
+    void readSignals();
+    void handle(const SignalMessage& message);
+    void onMessageAt(SiblingImplementation& peer, uint32_t offset);
+    void onAckMessageAt(SiblingImplementation& peer, const SignalMessage& message);
+
+    // Signals out.
+    void queueAck(SiblingImplementation& peer, uint32_t offset, uint64_t length);
+    void flushUnlessBusy();
+    void flushSome();
+    void writeGlobalList();
+    bool writeTo(SiblingImplementation& peer);
+    void writerDrained(SiblingImplementation& peer);
+    [[nodiscard]] size_t queuedSignals() const { return outgoing_.size() - outgoing_head_; }
+
+    uint32_t id_;
+    SharedMemory memory_;
+    std::string fifo_prefix_;
+    platform::SystemClock clock_;
+    InputSignalReader input_;
+    SomeSibling some_sibling_;
+    std::map<uint32_t, std::unique_ptr<SiblingImplementation>> peers_;
+    std::vector<SiblingImplementation*> peer_by_id_;
+
+    WriteArea area_;
+    std::pmr::unsynchronized_pool_resource map_memory_;
+    std::pmr::map<uint32_t, uint32_t> unacknowledged_;  ///< block offset to receiver
+    SiblingOStream* writing_ = nullptr;                 ///< between writeBegin and writeCommit
+    SiblingOStream* unnotified_sibling_ = nullptr;
+    uint64_t block_size_ = 0;
+    uint64_t write_offset_ = 0;
+    std::vector<uint32_t> deferred_releases_;
+
+    detail::ReceivedList received_;
+
+    std::vector<Outgoing> outgoing_;  ///< the global send list
+    size_t outgoing_head_ = 0;
+    std::vector<SiblingImplementation*> with_acks_;
+    SiblingImplementation* unflushed_sibling_ = nullptr;
+    bool handling_signals_ = false;
+    uint64_t last_announce_us_ = 0;
+};
+
+/// A child of the family.
+class ChildMessenger final : public SiblingMessenger {
+  public:
+    /// Finds the pool by the environment variables of `name`, connects to the parent and tells it
+    /// "IAmUp". error::EFatal for a missing variable, ENoConnection if there is no parent.
+    ChildMessenger(uint32_t own_id, const std::string& name);
+    ChildMessenger(uint32_t own_id, const PoolAccess& access);
+    ~ChildMessenger() override;
+
+    /// Asks the parent to be allowed to stop. From now on only the parent can be written to; after
+    /// its consent nobody. Once everything sent was read, each peer's stream ends. A second call is
+    /// a fatal assertion.
+    void initiateShutdown();
+    [[nodiscard]] bool shutdownInitiated() const { return shutdown_.has_value(); }
+    /// The last word to the parent, waits until it is in the parent's FIFO. Before the parent's
+    /// consent it is a fatal assertion, also a second time. Without a living parent it says so on
+    /// the error stream.
+    void completeShutdown();
+
+    void underlyingIsReady(Selectable& underlying) override;
+
+  protected:
+    void handleControl(const SignalMessage& message) override;
+    void requestPeer(SiblingImplementation& peer) override;
+    [[nodiscard]] const char* writeForbidden(uint32_t peer_id) const override;
+    void blockReleased() override;
+    void letGo(SiblingImplementation& peer) override;
+
+  private:
+    void onSiblingAt(uint32_t sibling_id);
+    void push(const SignalMessage& message);
+    void drainIfDone();
+    void parentIsGone();
+
+    std::vector<SignalMessage> operands_;
+    std::map<uint64_t, uint32_t> write_areas_;
+    std::optional<Shutdown> shutdown_;
+    bool drained_ = false;
+    platform::Fd parent_pidfd_;
+    FdSelectable parent_end_;
+};
+
+}  // namespace io
