@@ -56,7 +56,7 @@ class Object {
   private:
     friend class Group;
     friend class Tree;
-    friend struct Lists;
+    friend class Links;
 
     Group* parent_;
     std::string_view name_;
@@ -78,10 +78,10 @@ class Group : public Object {
 
     /// The child of that name, or null. Children are here only while a Tree exists.
     [[nodiscard]] Object* find(std::string_view name) const;
-    /// Children by kind, in the order of registration.
-    [[nodiscard]] const std::vector<Group*>& groups() const noexcept { return groups_; }
-    [[nodiscard]] const std::vector<Table*>& tables() const noexcept { return tables_; }
-    [[nodiscard]] const std::vector<Metric*>& metrics() const noexcept { return metrics_; }
+    /// Children by kind, in the order of registration; each call makes a new list.
+    [[nodiscard]] std::vector<Group*> groups() const;
+    [[nodiscard]] std::vector<Table*> tables() const;
+    [[nodiscard]] std::vector<Metric*> metrics() const;
 
   protected:
     Group(Group* parent, std::string_view name, kind_t kind) : Object(parent, name, kind) {}
@@ -94,9 +94,7 @@ class Group : public Object {
     void clear();
 
     std::map<std::string_view, Object*> children_;
-    std::vector<Group*> groups_;
-    std::vector<Table*> tables_;
-    std::vector<Metric*> metrics_;
+    std::vector<Object*> in_order_;
 };
 
 /// A group with instances, for example one per sender. Its metrics show the values of the instance
@@ -130,7 +128,7 @@ struct TimingValue {
     uint64_t sum_of_squares = 0;
 
     /// Takes in one duration.
-    void add(uint64_t duration);
+    void add(uint64_t duration) noexcept;
 };
 
 using Value = std::variant<uint64_t, TimingValue>;

@@ -23,9 +23,7 @@ class BigNum {
     explicit BigNum(std::string_view bytes);
 
     BigNum(const BigNum& other) noexcept;
-    BigNum(BigNum&& other) noexcept;
     BigNum& operator=(const BigNum& other) noexcept;
-    BigNum& operator=(BigNum&& other) noexcept;
     ~BigNum();
 
     friend bool operator==(const BigNum& a, const BigNum& b) noexcept;
@@ -63,6 +61,7 @@ class BigNum {
     [[nodiscard]] uint32_t share_count() const noexcept { return limbs_[-1]; }
 
   private:
+    void assign_bytes(std::size_t count, const uint8_t* least_first, std::ptrdiff_t step);
     void release() noexcept;
     void trim() noexcept;
 
