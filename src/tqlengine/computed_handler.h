@@ -12,7 +12,7 @@ class TqlComputedObjectHandler : public TqlObjectHandler {
   public:
     [[nodiscard]] tql::id_t tqlId() const override { return {}; }
     [[nodiscard]] tql::version_t tqlVersion() const override { return {}; }
-    [[nodiscard]] uint32_t tqlFlags() const override { return kFlagComputed; }
+    [[nodiscard]] uint32_t tqlFlags() const override { return kObjectComputed; }
     [[nodiscard]] tql::origin_t tqlOrigin() override { return {}; }
 
     uint32_t tqlCreate(const tql::id_t& new_id, uint32_t child_class,
@@ -27,7 +27,7 @@ class TqlComputedObjectHandler : public TqlObjectHandler {
 /// The only object of its class; registered with Engine::add_singleton() and owned by who made it.
 class TqlSingletonHandler : public TqlComputedObjectHandler {
   public:
-    [[nodiscard]] uint32_t tqlFlags() const override { return kFlagStored; }
+    [[nodiscard]] uint32_t tqlFlags() const override { return kObjectStored; }
     [[nodiscard]] tql::internal_id_t tqlInternalId() const override;
     /// A singleton has no parent: a fatal assertion.
     HandlerRef tqlParentHandler() override;

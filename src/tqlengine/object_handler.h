@@ -26,9 +26,9 @@ struct RequestContext;
 
 /// What tqlFlags() gives.
 enum tql_flags_t : uint32_t {
-    kFlagStored = 0,    ///< a stored object, a group or a singleton
-    kFlagComputed = 1,  ///< made up when it is asked for
-    kFlagTemplate = 2,  ///< stands for an object that could be created
+    kObjectStored = 0,    ///< a stored object, a group or a singleton
+    kObjectComputed = 1,  ///< made up when it is asked for
+    kObjectTemplate = 2,  ///< stands for an object that could be created
 };
 
 /// Request flag of creates and updates: leave out properties that the class doesn't have instead of
@@ -137,7 +137,7 @@ class TqlObjectHandler {
     [[nodiscard]] virtual tql::id_t tqlId() const = 0;
     [[nodiscard]] virtual tql::version_t tqlVersion() const = 0;
     /// One of tql_flags_t.
-    [[nodiscard]] virtual uint32_t tqlFlags() const { return kFlagStored; }
+    [[nodiscard]] virtual uint32_t tqlFlags() const { return kObjectStored; }
     /// The key of this object among its siblings in a result; default: kind 2 with tqlId().
     [[nodiscard]] virtual tql::internal_id_t tqlInternalId() const;
     [[nodiscard]] virtual tql::origin_t tqlOrigin() = 0;
