@@ -71,6 +71,8 @@ struct dobj {
     const std::byte* data = nullptr;
     /// Owner of `data` when this is a private copy, else empty.
     BlockBuffer copy;
+    /// True for the image of an object update: `data` holds this object alone, at byte 0.
+    bool image = false;
 
     dobj() = default;
     /// Takes over a private copy of the block of `handle`.
@@ -83,16 +85,20 @@ struct dobj {
         : block(other.block),
           offset(std::exchange(other.offset, kNullOffset)),
           data(std::exchange(other.data, nullptr)),
-          copy(std::move(other.copy)) {}
+          copy(std::move(other.copy)),
+          image(other.image) {}
     dobj& operator=(dobj&& other) noexcept {
         block = other.block;
         offset = std::exchange(other.offset, kNullOffset);
         data = std::exchange(other.data, nullptr);
         copy = std::move(other.copy);
+        image = other.image;
         return *this;
     }
 
     [[nodiscard]] block_handle_t handle() const noexcept { return {block, offset}; }
+    /// Where the object's slot begins in `data`.
+    [[nodiscard]] uint32_t slot_offset() const noexcept { return image ? 0 : offset; }
     /// True when there are bytes to look at.
     [[nodiscard]] bool loaded() const noexcept { return data != nullptr; }
     /// The private copy's bytes, to be changed; null when this only looks at the cache.
