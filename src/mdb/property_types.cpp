@@ -1,0 +1,130 @@
+#include "mdb/property_types.h"
+
+#include <cstring>
+#include <fmt/format.h>
+
+#include "mdb/errors.h"
+
+namespace mdb {
+
+void throw_bad_record(uint32_t id, uint32_t type_id, size_t record_length) {
+    throw error_need_repair(
+        fmt::format("Property {} has a record of {} bytes that holds no value of type {}", id,
+                    record_length, type_id));
+}
+
+namespace codec {
+
+namespace {
+
+const unsigned char* as_chars(const std::byte* bytes) {
+    return reinterpret_cast<const unsigned char*>(bytes);
+}
+
+}  // namespace
+
+uint32_t text::size(const std::string& value) {
+    if (value.find('\0') != std::string::npos)
+        throw error_internal("Attempt to store a text that holds a NUL");
+    return static_cast<uint32_t>(value.size()) + 1;
+}
+
+void text::store(const std::string& value, std::byte* to) {
+    std::memcpy(to, value.c_str(), value.size() + 1);
+}
+
+bool text::load(std::span<const std::byte> from, std::string& value) {
+    const void* end = from.empty() ? nullptr : std::memchr(from.data(), 0, from.size());
+    if (end == nullptr) return false;
+    const auto length = static_cast<size_t>(static_cast<const std::byte*>(end) - from.data());
+    value.assign(reinterpret_cast<const char*>(from.data()), length);
+    return true;
+}
+
+void node_id::store(const NodeId& value, std::byte* to) {
+    util::store_be32(to, value.first);
+    util::store_be32(to + 4, value.second);
+}
+
+bool node_id::load(std::span<const std::byte> from, NodeId& value) {
+    if (from.size() < 8) return false;
+    value = {util::load_be32(from.data()), util::load_be32(from.data() + 4)};
+    return true;
+}
+
+uint32_t big_number::size(const BigNum& value) {
+    return 4 + 4 * static_cast<uint32_t>(value.length());
+}
+
+void big_number::store(const BigNum& value, std::byte* to) {
+    const std::span<uint8_t> room(reinterpret_cast<uint8_t*>(to + 4), 4 * value.length());
+    const size_t count = value.bn_get_data(room);
+    util::store_be32(to, static_cast<uint32_t>(count));
+}
+
+bool big_number::load(std::span<const std::byte> from, BigNum& value) {
+    if (from.size() < 4) return false;
+    const uint32_t count = util::load_be32(from.data());
+    if (count > from.size() - 4) return false;
+    value = BigNum(std::span<const uint8_t>(as_chars(from.data() + 4), count));
+    return true;
+}
+
+namespace {
+/// The word ahead of the two numbers of a version.
+constexpr uint32_t kVersionForm = 1;
+}  // namespace
+
+void version::store(const version_t& value, std::byte* to) {
+    util::store_be32(to, kVersionForm);
+    util::store_be64(to + 4, value.sequence);
+    util::store_be64(to + 12, value.counter);
+}
+
+bool version::load(std::span<const std::byte> from, version_t& value) {
+    if (from.size() < 20 || util::load_be32(from.data()) != kVersionForm) return false;
+    value = {util::load_be64(from.data() + 4), util::load_be64(from.data() + 12)};
+    return true;
+}
+
+void blob::store(const value_t& value, std::byte* to) {
+    util::store_be32(to, static_cast<uint32_t>(value.size()));
+    if (!value.empty()) std::memcpy(to + 4, value.data(), value.size());
+}
+
+bool blob::load(std::span<const std::byte> from, value_t& value) {
+    if (from.size() < 4) return false;
+    const uint32_t count = util::load_be32(from.data());
+    if (count > from.size() - 4) return false;
+    const unsigned char* bytes = as_chars(from.data() + 4);
+    value.assign(bytes, bytes + count);
+    return true;
+}
+
+void mark::store(const mark_index_t& value, std::byte* to) {
+    to[mark_layout::marked] = std::byte{value.marked};
+    std::byte* first_word = to + mark_layout::first_words;
+    std::byte* second_word = to + mark_layout::second_words;
+    for (const NodeId& id : {value.prev, value.next, value.last}) {
+        if (id.first > 0xFF)
+            throw error_internal(
+                fmt::format("Attempt to store id {}.{} in a mark record", id.first, id.second));
+        *first_word++ = static_cast<std::byte>(id.first);
+        util::store_be32(second_word, id.second);
+        second_word += sizeof(uint32_t);
+    }
+}
+
+bool mark::load(std::span<const std::byte> from, mark_index_t& value) {
+    if (from.size() < mark_layout::kLength) return false;
+    const auto id_at = [&](uint32_t i) {
+        return NodeId{std::to_integer<uint32_t>(from[mark_layout::first_words + i]),
+                      util::load_be32(&from[mark_layout::second_words + i * sizeof(uint32_t)])};
+    };
+    value = {id_at(0), id_at(1), id_at(2), from[mark_layout::marked] != std::byte{0}};
+    return true;
+}
+
+}  // namespace codec
+
+}  // namespace mdb
