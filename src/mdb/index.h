@@ -27,7 +27,7 @@ namespace mdb {
 class Database;
 
 namespace detail {
-class index_tree;
+class IndexTree;
 }
 
 /// The numbers of the indexes and the property that each takes its key from.
@@ -45,7 +45,7 @@ inline constexpr uint32_t kRequiredIndexes = 2;
 
 /// A place in an index. It holds its own copy of a leaf and doesn't see later changes: who needs
 /// the new state searches again from the last key.
-class index_iterator {
+class IndexIterator {
   public:
     /// True while the iterator stands at an entry.
     [[nodiscard]] bool valid() const;
@@ -54,7 +54,7 @@ class index_iterator {
 
   private:
     friend class IndexTable;
-    friend class detail::index_tree;
+    friend class detail::IndexTree;
     /// The leaf; without data when the iterator has run off the end.
     dobj leaf_;
     uint32_t block_size_ = 0;
@@ -100,12 +100,12 @@ class IndexTable {
     /// Throws error_fubar when the key isn't there.
     void unique_delete(uint32_t n, const NodeId& key);
     /// At the first entry of a unique index with a key above `key`; invalid when there is none.
-    [[nodiscard]] index_iterator find_after(uint32_t n, const NodeId& key);
+    [[nodiscard]] IndexIterator find_after(uint32_t n, const NodeId& key);
 
     /// At the first entry with `key`, else at the first one above it; invalid at the end of the
     /// index. In an index without a leaf this makes the first one, in a transaction of its own
     /// unless one is open.
-    [[nodiscard]] index_iterator non_unique_search(uint32_t n, const NodeId& key);
+    [[nodiscard]] IndexIterator non_unique_search(uint32_t n, const NodeId& key);
     /// Adds an entry behind those with the same key.
     void non_unique_insert(uint32_t n, const NodeId& key, block_handle_t value);
     /// Replaces the value of one entry; throws error_internal when there is no such entry.
@@ -115,13 +115,13 @@ class IndexTable {
     void non_unique_delete(uint32_t n, const NodeId& key, block_handle_t value);
 
     /// At the first entry of any index; invalid when it is empty.
-    [[nodiscard]] index_iterator iterate_first(uint32_t n);
+    [[nodiscard]] IndexIterator iterate_first(uint32_t n);
     /// To the next entry. After the last one the iterator is invalid. Throws error_internal when it
     /// was so before.
-    void iterator_next(index_iterator& iterator);
+    void iterator_next(IndexIterator& iterator);
     /// Key and value of the entry at which a valid iterator stands; error_internal otherwise.
-    [[nodiscard]] NodeId iterator_key(const index_iterator& iterator) const;
-    [[nodiscard]] block_handle_t iterator_value(const index_iterator& iterator) const;
+    [[nodiscard]] NodeId iterator_key(const IndexIterator& iterator) const;
+    [[nodiscard]] block_handle_t iterator_value(const IndexIterator& iterator) const;
 
     /// Brings all indexes from the state of `old_object` to that of `new_object`. Either may have
     /// no data: then the object is new, or gone. Reads each object once.
@@ -134,9 +134,9 @@ class IndexTable {
   private:
     /// The tree of index `n`, which must be below the count of the header; `message` for
     /// error_internal otherwise.
-    detail::index_tree& tree(uint32_t n, const char* message);
+    detail::IndexTree& tree(uint32_t n, const char* message);
     /// The same for operations of unique indexes.
-    detail::index_tree& unique_tree(uint32_t n, const char* message);
+    detail::IndexTree& unique_tree(uint32_t n, const char* message);
     bool open_root(uint32_t n, uint32_t block);
     void add_index_to_header(uint32_t n);
     void update_non_unique(uint32_t n, const std::optional<NodeId>& old_key,
@@ -146,7 +146,7 @@ class IndexTable {
     Database& database_;
     /// Roots as in the header; all ones where there is none.
     std::array<uint32_t, kMaxIndexes> roots_;
-    std::unique_ptr<detail::index_tree> tree_;
+    std::unique_ptr<detail::IndexTree> tree_;
 };
 
 }  // namespace mdb

@@ -4,8 +4,8 @@
 
 namespace mdb {
 
-split_t split_placeholder(std::span<std::byte> block, uint32_t offset, uint32_t size) {
-    slot_t placeholder = slot_at(block, offset);
+SplitResult split_placeholder(std::span<std::byte> block, uint32_t offset, uint32_t size) {
+    Slot placeholder = slot_at(block, offset);
     if (placeholder.length == size) return {placeholder, false};
     if (placeholder.length < size) throw error_internal("Attempted to split undersized object");
     if (size % 2 != 0) throw error_internal("Attempted to allocate an odd-sized object");
@@ -13,22 +13,22 @@ split_t split_placeholder(std::span<std::byte> block, uint32_t offset, uint32_t 
     placeholder.length -= size;
     placeholder.placeholder = true;
     set_slot(block, placeholder);
-    const slot_t object{placeholder.end(), size, false};
+    const Slot object{placeholder.end(), size, false};
     set_slot(block, object);
     return {object, true};
 }
 
-freed_t free_slot_in_block(std::span<std::byte> block, uint32_t offset) {
-    freed_t result;
-    slot_t freed = slot_at(block, offset);
+FreeResult free_slot_in_block(std::span<std::byte> block, uint32_t offset) {
+    FreeResult result;
+    Slot freed = slot_at(block, offset);
     freed.placeholder = true;
     if (freed.end() + sizeof(uint32_t) <= block.size()) {
-        const slot_t next = slot_at(block, freed.end());
+        const Slot next = slot_at(block, freed.end());
         if (next.placeholder && slot_fits(next, block.size())) freed.length += next.length;
     }
-    std::optional<slot_t> last_placeholder;
+    std::optional<Slot> last_placeholder;
     for (uint32_t at = 0; at < offset;) {
-        const slot_t slot = slot_at(block, at);
+        const Slot slot = slot_at(block, at);
         if (slot.length < slot_layout::kSmallestWord) {
             result.damaged_offset = at;
             break;

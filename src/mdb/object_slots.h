@@ -16,7 +16,7 @@
 namespace mdb {
 
 /// One slot of an object block, as its word says.
-struct slot_t {
+struct Slot {
     uint32_t offset = 0;
     uint32_t length = 0;
     bool placeholder = false;
@@ -26,20 +26,20 @@ struct slot_t {
 
 /// The slot at `offset`, which must leave room for a slot word in `block`. A length of 0 means
 /// corruption; so does one that leaves the block. Neither is checked here.
-inline slot_t slot_at(std::span<const std::byte> block, uint32_t offset) {
+inline Slot slot_at(std::span<const std::byte> block, uint32_t offset) {
     const uint32_t word = util::load_be32(&block[offset + slot_layout::word]);
     return {offset, word & ~slot_layout::kPlaceholderBit,
             (word & slot_layout::kPlaceholderBit) != 0};
 }
 
 /// Writes the word of a slot.
-inline void set_slot(std::span<std::byte> block, const slot_t& slot) {
+inline void set_slot(std::span<std::byte> block, const Slot& slot) {
     const uint32_t bit = slot.placeholder ? slot_layout::kPlaceholderBit : 0;
     util::store_be32(&block[slot.offset + slot_layout::word], slot.length | bit);
 }
 
 /// True when `slot` can be the word of a slot at its place in a block of `block_size` bytes.
-inline bool slot_fits(const slot_t& slot, size_t block_size) {
+inline bool slot_fits(const Slot& slot, size_t block_size) {
     return slot.length >= slot_layout::kSmallestWord && slot.offset <= block_size &&
            slot.length <= block_size - slot.offset;
 }
@@ -52,25 +52,25 @@ inline std::span<const std::byte> object_slot(const dobj& object) {
 
 /// What splitting did: where the object's slot is now, and whether the placeholder before it
 /// changed.
-struct split_t {
-    slot_t slot;
+struct SplitResult {
+    Slot slot;
     bool cut = false;
 };
 
 /// Cuts a slot of `size` bytes from the end of the placeholder at `offset`. A placeholder of
 /// exactly this size is left untouched, its bit too. Throws error_internal when the placeholder is
 /// too small or `size` is odd.
-split_t split_placeholder(std::span<std::byte> block, uint32_t offset, uint32_t size);
+SplitResult split_placeholder(std::span<std::byte> block, uint32_t offset, uint32_t size);
 
 /// What freeing did: the offset of the one slot word that changed, and the offset of a slot word of
 /// length 0 when the walk to the slot met one.
-struct freed_t {
+struct FreeResult {
     uint32_t changed_offset = 0;
     std::optional<uint32_t> damaged_offset;
 };
 
 /// Turns the slot at `offset` into a placeholder and joins it with the placeholders on both sides
 /// of it.
-freed_t free_slot_in_block(std::span<std::byte> block, uint32_t offset);
+FreeResult free_slot_in_block(std::span<std::byte> block, uint32_t offset);
 
 }  // namespace mdb

@@ -8,16 +8,16 @@
 
 namespace mdb {
 
-object_records::object_records(std::span<const std::byte> slot, block_handle_t handle)
+ObjectRecords::ObjectRecords(std::span<const std::byte> slot, block_handle_t handle)
     : records_(slot.size() < slot_layout::kSmallestWithRecords
                    ? std::span<const std::byte>{}
                    : slot.subspan(slot_layout::records)),
       handle_(handle) {}
 
-object_records::object_records(const dobj& object)
-    : object_records(object_slot(object), object.handle()) {}
+ObjectRecords::ObjectRecords(const dobj& object)
+    : ObjectRecords(object_slot(object), object.handle()) {}
 
-void object_records::iterator::throw_bad_length() const {
+void ObjectRecords::iterator::throw_bad_length() const {
     const bool has_length = rest_.size() >= record_layout::type;
     if (has_length && util::load_be32(&rest_[record_layout::length]) == 0)
         throw error_need_repair(
@@ -41,14 +41,14 @@ void Property::store_null(std::span<std::byte> record) const {
 }
 
 void Property::read(const dobj& object) {
-    for (const record_view record : object_records(object)) {
+    for (const RecordView record : ObjectRecords(object)) {
         if (record.id() == id) return read_record(record, object.handle());
     }
     inherited = 0;
     throw error_implicit_nullprop(fmt::format("Attempt to read (I)null property \"{}\"", id), id);
 }
 
-void Property::read_record(const record_view& record, block_handle_t handle) {
+void Property::read_record(const RecordView& record, block_handle_t handle) {
     id = record.id();
     if (record.type_id() != type_id())
         throw error_wrongtype(

@@ -2,7 +2,7 @@
 // object as they lie in its slot. The concrete classes are in property_types.h. Nothing here knows
 // what a property id means: that is the business of the schema.
 //
-// Two ways to read an object: Property::read() finds one property; a loop over object_records takes
+// Two ways to read an object: Property::read() finds one property; a loop over ObjectRecords takes
 // all of them in one pass, without allocation, and hands each record to Property::read_record().
 #pragma once
 
@@ -21,10 +21,10 @@ struct dobj;
 
 /// One property record in a block or buffer. A view: it lives as long as the bytes do, for an
 /// object of fetch_object() only until the next block access.
-class record_view {
+class RecordView {
   public:
     /// `bytes` is the whole record, head included.
-    explicit record_view(std::span<const std::byte> bytes) : bytes_(bytes) {}
+    explicit RecordView(std::span<const std::byte> bytes) : bytes_(bytes) {}
 
     [[nodiscard]] uint32_t id() const { return util::load_be32(&bytes_[record_layout::id]); }
     [[nodiscard]] uint32_t type_id() const { return type_word() & record_layout::kTypeMask; }
@@ -49,14 +49,14 @@ class record_view {
 /// The records of one object, in the order in which they lie, as a range for a loop. Advancing onto
 /// a record that cannot be one throws error_need_repair: "Property of zero size in B:O" for a
 /// length of 0, another text for a length that is shorter than a head or leaves the slot.
-class object_records {
+class ObjectRecords {
   public:
     class iterator {
       public:
-        using value_type = record_view;
+        using value_type = RecordView;
         using difference_type = std::ptrdiff_t;
         iterator() = default;
-        [[nodiscard]] record_view operator*() const { return record_view(rest_.first(length_)); }
+        [[nodiscard]] RecordView operator*() const { return RecordView(rest_.first(length_)); }
         iterator& operator++() {
             rest_ = rest_.subspan(length_);
             measure();
@@ -72,7 +72,7 @@ class object_records {
         }
 
       private:
-        friend class object_records;
+        friend class ObjectRecords;
         iterator(std::span<const std::byte> rest, block_handle_t handle)
             : rest_(rest), handle_(handle) {
             measure();
@@ -94,9 +94,9 @@ class object_records {
     };
 
     /// `slot` is the slot of an object with its word; `handle` stands in the texts of errors.
-    object_records(std::span<const std::byte> slot, block_handle_t handle);
+    ObjectRecords(std::span<const std::byte> slot, block_handle_t handle);
     /// The records of `object`, which must have data.
-    explicit object_records(const dobj& object);
+    explicit ObjectRecords(const dobj& object);
 
     [[nodiscard]] iterator begin() const { return {records_, handle_}; }
     [[nodiscard]] std::default_sentinel_t end() const { return {}; }
@@ -137,7 +137,7 @@ class Property {
     void read(const dobj& object);
     /// The same for a record already found, whose id is taken over; `handle` stands in the texts of
     /// errors.
-    void read_record(const record_view& record, block_handle_t handle);
+    void read_record(const RecordView& record, block_handle_t handle);
 
     /// 1 when the stored value comes from inheritance; stored as such when above 0.
     int32_t inherited = 0;

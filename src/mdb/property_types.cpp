@@ -23,17 +23,17 @@ const unsigned char* as_chars(const std::byte* bytes) {
 
 }  // namespace
 
-uint32_t text::size(const std::string& value) {
+uint32_t Text::size(const std::string& value) {
     if (value.find('\0') != std::string::npos)
         throw error_internal("Attempt to store a text that holds a NUL");
     return static_cast<uint32_t>(value.size()) + 1;
 }
 
-void text::store(const std::string& value, std::byte* to) {
+void Text::store(const std::string& value, std::byte* to) {
     std::memcpy(to, value.c_str(), value.size() + 1);
 }
 
-bool text::load(std::span<const std::byte> from, std::string& value) {
+bool Text::load(std::span<const std::byte> from, std::string& value) {
     const void* end = from.empty() ? nullptr : std::memchr(from.data(), 0, from.size());
     if (end == nullptr) return false;
     const auto length = static_cast<size_t>(static_cast<const std::byte*>(end) - from.data());
@@ -41,28 +41,28 @@ bool text::load(std::span<const std::byte> from, std::string& value) {
     return true;
 }
 
-void node_id::store(const NodeId& value, std::byte* to) {
+void NodeIdWords::store(const NodeId& value, std::byte* to) {
     util::store_be32(to, value.first);
     util::store_be32(to + 4, value.second);
 }
 
-bool node_id::load(std::span<const std::byte> from, NodeId& value) {
+bool NodeIdWords::load(std::span<const std::byte> from, NodeId& value) {
     if (from.size() < 8) return false;
     value = {util::load_be32(from.data()), util::load_be32(from.data() + 4)};
     return true;
 }
 
-uint32_t big_number::size(const BigNum& value) {
+uint32_t BigNumber::size(const BigNum& value) {
     return 4 + 4 * static_cast<uint32_t>(value.length());
 }
 
-void big_number::store(const BigNum& value, std::byte* to) {
+void BigNumber::store(const BigNum& value, std::byte* to) {
     const std::span<uint8_t> room(reinterpret_cast<uint8_t*>(to + 4), 4 * value.length());
     const size_t count = value.bn_get_data(room);
     util::store_be32(to, static_cast<uint32_t>(count));
 }
 
-bool big_number::load(std::span<const std::byte> from, BigNum& value) {
+bool BigNumber::load(std::span<const std::byte> from, BigNum& value) {
     if (from.size() < 4) return false;
     const uint32_t count = util::load_be32(from.data());
     if (count > from.size() - 4) return false;
@@ -75,24 +75,24 @@ namespace {
 constexpr uint32_t kVersionForm = 1;
 }  // namespace
 
-void version::store(const version_t& value, std::byte* to) {
+void VersionPair::store(const StoredVersion& value, std::byte* to) {
     util::store_be32(to, kVersionForm);
     util::store_be64(to + 4, value.sequence);
     util::store_be64(to + 12, value.counter);
 }
 
-bool version::load(std::span<const std::byte> from, version_t& value) {
+bool VersionPair::load(std::span<const std::byte> from, StoredVersion& value) {
     if (from.size() < 20 || util::load_be32(from.data()) != kVersionForm) return false;
     value = {util::load_be64(from.data() + 4), util::load_be64(from.data() + 12)};
     return true;
 }
 
-void blob::store(const value_t& value, std::byte* to) {
+void Blob::store(const value_t& value, std::byte* to) {
     util::store_be32(to, static_cast<uint32_t>(value.size()));
     if (!value.empty()) std::memcpy(to + 4, value.data(), value.size());
 }
 
-bool blob::load(std::span<const std::byte> from, value_t& value) {
+bool Blob::load(std::span<const std::byte> from, value_t& value) {
     if (from.size() < 4) return false;
     const uint32_t count = util::load_be32(from.data());
     if (count > from.size() - 4) return false;
@@ -101,7 +101,7 @@ bool blob::load(std::span<const std::byte> from, value_t& value) {
     return true;
 }
 
-void mark::store(const mark_index_t& value, std::byte* to) {
+void Mark::store(const MarkLinks& value, std::byte* to) {
     to[mark_layout::marked] = std::byte{value.marked};
     std::byte* first_word = to + mark_layout::first_words;
     std::byte* second_word = to + mark_layout::second_words;
@@ -115,7 +115,7 @@ void mark::store(const mark_index_t& value, std::byte* to) {
     }
 }
 
-bool mark::load(std::span<const std::byte> from, mark_index_t& value) {
+bool Mark::load(std::span<const std::byte> from, MarkLinks& value) {
     if (from.size() < mark_layout::kLength) return false;
     const auto id_at = [&](uint32_t i) {
         return NodeId{std::to_integer<uint32_t>(from[mark_layout::first_words + i]),

@@ -30,7 +30,7 @@ namespace codec {
 
 /// One 32-bit word. Of a 64-bit memory value the low half is stored and read back zero-extended.
 template <class V, uint32_t N>
-struct word32 {
+struct Word32 {
     using value_t = V;
     static constexpr uint32_t kTypeId = N;
     static uint32_t size(const V&) { return 4; }
@@ -46,7 +46,7 @@ struct word32 {
 
 /// One 64-bit word.
 template <class V, uint32_t N>
-struct word64 {
+struct Word64 {
     using value_t = V;
     static constexpr uint32_t kTypeId = N;
     static uint32_t size(const V&) { return 8; }
@@ -61,7 +61,7 @@ struct word64 {
 };
 
 /// Bytes and a NUL. size() throws error_internal for a text with a NUL in it.
-struct text {
+struct Text {
     using value_t = std::string;
     static constexpr uint32_t kTypeId = 3;
     static uint32_t size(const std::string& value);
@@ -69,7 +69,7 @@ struct text {
     static bool load(std::span<const std::byte> from, std::string& value);
 };
 
-struct node_id {
+struct NodeIdWords {
     using value_t = NodeId;
     static constexpr uint32_t kTypeId = 4;
     static uint32_t size(const NodeId&) { return 8; }
@@ -78,7 +78,7 @@ struct node_id {
 };
 
 /// One byte; any but zero reads as true.
-struct boolean {
+struct Boolean {
     using value_t = bool;
     static constexpr uint32_t kTypeId = 6;
     static uint32_t size(const bool&) { return 1; }
@@ -91,7 +91,7 @@ struct boolean {
 };
 
 /// Count of bytes, then the magnitude, most significant byte first; room is kept for whole words.
-struct big_number {
+struct BigNumber {
     using value_t = BigNum;
     static constexpr uint32_t kTypeId = 7;
     static uint32_t size(const BigNum& value);
@@ -103,35 +103,35 @@ struct big_number {
 
 /// The two numbers of a version: a sequence of the ring and a counter in it, compared in this
 /// order.
-struct version_t {
+struct StoredVersion {
     uint64_t sequence = 0;
     uint64_t counter = 0;
-    friend auto operator<=>(const version_t&, const version_t&) = default;
+    friend auto operator<=>(const StoredVersion&, const StoredVersion&) = default;
 };
 
 /// The value of a mark record: where an object stands in one of the mark lists, and whether it is
 /// marked itself.
-struct mark_index_t {
+struct MarkLinks {
     NodeId prev;
     NodeId next;
     NodeId last;
     bool marked = false;
-    friend bool operator==(const mark_index_t&, const mark_index_t&) = default;
+    friend bool operator==(const MarkLinks&, const MarkLinks&) = default;
 };
 
 namespace codec {
 
 /// A word with the value 1, then both numbers.
-struct version {
-    using value_t = version_t;
+struct VersionPair {
+    using value_t = StoredVersion;
     static constexpr uint32_t kTypeId = 10;
-    static uint32_t size(const version_t&) { return 20; }
-    static void store(const version_t& value, std::byte* to);
-    static bool load(std::span<const std::byte> from, version_t& value);
+    static uint32_t size(const StoredVersion&) { return 20; }
+    static void store(const StoredVersion& value, std::byte* to);
+    static bool load(std::span<const std::byte> from, StoredVersion& value);
 };
 
 /// Count of bytes, then the bytes.
-struct blob {
+struct Blob {
     using value_t = std::vector<uint8_t>;
     static constexpr uint32_t kTypeId = 13;
     static uint32_t size(const value_t& value) { return 4 + static_cast<uint32_t>(value.size()); }
@@ -141,17 +141,17 @@ struct blob {
 
 /// Three ids cut to five bytes and a flag. store() throws error_internal for an id whose first word
 /// is above 255.
-struct mark {
-    using value_t = mark_index_t;
+struct Mark {
+    using value_t = MarkLinks;
     static constexpr uint32_t kTypeId = 14;
-    static uint32_t size(const mark_index_t&) { return mark_layout::kLength; }
-    static void store(const mark_index_t& value, std::byte* to);
-    static bool load(std::span<const std::byte> from, mark_index_t& value);
+    static uint32_t size(const MarkLinks&) { return mark_layout::kLength; }
+    static void store(const MarkLinks& value, std::byte* to);
+    static bool load(std::span<const std::byte> from, MarkLinks& value);
 };
 
 /// A count and elements of codec C, each at a multiple of 8 from the start of the payload.
 template <class C>
-struct list_of {
+struct ListOf {
     using value_t = std::vector<typename C::value_t>;
     static constexpr uint32_t kTypeId = C::kTypeId + list_layout::kTypeDistance;
 
@@ -196,7 +196,7 @@ struct list_of {
 template <class Codec>
 class ValueProperty : public Property {
   public:
-    using codec_t = Codec;
+    using codec_type = Codec;
     using value_t = typename Codec::value_t;
     static constexpr uint32_t kTypeId = Codec::kTypeId;
 
@@ -214,7 +214,7 @@ class ValueProperty : public Property {
         Codec::store(value, payload.data());
     }
     void load(std::span<const std::byte> record) override {
-        const record_view view(record);
+        const RecordView view(record);
         id = view.id();
         if (!Codec::load(view.payload(), value)) throw_bad_record(id, kTypeId, record.size());
     }
@@ -223,72 +223,72 @@ class ValueProperty : public Property {
 };
 
 template <class V, uint32_t N>
-class PropertySomething32 : public ValueProperty<codec::word32<V, N>> {
+class PropertySomething32 : public ValueProperty<codec::Word32<V, N>> {
   public:
-    using ValueProperty<codec::word32<V, N>>::ValueProperty;
+    using ValueProperty<codec::Word32<V, N>>::ValueProperty;
 };
 
 template <class V, uint32_t N>
-class PropertySomething64 : public ValueProperty<codec::word64<V, N>> {
+class PropertySomething64 : public ValueProperty<codec::Word64<V, N>> {
   public:
-    using ValueProperty<codec::word64<V, N>>::ValueProperty;
+    using ValueProperty<codec::Word64<V, N>>::ValueProperty;
 };
 
 /// All enumerations share one type id: the schema knows which one an id means.
 template <class T>
 requires std::is_enum_v<T>
-class PropertyEnum : public ValueProperty<codec::word32<T, 5>> {
+class PropertyEnum : public ValueProperty<codec::Word32<T, 5>> {
   public:
-    using ValueProperty<codec::word32<T, 5>>::ValueProperty;
+    using ValueProperty<codec::Word32<T, 5>>::ValueProperty;
 };
 
-class PropertyString : public ValueProperty<codec::text> {
-  public:
-    using ValueProperty::ValueProperty;
-};
-
-class PropertyNodeId : public ValueProperty<codec::node_id> {
+class PropertyString : public ValueProperty<codec::Text> {
   public:
     using ValueProperty::ValueProperty;
 };
 
-class PropertyBool : public ValueProperty<codec::boolean> {
+class PropertyNodeId : public ValueProperty<codec::NodeIdWords> {
+  public:
+    using ValueProperty::ValueProperty;
+};
+
+class PropertyBool : public ValueProperty<codec::Boolean> {
   public:
     using ValueProperty::ValueProperty;
 };
 
 /// Shares its type id with PropertyBool: a record of the one is read as the other without an error.
-class PropertyDouble : public ValueProperty<codec::word64<double, 6>> {
+class PropertyDouble : public ValueProperty<codec::Word64<double, 6>> {
   public:
     using ValueProperty::ValueProperty;
 };
 
 /// Shares its type id with dates.
-class PropertyBigNum : public ValueProperty<codec::big_number> {
+class PropertyBigNum : public ValueProperty<codec::BigNumber> {
   public:
     using ValueProperty::ValueProperty;
 };
 
-class PropertyVersion : public ValueProperty<codec::version> {
+class PropertyVersion : public ValueProperty<codec::VersionPair> {
   public:
     using ValueProperty::ValueProperty;
 };
 
-class PropertyBlob : public ValueProperty<codec::blob> {
+class PropertyBlob : public ValueProperty<codec::Blob> {
   public:
     using ValueProperty::ValueProperty;
 };
 
-class PropertyMarkIndex : public ValueProperty<codec::mark> {
+class PropertyMarkIndex : public ValueProperty<codec::Mark> {
   public:
     using ValueProperty::ValueProperty;
 };
 
 /// The values of many T under one id.
 template <class T>
-class PropertyList : public ValueProperty<codec::list_of<typename T::codec_t>> {
+class PropertyList : public ValueProperty<codec::ListOf<typename T::codec_type>> {
   public:
-    using ValueProperty<codec::list_of<typename T::codec_t>>::ValueProperty;
+    using ValueProperty<codec::ListOf<typename T::codec_type>>::ValueProperty;
 };
 
 class PropertySnmpOid : public PropertyList<PropertySomething32<uint32_t, 1>> {

@@ -9,7 +9,7 @@ namespace {
 /// Position of the first key for which `before(its key, key)` is false; the keys for which it is
 /// true come first.
 template <class Before>
-uint32_t partition_point(const std::byte* keys, uint32_t stride, uint32_t count, index_key_t key,
+uint32_t partition_point(const std::byte* keys, uint32_t stride, uint32_t count, IndexKey key,
                          Before before) {
     if (count == 0) throw error_internal("Binary search attempted on empty node");
     const auto at = [&](uint32_t i) { return util::load_be64(keys + size_t{stride} * i); };
@@ -30,35 +30,33 @@ uint32_t partition_point(const std::byte* keys, uint32_t stride, uint32_t count,
 
 }  // namespace
 
-uint32_t first_not_below(const std::byte* keys, uint32_t stride, uint32_t count, index_key_t key) {
-    return partition_point(keys, stride, count, key,
-                           [](index_key_t a, index_key_t b) { return a < b; });
+uint32_t first_not_below(const std::byte* keys, uint32_t stride, uint32_t count, IndexKey key) {
+    return partition_point(keys, stride, count, key, [](IndexKey a, IndexKey b) { return a < b; });
 }
 
-uint32_t first_above(const std::byte* keys, uint32_t stride, uint32_t count, index_key_t key) {
-    return partition_point(keys, stride, count, key,
-                           [](index_key_t a, index_key_t b) { return a <= b; });
+uint32_t first_above(const std::byte* keys, uint32_t stride, uint32_t count, IndexKey key) {
+    return partition_point(keys, stride, count, key, [](IndexKey a, IndexKey b) { return a <= b; });
 }
 
-found_t leaf_view::find(index_key_t wanted) const {
+Found LeafView::find(IndexKey wanted) const {
     if (nkeys() == 0) return {0, false};
     const uint32_t position =
         first_not_below(entry(0) + leaf_layout::key, leaf_layout::kEntrySize, nkeys(), wanted);
     return {position, position < nkeys() && key(position) == wanted};
 }
 
-uint32_t leaf_view::upper_bound(index_key_t wanted) const {
+uint32_t LeafView::upper_bound(IndexKey wanted) const {
     if (nkeys() == 0) return 0;
     return first_above(entry(0) + leaf_layout::key, leaf_layout::kEntrySize, nkeys(), wanted);
 }
 
-void leaf_editor::set_value(uint32_t i, block_handle_t value) {
+void LeafEditor::set_value(uint32_t i, block_handle_t value) {
     std::byte* at = entry(i) + leaf_layout::value;
     util::store_be32(at, value.block);
     util::store_be32(at + sizeof(uint32_t), value.offset);
 }
 
-void leaf_editor::insert(uint32_t i, index_key_t key, block_handle_t value) {
+void LeafEditor::insert(uint32_t i, IndexKey key, block_handle_t value) {
     const uint32_t n = nkeys();
     std::memmove(entry(i + 1), entry(i), size_t{leaf_layout::kEntrySize} * (n - i));
     util::store_be64(entry(i) + leaf_layout::key, key);
@@ -66,14 +64,14 @@ void leaf_editor::insert(uint32_t i, index_key_t key, block_handle_t value) {
     set_nkeys(n + 1);
 }
 
-void leaf_editor::erase(uint32_t i) {
+void LeafEditor::erase(uint32_t i) {
     const uint32_t n = nkeys() - 1;
     std::memmove(entry(i), entry(i + 1), size_t{leaf_layout::kEntrySize} * (n - i));
     std::memset(entry(n), 0, leaf_layout::kEntrySize);
     set_nkeys(n);
 }
 
-void leaf_editor::move_tail(uint32_t from, leaf_editor& other) {
+void LeafEditor::move_tail(uint32_t from, LeafEditor& other) {
     const uint32_t moved = nkeys() - from;
     const size_t bytes = size_t{leaf_layout::kEntrySize} * moved;
     std::memcpy(other.entry(0), entry(from), bytes);
@@ -82,17 +80,17 @@ void leaf_editor::move_tail(uint32_t from, leaf_editor& other) {
     set_nkeys(from);
 }
 
-uint32_t node_view::lower_bound(index_key_t wanted) const {
+uint32_t NodeView::lower_bound(IndexKey wanted) const {
     if (nkeys() == 0) return 0;
     return first_not_below(entry(0) + node_layout::key, node_layout::kEntrySize, nkeys(), wanted);
 }
 
-uint32_t node_view::upper_bound(index_key_t wanted) const {
+uint32_t NodeView::upper_bound(IndexKey wanted) const {
     if (nkeys() == 0) return 0;
     return first_above(entry(0) + node_layout::key, node_layout::kEntrySize, nkeys(), wanted);
 }
 
-void node_editor::insert(uint32_t p, index_key_t key, uint32_t rptr) {
+void NodeEditor::insert(uint32_t p, IndexKey key, uint32_t rptr) {
     const uint32_t n = nkeys();
     std::memmove(entry(p + 1), entry(p), size_t{node_layout::kEntrySize} * (n - p));
     util::store_be64(entry(p) + node_layout::key, key);
@@ -100,7 +98,7 @@ void node_editor::insert(uint32_t p, index_key_t key, uint32_t rptr) {
     set_nkeys(n + 1);
 }
 
-void node_editor::erase_child(uint32_t p) {
+void NodeEditor::erase_child(uint32_t p) {
     const uint32_t n = nkeys() - 1;
     if (p == 0) set_ptr0(child(1));
     const uint32_t i = p == 0 ? 0 : p - 1;
@@ -109,8 +107,8 @@ void node_editor::erase_child(uint32_t p) {
     set_nkeys(n);
 }
 
-index_key_t node_editor::split(uint32_t h, node_editor& other) {
-    const index_key_t middle = key(h);
+IndexKey NodeEditor::split(uint32_t h, NodeEditor& other) {
+    const IndexKey middle = key(h);
     const uint32_t moved = nkeys() - h - 1;
     other.set_ptr0(child(h + 1));
     std::memcpy(other.entry(0), entry(h + 1), size_t{node_layout::kEntrySize} * moved);
@@ -120,14 +118,14 @@ index_key_t node_editor::split(uint32_t h, node_editor& other) {
     return middle;
 }
 
-void node_editor::copy_head(const node_view& from, uint32_t h) {
-    const node_editor& source = static_cast<const node_editor&>(from);
+void NodeEditor::copy_head(const NodeView& from, uint32_t h) {
+    const NodeEditor& source = static_cast<const NodeEditor&>(from);
     set_ptr0(from.child(0));
-    std::memcpy(entry(0), source.node_view::entry(0), size_t{node_layout::kEntrySize} * h);
+    std::memcpy(entry(0), source.NodeView::entry(0), size_t{node_layout::kEntrySize} * h);
     set_nkeys(h);
 }
 
-void node_editor::become_fork(uint32_t left, index_key_t key, uint32_t right) {
+void NodeEditor::become_fork(uint32_t left, IndexKey key, uint32_t right) {
     clear();
     set_ptr0(left);
     insert(0, key, right);

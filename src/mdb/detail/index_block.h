@@ -18,17 +18,17 @@
 
 namespace mdb::detail {
 
-using index_key_t = uint64_t;
+using IndexKey = uint64_t;
 
-constexpr index_key_t to_key(const NodeId& id) {
+constexpr IndexKey to_key(const NodeId& id) {
     return static_cast<uint64_t>(id.first) << 32 | id.second;
 }
-constexpr NodeId to_node_id(index_key_t key) {
+constexpr NodeId to_node_id(IndexKey key) {
     return {static_cast<uint32_t>(key >> 32), static_cast<uint32_t>(key)};
 }
 
 /// Where an exact search ended: at an entry with the key, or at the place where it would be.
-struct found_t {
+struct Found {
     uint32_t position = 0;
     bool exact = false;
 };
@@ -37,13 +37,13 @@ struct found_t {
 /// they throw error_internal "Binary search attempted on empty node"; when the keys around the
 /// result contradict it, error_internal "Binary search invariant broken". Position of the first key
 /// that is not below `key`.
-uint32_t first_not_below(const std::byte* keys, uint32_t stride, uint32_t count, index_key_t key);
+uint32_t first_not_below(const std::byte* keys, uint32_t stride, uint32_t count, IndexKey key);
 /// Position of the first key above `key`.
-uint32_t first_above(const std::byte* keys, uint32_t stride, uint32_t count, index_key_t key);
+uint32_t first_above(const std::byte* keys, uint32_t stride, uint32_t count, IndexKey key);
 
-class leaf_view {
+class LeafView {
   public:
-    explicit leaf_view(std::span<const std::byte> block)
+    explicit LeafView(std::span<const std::byte> block)
         : data_(block.data()), size_(static_cast<uint32_t>(block.size())) {}
 
     [[nodiscard]] bool has_magic() const {
@@ -54,7 +54,7 @@ class leaf_view {
     [[nodiscard]] uint32_t nkeys() const { return util::load_be32(data_ + leaf_layout::nkeys); }
     [[nodiscard]] uint32_t capacity() const { return leaf_capacity(size_); }
     [[nodiscard]] bool full() const { return nkeys() >= capacity(); }
-    [[nodiscard]] index_key_t key(uint32_t i) const {
+    [[nodiscard]] IndexKey key(uint32_t i) const {
         return util::load_be64(entry(i) + leaf_layout::key);
     }
     [[nodiscard]] block_handle_t value(uint32_t i) const {
@@ -63,9 +63,9 @@ class leaf_view {
     }
 
     /// First entry with a key not below `key`; 0 and not exact in an empty leaf.
-    [[nodiscard]] found_t find(index_key_t key) const;
+    [[nodiscard]] Found find(IndexKey key) const;
     /// First entry with a key above `key`; 0 in an empty leaf.
-    [[nodiscard]] uint32_t upper_bound(index_key_t key) const;
+    [[nodiscard]] uint32_t upper_bound(IndexKey key) const;
 
   protected:
     [[nodiscard]] const std::byte* entry(uint32_t i) const {
@@ -75,9 +75,9 @@ class leaf_view {
     uint32_t size_;
 };
 
-class leaf_editor : public leaf_view {
+class LeafEditor : public LeafView {
   public:
-    explicit leaf_editor(std::span<std::byte> block) : leaf_view(block), out_(block.data()) {}
+    explicit LeafEditor(std::span<std::byte> block) : LeafView(block), out_(block.data()) {}
 
     /// Makes the block an empty leaf without neighbours.
     void clear() {
@@ -88,11 +88,11 @@ class leaf_editor : public leaf_view {
     void set_right(uint32_t block) { util::store_be32(out_ + leaf_layout::right, block); }
     void set_value(uint32_t i, block_handle_t value);
     /// Puts an entry at position `i`, at most nkeys(); the leaf is not full.
-    void insert(uint32_t i, index_key_t key, block_handle_t value);
+    void insert(uint32_t i, IndexKey key, block_handle_t value);
     /// Takes the entry at `i` out; `i` is below nkeys().
     void erase(uint32_t i);
     /// Moves the entries from `from` on to `other`, an empty leaf.
-    void move_tail(uint32_t from, leaf_editor& other);
+    void move_tail(uint32_t from, LeafEditor& other);
 
   private:
     void set_nkeys(uint32_t n) { util::store_be32(out_ + leaf_layout::nkeys, n); }
@@ -102,9 +102,9 @@ class leaf_editor : public leaf_view {
     std::byte* out_;
 };
 
-class node_view {
+class NodeView {
   public:
-    explicit node_view(std::span<const std::byte> block)
+    explicit NodeView(std::span<const std::byte> block)
         : data_(block.data()), size_(static_cast<uint32_t>(block.size())) {}
 
     [[nodiscard]] bool has_magic() const {
@@ -113,7 +113,7 @@ class node_view {
     [[nodiscard]] uint32_t nkeys() const { return util::load_be32(data_ + node_layout::nkeys); }
     [[nodiscard]] uint32_t capacity() const { return node_capacity(size_); }
     [[nodiscard]] bool full() const { return nkeys() >= capacity(); }
-    [[nodiscard]] index_key_t key(uint32_t i) const {
+    [[nodiscard]] IndexKey key(uint32_t i) const {
         return util::load_be64(entry(i) + node_layout::key);
     }
     /// Block of child `p`, from 0 to nkeys(); 0 when there is none.
@@ -125,9 +125,9 @@ class node_view {
     [[nodiscard]] bool childless() const { return nkeys() == 0 && child(0) == 0; }
 
     /// Number of keys below `key`: the child in which its first occurrence may lie.
-    [[nodiscard]] uint32_t lower_bound(index_key_t key) const;
+    [[nodiscard]] uint32_t lower_bound(IndexKey key) const;
     /// Number of keys not above `key`: the child for searches in unique trees and for insertions.
-    [[nodiscard]] uint32_t upper_bound(index_key_t key) const;
+    [[nodiscard]] uint32_t upper_bound(IndexKey key) const;
 
   protected:
     [[nodiscard]] const std::byte* entry(uint32_t i) const {
@@ -137,9 +137,9 @@ class node_view {
     uint32_t size_;
 };
 
-class node_editor : public node_view {
+class NodeEditor : public NodeView {
   public:
-    explicit node_editor(std::span<std::byte> block) : node_view(block), out_(block.data()) {}
+    explicit NodeEditor(std::span<std::byte> block) : NodeView(block), out_(block.data()) {}
 
     /// Makes the block a node without keys and children.
     void clear() {
@@ -147,22 +147,20 @@ class node_editor : public node_view {
         util::store_be32(out_ + node_layout::magic, node_layout::kMagic);
     }
     void set_ptr0(uint32_t block) { util::store_be32(out_ + node_layout::ptr0, block); }
-    void set_key(uint32_t i, index_key_t key) {
-        util::store_be64(entry(i) + node_layout::key, key);
-    }
+    void set_key(uint32_t i, IndexKey key) { util::store_be64(entry(i) + node_layout::key, key); }
     /// Puts `key` at position `p`, at most nkeys(), with `rptr` as the child right of it; the node
     /// is not full.
-    void insert(uint32_t p, index_key_t key, uint32_t rptr);
+    void insert(uint32_t p, IndexKey key, uint32_t rptr);
     /// Takes out child `p` with the key left of it, or with the first key when `p` is 0; nkeys() is
     /// not 0.
     void erase_child(uint32_t p);
     /// Moves the keys behind `h` and their children to `other`, an empty node; the child right of
     /// key `h` becomes other's ptr0. Key `h` goes out of the node and is returned.
-    index_key_t split(uint32_t h, node_editor& other);
+    IndexKey split(uint32_t h, NodeEditor& other);
     /// Takes over ptr0 and the keys below `h` of `from`, with their children; this node is empty.
-    void copy_head(const node_view& from, uint32_t h);
+    void copy_head(const NodeView& from, uint32_t h);
     /// Makes this node one with a single key between two children.
-    void become_fork(uint32_t left, index_key_t key, uint32_t right);
+    void become_fork(uint32_t left, IndexKey key, uint32_t right);
 
   private:
     void set_nkeys(uint32_t n) { util::store_be32(out_ + node_layout::nkeys, n); }
