@@ -1,15 +1,14 @@
 // The exception families of the whole system, and the one fatal assertion.
 //
-// Every failure is an exception derived from error::Exception. What becomes of one is decided in a single
-// place, the server's dispatcher: an errors::stdanomaly fails one request and the process goes on; any other
-// error::Exception ends the process with exit code 1. A broken invariant is no exception but a fatal
-// assertion: it names the invariant on the error stream and ends the process abnormally. Assertions judge
-// our own state, never input.
+// Every failure is an exception derived from error::Exception. What becomes of one is decided in a
+// single place, the server's dispatcher: an errors::stdanomaly fails one request and the process
+// goes on; any other error::Exception ends the process with exit code 1. A broken invariant is no
+// exception but a fatal assertion: it names the invariant on the error stream and ends the process
+// abnormally. Assertions judge our own state, never input.
 #pragma once
 
-#include <fmt/format.h>
-
 #include <exception>
+#include <fmt/format.h>
 #include <string>
 #include <utility>
 
@@ -34,7 +33,8 @@ class EFatal : public Exception {
     using Exception::Exception;
 };
 
-/// A failed call of the operating system: the text is followed by ": " and the system's description.
+/// A failed call of the operating system: the text is followed by ": " and the system's
+/// description.
 class ESystemError : public Exception {
   public:
     /// `code` is an errno value.
@@ -61,7 +61,8 @@ class syserror : public Exception {
 /// Writes "Assertion failed: " and the text to the error stream and ends the process abnormally.
 [[noreturn]] void fail_assertion(const std::string& text) noexcept;
 
-/// Ends the process through fail_assertion() unless `holds`. The arguments are formatted only on failure.
+/// Ends the process through fail_assertion() unless `holds`. The arguments are formatted only on
+/// failure.
 template <class... Args>
 void check(bool holds, fmt::format_string<Args...> format, Args&&... args) {
     if (!holds) [[unlikely]]

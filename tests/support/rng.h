@@ -1,4 +1,5 @@
-// Repeatable random numbers for property tests. Print the seed with SCOPED_TRACE so that a failure can be run again.
+// Repeatable random numbers for property tests. Print the seed with SCOPED_TRACE so that a failure
+// can be run again.
 #pragma once
 
 #include <cstdint>

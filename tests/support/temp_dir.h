@@ -1,10 +1,9 @@
 // A directory for one test, removed with everything in it at the end.
 #pragma once
 
-#include <stdlib.h>
-
 #include <filesystem>
 #include <stdexcept>
+#include <stdlib.h>
 #include <string>
 
 namespace support {
@@ -25,7 +24,9 @@ class TempDir {
 
     [[nodiscard]] const std::filesystem::path& path() const { return path_; }
     /// Path of `name` inside the directory, as text.
-    [[nodiscard]] std::string file(const std::string& name) const { return (path_ / name).string(); }
+    [[nodiscard]] std::string file(const std::string& name) const {
+        return (path_ / name).string();
+    }
 
   private:
     std::filesystem::path path_;
