@@ -5,6 +5,7 @@
 // never stack.
 #pragma once
 
+#include <cstddef>
 #include <utility>
 #include <vector>
 
