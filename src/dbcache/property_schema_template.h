@@ -1,0 +1,275 @@
+// PropertySchemaTemplate: the family that most kinds of properties are made from. It differs in the
+// stored class, the value that a query sees, and the conversion between the two; all rules of
+// inheritance, defaults and nulls are here.
+#pragma once
+
+#include <concepts>
+#include <optional>
+#include <utility>
+
+#include "dbcache/conversions.h"
+#include "dbcache/detail/damage.h"
+#include "dbcache/property_schema.h"
+
+namespace dbcache {
+
+/// Start value of a new object and end of the inheritance chain; often one and the same value. A
+/// stored value equal to `null_value` reads as null.
+template <class Value>
+struct Defaults {
+    std::shared_ptr<const Value> create_default;
+    std::shared_ptr<const Value> inherit_default;
+    std::optional<Value> null_value;
+
+    static Defaults none() { return {}; }
+    static Defaults both(Value value) {
+        auto shared = std::make_shared<const Value>(std::move(value));
+        return {shared, shared, {}};
+    }
+};
+
+/// -1, 0 or 1; numbers that don't compare count as equal.
+template <class Value>
+[[nodiscard]] int compare_payloads(const Value& a, const Value& b) {
+    if constexpr (requires { a < b; })
+        return a < b ? -1 : b < a ? 1 : 0;
+    else
+        return a == b ? 0 : 1;  // no order: unequal is all that counts
+}
+
+template <class Stored, class Wire, class Conversion = Assign>
+class PropertySchemaTemplate : public PropertySchema {
+  public:
+    using stored_t = Stored;
+    using value_type = typename Stored::value_t;
+
+    PropertySchemaTemplate(uint32_t number, uint32_t flag_bits, Defaults<value_type> defaults = {})
+        : PropertySchema(number, flag_bits), defaults_(std::move(defaults)) {}
+
+    void initial(work_t& out) const override {
+        out.flags = 0;
+        out.prop = holding(defaults_.create_default.get());
+    }
+
+    void load(const PropertyChain& chain, work_t& out) const override {
+        auto stored = std::make_unique<Stored>(property);
+        bool inherited = false;
+        const resolved_t result = resolve(chain, *stored, inherited);
+        out.flags = inherited ? kStateInherited : 0;
+        if (result == resolved_t::value && !reads_as_null(*stored))
+            out.prop = std::move(stored);
+        else if (result == resolved_t::fallback)
+            use_inherit_default(out);
+        else
+            out.prop.reset();
+    }
+
+    void assign(const tql::property_t& value, const SchemaObject& /*object*/,
+                const PropertyChain& /*chain*/, work_t& work) const override {
+        if ((value.flags & kStateMask) == kStateInherited) {
+            work.prop.reset();
+            work.set_inherited(true);
+            return;
+        }
+        if (value.type() != Wire::kType) detail::fail_type_mismatch(property);
+        check_wire(static_cast<const Wire&>(value));
+        work.set_inherited(false);
+        if (value.is_null) {
+            work.prop.reset();
+            return;
+        }
+        auto stored = std::make_unique<Stored>(property);
+        Conversion::to_stored(static_cast<const Wire&>(value), *stored, property);
+        work.prop = std::move(stored);
+    }
+
+    void store(const NodeId& /*id*/, const PropertyChain& chain, const work_t& work,
+               const work_t& /*old*/, RecordSink& sink) const override {
+        const bool inherits = !has(kNoInheritance) && chain.hasParent();
+        if (!work.is_null()) {
+            work.prop->inherited = work.is_inherited() ? 1 : 0;
+            sink.add(*work.prop);
+        } else if (inherits || defaults_.inherit_default != nullptr) {
+            Stored null_record(property);
+            null_record.inherited = inherits && work.is_inherited() ? 1 : 0;
+            sink.add_null(null_record);
+        }
+    }
+
+    [[nodiscard]] int compare(const work_t& a, const work_t& b) const override {
+        if (a.is_null() || b.is_null())
+            return static_cast<int>(b.is_null()) - static_cast<int>(a.is_null());
+        return compare_values(payload(a), payload(b));
+    }
+
+    [[nodiscard]] std::unique_ptr<tql::property_t> to_tql(
+        const work_t& work, const PropertyChain& /*chain*/) const override {
+        const uint32_t flag_bits = flags | (work.is_inherited() ? kInherited : 0);
+        if (work.is_null()) return null_wire(flag_bits);
+        Stored copy(static_cast<const Stored&>(*work.prop));
+        return wire(copy, flag_bits);
+    }
+
+    void encode(const PropertyChain& chain, const NodeId& id,
+                tql::property_map_t& out) const override {
+        if (!applies_now(chain)) return;
+        out.insert_or_assign(out.end(), property, tql::value_t(read_wire(chain, id)));
+    }
+
+    [[nodiscard]] std::string describe() const override {
+        std::string text = describe_default("default ", defaults_.create_default.get());
+        if (defaults_.inherit_default != defaults_.create_default)
+            text += describe_default(" inherited default ", defaults_.inherit_default.get());
+        return text;
+    }
+
+  protected:
+    [[nodiscard]] const Defaults<value_type>& defaults() const noexcept { return defaults_; }
+    /// The payload of a non-null work_t.
+    [[nodiscard]] static const value_type& payload(const work_t& work) {
+        return static_cast<const Stored&>(*work.prop).value;
+    }
+
+    [[nodiscard]] virtual int compare_values(const value_type& a, const value_type& b) const {
+        return compare_payloads(a, b);
+    }
+    /// For kinds that refuse values by more than their class; throws errors::tql with code 9.
+    virtual void check_wire(const Wire& /*value*/) const {}
+    /// A null value; for kinds that have more than a class of their own.
+    [[nodiscard]] virtual std::unique_ptr<Wire> null_wire(uint32_t flag_bits) const {
+        return std::make_unique<Wire>(Wire::null(property, flag_bits));
+    }
+
+    [[nodiscard]] std::unique_ptr<mdb::Property> make_stored() const override {
+        return std::make_unique<Stored>(property);
+    }
+    void use_inherit_default(work_t& work) const override {
+        work.prop = holding(defaults_.inherit_default.get());
+    }
+
+  private:
+    [[nodiscard]] std::unique_ptr<Stored> holding(const value_type* value) const {
+        return value == nullptr ? nullptr : std::make_unique<Stored>(property, *value);
+    }
+    [[nodiscard]] bool reads_as_null(const Stored& stored) const {
+        return defaults_.null_value && compare_values(stored.value, *defaults_.null_value) == 0;
+    }
+    /// Takes the payload out of `stored`.
+    [[nodiscard]] std::unique_ptr<Wire> wire(Stored& stored, uint32_t flag_bits) const {
+        auto made = null_wire(flag_bits);
+        made->is_null = false;
+        Conversion::to_wire(stored, *made);
+        return made;
+    }
+
+    /// encode() without the map: no work_t, so that the read path allocates nothing but the result.
+    [[nodiscard]] std::unique_ptr<Wire> read_wire(const PropertyChain& chain,
+                                                  const NodeId& id) const {
+        Stored stored(property);
+        bool inherited = false;
+        try {
+            const resolved_t result = resolve(chain, stored, inherited);
+            const uint32_t flag_bits = flags | (inherited ? kInherited : 0);
+            if (result == resolved_t::value && !reads_as_null(stored))
+                return wire(stored, flag_bits);
+            if (result == resolved_t::fallback && defaults_.inherit_default != nullptr) {
+                stored.value = *defaults_.inherit_default;
+                return wire(stored, flag_bits);
+            }
+            if (has(kNullable)) return null_wire(flag_bits);
+            detail::log_missing_value(property, id);
+            stored.value = value_type{};
+            return wire(stored, flag_bits);
+        } catch (const error::EParseError& fault) {
+            detail::log_unreadable_value(property, fault.text());
+        } catch (const mdb::error_wrongtype& fault) {
+            detail::log_unreadable_value(property, fault.text());
+        }
+        return null_wire(flags);
+    }
+
+    [[nodiscard]] std::string describe_default(const char* head, const value_type* value) const {
+        if (value == nullptr) return {};
+        Stored stored(property, *value);
+        return head + wire(stored, 0)->print();
+    }
+
+    Defaults<value_type> defaults_;
+};
+
+/// A number with an optional minimum and maximum.
+template <class Stored, class Wire, class Conversion = Assign>
+class BoundablePropertySchemaTemplate : public PropertySchemaTemplate<Stored, Wire, Conversion> {
+    using Base = PropertySchemaTemplate<Stored, Wire, Conversion>;
+
+  public:
+    using typename Base::value_type;
+    struct Bounds {
+        std::optional<value_type> minimum;
+        std::optional<value_type> maximum;
+    };
+
+    BoundablePropertySchemaTemplate(uint32_t number, uint32_t flag_bits,
+                                    Defaults<value_type> defaults = {}, Bounds bounds = {})
+        : Base(number, flag_bits, std::move(defaults)), bounds_(bounds) {}
+
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override {
+        Base::validate(object, chain, work);
+        if (work.is_null()) return;
+        const value_type& value = Base::payload(work);
+        if (bounds_.minimum && value < *bounds_.minimum)
+            detail::fail_out_of_bounds(this->property, "low");
+        if (bounds_.maximum && value > *bounds_.maximum)
+            detail::fail_out_of_bounds(this->property, "high");
+    }
+
+    [[nodiscard]] std::string describe() const override {
+        std::string text = Base::describe();
+        if (bounds_.minimum || bounds_.maximum) {
+            if (!text.empty()) text += ' ';
+            if (bounds_.minimum) text += fmt::format("{}", *bounds_.minimum);
+            text += "..";
+            if (bounds_.maximum) text += fmt::format("{}", *bounds_.maximum);
+        }
+        return text;
+    }
+
+  private:
+    Bounds bounds_;
+};
+
+/// A property whose stored class changed between versions of the database. A record of the new
+/// class is read first; where there is none of it, one of the old class, under `old_number`, is
+/// read and converted. Only the new class is written, so objects convert one by one as they are
+/// updated. `Schema` is the schema class of the new form.
+template <class Old, class Schema, class Convert>
+class PropertyConversionSchemaTemplate : public Schema {
+    using New = typename Schema::stored_t;
+
+  public:
+    template <class... Args>
+    explicit PropertyConversionSchemaTemplate(uint32_t old_number, Args&&... args)
+        : Schema(std::forward<Args>(args)...), old_number_(old_number) {}
+
+  protected:
+    [[nodiscard]] found_t read(const PropertyChain& chain, unsigned level,
+                               mdb::Property& into) const override {
+        try {
+            const found_t found = chain.read(level, into);
+            if (found != found_t::absent || old_number_ == this->property) return found;
+        } catch (const mdb::error_wrongtype&) {
+            if (old_number_ != this->property) throw;
+        }
+        Old old_form(old_number_);
+        const found_t found = chain.read(level, old_form);
+        into.inherited = old_form.inherited;
+        if (found == found_t::value) Convert::convert(old_form, static_cast<New&>(into));
+        return found;
+    }
+
+  private:
+    uint32_t old_number_;
+};
+
+}  // namespace dbcache

@@ -1,0 +1,211 @@
+// The kinds of properties that are more than a value with a check: enumerations, actions, counters,
+// marks, series, images, large objects and units. The server makes the values of counters, marks
+// and series; clients can't set them.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "dbcache/property_schema_template.h"
+#include "tql/property_map.h"
+
+namespace dbcache {
+
+class NodetypeSchema;
+
+/// The payload of a stored enumeration whose values have no names in code.
+enum class enum_value_t : uint32_t {};
+
+/// Stored and query form of a value of an enumeration.
+struct EnumConversion {
+    template <class Stored>
+    static void to_stored(const tql::property_enum_t& wire, Stored& stored, uint32_t) {
+        stored.value = static_cast<typename Stored::value_t>(wire.value);
+    }
+    template <class Stored>
+    static void to_wire(Stored& stored, tql::property_enum_t& wire) {
+        wire.value = static_cast<uint32_t>(stored.value);
+    }
+};
+
+/// A value of the enumeration with the id `enumeration`. Any number is taken: what the numbers mean
+/// may be known to the clients alone.
+template <class E>
+class PropertyEnumSchema
+    : public PropertySchemaTemplate<mdb::PropertyEnum<E>, tql::property_enum_t, EnumConversion> {
+    using Base = PropertySchemaTemplate<mdb::PropertyEnum<E>, tql::property_enum_t, EnumConversion>;
+
+  public:
+    PropertyEnumSchema(uint32_t number, uint32_t flag_bits, uint32_t enumeration,
+                       Defaults<E> defaults = {})
+        : Base(number, flag_bits, std::move(defaults)), enumeration_(enumeration) {}
+    [[nodiscard]] std::string describe() const override {
+        std::string text = Base::describe();
+        return text.empty() ? fmt::format("enumeration {:x}", enumeration_) : text;
+    }
+
+  protected:
+    void check_wire(const tql::property_enum_t& value) const override {
+        if (!value.is_null) static_cast<void>(tql::as_enum(value, enumeration_));
+    }
+    [[nodiscard]] std::unique_ptr<tql::property_enum_t> null_wire(
+        uint32_t flag_bits) const override {
+        return std::make_unique<tql::property_enum_t>(
+            tql::property_enum_t::null(this->property, enumeration_, flag_bits));
+    }
+
+  private:
+    uint32_t enumeration_;
+};
+
+/// Which of the 32 states a check has.
+class StateEnumeration {
+  public:
+    virtual ~StateEnumeration() = default;
+    [[nodiscard]] virtual bool exists(const PropertyChain& chain, uint32_t state) const = 0;
+};
+
+/// What to do in one state of a check, one property for each state; encoded only for states that
+/// the check has.
+class PropertyStateActionSchema : public PropertyEnumSchema<enum_value_t> {
+  public:
+    /// `number` is that of stateAction0 plus the state.
+    PropertyStateActionSchema(uint32_t number, uint32_t flag_bits,
+                              std::shared_ptr<const StateEnumeration> states,
+                              Defaults<enum_value_t> defaults = {});
+    [[nodiscard]] bool applies_now(const PropertyChain& chain) const override;
+
+  private:
+    std::shared_ptr<const StateEnumeration> states_;
+};
+
+/// Nothing is stored: assigning any value requests the action (kStateRequested), which the class's
+/// afterUpdate runs.
+class PropertyActionSchema : public PropertySchema {
+  public:
+    using PropertySchema::PropertySchema;
+    void initial(work_t& out) const override { out = {}; }
+    void load(const PropertyChain& chain, work_t& out) const override;
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override;
+    void store(const NodeId& id, const PropertyChain& chain, const work_t& work, const work_t& old,
+               RecordSink& sink) const override;
+    [[nodiscard]] int compare(const work_t& a, const work_t& b) const override;
+    [[nodiscard]] std::unique_ptr<tql::property_t> to_tql(
+        const work_t& work, const PropertyChain& chain) const override;
+    void encode(const PropertyChain& chain, const NodeId& id,
+                tql::property_map_t& out) const override;
+};
+
+/// A usage counter. It starts at 0 and is changed by accounting alone; one that no record holds
+/// reads as 0.
+class PropertyCountSchema
+    : public PropertySchemaTemplate<mdb::PropertyCount, tql::property_uint_t> {
+  public:
+    PropertyCountSchema(uint32_t number, uint32_t flag_bits)
+        : PropertySchemaTemplate(number, flag_bits | kComputed | kNoInheritance,
+                                 Defaults<common::count_t>::both(0)) {}
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
+};
+
+/// Whether an object, with the values in the work array, is a member of a mark's list.
+using MarkPredicate = std::function<bool(const NodetypeSchema&, const WorkArray&)>;
+
+struct MarkConversion {
+    static void to_stored(const tql::property_index_t&, mdb::PropertyMarkIndex&, uint32_t) {}
+    static void to_wire(mdb::PropertyMarkIndex& stored, tql::property_index_t& wire) {
+        wire.value = stored.value.marked ? 1 : 0;
+    }
+};
+
+/// A mark: the object's place in a list threaded through the tree. The record is carried from
+/// version to version as it is; the code of the lists alone changes it. A query sees 1 for a
+/// member, 0 for a mere link, null for neither.
+class PropertyMarkIndexSchema
+    : public PropertySchemaTemplate<mdb::PropertyMarkIndex, tql::property_index_t, MarkConversion> {
+  public:
+    /// A null predicate means never.
+    PropertyMarkIndexSchema(uint32_t number, MarkPredicate predicate);
+    [[nodiscard]] bool is_member(const NodetypeSchema& schema, const WorkArray& work) const {
+        return predicate_ && predicate_(schema, work);
+    }
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
+
+  private:
+    MarkPredicate predicate_;
+};
+
+/// The index of a time series; kNoSeries while there is none. Whoever deletes the object frees the
+/// series.
+class PropertyTSDBBlockSchema
+    : public PropertySchemaTemplate<mdb::PropertySeries, tql::property_index_t> {
+  public:
+    static constexpr uint32_t kNoSeries = 0xFFFFFFFF;
+    PropertyTSDBBlockSchema(uint32_t number, uint32_t flag_bits)
+        : PropertySchemaTemplate(number, flag_bits, Defaults<uint32_t>::both(kNoSeries)) {}
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
+    [[nodiscard]] bool has_backend() const override { return true; }
+};
+
+/// An image in the object itself; must begin with the signature of the format.
+class PropertyPNGDataSchema
+    : public PropertySchemaTemplate<mdb::PropertyBlob, tql::property_blob_t> {
+  public:
+    using PropertySchemaTemplate::PropertySchemaTemplate;
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override;
+};
+
+/// A stored unit expression. Which bytes are one is not checked here; units come as a type of their
+/// own, and with them the conversion from text of older objects (PropertyUnitConvSchema over
+/// PropertyConversionSchemaTemplate).
+class PropertyUnitSchema : public PropertySchemaTemplate<mdb::PropertyBlob, tql::property_blob_t> {
+  public:
+    using PropertySchemaTemplate::PropertySchemaTemplate;
+};
+
+/// The working form of a large object: its first block, and its bytes while they have not been
+/// written.
+class LargeValue : public mdb::PropertyUint32 {
+  public:
+    using PropertyUint32 = mdb::PropertyUint32;
+    explicit LargeValue(uint32_t number) : PropertyUint32(number) {}
+
+    /// Engaged for bytes that a client gave; store() writes them.
+    std::optional<std::vector<uint8_t>> fresh_bytes;
+};
+
+/// Bytes in a chain of blocks outside the object, which holds the number of the first one. Not
+/// inherited.
+class PropertyLobSchema : public PropertySchema {
+  public:
+    PropertyLobSchema(uint32_t number, uint32_t flag_bits)
+        : PropertySchema(number, flag_bits | kNoInheritance) {}
+    void initial(work_t& out) const override { out = {}; }
+    void load(const PropertyChain& chain, work_t& out) const override;
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
+    /// Writes fresh bytes, and frees the chain of `old` when another value takes its place.
+    void store(const NodeId& id, const PropertyChain& chain, const work_t& work, const work_t& old,
+               RecordSink& sink) const override;
+    [[nodiscard]] int compare(const work_t& a, const work_t& b) const override;
+    [[nodiscard]] std::unique_ptr<tql::property_t> to_tql(
+        const work_t& work, const PropertyChain& chain) const override;
+    void encode(const PropertyChain& chain, const NodeId& id,
+                tql::property_map_t& out) const override;
+};
+
+/// The same check as PropertyPNGDataSchema, on a large object.
+class PropertyLargePNGDataSchema : public PropertyLobSchema {
+  public:
+    using PropertyLobSchema::PropertyLobSchema;
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override;
+};
+
+}  // namespace dbcache
