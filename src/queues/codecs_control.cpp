@@ -1,0 +1,11 @@
+#include "queues/records/control.h"
+
+#include "queues/detail/make_codecs.h"
+
+namespace queues::detail {
+
+std::span<const codec_t> control_codecs() {
+    return kCodecs<kFirstControl, kFirstChecks>;
+}
+
+}  // namespace queues::detail

@@ -1,0 +1,11 @@
+#include "queues/records/dbms_tql.h"
+
+#include "queues/detail/make_codecs.h"
+
+namespace queues::detail {
+
+std::span<const codec_t> tql_codecs() {
+    return kCodecs<kFirstTql, kFirstAccess>;
+}
+
+}  // namespace queues::detail
