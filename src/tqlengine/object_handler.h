@@ -94,7 +94,6 @@ struct WriteArguments {
     tql::version_t version;
     /// The version that the object takes.
     tql::version_t new_version;
-    /// The values in the order of the request. A number may occur once only.
     const std::vector<tql::value_t>& properties;
     /// kIgnoreUnknownProperties or 0; other bits are for the classes that know them.
     uint32_t flags = 0;

@@ -43,6 +43,7 @@ class ResultChildren {
     /// True when the keys ascend without a repetition.
     [[nodiscard]] bool settled() const noexcept { return settled_; }
 
+    void reserve(size_t size) { entries_.reserve(size); }
     [[nodiscard]] bool empty() const noexcept { return entries_.empty(); }
     [[nodiscard]] size_t size() const noexcept { return entries_.size(); }
     /// The entries; in key order only when settled().

@@ -1,0 +1,67 @@
+// Leads: what an index answered to one step of a pattern, with the chains of objects from the hits
+// up to the object that the select started at. Walking along a lead visits these chains instead of
+// whole subtrees.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <unordered_set>
+#include <vector>
+
+#include "tql/id.h"
+#include "tql/pattern.h"
+#include "tqlengine/id_resolver.h"
+#include "tqlengine/object_handler.h"
+
+namespace tqlengine::detail {
+
+/// Marks, in the flags of a reduced copy of a step, that the step had successors which leads have
+/// taken over. Means nothing to handlers.
+inline constexpr uint32_t kHadSuccessors = 0x40000000;
+
+struct LeadNode {
+    HandlerRef handler;
+    bool match_end = false;  ///< this object itself is a hit
+    std::vector<LeadNode*> children;
+};
+
+struct Lead {
+    std::map<tql::id_t, LeadNode> nodes;
+    LeadNode* root = nullptr;
+    /// The step that the index answered, without the successors that other leads have taken over.
+    tql::pattern_t path;
+    /// The steps of the caller's pattern above it, the top first.
+    std::vector<const tql::pattern_t*> stack;
+};
+
+/// Divides a pattern at one origin into what an index answers and what must be walked. Recurses
+/// over the pattern, so its depth must have been checked.
+class LeadScan {
+  public:
+    /// All three must outlive the scan.
+    LeadScan(TqlIdResolver& resolver, const tql::id_t& origin)
+        : resolver_(resolver), origin_(origin) {}
+
+    /// True when leads, possibly none, answer all of `step`; then nothing of it is left to walk.
+    bool scan(const tql::pattern_t& step);
+
+    [[nodiscard]] const std::vector<std::unique_ptr<Lead>>& leads() const noexcept {
+        return leads_;
+    }
+    /// Whether a walk needs reduced() in place of the pattern itself.
+    [[nodiscard]] bool has_extracted() const noexcept { return !extracted_.empty(); }
+    /// A copy of `step` without what leads have taken over.
+    [[nodiscard]] tql::pattern_t reduced(const tql::pattern_t& step) const;
+
+  private:
+    void climb(Lead& lead, HandlerRef hit, std::set<tql::id_t>& dead) const;
+
+    TqlIdResolver& resolver_;
+    const tql::id_t& origin_;
+    std::vector<const tql::pattern_t*> stack_;
+    std::vector<std::unique_ptr<Lead>> leads_;
+    std::unordered_set<const tql::pattern_t*> extracted_;
+};
+
+}  // namespace tqlengine::detail

@@ -1,0 +1,41 @@
+#include "tqlengine/object_handler.h"
+
+#include "error/exception.h"
+#include "tql/names.h"
+
+namespace tqlengine {
+
+tql::internal_id_t TqlObjectHandler::tqlInternalId() const {
+    return tql::internal_id_t::stored(tqlId());
+}
+
+HandlerRef TqlObjectHandler::tqlChild(uint32_t) {
+    return {};
+}
+
+bool TqlObjectHandler::tqlSpecialMatch(uint32_t&, const tql::condition_t&) {
+    return false;
+}
+
+void TqlObjectHandler::tqlRevalidate(RevalidationFailures& failures) {
+    const tql::pattern_t every_child(cls::Any);
+    HandlerList children;
+    tqlChildrenHandlers(children, every_child);
+    for (const HandlerRef& child : children) child->tqlRevalidate(failures);
+}
+
+void TqlObjectHandler::add_reference() {
+    if (reference_count_ == 0) tqlAddRef();
+    ++reference_count_;
+}
+
+void TqlObjectHandler::release_reference() noexcept {
+    error::check(reference_count_ > 0, "tqlRelease called on unreferenced TqlObjectHandler");
+    if (--reference_count_ == 0) tqlRelease();
+}
+
+void TqlObjectHandler::tqlRelease() noexcept {
+    delete this;
+}
+
+}  // namespace tqlengine

@@ -1,0 +1,103 @@
+#include "tqlengine/result_node.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "error/exception.h"
+#include "tqlengine/object_handler.h"
+#include "tqlengine/select_statistics.h"
+
+namespace tqlengine {
+
+void ResultNodeDelete::operator()(ResultNode* node) const noexcept {
+    if (node->children.empty()) {
+        delete node;
+        return;
+    }
+    std::vector<ResultNode*> doomed{node};
+    while (!doomed.empty()) {
+        ResultNode* next = doomed.back();
+        doomed.pop_back();
+        for (auto& entry : next->children.entries()) doomed.push_back(entry.node.release());
+        next->children.entries().clear();
+        delete next;
+    }
+}
+
+void ResultChildren::append(const tql::internal_id_t& key, ResultNodePtr node) {
+    settled_ = settled_ && (entries_.empty() || entries_.back().key < key);
+    entries_.push_back({key, std::move(node)});
+}
+
+void ResultChildren::append_all(ResultChildren&& other) {
+    if (entries_.empty()) {
+        entries_.swap(other.entries_);
+        settled_ = other.settled_;
+    } else if (!other.entries_.empty()) {
+        settled_ = settled_ && other.settled_ && entries_.back().key < other.entries_.front().key;
+        entries_.insert(entries_.end(), std::make_move_iterator(other.entries_.begin()),
+                        std::make_move_iterator(other.entries_.end()));
+        other.entries_.clear();
+    }
+    other.settled_ = true;
+}
+
+ResultNode::ResultNode(TqlObjectHandler& handler, bool is_visible)
+    : class_number(handler.class_number()),
+      flags(handler.tqlFlags()),
+      id(handler.tqlId()),
+      version(handler.tqlVersion()),
+      origin(handler.tqlOrigin()),
+      visible(is_visible) {}
+
+void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics) {
+    if (!node) return;
+    if (!slot) {
+        slot = std::move(node);
+        return;
+    }
+    ++statistics.doublets;
+    if (slot->class_number != node->class_number || slot->flags != node->flags ||
+        slot->id != node->id)
+        throw errors::db_anomaly(fmt::format("Mismatch in splice: ({}, {}, {}) != ({}, {}, {})",
+                                             slot->class_number, slot->id.to_string(), slot->flags,
+                                             node->class_number, node->id.to_string(),
+                                             node->flags));
+    slot->tags.merge(node->tags);
+    slot->version = node->version;
+    for (auto& [number, value] : node->properties) slot->properties[number] = std::move(value);
+    slot->visible = slot->visible || node->visible;
+    slot->children.append_all(std::move(node->children));
+}
+
+void splice(ResultNodePtr& slot, ResultNodePtr node) {
+    if (slot)
+        slot->children.append_all(std::move(node->children));
+    else
+        slot = std::move(node);
+}
+
+void settle(ResultNode& node, SelectStatistics& statistics) {
+    if (node.children.settled_) return;
+    std::vector<ResultNode*> unsettled{&node};
+    while (!unsettled.empty()) {
+        ResultChildren& children = unsettled.back()->children;
+        unsettled.pop_back();
+        auto& entries = children.entries_;
+        std::stable_sort(entries.begin(), entries.end(),
+                         [](const auto& a, const auto& b) { return a.key < b.key; });
+        size_t kept = 0;
+        for (size_t next = 1; next < entries.size(); ++next) {
+            if (entries[kept].key == entries[next].key)
+                merge(entries[kept].node, std::move(entries[next].node), statistics);
+            else if (++kept != next)
+                entries[kept] = std::move(entries[next]);
+        }
+        entries.erase(entries.begin() + static_cast<ptrdiff_t>(kept) + 1, entries.end());
+        children.settled_ = true;
+        for (auto& entry : entries)
+            if (!entry.node->children.settled_) unsettled.push_back(entry.node.get());
+    }
+}
+
+}  // namespace tqlengine
