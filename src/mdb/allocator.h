@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <span>
 #include <vector>
 
 #include "mdb/block_layout.h"
@@ -18,6 +19,7 @@ namespace mdb {
 
 class BackingStore;
 class BlockCache;
+struct Slot;
 
 class Allocator final : public TransactionObserver {
   public:
@@ -83,20 +85,22 @@ class Allocator final : public TransactionObserver {
         bool too_full = false;
         uint32_t offset = 0;
     };
-    enum class probe_t { next_block, end_of_pass, found };
-
     [[nodiscard]] bool in_map(uint32_t block) const { return block / block_size_ < map_blocks_; }
     /// Makes the map block that covers `block` resident and current.
     map_entry& load_map_entry(uint32_t block);
     void clear_map_flags();
+    [[nodiscard]] static Slot checked_slot(std::span<const std::byte> bytes, uint32_t block,
+                                           uint32_t offset);
 
     [[nodiscard]] bool search_pass(uint32_t start, uint32_t hint, uint32_t size, dobj& out);
-    [[nodiscard]] probe_t probe_block(uint32_t block, uint32_t hint, uint32_t size, dobj& out);
+    [[nodiscard]] uint32_t skip_unusable_blocks(uint32_t block);
     void take_empty_block(uint32_t block, dobj& out);
-    [[nodiscard]] Found search_block(const std::byte* bytes, uint32_t block, uint32_t size) const;
+    [[nodiscard]] bool search_block(uint32_t block, mark_t mark, uint32_t size, dobj& out);
+    [[nodiscard]] Found find_placeholder(std::span<const std::byte> bytes, uint32_t block,
+                                         uint32_t size) const;
     void mark_full(uint32_t block);
-    [[nodiscard]] uint32_t skip_full_blocks(uint32_t block);
-    [[nodiscard]] bool find_empty(uint32_t from, uint32_t to, bool force, uint32_t& found);
+    [[noreturn]] void throw_no_space() const;
+    [[nodiscard]] bool find_empty(uint64_t from, uint64_t to, bool force, uint32_t& found);
 
     BackingStore& store_;
     Journal& journal_;

@@ -41,6 +41,9 @@ class BackingStore {
     /// Afterwards the block is in the file, or error_dbnospace was thrown.
     void ensure_block(uint32_t block);
 
+    /// Fills a last block that the file holds only in part with zeros, as a replay may leave one.
+    void complete_last_block();
+
     [[nodiscard]] uint64_t block_offset(uint32_t block) const {
         return uint64_t{block} << block_shift_;
     }
@@ -54,6 +57,7 @@ class BackingStore {
     [[nodiscard]] platform::File& file() noexcept { return *file_; }
 
   private:
+    void read(void* buffer, uint64_t offset, size_t length, const char* what);
     void write_zero_blocks(uint64_t new_length);
 
     std::string path_;

@@ -48,6 +48,8 @@ class BlockCache {
   private:
     struct block_cache_entry {
         uint32_t block = 0;
+        /// False after a failed read: the bytes are no block's.
+        bool in_use = false;
         BlockBuffer bytes;
         block_cache_entry* newer = nullptr;
         block_cache_entry* older = nullptr;
@@ -57,6 +59,7 @@ class BlockCache {
     void read_block(block_cache_entry& entry, uint32_t block);
     void unlink(block_cache_entry& entry);
     void push_front(block_cache_entry& entry);
+    void push_back(block_cache_entry& entry);
 
     BackingStore& store_;
     Journal& journal_;

@@ -56,6 +56,7 @@ class Database {
     void journal_header(const Header& header);
 
   private:
+    void load_header();
     void read_header(const std::string& journal_path);
     void init_storage();
 

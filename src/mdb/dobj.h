@@ -54,6 +54,7 @@ class BlockPool {
     void release(std::byte* bytes) noexcept;
 
     uint32_t block_size_;
+    size_t made_ = 0;
     std::vector<std::unique_ptr<std::byte[]>> idle_;
 };
 

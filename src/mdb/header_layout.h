@@ -68,12 +68,13 @@ static_assert(kGreatestSize == 60);
 /// file; see Database::write_header().
 class Header {
   public:
+    static constexpr uint32_t kSize = header_layout::kSize;
+
     /// All zero: what an empty file would read as.
     Header() = default;
 
     [[nodiscard]] std::byte* data() noexcept { return bytes_.data(); }
     [[nodiscard]] const std::byte* data() const noexcept { return bytes_.data(); }
-    static constexpr uint32_t size() noexcept { return header_layout::kSize; }
 
     /// Throws error_fubar, error_unsupported with what is wrong: magic, version, block size,
     /// journal type, a layout area that isn't inside the header, fewer than two indexes or more
@@ -116,6 +117,8 @@ class Header {
   private:
     [[nodiscard]] uint32_t word(uint32_t offset) const;
     void set_word(uint32_t offset, uint32_t value);
+    void set_tail(uint32_t start, uint32_t first_data);
+    void verify_layout() const;
     [[nodiscard]] uint32_t layout(uint32_t offset) const { return layout_start() + offset; }
     [[nodiscard]] uint32_t layout_start() const { return word(header_layout::layout_offset); }
     /// Offset of the first byte behind the roots.

@@ -27,6 +27,8 @@
 #include <vector>
 
 #include "mdb/detail/block_updates.h"
+#include "mdb/detail/file_writer.h"
+#include "mdb/errors.h"
 #include "platform/clock.h"
 #include "platform/file.h"
 #include "util/node_id.h"
@@ -124,6 +126,8 @@ class Journal {
     [[nodiscard]] bool failed() const noexcept { return !failure_.empty(); }
 
   private:
+    friend class Transaction;
+
     /// What the stack remembers of the moment a transaction was opened.
     struct Record {
         uint32_t fill;
@@ -137,25 +141,33 @@ class Journal {
     [[nodiscard]] const std::byte* view() const { return mapping_->data(); }
     void check_state() const;
     void check_usable() const;
+    void check_no_transaction() const;
+    /// Runs what writes to a disk; a failure makes the journal unusable.
     template <class Operation>
     void guarded(Operation&& operation);
 
-    void check_header() const;
-    [[nodiscard]] int pick_index() const;
-    void check_not_shortened() const;
+    void replay(uint32_t position, uint64_t serial);
+    void collect_replay(uint32_t position, uint64_t serial);
+    void collect_transaction(uint32_t position, uint32_t end);
+    [[nodiscard]] bool serial_is_current(uint32_t position) const;
 
+    void begin_outermost();
     [[nodiscard]] std::byte* reserve_entry(uint64_t size);
-    void merge_inner_transaction();
-    void finish_transaction(bool asynchronous);
+    void add_pieces(detail::BlockUpdates& updates, uint64_t file_offset, uint32_t length,
+                    uint32_t source, size_t keep) const;
+    void overlay(const detail::BlockUpdates& updates, const std::byte* source, std::byte* buffer,
+                 size_t length, uint64_t file_offset) const;
+    void commit(bool asynchronous);
     void write_transaction(bool flush);
     void publish_transaction();
-    void apply_committed(uint32_t position, uint32_t end);
 
-    void write_journal(const void* data, size_t length, uint32_t position);
-    void write_index_entry(int half);
+    void write_journal(const void* data, size_t length, uint32_t position, bool durable);
+    void write_redirection(uint32_t target);
+    void write_index_entry(int half, uint32_t start);
     void flush_journal();
+    void sync_journal();
     void write_committed_to_file();
-    void checkpoint();
+    void bring_to_file();
 
     platform::FileSystem& files_;
     BackingStore& store_;
@@ -180,6 +192,8 @@ class Journal {
     uint64_t last_sync_ = 0;
     /// Something was written to the journal since it was last synced.
     bool undurable_ = false;
+    /// The database file was written to since it was last synced.
+    bool file_unsynced_ = false;
     std::string failure_;
 
     std::vector<Record> stack_;
@@ -192,7 +206,19 @@ class Journal {
     /// journal.
     detail::BlockUpdates open_updates_;
     detail::BlockUpdates unwritten_;
+    detail::FileWriter writer_;
 };
+
+template <class Operation>
+void Journal::guarded(Operation&& operation) {
+    check_usable();
+    try {
+        operation();
+    } catch (const error_generic& failure) {
+        failure_ = failure.text();
+        throw;
+    }
+}
 
 /// A transaction for the length of a scope. Unless commit() was called it is aborted at the end of
 /// the scope; an abort that fails there makes the journal refuse all further work.

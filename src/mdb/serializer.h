@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "mdb/dobj.h"
@@ -41,8 +42,9 @@ class Serializer {
     void serial_replace_object(dobj& object) const;
 
   private:
-    /// False when the id was there already.
-    [[nodiscard]] bool claim(uint32_t id);
+    [[nodiscard]] bool holds(uint32_t id) const;
+    /// Room for a record of `length` bytes, which must fit.
+    [[nodiscard]] std::span<std::byte> claim(uint32_t id, uint32_t length);
     [[nodiscard]] bool fits(uint32_t length) const noexcept {
         return length <= bytes_.size() - serial_fill_;
     }

@@ -74,12 +74,14 @@ class BlockUpdates {
         collect(block, scratch_);
         for (const Piece& piece : scratch_) visit(piece);
     }
-    /// The blocks that have pieces, ascending.
-    [[nodiscard]] std::vector<uint32_t> blocks() const;
+    /// All pieces in the order in which they were made; those with length 0 are hidden by later
+    /// ones.
+    [[nodiscard]] const std::vector<Piece>& pieces() const noexcept { return pieces_; }
+    /// Appends the blocks that have pieces to `out`, which was empty, ascending.
+    void blocks(std::vector<uint32_t>& out) const;
 
   private:
-    [[nodiscard]] uint32_t hidden_piece(uint32_t head, uint32_t start, uint32_t length, size_t keep,
-                                        uint32_t& newer) const;
+    void drop_hidden(uint32_t& head, uint32_t start, uint32_t length, size_t keep);
 
     std::vector<Piece> pieces_;
     /// Newest piece of each block.

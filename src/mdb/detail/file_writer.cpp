@@ -1,0 +1,80 @@
+#include "mdb/detail/file_writer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "mdb/backing_store.h"
+#include "mdb/block_cache.h"
+
+namespace mdb::detail {
+
+namespace {
+
+constexpr size_t kGreatestWrite = 256 * 1024;
+
+}  // namespace
+
+void FileWriter::write(const BlockUpdates& updates, const std::byte* source,
+                       const BlockCache* cache, bool may_extend) {
+    may_extend_ = may_extend;
+    staged_.clear();
+    blocks_.clear();
+    updates.blocks(blocks_);
+    for (const uint32_t block : blocks_) {
+        pieces_.clear();
+        updates.collect(block, pieces_);
+        write_block(block, source, cache);
+    }
+    write_staged();
+}
+
+void FileWriter::write_block(uint32_t block, const std::byte* source, const BlockCache* cache) {
+    const uint64_t base = store_.block_offset(block);
+    if (pieces_.size() == 1) {
+        emit(base + pieces_[0].start, source + pieces_[0].source, pieces_[0].length);
+        return;
+    }
+    merge_runs();
+    if (const std::byte* cached = cache == nullptr ? nullptr : cache->peek(block)) {
+        // What lies between the runs is in the file already as the cache has it.
+        const uint32_t start = runs_.front().start;
+        emit(base + start, cached + start, runs_.back().end - start);
+        return;
+    }
+    image_.resize(store_.block_size());
+    for (const BlockUpdates::Piece& piece : pieces_)
+        std::memcpy(image_.data() + piece.start, source + piece.source, piece.length);
+    for (const Run& run : runs_)
+        emit(base + run.start, image_.data() + run.start, run.end - run.start);
+}
+
+void FileWriter::merge_runs() {
+    runs_.clear();
+    for (const BlockUpdates::Piece& piece : pieces_)
+        runs_.push_back({piece.start, piece.start + piece.length});
+    std::sort(runs_.begin(), runs_.end(), [](Run a, Run b) { return a.start < b.start; });
+    size_t last = 0;
+    for (size_t i = 1; i < runs_.size(); ++i) {
+        if (runs_[i].start <= runs_[last].end)
+            runs_[last].end = std::max(runs_[last].end, runs_[i].end);
+        else
+            runs_[++last] = runs_[i];
+    }
+    runs_.resize(last + 1);
+}
+
+void FileWriter::emit(uint64_t offset, const std::byte* bytes, size_t length) {
+    if (staged_offset_ + staged_.size() != offset || staged_.size() + length > kGreatestWrite) {
+        write_staged();
+        staged_offset_ = offset;
+    }
+    staged_.insert(staged_.end(), bytes, bytes + length);
+}
+
+void FileWriter::write_staged() {
+    if (!staged_.empty())
+        store_.byte_write(staged_.data(), staged_offset_, staged_.size(), may_extend_);
+    staged_.clear();
+}
+
+}  // namespace mdb::detail

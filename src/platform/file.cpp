@@ -1,0 +1,175 @@
+#include "platform/file.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+#include <utility>
+
+#include "error/exception.h"
+
+namespace platform {
+
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+    throw error::ESystemError(what, errno);
+}
+
+off_t file_position(uint64_t offset) {
+    return static_cast<off_t>(offset);
+}
+
+class SystemFile final : public File {
+  public:
+    explicit SystemFile(int descriptor) : descriptor_(descriptor) {}
+    ~SystemFile() override { ::close(descriptor_); }
+    SystemFile(const SystemFile&) = delete;
+    SystemFile& operator=(const SystemFile&) = delete;
+
+    size_t read_at(void* buffer, size_t length, uint64_t offset) override {
+        auto* to = static_cast<char*>(buffer);
+        size_t done = 0;
+        while (done < length) {
+            const ssize_t got =
+                ::pread(descriptor_, to + done, length - done, file_position(offset + done));
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) fail("read");
+            if (got == 0) break;
+            done += static_cast<size_t>(got);
+        }
+        return done;
+    }
+
+    void write_at(const void* data, size_t length, uint64_t offset) override {
+        write_all(data, length, offset, 0);
+    }
+
+    void write_durable_at(const void* data, size_t length, uint64_t offset) override {
+        write_all(data, length, offset, RWF_DSYNC);
+    }
+
+    void sync_data() override {
+        // A sync that was interrupted may have dropped the error of a page: it isn't tried again.
+        if (::fdatasync(descriptor_) != 0) fail("fdatasync");
+    }
+
+    uint64_t size() override {
+        struct stat status {};
+        if (::fstat(descriptor_, &status) != 0) fail("fstat");
+        if (S_ISREG(status.st_mode)) return static_cast<uint64_t>(status.st_size);
+        const off_t end = ::lseek(descriptor_, 0, SEEK_END);
+        if (end < 0) fail("lseek");
+        return static_cast<uint64_t>(end);
+    }
+
+    void resize(uint64_t length) override {
+        if (::ftruncate(descriptor_, file_position(length)) != 0) fail("ftruncate");
+    }
+
+    bool try_lock() override {
+        if (::flock(descriptor_, LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno == EWOULDBLOCK) return false;
+        fail("flock");
+    }
+
+    [[nodiscard]] int descriptor() const noexcept { return descriptor_; }
+
+  private:
+    void write_all(const void* data, size_t length, uint64_t offset, int flags) {
+        const char* from = static_cast<const char*>(data);
+        while (length > 0) {
+            iovec part{const_cast<char*>(from), length};
+            const ssize_t done = ::pwritev2(descriptor_, &part, 1, file_position(offset), flags);
+            if (done < 0 && errno == EINTR) continue;
+            if (done < 0) fail("write");
+            if (done == 0) throw error::ESystemError("write", ENOSPC);
+            from += done;
+            length -= static_cast<size_t>(done);
+            offset += static_cast<uint64_t>(done);
+        }
+    }
+
+    int descriptor_;
+};
+
+class SystemMapping final : public Mapping {
+  public:
+    SystemMapping(void* base, size_t base_length, size_t skip)
+        : base_(base), base_length_(base_length), skip_(skip) {}
+    ~SystemMapping() override { ::munmap(base_, base_length_); }
+    SystemMapping(const SystemMapping&) = delete;
+    SystemMapping& operator=(const SystemMapping&) = delete;
+
+    [[nodiscard]] const std::byte* data() const override {
+        return static_cast<const std::byte*>(base_) + skip_;
+    }
+    [[nodiscard]] size_t size() const override { return base_length_ - skip_; }
+
+  private:
+    void* base_;
+    size_t base_length_;
+    size_t skip_;
+};
+
+}  // namespace
+
+std::unique_ptr<File> SystemFiles::open(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (descriptor < 0) fail("open");
+    return std::make_unique<SystemFile>(descriptor);
+}
+
+std::unique_ptr<File> SystemFiles::create(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (descriptor < 0) fail("create");
+    auto file = std::make_unique<SystemFile>(descriptor);
+    // A umask can take the owner's own rights away.
+    if (::fchmod(descriptor, 0600) != 0) fail("fchmod");
+    return file;
+}
+
+std::unique_ptr<Mapping> SystemFiles::map(File& file, uint64_t offset, size_t length) {
+    auto& system_file = dynamic_cast<SystemFile&>(file);
+    if (offset > system_file.size() || length > system_file.size() - offset)
+        throw error::ESystemError("map", EOVERFLOW);
+    const auto page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    const size_t skip = static_cast<size_t>(offset % page);
+    void* base = ::mmap(nullptr, length + skip, PROT_READ, MAP_SHARED, system_file.descriptor(),
+                        file_position(offset - skip));
+    if (base == MAP_FAILED) fail("mmap");
+    return std::make_unique<SystemMapping>(base, length + skip, skip);
+}
+
+bool SystemFiles::exists(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0) return true;
+    if (errno == ENOENT) return false;
+    fail("stat");
+}
+
+void SystemFiles::rename(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) fail("rename");
+}
+
+void SystemFiles::remove(const std::string& path) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail("unlink");
+}
+
+void SystemFiles::sync_folder_of(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "."
+                               : slash == 0               ? "/"
+                                                          : path.substr(0, slash);
+    const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0) fail("open");
+    const int result = ::fsync(descriptor);
+    const int code = errno;
+    ::close(descriptor);
+    if (result != 0) throw error::ESystemError("fsync", code);
+}
+
+}  // namespace platform
