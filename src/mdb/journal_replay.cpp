@@ -46,7 +46,7 @@ int pick_index(const std::array<IndexEntry, 2>& entries) {
 /// A journal that lost its end would seem to hold less than was committed.
 void check_not_shortened(const std::array<IndexEntry, 2>& entries, uint32_t length) {
     for (const IndexEntry& entry : entries)
-        if (entry.valid && entry.position < length &&
+        if (entry.valid && uint64_t{entry.position} + sizeof(uint32_t) <= length &&
             entry.position > layout::half_start(length, 1))
             throw error_need_repair(fmt::format(
                 "Journal was longer once: of its {} bytes the second half begins at {}, "
