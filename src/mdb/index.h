@@ -143,10 +143,21 @@ class IndexTable {
                            block_handle_t old_handle, const std::optional<NodeId>& new_key,
                            block_handle_t new_handle);
 
+    static constexpr uint32_t kNoRoot = 0xFFFFFFFF;
+
     Database& database_;
     /// Roots as in the header; all ones where there is none.
     std::array<uint32_t, kMaxIndexes> roots_;
     std::unique_ptr<detail::IndexTree> tree_;
 };
+
+/// From this database format on a missing alert-notify index is built, not left empty.
+inline constexpr uint32_t kFormatWithAlertNotify = 7;
+
+/// Makes indexes 2 to 5 where they are missing and builds them from the object at `root` and all
+/// below it, and mends an index 2 whose pointers lead out of it. To be called once at start, after
+/// init_required_indexes() and once the root object exists. Throws error::syserror when index 2
+/// could not be dropped.
+void start_indexes(IndexTable& indexes, block_handle_t root, uint32_t format_number);
 
 }  // namespace mdb

@@ -13,8 +13,10 @@
 // The caller registers the changed object's id with transaction_touch() himself.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <utility>
 
 #include "mdb/block_layout.h"
@@ -73,19 +75,18 @@ class ObjectStore {
     void set_object_change_hook(ChangeHook hook) { change_hook_ = std::move(hook); }
 
   private:
-    struct Content;
-
     void call_hook(block_handle_t handle) {
         if (change_hook_) change_hook_(handle);
     }
-    block_handle_t replace_object(block_handle_t handle, const Content& content);
+    [[nodiscard]] std::span<std::byte> block_bytes(const dobj& object) const;
+    [[nodiscard]] bool copy_records(const dobj& image, uint32_t id,
+                                    const std::function<void()>& put_new);
+    block_handle_t replace_object(block_handle_t handle, std::span<const std::byte> records);
     [[nodiscard]] dobj allocate_object(uint32_t size);
-    void resize_object(dobj& object, uint32_t size);
     void split_slot(dobj& object, uint32_t size);
+    void resize_object(dobj& object, uint32_t size);
     void free_slot(dobj& object);
-    void journal_slot_word(const dobj& object, uint32_t offset);
-    [[nodiscard]] uint32_t collect_records(const dobj& image, uint32_t id,
-                                           const std::function<void()>& put_new);
+    void journal_bytes(const dobj& object, uint32_t offset, uint32_t length);
 
     Database& database_;
     IndexTable& indexes_;

@@ -118,10 +118,9 @@ IndexKey NodeEditor::split(uint32_t h, NodeEditor& other) {
     return middle;
 }
 
-void NodeEditor::copy_head(const NodeView& from, uint32_t h) {
-    const NodeEditor& source = static_cast<const NodeEditor&>(from);
+void NodeEditor::copy_head(const NodeEditor& from, uint32_t h) {
     set_ptr0(from.child(0));
-    std::memcpy(entry(0), source.NodeView::entry(0), size_t{node_layout::kEntrySize} * h);
+    std::memcpy(entry(0), from.NodeView::entry(0), size_t{node_layout::kEntrySize} * h);
     set_nkeys(h);
 }
 

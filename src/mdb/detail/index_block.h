@@ -52,6 +52,7 @@ class LeafView {
     [[nodiscard]] uint32_t left() const { return util::load_be32(data_ + leaf_layout::left); }
     [[nodiscard]] uint32_t right() const { return util::load_be32(data_ + leaf_layout::right); }
     [[nodiscard]] uint32_t nkeys() const { return util::load_be32(data_ + leaf_layout::nkeys); }
+    [[nodiscard]] std::span<const std::byte> bytes() const { return {data_, size_}; }
     [[nodiscard]] uint32_t capacity() const { return leaf_capacity(size_); }
     [[nodiscard]] bool full() const { return nkeys() >= capacity(); }
     [[nodiscard]] IndexKey key(uint32_t i) const {
@@ -111,6 +112,7 @@ class NodeView {
         return util::load_be32(data_ + node_layout::magic) == node_layout::kMagic;
     }
     [[nodiscard]] uint32_t nkeys() const { return util::load_be32(data_ + node_layout::nkeys); }
+    [[nodiscard]] std::span<const std::byte> bytes() const { return {data_, size_}; }
     [[nodiscard]] uint32_t capacity() const { return node_capacity(size_); }
     [[nodiscard]] bool full() const { return nkeys() >= capacity(); }
     [[nodiscard]] IndexKey key(uint32_t i) const {
@@ -158,7 +160,7 @@ class NodeEditor : public NodeView {
     /// key `h` becomes other's ptr0. Key `h` goes out of the node and is returned.
     IndexKey split(uint32_t h, NodeEditor& other);
     /// Takes over ptr0 and the keys below `h` of `from`, with their children; this node is empty.
-    void copy_head(const NodeView& from, uint32_t h);
+    void copy_head(const NodeEditor& from, uint32_t h);
     /// Makes this node one with a single key between two children.
     void become_fork(uint32_t left, IndexKey key, uint32_t right);
 

@@ -1,0 +1,152 @@
+// Making, building and dropping indexes.
+
+#include <fmt/format.h>
+#include <unordered_set>
+#include <vector>
+
+#include "log/log.h"
+#include "mdb/database.h"
+#include "mdb/detail/index_keys.h"
+#include "mdb/detail/index_tree.h"
+#include "mdb/detail/object_access.h"
+#include "mdb/index.h"
+
+namespace mdb {
+
+namespace {
+
+const logging::Logger logger{"mdb"};
+
+}  // namespace
+
+void IndexTable::init_required_indexes() {
+    if (database_.block_size() == 0)
+        throw error_internal("Index initialization attempted before MDB was initialized");
+    if (index_count() < kRequiredIndexes)
+        throw error_fubar("Meta database does not have the two required indexes defined");
+    for (uint32_t n = 0; n < kRequiredIndexes; ++n)
+        static_cast<void>(open_root(n, database_.header().index_root(n)));
+    // An object stored before ensure_index() has seen the others must not be missing from them.
+    for (uint32_t n = kRequiredIndexes; n < index_count(); ++n) {
+        const uint32_t block = database_.header().index_root(n);
+        if (database_.allocator().query_mark(block) == mark_t::root_index) roots_[n] = block;
+    }
+    logger.info("Node ID and Parent ID indexes are initialized");
+}
+
+/// Puts the root of index `n` in the table and makes its node if the block is still empty; true in
+/// this case.
+bool IndexTable::open_root(uint32_t n, uint32_t block) {
+    const mark_t mark = database_.allocator().query_mark(block);
+    if (mark != mark_t::root_index && mark != mark_t::empty)
+        throw error_fubar(fmt::format("Non-index node at index-block {}", block));
+    roots_[n] = block;
+    if (mark == mark_t::root_index) return false;
+    database_.store().ensure_block(block);
+    Transaction transaction(database_.journal());
+    tree_->create_root(block);
+    transaction.commit(false);
+    logger.info("Created root index node at block {}", block);
+    return true;
+}
+
+bool IndexTable::ensure_index(uint32_t n) {
+    if (n >= kMaxIndexes || n > index_count())
+        throw error_internal("Attempt to initialize sparse index array");
+    if (n == index_count()) {
+        Header header = database_.header();
+        header.add_index(database_.allocator().allocate_empty_block(0, true));
+        database_.write_header(header);
+    }
+    return open_root(n, database_.header().index_root(n));
+}
+
+bool IndexTable::detect_aliasing(uint32_t n) {
+    constexpr const char* kMessage = "Index not known - cannot detect aliasing";
+    static_cast<void>(tree(n, kMessage));
+    const uint32_t child = tree_->root_child();
+    if (child == 0) return false;
+    const mark_t mark = database_.allocator().query_mark(child);
+    return mark != mark_t::non_root_index && mark != mark_t::leaf;
+}
+
+void IndexTable::drop_index(uint32_t n) {
+    static_cast<void>(tree(n, "Index not known - cannot drop"));
+    Header header = database_.header();
+    Transaction transaction(database_.journal());
+    database_.allocator().set_mark(roots_[n], mark_t::empty);
+    header.remove_index(n);
+    database_.journal_header(header);
+    transaction.commit(false);
+    database_.journal().full_checkpoint();
+    for (uint32_t i = n; i + 1 < kMaxIndexes; ++i) roots_[i] = roots_[i + 1];
+    roots_[kMaxIndexes - 1] = kNoRoot;
+}
+
+void IndexTable::build_index(block_handle_t root, uint32_t n) {
+    if (n < kRequiredIndexes || n >= kMaxIndexes)
+        throw error_internal(fmt::format("Cannot reconstruct index {}", n));
+    std::unordered_set<NodeId> walked;
+    std::vector<block_handle_t> open{root};
+    while (!open.empty()) {
+        const block_handle_t handle = open.back();
+        open.pop_back();
+        const auto keys = detail::read_object_keys(detail::load_object(database_, handle));
+        if (keys[n]) {
+            Transaction transaction(database_.journal());
+            non_unique_insert(n, *keys[n], handle);
+            transaction.commit();
+        }
+        if (!keys[node_id_index]) continue;
+        const NodeId id = *keys[node_id_index];
+        if (!walked.insert(id).second)
+            throw error_need_repair(fmt::format("Object {} is its own ancestor", id.to_string()));
+        // The last child goes on the stack first, so that children are taken in the order of the
+        // index.
+        const size_t children = open.size();
+        for (IndexIterator it = non_unique_search(parent_id_index, id); it.at_searched_key();
+             iterator_next(it))
+            open.push_back(iterator_value(it));
+        std::reverse(open.begin() + static_cast<std::ptrdiff_t>(children), open.end());
+    }
+}
+
+void start_indexes(IndexTable& indexes, block_handle_t root, uint32_t format_number) {
+    if (indexes.ensure_index(active_parent_index)) {
+        logger.info("Active ParentId index is missing from your database - will build...");
+        indexes.build_index(root, active_parent_index);
+        logger.info("Active ParentId index construction complete. Resuming operations.");
+    } else if (indexes.detect_aliasing(active_parent_index)) {
+        logger.info("Active parent ID index pointer aliasing detected. Will correct.");
+        indexes.drop_index(active_parent_index);
+        logger.info("Will re-create active parent ID index without pointer aliasing.");
+        if (!indexes.ensure_index(active_parent_index)) {
+            logger.warning(
+                "Odd... We just removed the active parent id index, but it does not need "
+                "re-creation.");
+            throw error::syserror("Deleted index not deleted.");
+        }
+        indexes.build_index(root, active_parent_index);
+        logger.info("Active parent ID index pointer aliasing issue corrected.");
+    }
+    if (indexes.ensure_index(inherits_index)) {
+        logger.info("Inherits index is missing from your database - will build...");
+        indexes.build_index(root, inherits_index);
+        logger.info("Inherits index construction complete. Resuming operations.");
+    }
+    if (indexes.ensure_index(master_id_index)) {
+        logger.info("MasterId index is missing from your database - will build...");
+        indexes.build_index(root, master_id_index);
+        logger.info("MasterId index construction complete. Resuming operations.");
+    }
+    if (!indexes.ensure_index(alert_notify_index)) return;
+    if (format_number < kFormatWithAlertNotify) {
+        logger.info("AlertNotifyObject index is missing from your database - creating empty");
+        return;
+    }
+    logger.info("AlertNotifyObject index is missing from your database - will build...");
+    indexes.build_index(root, alert_notify_index);
+    logger.info("AlertNotifyObject index construction complete. Resuming operations.");
+}
+
+}  // namespace mdb
