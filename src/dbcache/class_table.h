@@ -90,6 +90,8 @@ struct PropertyRow {
     RowValue fallback{};
     /// The end of the chain is null although there is an `initial`.
     bool fallback_null = false;
+    /// A stored value equal to this one reads as null.
+    RowValue null_value{};
     /// Of the value, or of the length of a text.
     RowValue low{};
     RowValue high{};

@@ -41,7 +41,7 @@ struct Assign {
     static void back(From& from, To& to) {
         to = static_cast<To>(std::move(from));
     }
-    static void back(const mdb::StoredVersion& from, tql::version_t& to) {
+    static void back(mdb::StoredVersion& from, tql::version_t& to) {
         to = {from.sequence, from.counter};
     }
 };

@@ -191,7 +191,7 @@ struct ReferenceRules {
 
     /// Throws errors::tql with code 10 unless `object` may refer to `target` by `property`.
     void check(const SchemaObject& object, const NodeId& target, uint32_t property) const;
-    [[nodiscard]] bool restrict() const noexcept {
+    [[nodiscard]] bool is_restricted() const noexcept {
         return !allowed_classes.empty() || own_domains_only;
     }
     [[nodiscard]] std::string describe() const;

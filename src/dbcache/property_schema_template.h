@@ -137,7 +137,11 @@ class PropertySchemaTemplate : public PropertySchema {
     virtual void check_wire(const Wire& /*value*/) const {}
     /// A null value; for kinds that have more than a class of their own.
     [[nodiscard]] virtual std::unique_ptr<Wire> null_wire(uint32_t flag_bits) const {
-        return std::make_unique<Wire>(Wire::null(property, flag_bits));
+        auto made = std::make_unique<Wire>();
+        made->property = property;
+        made->is_null = true;
+        made->flags = flag_bits;
+        return made;
     }
 
     [[nodiscard]] std::unique_ptr<mdb::Property> make_stored() const override {

@@ -22,6 +22,10 @@
 #include "tql/origin.h"
 #include "util/node_id.h"
 
+namespace platform {
+class Clock;
+}
+
 namespace dbcache {
 
 /// An inheritance parent can't be reached: `inherits` is null or names no object. Never leaves this
@@ -104,7 +108,8 @@ class SchemaObject {
     /// object under a group, only the group's children count. False when the object has no parent.
     virtual bool visit_siblings(const NodeId& new_parent, const std::set<uint32_t>& classes,
                                 const SiblingVisit& visit) const = 0;
-    /// The class of that parent; 0xFFFFFFFF without one.
+    static constexpr uint32_t kNoParent = 0xFFFFFFFF;
+    /// The class of that parent; kNoParent without one.
     [[nodiscard]] virtual uint32_t parent_class(const NodeId& new_parent) const = 0;
 
     /// What an id in an inherited value means for this object: the id itself, or the corresponding
@@ -114,6 +119,9 @@ class SchemaObject {
     /// The same for a set, from which ids without correspondence are dropped.
     [[nodiscard]] virtual std::vector<NodeId> translate_inherited_set(
         const std::vector<NodeId>& ids, uint32_t property) const = 0;
+
+    /// For measuring how long a check takes.
+    [[nodiscard]] virtual const platform::Clock& clock() const = 0;
 
     /// The origin of the parent, groups left out; none without a parent.
     [[nodiscard]] virtual std::optional<tql::origin_t> parent_origin() const = 0;

@@ -50,8 +50,9 @@ class PropertyEnumSchema
     }
     [[nodiscard]] std::unique_ptr<tql::property_enum_t> null_wire(
         uint32_t flag_bits) const override {
-        return std::make_unique<tql::property_enum_t>(
-            tql::property_enum_t::null(this->property, enumeration_, flag_bits));
+        auto made = Base::null_wire(flag_bits);
+        made->enumeration = enumeration_;
+        return made;
     }
 
   private:
@@ -134,6 +135,12 @@ class PropertyMarkIndexSchema
     }
     void assign(const tql::property_t& value, const SchemaObject& object,
                 const PropertyChain& chain, work_t& work) const override;
+    /// Nothing to check: the lists keep their own rules.
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override;
+    /// No record is no damage here.
+    void encode(const PropertyChain& chain, const NodeId& id,
+                tql::property_map_t& out) const override;
 
   private:
     MarkPredicate predicate_;

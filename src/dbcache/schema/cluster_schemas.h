@@ -1,0 +1,20 @@
+// The settings of a cluster of servers: one folder under the root, and a server in it.
+#pragma once
+
+#include "dbcache/class_table.h"
+
+namespace dbcache {
+
+class ClusterConfigSchema : public TableSchema<SingletonSchema> {
+  public:
+    ClusterConfigSchema();
+    void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,
+                        const tql::pattern_t& pattern, tql::property_map_t& out) const override;
+};
+
+class ClusterServerConfigSchema : public TableSchema<NodetypeSchema> {
+  public:
+    ClusterServerConfigSchema();
+};
+
+}  // namespace dbcache

@@ -1,0 +1,40 @@
+// The classes that the tree is made of: domains, nodes and the inventory that a node reports.
+#pragma once
+
+#include "dbcache/class_table.h"
+
+namespace dbcache {
+
+/// The root and every domain below it.
+class DomainSchema : public TableSchema<SingletonIfChildOfMountPointSchema> {
+  public:
+    DomainSchema();
+    void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,
+                        const tql::pattern_t& pattern, tql::property_map_t& out) const override;
+};
+
+/// A monitored host. Its checks stand in four groups without storage.
+class NodeSchema : public TableSchema<NodetypeSchema> {
+  public:
+    NodeSchema();
+    void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,
+                        const tql::pattern_t& pattern, tql::property_map_t& out) const override;
+    void encodeTemplateSpecials(const SchemaObject* parent, const TemplateValues& values,
+                                const tql::pattern_t& pattern,
+                                tql::property_map_t& out) const override;
+    void listTemplates(const SchemaObject& parent, std::vector<TemplateValues>& out) const override;
+};
+
+/// A group of inventory lines; nests.
+class NodeInfoGroupSchema : public TableSchema<NodetypeSchema> {
+  public:
+    NodeInfoGroupSchema();
+};
+
+/// One line of inventory.
+class NodeInfoLineSchema : public OrderSiblingEncoder {
+  public:
+    NodeInfoLineSchema();
+};
+
+}  // namespace dbcache
