@@ -1,0 +1,343 @@
+#include "mdb/allocator.h"
+
+#include <algorithm>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <set>
+
+#include "mdb/object_slots.h"
+#include "support/rng.h"
+#include "test_database.h"
+
+namespace {
+
+using mdb::dobj;
+using mdb::mark_t;
+using mdb_test::TestDatabase;
+
+constexpr uint32_t kBlock = TestDatabase::kBlockSize;
+/// Header, two roots, one map block.
+constexpr uint32_t kFirst = 4;
+
+void mark(mdb::Database& db, uint32_t block, mark_t value) {
+    db.store().ensure_block(block);
+    mdb::Transaction transaction(db.journal());
+    db.allocator().set_mark(block, value);
+    transaction.commit();
+}
+
+/// Makes `block` an object block with these slots, which must fill it, and gives it a mark.
+void fill_block(mdb::Database& db, uint32_t block, const std::vector<mdb::Slot>& slots,
+                mark_t value) {
+    db.store().ensure_block(block);
+    std::vector<std::byte> bytes(kBlock);
+    for (const mdb::Slot& slot : slots) mdb::set_slot(bytes, slot);
+    mdb::Transaction transaction(db.journal());
+    db.journal().journal_update(bytes.data(), kBlock, db.store().block_offset(block));
+    db.allocator().set_mark(block, value);
+    transaction.commit();
+}
+
+dobj allocate(mdb::Database& db, uint32_t hint, uint32_t size) {
+    dobj found;
+    db.allocator().allocate_space(hint, size, found);
+    return found;
+}
+
+TEST(Allocator, ClassifiesByFreeBytes) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    struct Case {
+        std::vector<mdb::Slot> slots;
+        mark_t expected;
+    };
+    const Case cases[] = {
+        {{{0, 1024, true}}, mark_t::empty},
+        {{{0, 512, true}, {512, 512, true}}, mark_t::empty},
+        {{{0, 768, false}, {768, 256, true}}, mark_t::used},
+        {{{0, 770, false}, {770, 254, true}}, mark_t::full},
+        {{{0, 128, true}, {128, 768, false}, {896, 128, true}}, mark_t::used},
+        {{{0, 1024, false}}, mark_t::full},
+    };
+    for (const Case& c : cases) {
+        mdb::BlockBuffer bytes = db.pool().acquire();
+        for (const mdb::Slot& slot : c.slots) mdb::set_slot({bytes.data(), kBlock}, slot);
+        EXPECT_EQ(db.allocator().classify_block(dobj({9, 0}, std::move(bytes))), c.expected);
+    }
+}
+
+TEST(Allocator, TakesTheLastFitAndStopsEarly) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    fill_block(db, kFirst, {{0, 100, true}, {100, 100, false}, {200, 200, true}, {400, 624, true}},
+               mark_t::used);
+    EXPECT_EQ(allocate(db, 0, 60).offset, 200U) << "a quarter is free and a fit known: no further";
+    EXPECT_EQ(allocate(db, 0, 201).offset, 400U);
+    EXPECT_EQ(db.allocator().alloc_cursor(), kFirst);
+}
+
+TEST(Allocator, FullBlocksYieldOnlyToAHint) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    // Too full, but the request still fits: taken, marked full, and the cursor does not move there.
+    fill_block(db, kFirst, {{0, 900, false}, {900, 124, true}}, mark_t::used);
+    dobj found = allocate(db, 0, 100);
+    EXPECT_EQ(found.handle(), (mdb::block_handle_t{kFirst, 900}));
+    EXPECT_EQ(db.allocator().query_mark(kFirst), mark_t::full);
+    EXPECT_EQ(db.allocator().alloc_cursor(), 0U);
+    EXPECT_EQ(allocate(db, kFirst, 100).handle(), (mdb::block_handle_t{kFirst, 900}));
+    found = allocate(db, 0, 100);
+    EXPECT_EQ(found.handle(), (mdb::block_handle_t{kFirst + 1, 0}))
+        << "an empty block becomes one placeholder";
+    EXPECT_EQ(mdb::slot_at({found.data, kBlock}, 0).length, kBlock);
+    EXPECT_EQ(db.allocator().query_mark(kFirst + 1), mark_t::used);
+    EXPECT_EQ(allocate(db, kFirst, 500).block, kFirst + 1)
+        << "a hint that doesn't fit falls back to the cursor";
+}
+
+TEST(Allocator, GrowsOnlyInTheFinalSweep) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    const uint64_t before = db.store().file_length();
+    EXPECT_EQ(before, kFirst * kBlock);
+    EXPECT_EQ(allocate(db, 0, 100).block, kFirst);
+    EXPECT_EQ(db.store().file_length(), before + kBlock);
+    fill_block(db, kFirst, {{0, 1024, false}}, mark_t::full);
+    EXPECT_EQ(allocate(db, 0, 1024).block, kFirst + 1) << "from the cursor to the end, then growth";
+    EXPECT_THROW((void)allocate(db, 0, 1026), mdb::error_dbnospace);
+    EXPECT_EQ(db.store().file_length(), before + 2 * kBlock)
+        << "no sweep for what no block can hold";
+    db.store().ensure_block(99);
+    EXPECT_EQ(db.store().file_length(), 100U * kBlock);
+    db.store().ensure_block(100);
+    EXPECT_EQ(db.store().file_length(), 120U * kBlock) << "a fifth, in whole blocks";
+}
+
+TEST(Allocator, FullMapIsNoSpace) {
+    TestDatabase test(256 * 1024, kBlock * kBlock);
+    mdb::Database& db = test.open();
+    mdb::Transaction transaction(db.journal());
+    for (uint32_t block = kFirst; block < kBlock; ++block)
+        db.allocator().set_mark(block, mark_t::leaf);
+    EXPECT_THROW((void)db.allocator().allocate_empty_block(0, true), mdb::error_dbnospace);
+    EXPECT_THROW((void)allocate(db, 0, 8), mdb::error_dbnospace);
+    EXPECT_THROW((void)db.allocator().query_mark(kBlock), mdb::error_range);
+    EXPECT_THROW(db.allocator().set_mark(kBlock, mark_t::used), mdb::error_range);
+}
+
+TEST(Allocator, FreedBlocksWaitForTheCommit) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    mark(db, kFirst, mark_t::leaf);
+    db.store().ensure_block(20);
+    {
+        mdb::Transaction outer(db.journal());
+        {
+            mdb::Transaction inner(db.journal());
+            db.allocator().set_mark(kFirst, mark_t::empty);
+            inner.commit();
+        }
+        EXPECT_THROW((void)db.allocator().allocate_empty_block(0, false), mdb::error_dbnospace);
+        EXPECT_EQ(db.allocator().allocate_empty_block(0, true), kFirst);
+        EXPECT_EQ(db.allocator().allocate_empty_block(kFirst + 3, true), kFirst + 3);
+        outer.commit();
+    }
+    EXPECT_EQ(db.allocator().allocate_empty_block(0, false), kFirst);
+}
+
+TEST(Allocator, AbortRestoresMarksFlagsAndCursor) {
+    TestDatabase test;
+    mdb::Database& db = test.open();
+    mark(db, kFirst, mark_t::leaf);
+    db.journal().transaction_begin();
+    db.allocator().set_mark(kFirst, mark_t::used);
+    db.journal().transaction_begin();
+    db.allocator().set_mark(kFirst, mark_t::empty);
+    EXPECT_EQ(allocate(db, 0, 50).block, kFirst);
+    EXPECT_EQ(db.allocator().alloc_cursor(), kFirst);
+    db.journal().transaction_abort();
+    EXPECT_EQ(db.allocator().query_mark(kFirst), mark_t::used);
+    EXPECT_EQ(db.allocator().alloc_cursor(), 0U);
+    EXPECT_NO_THROW((void)db.allocator().allocate_empty_block(0, false))
+        << "nothing counts as emptied";
+    db.journal().transaction_abort();
+    EXPECT_EQ(db.allocator().query_mark(kFirst), mark_t::leaf);
+    EXPECT_EQ(test.open().allocator().query_mark(kFirst), mark_t::leaf);
+}
+
+TEST(Allocator, DamageIsNamed) {
+    TestDatabase test;
+    const mdb_test::Bytes good = test.read("db");
+    for (const uint8_t bad : {uint8_t{3}, uint8_t{8}, uint8_t{255}}) {
+        mdb_test::Bytes file = good;
+        file[3 * kBlock + 77] = bad;
+        test.write("db", file);
+        try {
+            test.open();
+            FAIL();
+        } catch (const mdb::error_consistency& failure) {
+            EXPECT_EQ(failure.text(), fmt::format("Unknown alloc. bitmap ({}) for block 77", bad));
+        }
+    }
+    mdb_test::Bytes file = good;
+    file[3 * kBlock + 77] = 1;
+    test.write("db", file);
+    EXPECT_THROW(test.open(), mdb::error_consistency) << "a used block that the file doesn't hold";
+    test.write("db", good);
+    mdb::Database& db = test.open();
+    for (const uint32_t word : {0U, 1U, 2000U}) {
+        fill_block(db, kFirst, {{0, word & ~1U, (word & 1) != 0}}, mark_t::used);
+        EXPECT_THROW((void)allocate(db, 0, 8), mdb::error_consistency) << word;
+    }
+}
+
+/// Random space and block requests with aborts and reopening against a list of what is taken.
+class AllocatorModel {
+  public:
+    explicit AllocatorModel(uint64_t seed)
+        : rng_(seed), test_(64 * 1024, kBlock * kBlock), db_(&test_.open()) {}
+
+    void run(int steps) {
+        for (int step = 0; step < steps; ++step) {
+            SCOPED_TRACE(step);
+            const bool inside = rng_.chance(70);
+            const State before = state_;
+            if (inside) db_->journal().transaction_begin();
+            try {
+                for (uint64_t n = 1 + rng_.below(4); n > 0; --n) change();
+                if (inside && rng_.chance(25)) {
+                    db_->journal().transaction_abort();
+                    state_ = before;
+                } else if (inside) {
+                    db_->journal().transaction_end(rng_.chance(90));
+                }
+            } catch (const mdb::error_dbnospace&) {
+                if (inside) db_->journal().transaction_abort();
+                if (inside) state_ = before;
+            }
+            if (rng_.chance(3)) db_ = &test_.open(static_cast<uint32_t>(1 + rng_.below(20)));
+            verify();
+            if (testing::Test::HasFatalFailure()) return;
+        }
+    }
+
+  private:
+    struct State {
+        /// Slots of objects, by block and offset.
+        std::map<std::pair<uint32_t, uint32_t>, uint32_t> objects;
+        std::map<uint32_t, mark_t> other_blocks;
+    };
+
+    void change() {
+        const uint64_t what = rng_.below(100);
+        if (what < 45) {
+            take_space();
+        } else if (what < 80 && !state_.objects.empty()) {
+            free_space();
+        } else if (what < 90) {
+            const uint32_t block = db_->allocator().allocate_empty_block(hint(), rng_.chance(50));
+            ASSERT_FALSE(state_.other_blocks.contains(block));
+            set(block, rng_.chance(50) ? mark_t::leaf : mark_t::lob);
+        } else if (!state_.other_blocks.empty()) {
+            set(std::next(state_.other_blocks.begin(),
+                          static_cast<std::ptrdiff_t>(rng_.below(state_.other_blocks.size())))
+                    ->first,
+                mark_t::empty);
+        }
+    }
+
+    uint32_t hint() { return rng_.chance(40) ? static_cast<uint32_t>(rng_.below(300)) : 0; }
+
+    void set(uint32_t block, mark_t value) {
+        mdb::Transaction transaction(db_->journal());
+        db_->allocator().set_mark(block, value);
+        transaction.commit();
+        if (value == mark_t::empty)
+            state_.other_blocks.erase(block);
+        else
+            state_.other_blocks[block] = value;
+    }
+
+    void journal_block(const dobj& object) {
+        db_->journal().journal_update(object.data, kBlock, db_->store().block_offset(object.block));
+    }
+
+    void take_space() {
+        const auto size = static_cast<uint32_t>(4 + 8 * rng_.below(rng_.chance(20) ? 127 : 20));
+        dobj found;
+        db_->allocator().allocate_space(hint(), size, found);
+        ASSERT_FALSE(state_.other_blocks.contains(found.block));
+        const std::span<std::byte> bytes{found.writable(), kBlock};
+        mdb::SplitResult split = mdb::split_placeholder(bytes, found.offset, size);
+        split.slot.placeholder = false;
+        mdb::set_slot(bytes, split.slot);
+        mdb::Transaction transaction(db_->journal());
+        journal_block(found);
+        transaction.commit();
+        ASSERT_TRUE(state_.objects.emplace(std::pair{found.block, split.slot.offset}, size).second);
+    }
+
+    void free_space() {
+        const auto at = std::next(state_.objects.begin(),
+                                  static_cast<std::ptrdiff_t>(rng_.below(state_.objects.size())));
+        const auto [block, offset] = at->first;
+        dobj object({block, offset}, db_->cache().private_block(block));
+        mdb::free_slot_in_block({object.writable(), kBlock}, offset);
+        mdb::Transaction transaction(db_->journal());
+        journal_block(object);
+        const mark_t mark = db_->allocator().classify_block(object);
+        if (mark != db_->allocator().query_mark(block)) db_->allocator().set_mark(block, mark);
+        transaction.commit();
+        state_.objects.erase(at);
+    }
+
+    /// Every slot of every object block is in the model, nothing else is, and marks tell the truth.
+    void verify() {
+        std::set<std::pair<uint32_t, uint32_t>> seen;
+        for (uint32_t block = kFirst; block < kBlock; ++block) {
+            const mark_t mark = db_->allocator().query_mark(block);
+            const auto other = state_.other_blocks.find(block);
+            if (other != state_.other_blocks.end()) {
+                ASSERT_EQ(mark, other->second);
+                continue;
+            }
+            if (mark == mark_t::empty) continue;
+            ASSERT_TRUE(mark == mark_t::used || mark == mark_t::full) << block;
+            const std::byte* bytes = db_->cache().cached_block(block);
+            uint32_t free = 0;
+            for (uint32_t offset = 0; offset < kBlock;) {
+                const mdb::Slot slot = mdb::slot_at({bytes, kBlock}, offset);
+                ASSERT_TRUE(mdb::slot_fits(slot, kBlock));
+                if (slot.placeholder) {
+                    free += slot.length;
+                } else {
+                    const auto known = state_.objects.find({block, offset});
+                    ASSERT_NE(known, state_.objects.end());
+                    ASSERT_EQ(known->second, slot.length);
+                    seen.insert({block, offset});
+                }
+                offset = slot.end();
+            }
+            if (mark == mark_t::full) {
+                ASSERT_LT(free, kBlock / 4);
+            }
+        }
+        for (const auto& [place, size] : state_.objects)
+            ASSERT_TRUE(seen.contains(place))
+                << place.first << ":" << place.second << " of " << size;
+    }
+
+    support::Rng rng_;
+    TestDatabase test_;
+    mdb::Database* db_;
+    State state_;
+};
+
+TEST(AllocatorModel, RandomRequests) {
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed);
+        AllocatorModel(seed).run(600);
+    }
+}
+
+}  // namespace
