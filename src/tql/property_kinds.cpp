@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
 #include <fmt/format.h>
 
+#include "tql/detail/scalar_text.h"
 #include "tql/errors.h"
 #include "tql/names.h"
-#include "tql/property_map.h"
 
 namespace tql {
 
@@ -130,11 +129,6 @@ std::string quoted(std::string_view text) {
     return fmt::format("\"{}\"", text);
 }
 
-std::string print_gid(uint32_t gid) {
-    return fmt::format("{:02x}:{:02x}:{:02x}:{:02x}", gid >> 24, gid >> 16 & 0xff, gid >> 8 & 0xff,
-                       gid & 0xff);
-}
-
 template <class List, class Print>
 std::string print_list(const List& list, Print print_element) {
     std::string text;
@@ -153,7 +147,7 @@ std::string print_payload(const Kind& kind) {
     if constexpr (Kind::kType == property_type_t::action)
         return "(null)";
     else if constexpr (Kind::kType == property_type_t::gid)
-        return print_gid(value);
+        return detail::gid_text(value);
     else if constexpr (Kind::kType == property_type_t::blob || Kind::kType == property_type_t::lob)
         return std::string(kind_names(Kind::kType).type_name);
     else if constexpr (std::is_same_v<Value, std::string>)
@@ -169,7 +163,7 @@ std::string print_payload(const Kind& kind) {
     else if constexpr (std::is_same_v<Value, BigNum>)
         return value.to_decimal();
     else if constexpr (std::is_same_v<Value, std::vector<uint32_t>>)
-        return print_list(value, print_gid);
+        return print_list(value, detail::gid_text);
     else
         return fmt::format("{}", value);
 }

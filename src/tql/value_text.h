@@ -2,12 +2,12 @@
 // quoted, unlike the values inside a pattern (tql/query_text.h), and without JSON, which the
 // gateway adds.
 //
-//   string          as it is                     real            0.5, -inf
-//   strings, gids   joined by ","                version         12.345
-//   object          1.4294960001                 date            2026-11-22 22:30:00 (UTC), or
-//   seconds set             ids joined by ","            enum            its text, or its number
-//   gid             01:02:03:04, or a number     blob, lob       base64
-//   oid             1.3.6.1.2                    bool            true, false
+//   string         as it is                      gid            01:02:03:04, or a number
+//   strings, gids  joined by ","                 oid            1.3.6.1.2
+//   object         1.4294960001                  version        12.345
+//   set            ids joined by ","             bool           true, false
+//   real           0.5, -inf                     enum           its text, or its number
+//   blob, lob      base64                        date           2026-11-22 22:30:00 (UTC)
 #pragma once
 
 #include <string>
@@ -28,12 +28,16 @@ class value_text_error : public error::Exception {
 };
 
 /// Reads a value of one property. The kind's type must not be none. In a list a comma or backslash
-/// that belongs to an element stands behind a backslash. Throws value_text_error.
+/// that belongs to an element stands behind a backslash, and \\e is an empty element that stands
+/// alone. Throws value_text_error.
 [[nodiscard]] value_t parse_value(uint32_t property, value_kind_t kind, std::string_view text);
 
 /// The text of a value, which parse_value() reads back with the same payload; "null" for a null
 /// value. Enumerations print the text of their value where it is unique, dates print in UTC.
 [[nodiscard]] std::string value_text(const property_t& value);
+
+/// A null value of that kind, whose type must not be none.
+[[nodiscard]] value_t make_null(uint32_t property, value_kind_t kind);
 
 /// A value from the text of an element each: for lists and sets that come in as arrays. The kind
 /// must be string_list, object_set, gid_list or oid. Throws value_text_error.

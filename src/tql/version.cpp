@@ -24,18 +24,17 @@ std::optional<version_t> version_t::parse(std::string_view text) {
     std::vector<uint64_t> numbers;
     const char* at = text.data();
     const char* const end = at + text.size();
-    while (numbers.size() < 3) {
+    while (true) {
         uint64_t number = 0;
         const auto [stop, failure] = std::from_chars(at, end, number);
         if (failure != std::errc()) return std::nullopt;
         numbers.push_back(number);
         at = stop;
         if (at == end) break;
-        if (*at++ != '.') return std::nullopt;
+        if (*at++ != '.' || numbers.size() == 3) return std::nullopt;
     }
-    if (at != end || numbers.size() < 2) return std::nullopt;
     if (numbers.size() == 2) return version_t{numbers[0], numbers[1]};
-    if (numbers[1] != 1) return std::nullopt;
+    if (numbers.size() != 3 || numbers[1] != 1) return std::nullopt;
     return version_t{numbers[0], numbers[2]};
 }
 
