@@ -3,6 +3,8 @@
 #include "tql/query_text.h"
 
 #include <bit>
+#include <cstdlib>
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include "support/rng.h"
@@ -132,6 +134,24 @@ TEST(QueryText, TellsWhereAndWhatWasExpected) {
             EXPECT_EQ(error.text(), message) << text;
         }
     }
+}
+
+// The examples of docs/query-language.md are what people try first.
+TEST(QueryText, ReadsTheDocumentedExamples) {
+    const char* source = std::getenv("TARMIK_SOURCE");
+    if (!source) GTEST_SKIP() << "TARMIK_SOURCE tells where the documents are";
+    std::ifstream document(std::string(source) + "/docs/query-language.md");
+    int examples = 0;
+    bool inside = false;
+    for (std::string line; std::getline(document, line);) {
+        if (line.starts_with("```"))
+            inside = line == "```tql";
+        else if (inside) {
+            ++examples;
+            EXPECT_NO_THROW((void)parse_pattern(line)) << line;
+        }
+    }
+    EXPECT_GE(examples, 8);
 }
 
 TEST(QueryText, DepthIsBoundedAndHarmless) {
