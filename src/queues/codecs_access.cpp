@@ -1,9 +1,8 @@
+#include "queues/detail/make_codecs.h"
 #include "queues/records/dbms_checks.h"
 #include "queues/records/dbms_replication.h"
 #include "queues/records/dbms_tql.h"
 #include "queues/records/dbms_tsdb.h"
-
-#include "queues/detail/make_codecs.h"
 
 namespace queues::detail {
 

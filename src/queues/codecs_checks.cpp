@@ -1,7 +1,6 @@
+#include "queues/detail/make_codecs.h"
 #include "queues/records/dbms_checks.h"
 #include "queues/records/tsdb_requests.h"
-
-#include "queues/detail/make_codecs.h"
 
 namespace queues::detail {
 

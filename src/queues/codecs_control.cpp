@@ -1,6 +1,5 @@
-#include "queues/records/control.h"
-
 #include "queues/detail/make_codecs.h"
+#include "queues/records/control.h"
 
 namespace queues::detail {
 

@@ -1,9 +1,8 @@
+#include "queues/detail/make_codecs.h"
 #include "queues/records/alarms.h"
 #include "queues/records/alert.h"
 #include "queues/records/checks.h"
 #include "queues/records/network.h"
-
-#include "queues/detail/make_codecs.h"
 
 namespace queues::detail {
 

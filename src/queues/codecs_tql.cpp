@@ -1,6 +1,5 @@
-#include "queues/records/dbms_tql.h"
-
 #include "queues/detail/make_codecs.h"
+#include "queues/records/dbms_tql.h"
 
 namespace queues::detail {
 

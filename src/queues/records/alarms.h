@@ -13,7 +13,7 @@
 namespace alarms {
 
 struct id_state_t {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t state = 0;
 
     static constexpr std::string_view record = "id_state_t";
@@ -24,7 +24,7 @@ struct id_state_t {
 };
 
 struct Immediate_State_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t state = 0;
 
     static constexpr std::string_view record = "Immediate_State_Data";
@@ -35,14 +35,14 @@ struct Immediate_State_Data {
 };
 
 struct Immediate_States_Data {
-    std::list<id_state_t> states;
+    std::list<id_state_t> states{};
 
     static constexpr std::string_view record = "Immediate_States_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("states", self.states); }
 };
 
 struct Checkin_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::int64_t checkin_time = 0;
 
     static constexpr std::string_view record = "Checkin_Data";
@@ -53,9 +53,9 @@ struct Checkin_Data {
 };
 
 struct Acknowledge_Alert_Data {
-    tql::id_t user;
-    std::string comment;
-    tql::id_t object;
+    tql::id_t user{};
+    std::string comment{};
+    tql::id_t object{};
 
     static constexpr std::string_view record = "Acknowledge_Alert_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -66,9 +66,9 @@ struct Acknowledge_Alert_Data {
 };
 
 struct Reset_Score_Data {
-    tql::id_t user;
-    std::string comment;
-    tql::id_t object;
+    tql::id_t user{};
+    std::string comment{};
+    tql::id_t object{};
     bool recursive = false;
 
     static constexpr std::string_view record = "Reset_Score_Data";
@@ -82,7 +82,7 @@ struct Reset_Score_Data {
 
 /// The times are seconds since the epoch, 0 for never.
 struct Set_Status_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t status = 0;
     std::int64_t entered_warn = 0;
     std::int64_t entered_remedy = 0;
@@ -99,8 +99,8 @@ struct Set_Status_Data {
 };
 
 struct Alarm_Notify_Data {
-    tql::id_t id;
-    tql::version_t seq;
+    tql::id_t id{};
+    tql::version_t seq{};
 
     static constexpr std::string_view record = "Alarm_Notify_Data";
     static constexpr void fields(auto& self, auto&& visit) {

@@ -12,9 +12,9 @@
 namespace alert {
 
 struct Forecast_Warning_Data {
-    tql::id_t check_id;
+    tql::id_t check_id{};
     std::int64_t expected_time = 0;
-    std::string text;
+    std::string text{};
 
     static constexpr std::string_view record = "Forecast_Warning_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -25,9 +25,9 @@ struct Forecast_Warning_Data {
 };
 
 struct Generic_Notify_Data {
-    std::list<tql::id_t> receivers;
-    std::string subject;
-    std::string text;
+    std::list<tql::id_t> receivers{};
+    std::string subject{};
+    std::string text{};
 
     static constexpr std::string_view record = "Generic_Notify_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -38,9 +38,9 @@ struct Generic_Notify_Data {
 };
 
 struct Notify_AlertGroup_Data {
-    tql::id_t alert_group;
-    std::string subject;
-    std::string text;
+    tql::id_t alert_group{};
+    std::string subject{};
+    std::string text{};
 
     static constexpr std::string_view record = "Notify_AlertGroup_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -51,7 +51,7 @@ struct Notify_AlertGroup_Data {
 };
 
 struct Object_Status_Change_Data {
-    tql::id_t object;
+    tql::id_t object{};
     std::uint32_t old_status = 0;
     std::uint32_t new_status = 0;
     std::int64_t time = 0;
@@ -67,8 +67,8 @@ struct Object_Status_Change_Data {
 
 struct Pager_Page_Data {
     std::uint32_t serial = 0;
-    std::string number;
-    std::string text;
+    std::string number{};
+    std::string text{};
 
     static constexpr std::string_view record = "Pager_Page_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -81,7 +81,7 @@ struct Pager_Page_Data {
 struct Pager_Status_Data {
     std::uint32_t serial = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "Pager_Status_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -93,10 +93,10 @@ struct Pager_Status_Data {
 
 struct Mailer_Mail_Data {
     std::uint32_t serial = 0;
-    std::list<std::string> receivers;
-    std::string subject;
-    std::string text;
-    std::string html;
+    std::list<std::string> receivers{};
+    std::string subject{};
+    std::string text{};
+    std::string html{};
 
     static constexpr std::string_view record = "Mailer_Mail_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -111,7 +111,7 @@ struct Mailer_Mail_Data {
 struct Mailer_Status_Data {
     std::uint32_t serial = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "Mailer_Status_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -123,8 +123,8 @@ struct Mailer_Status_Data {
 
 struct Push_Notification_Data {
     std::uint32_t serial = 0;
-    std::string device;
-    std::string text;
+    std::string device{};
+    std::string text{};
     std::uint32_t badge = 0;
 
     static constexpr std::string_view record = "Push_Notification_Data";
@@ -139,7 +139,7 @@ struct Push_Notification_Data {
 struct Push_Status_Data {
     std::uint32_t serial = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "Push_Status_Data";
     static constexpr void fields(auto& self, auto&& visit) {

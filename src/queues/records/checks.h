@@ -20,7 +20,7 @@ namespace scheduler {
 struct Schedule_Event_Absolute_Data {
     std::int64_t time = 0;
     std::uint32_t event = 0;
-    std::string encoded_event;
+    std::string encoded_event{};
 
     static constexpr std::string_view record = "Schedule_Event_Absolute_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -32,9 +32,9 @@ struct Schedule_Event_Absolute_Data {
 
 /// Deliver the encoded event after a delay.
 struct Schedule_Event_Relative_Data {
-    Time delay;
+    Time delay{};
     std::uint32_t event = 0;
-    std::string encoded_event;
+    std::string encoded_event{};
 
     static constexpr std::string_view record = "Schedule_Event_Relative_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -50,13 +50,13 @@ namespace remcheck {
 
 /// How one net check is to be done; `timeout` in seconds.
 struct remcheck_conf {
-    tql::id_t check_id;
-    std::string host;
+    tql::id_t check_id{};
+    std::string host{};
     std::uint32_t port = 0;
     std::uint32_t check_type = 0;
     std::uint32_t timeout = 0;
     std::uint32_t attempts = 0;
-    std::list<std::string> parameters;
+    std::list<std::string> parameters{};
 
     static constexpr std::string_view record = "remcheck_conf";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -71,14 +71,14 @@ struct remcheck_conf {
 };
 
 struct Remote_Check_Data {
-    tql::id_t check_id;
+    tql::id_t check_id{};
 
     static constexpr std::string_view record = "Remote_Check_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("check_id", self.check_id); }
 };
 
 struct Check_Timeout_Data {
-    tql::id_t check_id;
+    tql::id_t check_id{};
     std::uint32_t attempt = 0;
 
     static constexpr std::string_view record = "Check_Timeout_Data";
@@ -89,7 +89,7 @@ struct Check_Timeout_Data {
 };
 
 struct Icmp_Request_Data {
-    std::string address;
+    std::string address{};
     std::uint32_t sequence = 0;
     std::uint32_t size = 0;
 
@@ -103,7 +103,7 @@ struct Icmp_Request_Data {
 
 /// `replytime` in microseconds.
 struct Icmp_Echo_Reply_Data {
-    std::string address;
+    std::string address{};
     std::uint32_t sequence = 0;
     std::uint32_t replytime = 0;
 
@@ -120,10 +120,10 @@ struct Icmp_Echo_Reply_Data {
 namespace snmp {
 
 struct Esxi_Probe_Data {
-    tql::id_t node_id;
-    std::string host;
-    std::string user;
-    std::string password;
+    tql::id_t node_id{};
+    std::string host{};
+    std::string user{};
+    std::string password{};
 
     static constexpr std::string_view record = "Esxi_Probe_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -135,10 +135,10 @@ struct Esxi_Probe_Data {
 };
 
 struct Esxi_Probe_Result_Data {
-    tql::id_t node_id;
+    tql::id_t node_id{};
     std::uint32_t status = 0;
-    std::list<std::string> entities;
-    std::string message;
+    std::list<std::string> entities{};
+    std::string message{};
 
     static constexpr std::string_view record = "Esxi_Probe_Result_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -150,7 +150,7 @@ struct Esxi_Probe_Result_Data {
 };
 
 struct Snmp_Check_Data {
-    tql::id_t check_id;
+    tql::id_t check_id{};
 
     static constexpr std::string_view record = "Snmp_Check_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("check_id", self.check_id); }
@@ -164,8 +164,8 @@ struct Snmp_Timeout_Data {
 };
 
 struct Snmp_Oid_Probe_Data {
-    tql::id_t node_id;
-    std::vector<std::uint32_t> oid;
+    tql::id_t node_id{};
+    std::vector<std::uint32_t> oid{};
 
     static constexpr std::string_view record = "Snmp_Oid_Probe_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -182,10 +182,10 @@ struct Snmp_Probe_Timeout_Data {
 };
 
 struct Snmp_Probe_Result_Data {
-    tql::id_t node_id;
+    tql::id_t node_id{};
     std::uint32_t status = 0;
-    std::list<std::string> values;
-    std::string message;
+    std::list<std::string> values{};
+    std::string message{};
 
     static constexpr std::string_view record = "Snmp_Probe_Result_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -201,7 +201,7 @@ struct Snmp_Probe_Result_Data {
 namespace reporter {
 
 struct Scheduled_Report_Generation_Data {
-    tql::id_t report_id;
+    tql::id_t report_id{};
     std::int64_t time = 0;
 
     static constexpr std::string_view record = "Scheduled_Report_Generation_Data";
@@ -216,10 +216,10 @@ struct Scheduled_Report_Generation_Data {
 namespace scan {
 
 struct Scan_Request_Data {
-    tql::id_t scan_id;
-    std::string first_address;
-    std::string last_address;
-    std::set<std::uint32_t> ports;
+    tql::id_t scan_id{};
+    std::string first_address{};
+    std::string last_address{};
+    std::set<std::uint32_t> ports{};
 
     static constexpr std::string_view record = "Scan_Request_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -231,10 +231,10 @@ struct Scan_Request_Data {
 };
 
 struct Scan_Result_Data {
-    tql::id_t scan_id;
-    std::string address;
-    std::string host_name;
-    std::set<std::uint32_t> open_ports;
+    tql::id_t scan_id{};
+    std::string address{};
+    std::string host_name{};
+    std::set<std::uint32_t> open_ports{};
     bool done = false;
 
     static constexpr std::string_view record = "Scan_Result_Data";

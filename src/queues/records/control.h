@@ -19,7 +19,7 @@ namespace control {
 struct Sys_Exit_Data {
     std::uint32_t reason = 0;
     queues::queue_t requested_by = queues::queue_t::none;
-    std::string error_msg;
+    std::string error_msg{};
 
     static constexpr std::string_view record = "Sys_Exit_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -31,7 +31,7 @@ struct Sys_Exit_Data {
 
 /// A sibling is ready; it needs those named to be up.
 struct Init_Ok_Data {
-    std::set<queues::queue_t> depend_on;
+    std::set<queues::queue_t> depend_on{};
 
     static constexpr std::string_view record = "Init_Ok_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("depend_on", self.depend_on); }
@@ -39,7 +39,7 @@ struct Init_Ok_Data {
 
 /// One log line; `log_type` is 0.
 struct Log_Request_Data {
-    std::string msg;
+    std::string msg{};
     std::uint32_t log_type = 0;
 
     static constexpr std::string_view record = "Log_Request_Data";
@@ -52,21 +52,21 @@ struct Log_Request_Data {
 /// The configuration that every sibling gets, the same for all; defaults are the main process's
 /// business.
 struct Server_Configuration_Fields {
-    std::string layout_conf_path;
-    std::string dbms_tsdb_file_path;
-    std::string dbms_odb_file_path;
-    std::string dbms_odbj_file_path;
-    std::string dbms_cache_tracefile;
-    std::string dbms_event_tracefile;
-    std::string dbms_tsdb_tracefile;
+    std::string layout_conf_path{};
+    std::string dbms_tsdb_file_path{};
+    std::string dbms_odb_file_path{};
+    std::string dbms_odbj_file_path{};
+    std::string dbms_cache_tracefile{};
+    std::string dbms_event_tracefile{};
+    std::string dbms_tsdb_tracefile{};
     std::uint32_t dbms_cache_size = 0;
     std::uint32_t dbms_cache_kin = 0;
     std::uint32_t dbms_cache_kout = 0;
     std::uint32_t dbms_buffer_blocks = 0;
-    std::string variable_file;
+    std::string variable_file{};
     std::uint32_t smem_size = 0;
-    std::string smem_prefix;
-    std::string resource_directory;
+    std::string smem_prefix{};
+    std::string resource_directory{};
     std::uint64_t log_mask = 0;
     bool passive = false;
     std::uint32_t socketio_bind_port = 0;
@@ -80,25 +80,25 @@ struct Server_Configuration_Fields {
     std::uint32_t remcheck_limit_children = 0;
     std::uint32_t remcheck_ping_spacing = 0;
     std::uint16_t netcheck_process_pool_size = 0;
-    std::string custom_netcheck_conf;
+    std::string custom_netcheck_conf{};
     std::uint32_t dns_cache_secs = 0;
-    std::string libssl;
-    std::string system_log_dir_path;
+    std::string libssl{};
+    std::string system_log_dir_path{};
     std::uint32_t log_days = 0;
-    std::string working_directory;
+    std::string working_directory{};
     bool disable_alerts = false;
-    std::string alert_textmail_ending;
-    std::string alert_sms_ending;
-    std::string alert_sms_subject;
-    std::string alert_htmlmail_ending;
-    std::string webinterface_url;
-    std::string mail_server;
-    std::string mail_from;
-    std::string reply_mail_to;
-    std::string modem_port;
-    std::string modem_init;
-    std::string modem_sim_pin;
-    std::set<std::string> modem_options;
+    std::string alert_textmail_ending{};
+    std::string alert_sms_ending{};
+    std::string alert_sms_subject{};
+    std::string alert_htmlmail_ending{};
+    std::string webinterface_url{};
+    std::string mail_server{};
+    std::string mail_from{};
+    std::string reply_mail_to{};
+    std::string modem_port{};
+    std::string modem_init{};
+    std::string modem_sim_pin{};
+    std::set<std::string> modem_options{};
     std::uint32_t modem_baud_rate = 0;
     std::uint32_t modem_pager_timeout = 0;
     bool alert_to_event_log = false;
@@ -111,21 +111,21 @@ struct Server_Configuration_Fields {
     std::uint32_t snmp_reconfig_delay = 0;
     std::uint32_t snmp_max_retrans = 0;
     std::uint32_t snmp_max_retrans_walk = 0;
-    Time snmp_timeout_initial;
-    Time snmp_timeout_max;
+    Time snmp_timeout_initial{};
+    Time snmp_timeout_max{};
     std::uint32_t snmp_packet_spacing = 0;
     std::uint32_t mtu = 0;
-    std::string host_name;
-    std::string cluster_members;
-    std::string cluster_options;
-    std::string report_generator;
+    std::string host_name{};
+    std::string cluster_members{};
+    std::string cluster_options{};
+    std::string report_generator{};
     bool upload_serverinfo = false;
-    std::string agent_package_path;
+    std::string agent_package_path{};
     std::uint32_t spare_keypool_size = 0;
     std::uint32_t keypool_reuse = 0;
     std::uint32_t skio_insecure = 0;
     std::uint32_t concurrent_check_recoveries = 0;
-    std::string stop_on_log_match;
+    std::string stop_on_log_match{};
     std::uint32_t max_scan_processes = 0;
     std::uint32_t ssec_keylength = 0;
     std::uint32_t ssec_min_keylength = 0;
@@ -145,8 +145,8 @@ struct Server_Configuration_Fields {
     std::uint32_t wapi_port = 0;
     bool wapi_use_ssl = false;
     std::uint32_t wapi_threads = 0;
-    std::string wapi_ssl_cert_path;
-    std::string ios_cert_path;
+    std::string wapi_ssl_cert_path{};
+    std::string ios_cert_path{};
 
     static constexpr std::string_view record = "Server_Configuration_Fields";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -250,7 +250,7 @@ struct Server_Configuration_Fields {
 
 /// Named values kept across restarts by the main process.
 struct Server_Variable_Fields {
-    std::map<std::string, std::string> vars;
+    std::map<std::string, std::string> vars{};
 
     static constexpr std::string_view record = "Server_Variable_Fields";
     static constexpr void fields(auto& self, auto&& visit) { visit("vars", self.vars); }
@@ -269,7 +269,7 @@ struct Get_Pseudo_Random_Data {
 
 /// Path of a metric from the root; an element behind a table names the instance.
 struct Get_Metric_Data {
-    std::list<std::string> id;
+    std::list<std::string> id{};
 
     static constexpr std::string_view record = "Get_Metric_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("id", self.id); }
@@ -294,16 +294,16 @@ struct Return_Metric_Timing_Data {
 };
 
 struct Get_Metric_Type_Data {
-    std::list<std::string> id;
+    std::list<std::string> id{};
 
     static constexpr std::string_view record = "Get_Metric_Type_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("id", self.id); }
 };
 
 struct Metric {
-    std::string name;
-    std::string unit;
-    std::string desc;
+    std::string name{};
+    std::string unit{};
+    std::string desc{};
     std::uint32_t type = 0;
 
     static constexpr std::string_view record = "Metric";
@@ -319,10 +319,10 @@ struct Metric_Table;
 
 /// A group of the metric tree with everything below it.
 struct Metric_Group {
-    std::string name;
-    std::list<Metric_Group> groups;
-    std::list<Metric_Table> tables;
-    std::list<Metric> metrics;
+    std::string name{};
+    std::list<Metric_Group> groups{};
+    std::list<Metric_Table> tables{};
+    std::list<Metric> metrics{};
 
     static constexpr std::string_view record = "Metric_Group";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -335,8 +335,8 @@ struct Metric_Group {
 
 /// A group that exists once for each instance, with the names of the instances.
 struct Metric_Table {
-    Metric_Group group;
-    std::list<std::string> instances;
+    Metric_Group group{};
+    std::list<std::string> instances{};
 
     static constexpr std::string_view record = "Metric_Table";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -347,7 +347,7 @@ struct Metric_Table {
 
 /// Levels by logger name; the key * means all.
 struct Set_Log_Level_Data {
-    std::map<std::string, std::uint32_t> logger_level;
+    std::map<std::string, std::uint32_t> logger_level{};
 
     static constexpr std::string_view record = "Set_Log_Level_Data";
     static constexpr void fields(auto& self, auto&& visit) {

@@ -18,11 +18,11 @@ namespace services {
 /// Result of one net check; `replytime` in milliseconds.
 struct remcheck_stat {
     std::int64_t ctime = 0;
-    tql::id_t check_id;
+    tql::id_t check_id{};
     std::int32_t result = 0;
     std::int32_t replytime = 0;
     std::uint32_t attempts = 0;
-    std::list<std::string> result_strings;
+    std::list<std::string> result_strings{};
 
     static constexpr std::string_view record = "remcheck_stat";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -87,7 +87,7 @@ struct snmp_uptime_stat {
 struct esxi_stat {
     double value = 0;
     std::int64_t ctime = 0;
-    tql::id_t check_id;
+    tql::id_t check_id{};
     std::uint32_t network_status = 0;
     std::int32_t status = 0;
     std::uint32_t is_enum = 0;
@@ -107,7 +107,7 @@ struct esxi_stat {
 struct agentcheck_stat {
     std::int64_t ctime = 0;
     std::uint32_t status = 0;
-    std::string comment;
+    std::string comment{};
     bool has_valid_value = false;
     float value = 0;
 
@@ -122,9 +122,9 @@ struct agentcheck_stat {
 };
 
 struct net_check_t {
-    std::string name;
-    std::string command;
-    std::string result_pattern;
+    std::string name{};
+    std::string command{};
+    std::string result_pattern{};
 
     static constexpr std::string_view record = "net_check_t";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -135,8 +135,8 @@ struct net_check_t {
 };
 
 struct Data_RemCheck_Data {
-    tql::id_t check_id;
-    services::remcheck_stat stat;
+    tql::id_t check_id{};
+    services::remcheck_stat stat{};
 
     static constexpr std::string_view record = "Data_RemCheck_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -146,8 +146,8 @@ struct Data_RemCheck_Data {
 };
 
 struct Data_SnmpCheck_Continuous_Data {
-    tql::id_t check_id;
-    snmp_continuous_stat stat;
+    tql::id_t check_id{};
+    snmp_continuous_stat stat{};
 
     static constexpr std::string_view record = "Data_SnmpCheck_Continuous_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -157,8 +157,8 @@ struct Data_SnmpCheck_Continuous_Data {
 };
 
 struct Data_SnmpCheck_Enum_Data {
-    tql::id_t check_id;
-    snmp_enum_stat stat;
+    tql::id_t check_id{};
+    snmp_enum_stat stat{};
 
     static constexpr std::string_view record = "Data_SnmpCheck_Enum_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -168,8 +168,8 @@ struct Data_SnmpCheck_Enum_Data {
 };
 
 struct Data_SnmpCheck_Uptime_Data {
-    tql::id_t check_id;
-    snmp_uptime_stat stat;
+    tql::id_t check_id{};
+    snmp_uptime_stat stat{};
 
     static constexpr std::string_view record = "Data_SnmpCheck_Uptime_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -179,8 +179,8 @@ struct Data_SnmpCheck_Uptime_Data {
 };
 
 struct Data_EsxiCheck_Data {
-    tql::id_t check_id;
-    esxi_stat stat;
+    tql::id_t check_id{};
+    esxi_stat stat{};
 
     static constexpr std::string_view record = "Data_EsxiCheck_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -190,7 +190,7 @@ struct Data_EsxiCheck_Data {
 };
 
 struct Data_DomainExport_State_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t state = 0;
 
     static constexpr std::string_view record = "Data_DomainExport_State_Data";
@@ -201,7 +201,7 @@ struct Data_DomainExport_State_Data {
 };
 
 struct Put_Check_State_Data {
-    tql::id_t check_id;
+    tql::id_t check_id{};
     std::uint32_t new_state = 0;
 
     static constexpr std::string_view record = "Put_Check_State_Data";
@@ -213,8 +213,8 @@ struct Put_Check_State_Data {
 
 struct Put_IncidentLog_Data {
     std::uint32_t time = 0;
-    tql::id_t host_id;
-    std::string text;
+    tql::id_t host_id{};
+    std::string text{};
     std::uint32_t level = 0;
 
     static constexpr std::string_view record = "Put_IncidentLog_Data";
@@ -239,9 +239,9 @@ struct Return_Host_Configured_State_Data {
 
 /// `new_id` is filled on arrival; the sender leaves it empty.
 struct Set_Host_Reconfigured_Data {
-    tql::id_t hostid;
+    tql::id_t hostid{};
     bool configure = false;
-    tql::id_t new_id;
+    tql::id_t new_id{};
 
     static constexpr std::string_view record = "Set_Host_Reconfigured_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -253,9 +253,9 @@ struct Set_Host_Reconfigured_Data {
 
 /// `new_id` is filled on arrival; the sender leaves it empty.
 struct Set_Host_Rescan_Data {
-    tql::id_t hostid;
+    tql::id_t hostid{};
     bool rescan = false;
-    tql::id_t new_id;
+    tql::id_t new_id{};
 
     static constexpr std::string_view record = "Set_Host_Rescan_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -266,14 +266,14 @@ struct Set_Host_Rescan_Data {
 };
 
 struct Checkin_Start_Data {
-    tql::id_t node_id;
+    tql::id_t node_id{};
 
     static constexpr std::string_view record = "Checkin_Start_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("node_id", self.node_id); }
 };
 
 struct Checkin_Complete_Data {
-    tql::id_t node_id;
+    tql::id_t node_id{};
     std::int64_t checkin_time = 0;
 
     static constexpr std::string_view record = "Checkin_Complete_Data";
@@ -284,7 +284,7 @@ struct Checkin_Complete_Data {
 };
 
 struct Checkin_Abort_Data {
-    tql::id_t node_id;
+    tql::id_t node_id{};
 
     static constexpr std::string_view record = "Checkin_Abort_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("node_id", self.node_id); }
@@ -292,7 +292,7 @@ struct Checkin_Abort_Data {
 
 /// Results by check.
 struct Data_AgentCheck_Data {
-    std::map<tql::id_t, agentcheck_stat> data;
+    std::map<tql::id_t, agentcheck_stat> data{};
 
     static constexpr std::string_view record = "Data_AgentCheck_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("data", self.data); }
@@ -313,10 +313,10 @@ struct Return_Data_AgentCheck_Data {
 
 /// The new ids are filled on arrival.
 struct Host_Rebooted_Data {
-    tql::id_t host;
-    tql::id_t uptime_check;
-    tql::id_t new_id1;
-    tql::id_t new_id2;
+    tql::id_t host{};
+    tql::id_t uptime_check{};
+    tql::id_t new_id1{};
+    tql::id_t new_id2{};
 
     static constexpr std::string_view record = "Host_Rebooted_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -328,8 +328,8 @@ struct Host_Rebooted_Data {
 };
 
 struct Execute_Remedy_Data {
-    tql::id_t host;
-    tql::id_t remedy;
+    tql::id_t host{};
+    tql::id_t remedy{};
 
     static constexpr std::string_view record = "Execute_Remedy_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -339,17 +339,17 @@ struct Execute_Remedy_Data {
 };
 
 struct Late_Checkin_Data {
-    tql::id_t node;
+    tql::id_t node{};
 
     static constexpr std::string_view record = "Late_Checkin_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("node", self.node); }
 };
 
 struct Audit_Event_Data {
-    tql::id_t user;
-    std::string comment;
-    std::list<tql::id_t> objects;
-    Time time;
+    tql::id_t user{};
+    std::string comment{};
+    std::list<tql::id_t> objects{};
+    Time time{};
     std::uint32_t operation = 0;
     std::uint32_t result = 0;
 
@@ -365,15 +365,15 @@ struct Audit_Event_Data {
 };
 
 struct Update_NetChecks_Data {
-    std::list<net_check_t> checks;
+    std::list<net_check_t> checks{};
 
     static constexpr std::string_view record = "Update_NetChecks_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("checks", self.checks); }
 };
 
 struct Return_NetCheck_Info_Data {
-    std::string command;
-    std::string result_pattern;
+    std::string command{};
+    std::string result_pattern{};
 
     static constexpr std::string_view record = "Return_NetCheck_Info_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -383,9 +383,9 @@ struct Return_NetCheck_Info_Data {
 };
 
 struct Add_Candidate_Node_Data {
-    std::string node_name;
-    tql::id_t domain_id;
-    std::string remaining_domain_name;
+    std::string node_name{};
+    tql::id_t domain_id{};
+    std::string remaining_domain_name{};
 
     static constexpr std::string_view record = "Add_Candidate_Node_Data";
     static constexpr void fields(auto& self, auto&& visit) {

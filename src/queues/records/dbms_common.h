@@ -14,7 +14,7 @@ namespace dbms {
 /// One message of a failed request.
 struct detail_t {
     std::uint32_t msg_type = 0;
-    std::string msg;
+    std::string msg{};
 
     static constexpr std::string_view record = "detail_t";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -25,7 +25,7 @@ struct detail_t {
 
 /// One object on the way from the root to an object.
 struct path_entry_t {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t class_ = 0;
 
     static constexpr std::string_view record = "path_entry_t";

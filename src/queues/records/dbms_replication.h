@@ -18,9 +18,9 @@ struct Get_First_ID_Data {
 };
 
 struct Return_ID_Data {
-    tql::origin_t origin;
-    std::list<dbms::path_entry_t> id_trace;
-    tql::version_t obj_ver;
+    tql::origin_t origin{};
+    std::list<dbms::path_entry_t> id_trace{};
+    tql::version_t obj_ver{};
 
     static constexpr std::string_view record = "Return_ID_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -31,14 +31,14 @@ struct Return_ID_Data {
 };
 
 struct Get_Next_ID_Data {
-    tql::id_t id;
+    tql::id_t id{};
 
     static constexpr std::string_view record = "Get_Next_ID_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("id", self.id); }
 };
 
 struct Get_First_MasterID_Data {
-    tql::id_t mountpoint_id;
+    tql::id_t mountpoint_id{};
 
     static constexpr std::string_view record = "Get_First_MasterID_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -48,10 +48,10 @@ struct Get_First_MasterID_Data {
 
 struct Return_MasterID_Data {
     bool skip_this = false;
-    tql::id_t id;
-    tql::id_t master_id;
-    tql::version_t obj_ver;
-    tql::version_t master_ver;
+    tql::id_t id{};
+    tql::id_t master_id{};
+    tql::version_t obj_ver{};
+    tql::version_t master_ver{};
     std::uint32_t master_build = 0;
     std::uint32_t slave_build = 0;
     bool locally_modified = false;
@@ -70,8 +70,8 @@ struct Return_MasterID_Data {
 };
 
 struct Get_Next_MasterID_Data {
-    tql::id_t mountpoint_id;
-    tql::id_t master_id;
+    tql::id_t mountpoint_id{};
+    tql::id_t master_id{};
 
     static constexpr std::string_view record = "Get_Next_MasterID_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -81,16 +81,16 @@ struct Get_Next_MasterID_Data {
 };
 
 struct Get_Trace_Data {
-    tql::id_t id;
+    tql::id_t id{};
 
     static constexpr std::string_view record = "Get_Trace_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("id", self.id); }
 };
 
 struct Return_Trace_Data {
-    tql::origin_t origin;
-    std::list<dbms::path_entry_t> id_trace;
-    tql::version_t obj_ver;
+    tql::origin_t origin{};
+    std::list<dbms::path_entry_t> id_trace{};
+    tql::version_t obj_ver{};
 
     static constexpr std::string_view record = "Return_Trace_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -101,8 +101,8 @@ struct Return_Trace_Data {
 };
 
 struct Get_Deleted_Data {
-    tql::id_t id;
-    tql::id_t mountpoint;
+    tql::id_t id{};
+    tql::id_t mountpoint{};
 
     static constexpr std::string_view record = "Get_Deleted_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -112,8 +112,8 @@ struct Get_Deleted_Data {
 };
 
 struct Get_Deleted_MasterId_Data {
-    tql::id_t master_id;
-    tql::id_t mountpoint;
+    tql::id_t master_id{};
+    tql::id_t mountpoint{};
 
     static constexpr std::string_view record = "Get_Deleted_MasterId_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -123,10 +123,10 @@ struct Get_Deleted_MasterId_Data {
 };
 
 struct Return_Deleted_Data {
-    tql::id_t id;
-    tql::version_t version;
-    tql::id_t master_id;
-    tql::version_t master_version;
+    tql::id_t id{};
+    tql::version_t version{};
+    tql::id_t master_id{};
+    tql::version_t master_version{};
 
     static constexpr std::string_view record = "Return_Deleted_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -138,8 +138,8 @@ struct Return_Deleted_Data {
 };
 
 struct Retire_Deleted_Data {
-    tql::id_t id;
-    tql::version_t version;
+    tql::id_t id{};
+    tql::version_t version{};
 
     static constexpr std::string_view record = "Retire_Deleted_Data";
     static constexpr void fields(auto& self, auto&& visit) {

@@ -22,7 +22,7 @@ namespace dbms {
 
 struct property_name_t {
     std::uint32_t property = 0;
-    std::string name;
+    std::string name{};
 
     static constexpr std::string_view record = "property_name_t";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -34,7 +34,7 @@ struct property_name_t {
 /// One step of a translation.
 struct path_step_t {
     bool inside = false;
-    tql::id_t id;
+    tql::id_t id{};
 
     static constexpr std::string_view record = "path_step_t";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -45,14 +45,14 @@ struct path_step_t {
 
 /// In order of class number.
 struct Return_Tql_Class_Names_Data {
-    std::list<std::string> names;
+    std::list<std::string> names{};
 
     static constexpr std::string_view record = "Return_Tql_Class_Names_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("names", self.names); }
 };
 
 struct Return_Tql_Property_Names_Data {
-    std::list<property_name_t> names;
+    std::list<property_name_t> names{};
 
     static constexpr std::string_view record = "Return_Tql_Property_Names_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("names", self.names); }
@@ -60,8 +60,8 @@ struct Return_Tql_Property_Names_Data {
 
 /// `min_eval_interval` in seconds.
 struct Tql_Select_Data {
-    std::list<tql::id_t> root_ids;
-    tql::pattern_t pattern;
+    std::list<tql::id_t> root_ids{};
+    tql::pattern_t pattern{};
     std::uint32_t flags = 0;
     std::uint64_t min_eval_interval = 0;
 
@@ -76,8 +76,8 @@ struct Tql_Select_Data {
 
 struct Return_Tql_Select_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
-    std::vector<tql::result_t> res;
+    std::list<dbms::detail_t> details{};
+    std::vector<tql::result_t> res{};
 
     static constexpr std::string_view record = "Return_Tql_Select_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -88,9 +88,9 @@ struct Return_Tql_Select_Data {
 };
 
 struct Return_Tql_Select_Patch_Data {
-    tql::id_t id;
-    tql::result_t patch;
-    tql::version_t seq;
+    tql::id_t id{};
+    tql::result_t patch{};
+    tql::version_t seq{};
 
     static constexpr std::string_view record = "Return_Tql_Select_Patch_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -101,8 +101,8 @@ struct Return_Tql_Select_Patch_Data {
 };
 
 struct Return_Tql_Select_Delete_Patch_Data {
-    tql::id_t id;
-    tql::version_t seq;
+    tql::id_t id{};
+    tql::version_t seq{};
 
     static constexpr std::string_view record = "Return_Tql_Select_Delete_Patch_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -113,12 +113,12 @@ struct Return_Tql_Select_Delete_Patch_Data {
 
 /// `new_id` is filled on arrival when the sender leaves it empty.
 struct Tql_Create_Data {
-    tql::id_t parent_id;
-    tql::id_t new_id;
+    tql::id_t parent_id{};
+    tql::id_t new_id{};
     std::uint32_t class_ = 0;
-    std::vector<tql::value_t> properties;
+    std::vector<tql::value_t> properties{};
     std::uint32_t flags = 0;
-    tql::id_t user_id;
+    tql::id_t user_id{};
 
     static constexpr std::string_view record = "Tql_Create_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -132,10 +132,10 @@ struct Tql_Create_Data {
 };
 
 struct Return_Tql_Create_Data {
-    tql::id_t new_id;
-    tql::version_t new_version;
+    tql::id_t new_id{};
+    tql::version_t new_version{};
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_Tql_Create_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -147,11 +147,11 @@ struct Return_Tql_Create_Data {
 };
 
 struct Tql_Update_Data {
-    tql::id_t id;
-    tql::version_t version;
-    std::vector<tql::value_t> properties;
+    tql::id_t id{};
+    tql::version_t version{};
+    std::vector<tql::value_t> properties{};
     std::uint32_t flags = 0;
-    tql::id_t user_id;
+    tql::id_t user_id{};
 
     static constexpr std::string_view record = "Tql_Update_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -165,8 +165,8 @@ struct Tql_Update_Data {
 
 struct Return_Tql_Update_Data {
     std::uint32_t status = 0;
-    tql::version_t new_version;
-    std::list<dbms::detail_t> details;
+    tql::version_t new_version{};
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_Tql_Update_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -177,9 +177,9 @@ struct Return_Tql_Update_Data {
 };
 
 struct Tql_Delete_Data {
-    tql::id_t id;
-    tql::version_t version;
-    tql::id_t user_id;
+    tql::id_t id{};
+    tql::version_t version{};
+    tql::id_t user_id{};
     bool clear_master_id = false;
 
     static constexpr std::string_view record = "Tql_Delete_Data";
@@ -193,7 +193,7 @@ struct Tql_Delete_Data {
 
 struct Return_Tql_Delete_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_Tql_Delete_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -203,9 +203,9 @@ struct Return_Tql_Delete_Data {
 };
 
 struct Tql_Simple_Subscribe_Data {
-    tql::id_t root;
-    std::set<std::uint32_t> classes;
-    std::set<std::uint32_t> operations;
+    tql::id_t root{};
+    std::set<std::uint32_t> classes{};
+    std::set<std::uint32_t> operations{};
     bool include_own_operations = false;
 
     static constexpr std::string_view record = "Tql_Simple_Subscribe_Data";
@@ -219,8 +219,8 @@ struct Tql_Simple_Subscribe_Data {
 
 struct Return_Tql_Simple_Subscribe_Data {
     std::uint32_t operation = 0;
-    tql::origin_t origin;
-    std::list<dbms::path_entry_t> obj_path;
+    tql::origin_t origin{};
+    std::list<dbms::path_entry_t> obj_path{};
 
     static constexpr std::string_view record = "Return_Tql_Simple_Subscribe_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -231,10 +231,10 @@ struct Return_Tql_Simple_Subscribe_Data {
 };
 
 struct NodeClass_Translate_Data {
-    tql::id_t id;
-    tql::id_t parent;
-    tql::id_t inherits;
-    std::list<tql::id_t> references;
+    tql::id_t id{};
+    tql::id_t parent{};
+    tql::id_t inherits{};
+    std::list<tql::id_t> references{};
 
     static constexpr std::string_view record = "NodeClass_Translate_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -246,17 +246,17 @@ struct NodeClass_Translate_Data {
 };
 
 struct Return_NodeClass_Translate_Data {
-    std::list<path_step_t> ids;
+    std::list<path_step_t> ids{};
 
     static constexpr std::string_view record = "Return_NodeClass_Translate_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("ids", self.ids); }
 };
 
 struct User_Acknowledge_Alert_Data {
-    tql::id_t user;
-    std::string comment;
-    tql::id_t object;
-    tql::version_t version;
+    tql::id_t user{};
+    std::string comment{};
+    tql::id_t object{};
+    tql::version_t version{};
 
     static constexpr std::string_view record = "User_Acknowledge_Alert_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -268,10 +268,10 @@ struct User_Acknowledge_Alert_Data {
 };
 
 struct User_Reset_Score_Data {
-    tql::id_t user;
-    std::string comment;
-    tql::id_t object;
-    tql::version_t version;
+    tql::id_t user{};
+    std::string comment{};
+    tql::id_t object{};
+    tql::version_t version{};
     bool recursive = false;
 
     static constexpr std::string_view record = "User_Reset_Score_Data";
@@ -307,7 +307,7 @@ struct Tql_Forget_Data {
 struct Return_Tql_Forget_Data {
     std::uint32_t forgotten_req_id = 0;
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_Tql_Forget_Data";
     static constexpr void fields(auto& self, auto&& visit) {

@@ -18,7 +18,7 @@
 namespace dbms {
 
 struct TSDB_Get_Data_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::uint32_t flags = 0;
     bool raw = false;
@@ -42,9 +42,9 @@ struct TSDB_Get_Data_Data {
 
 struct Return_TSDB_Get_Data_Data {
     std::uint32_t data_type = 0;
-    std::vector<tsdb::data_entry_t> data;
+    std::vector<tsdb::data_entry_t> data{};
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Get_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -56,10 +56,10 @@ struct Return_TSDB_Get_Data_Data {
 };
 
 struct TSDB_Put_Data_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::uint32_t data_type = 0;
-    std::vector<tsdb::data_entry_t> data;
+    std::vector<tsdb::data_entry_t> data{};
 
     static constexpr std::string_view record = "TSDB_Put_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -72,7 +72,7 @@ struct TSDB_Put_Data_Data {
 
 struct Return_TSDB_Put_Data_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Put_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -84,7 +84,7 @@ struct Return_TSDB_Put_Data_Data {
 struct TSDB_Merge_Data_Data {
     std::uint32_t tsdb_index = 0;
     std::uint32_t data_type = 0;
-    std::vector<tsdb::data_entry_t> data;
+    std::vector<tsdb::data_entry_t> data{};
 
     static constexpr std::string_view record = "TSDB_Merge_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -96,7 +96,7 @@ struct TSDB_Merge_Data_Data {
 
 struct Return_TSDB_Merge_Data_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Merge_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -106,7 +106,7 @@ struct Return_TSDB_Merge_Data_Data {
 };
 
 struct TSDB_Get_Latest_Data_Record_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::uint32_t flags = 0;
 
@@ -120,9 +120,9 @@ struct TSDB_Get_Latest_Data_Record_Data {
 
 struct Return_TSDB_Get_Latest_Data_Record_Data {
     std::uint32_t data_type = 0;
-    tsdb::data_entry_t data;
+    tsdb::data_entry_t data{};
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Get_Latest_Data_Record_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -134,10 +134,10 @@ struct Return_TSDB_Get_Latest_Data_Record_Data {
 };
 
 struct TSDB_Append_Data_Record_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::uint32_t data_type = 0;
-    tsdb::data_entry_t data;
+    tsdb::data_entry_t data{};
     std::uint32_t new_state = 0;
 
     static constexpr std::string_view record = "TSDB_Append_Data_Record_Data";
@@ -152,7 +152,7 @@ struct TSDB_Append_Data_Record_Data {
 
 struct Return_TSDB_Append_Data_Record_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Append_Data_Record_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -162,12 +162,12 @@ struct Return_TSDB_Append_Data_Record_Data {
 };
 
 struct TSDB_Append_Data_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::uint32_t data_type = 0;
-    std::vector<tsdb::data_entry_t> data;
+    std::vector<tsdb::data_entry_t> data{};
     std::uint32_t new_state = 0;
-    std::string encoded_result;
+    std::string encoded_result{};
 
     static constexpr std::string_view record = "TSDB_Append_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -182,7 +182,7 @@ struct TSDB_Append_Data_Data {
 
 struct Return_TSDB_Append_Data_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Append_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -192,7 +192,7 @@ struct Return_TSDB_Append_Data_Data {
 };
 
 struct TSDB_Truncate_Old_Data_Data {
-    tql::id_t id;
+    tql::id_t id{};
     std::uint32_t index_property = 0;
     std::int64_t time = 0;
 
@@ -206,7 +206,7 @@ struct TSDB_Truncate_Old_Data_Data {
 
 struct Return_TSDB_Truncate_Old_Data_Data {
     std::uint32_t status = 0;
-    std::list<dbms::detail_t> details;
+    std::list<dbms::detail_t> details{};
 
     static constexpr std::string_view record = "Return_TSDB_Truncate_Old_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {

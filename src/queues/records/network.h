@@ -14,7 +14,7 @@ namespace socketio {
 
 struct ReqSharedKeyGen_Data {
     std::uint32_t link_id = 0;
-    std::vector<std::uint8_t> peer_public;
+    std::vector<std::uint8_t> peer_public{};
 
     static constexpr std::string_view record = "ReqSharedKeyGen_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -25,8 +25,8 @@ struct ReqSharedKeyGen_Data {
 
 struct SharedKeyReply_Data {
     std::uint32_t link_id = 0;
-    std::vector<std::uint8_t> own_public;
-    std::vector<std::uint8_t> shared_secret;
+    std::vector<std::uint8_t> own_public{};
+    std::vector<std::uint8_t> shared_secret{};
 
     static constexpr std::string_view record = "SharedKeyReply_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -38,8 +38,8 @@ struct SharedKeyReply_Data {
 
 struct ReqFinalKeyGen_Data {
     std::uint32_t link_id = 0;
-    std::vector<std::uint8_t> shared_secret;
-    std::vector<std::uint8_t> salt;
+    std::vector<std::uint8_t> shared_secret{};
+    std::vector<std::uint8_t> salt{};
 
     static constexpr std::string_view record = "ReqFinalKeyGen_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -51,7 +51,7 @@ struct ReqFinalKeyGen_Data {
 
 struct FinalKeyReply_Data {
     std::uint32_t link_id = 0;
-    std::vector<std::uint8_t> key;
+    std::vector<std::uint8_t> key{};
 
     static constexpr std::string_view record = "FinalKeyReply_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -62,7 +62,7 @@ struct FinalKeyReply_Data {
 
 struct GridLinkInitiate_Data {
     std::uint32_t link_id = 0;
-    std::string address;
+    std::string address{};
     std::uint32_t port = 0;
 
     static constexpr std::string_view record = "GridLinkInitiate_Data";
@@ -76,7 +76,7 @@ struct GridLinkInitiate_Data {
 struct GridLinkStatusChange_Data {
     std::uint32_t link_id = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "GridLinkStatusChange_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -112,7 +112,7 @@ struct GridLinkActivity_Data {
 };
 
 struct GridSystemShutdown_Data {
-    std::string system;
+    std::string system{};
 
     static constexpr std::string_view record = "GridSystemShutdown_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("system", self.system); }
@@ -126,7 +126,7 @@ struct Return_GridSystemShutdown_Data {
 };
 
 struct RoutingTableAdd_NHL_Data {
-    std::string destination;
+    std::string destination{};
     std::uint32_t link_id = 0;
     std::uint32_t cost = 0;
 
@@ -139,7 +139,7 @@ struct RoutingTableAdd_NHL_Data {
 };
 
 struct RoutingTableRemove_NHL_Data {
-    std::string destination;
+    std::string destination{};
     std::uint32_t link_id = 0;
 
     static constexpr std::string_view record = "RoutingTableRemove_NHL_Data";
@@ -150,8 +150,8 @@ struct RoutingTableRemove_NHL_Data {
 };
 
 struct RoutingTableAdd_CM_Data {
-    std::string member;
-    std::string address;
+    std::string member{};
+    std::string address{};
     std::uint32_t port = 0;
 
     static constexpr std::string_view record = "RoutingTableAdd_CM_Data";
@@ -163,7 +163,7 @@ struct RoutingTableAdd_CM_Data {
 };
 
 struct RoutingTableRemove_CM_Data {
-    std::string member;
+    std::string member{};
 
     static constexpr std::string_view record = "RoutingTableRemove_CM_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("member", self.member); }
@@ -171,9 +171,9 @@ struct RoutingTableRemove_CM_Data {
 
 struct RPC_ClientCallRequest_Data {
     std::uint32_t call_id = 0;
-    std::string destination;
-    std::string procedure;
-    std::vector<std::uint8_t> arguments;
+    std::string destination{};
+    std::string procedure{};
+    std::vector<std::uint8_t> arguments{};
 
     static constexpr std::string_view record = "RPC_ClientCallRequest_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -186,7 +186,7 @@ struct RPC_ClientCallRequest_Data {
 
 struct RPC_ClientCallReply_Data {
     std::uint32_t call_id = 0;
-    std::vector<std::uint8_t> result;
+    std::vector<std::uint8_t> result{};
 
     static constexpr std::string_view record = "RPC_ClientCallReply_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -198,7 +198,7 @@ struct RPC_ClientCallReply_Data {
 struct RPC_ClientCallError_Data {
     std::uint32_t call_id = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "RPC_ClientCallError_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -209,14 +209,14 @@ struct RPC_ClientCallError_Data {
 };
 
 struct RPC_HandlerRegister_Data {
-    std::string procedure;
+    std::string procedure{};
 
     static constexpr std::string_view record = "RPC_HandlerRegister_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("procedure", self.procedure); }
 };
 
 struct RPC_HandlerUnregister_Data {
-    std::string procedure;
+    std::string procedure{};
 
     static constexpr std::string_view record = "RPC_HandlerUnregister_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("procedure", self.procedure); }
@@ -224,9 +224,9 @@ struct RPC_HandlerUnregister_Data {
 
 struct RPC_ProcedureCall_Data {
     std::uint32_t call_id = 0;
-    std::string source;
-    std::string procedure;
-    std::vector<std::uint8_t> arguments;
+    std::string source{};
+    std::string procedure{};
+    std::vector<std::uint8_t> arguments{};
 
     static constexpr std::string_view record = "RPC_ProcedureCall_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -239,7 +239,7 @@ struct RPC_ProcedureCall_Data {
 
 struct RPC_ProcedureCallReply_Data {
     std::uint32_t call_id = 0;
-    std::vector<std::uint8_t> result;
+    std::vector<std::uint8_t> result{};
 
     static constexpr std::string_view record = "RPC_ProcedureCallReply_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -251,7 +251,7 @@ struct RPC_ProcedureCallReply_Data {
 struct RPC_ProcedureCallFailed_Data {
     std::uint32_t call_id = 0;
     std::uint32_t status = 0;
-    std::string message;
+    std::string message{};
 
     static constexpr std::string_view record = "RPC_ProcedureCallFailed_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -262,8 +262,8 @@ struct RPC_ProcedureCallFailed_Data {
 };
 
 struct RPC_MessageForward_Data {
-    std::string destination;
-    std::vector<std::uint8_t> message;
+    std::string destination{};
+    std::vector<std::uint8_t> message{};
 
     static constexpr std::string_view record = "RPC_MessageForward_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -278,7 +278,7 @@ namespace skiogrid {
 
 struct GridCleartextSend_Data {
     std::uint32_t link_id = 0;
-    std::vector<std::uint8_t> message;
+    std::vector<std::uint8_t> message{};
 
     static constexpr std::string_view record = "GridCleartextSend_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -289,8 +289,8 @@ struct GridCleartextSend_Data {
 
 struct GridNSIncoming_Data {
     std::uint32_t link_id = 0;
-    std::string source;
-    std::vector<std::uint8_t> message;
+    std::string source{};
+    std::vector<std::uint8_t> message{};
 
     static constexpr std::string_view record = "GridNSIncoming_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -302,8 +302,8 @@ struct GridNSIncoming_Data {
 
 /// `lifetime` in seconds.
 struct GridSetEndpointSecret_Data {
-    std::string endpoint;
-    std::vector<std::uint8_t> secret;
+    std::string endpoint{};
+    std::vector<std::uint8_t> secret{};
     std::int64_t lifetime = 0;
 
     static constexpr std::string_view record = "GridSetEndpointSecret_Data";
@@ -315,15 +315,15 @@ struct GridSetEndpointSecret_Data {
 };
 
 struct GridClearEndpointSecret_Data {
-    std::string endpoint;
+    std::string endpoint{};
 
     static constexpr std::string_view record = "GridClearEndpointSecret_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("endpoint", self.endpoint); }
 };
 
 struct GridSendMessage_Data {
-    std::string destination;
-    std::vector<std::uint8_t> message;
+    std::string destination{};
+    std::vector<std::uint8_t> message{};
     std::uint32_t ttl = 0;
 
     static constexpr std::string_view record = "GridSendMessage_Data";
@@ -335,8 +335,8 @@ struct GridSendMessage_Data {
 };
 
 struct GridReceivedMessage_Data {
-    std::string source;
-    std::vector<std::uint8_t> message;
+    std::string source{};
+    std::vector<std::uint8_t> message{};
 
     static constexpr std::string_view record = "GridReceivedMessage_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -350,14 +350,14 @@ struct GridReceivedMessage_Data {
 namespace router {
 
 struct SubscribeEpsecChange_Data {
-    std::string endpoint;
+    std::string endpoint{};
 
     static constexpr std::string_view record = "SubscribeEpsecChange_Data";
     static constexpr void fields(auto& self, auto&& visit) { visit("endpoint", self.endpoint); }
 };
 
 struct EpsecChangeNotification_Data {
-    std::string endpoint;
+    std::string endpoint{};
     bool present = false;
 
     static constexpr std::string_view record = "EpsecChangeNotification_Data";

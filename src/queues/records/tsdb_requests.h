@@ -36,7 +36,7 @@ struct Get_Data_Data {
 
 struct Return_Get_Data_Data {
     std::uint32_t data_type = 0;
-    std::vector<data_entry_t> data;
+    std::vector<data_entry_t> data{};
 
     static constexpr std::string_view record = "Return_Get_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -50,7 +50,7 @@ struct Put_Data_Data {
     std::uint32_t handle = 0;
     std::uint32_t operation = 0;
     std::uint32_t data_type = 0;
-    std::vector<data_entry_t> data;
+    std::vector<data_entry_t> data{};
 
     static constexpr std::string_view record = "Put_Data_Data";
     static constexpr void fields(auto& self, auto&& visit) {
@@ -75,7 +75,7 @@ struct Truncate_Old_Data_Data {
 
 struct Recovery_Merge_TimeSeries_Data {
     std::uint32_t handle = 0;
-    std::vector<std::string> data;
+    std::vector<std::string> data{};
 
     static constexpr std::string_view record = "Recovery_Merge_TimeSeries_Data";
     static constexpr void fields(auto& self, auto&& visit) {

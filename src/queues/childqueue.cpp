@@ -1,0 +1,166 @@
+#include "queues/childqueue.h"
+
+#include <algorithm>
+
+#include "io/exception.h"
+#include "io/sibling_messenger.h"
+#include "meter/meter.h"
+#include "platform/clock.h"
+
+namespace queues {
+
+namespace {
+
+meter::Group queues_group{"queues"};
+meter::MicroSecondTiming blockings{&queues_group, "blockings",
+                                   "The time spent blocked awaiting reply from another process"};
+meter::IntegerCounter noblockings{
+    &queues_group, "noblockings", "",
+    "The number of times a reply from another process was immediately available"};
+
+}  // namespace
+
+bool lost_peers_t::test(queue_t peer) const {
+    const auto bit = static_cast<std::size_t>(peer);
+    return peer > queue_t::none && bit < bits_.size() && bits_[bit];
+}
+
+void lost_peers_t::set(queue_t peer, bool lost) {
+    const auto bit = static_cast<std::size_t>(peer);
+    if (bit >= bits_.size()) bits_.resize(bit + 1);
+    bits_[bit] = lost;
+}
+
+bool childqueue::InFront::isReady() const {
+    return !queue_.waiting_.empty() || queue_.messenger_.someSibling().isReady();
+}
+
+/// Marks the queue as busy; the outermost one tells the hook when it ends.
+class childqueue::Operation {
+  public:
+    explicit Operation(childqueue& queue) : queue_(queue) { ++queue_.depth_; }
+    ~Operation() {
+        if (--queue_.depth_ == 0 && queue_.on_free_) queue_.on_free_();
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+
+  private:
+    childqueue& queue_;
+};
+
+childqueue::childqueue(io::SiblingMessenger& messenger, const platform::Clock& clock)
+    : messenger_(messenger), clock_(clock), front_(*this) {
+    inner_.add(messenger_.someSibling());
+    watch_messenger(true);
+}
+
+childqueue::~childqueue() {
+    watch_messenger(false);
+    inner_.remove(messenger_.someSibling());
+}
+
+std::uint32_t childqueue::new_uid() {
+    if (++last_uid_ == kNoReply) ++last_uid_;
+    return last_uid_;
+}
+
+childqueue::Peer& childqueue::peer_streams(queue_t peer) {
+    std::unique_ptr<Peer>& streams = streams_[peer];
+    if (!streams)
+        streams = std::make_unique<Peer>(messenger_.sibling(static_cast<std::uint32_t>(peer)));
+    return *streams;
+}
+
+void childqueue::send(const event& sent) {
+    error::check(sent.peer > queue_t::none, "{} has no queue to go to: {}", event_name(&sent),
+                 static_cast<std::int32_t>(sent.peer));
+    // Two events at once would mix their bytes.
+    error::check(!busy(), "{} sent while the queue is busy", event_name(&sent));
+    const Operation operation(*this);
+    peer_streams(sent.peer).stream.write(sent);
+}
+
+std::unique_ptr<event> childqueue::read() {
+    if (!waiting_.empty()) return take(waiting_.begin());
+    const Operation operation(*this);
+    return read_messenger();
+}
+
+std::unique_ptr<event> childqueue::read_messenger() {
+    if (!messenger_.someSibling().isReady()) inner_.select(io::wait_t::blocking);
+    const auto sender = static_cast<queue_t>(messenger_.nextSender());
+    Peer& streams = peer_streams(sender);
+    std::unique_ptr<event> received;
+    try {
+        received = streams.stream.read();
+    } catch (const io::EEndOfStream&) {
+        lost_peers_.set(sender, true);
+        // A peer that comes back starts anew: what was read of a broken event goes with its
+        // streams' state.
+        streams.handle->endSeen();
+        streams_.erase(sender);
+        return nullptr;
+    }
+    lost_peers_.set(sender, false);
+    received->peer = sender;
+    return received;
+}
+
+std::unique_ptr<event> childqueue::take(std::list<std::unique_ptr<event>>::iterator position) {
+    std::unique_ptr<event> taken = std::move(*position);
+    waiting_.erase(position);
+    const auto entry = index_.find({taken->uid, taken->peer});
+    error::check(entry != index_.end(), "Corrupted index set");
+    index_.erase(entry);
+    if (waiting_.empty()) watch_messenger(true);
+    return taken;
+}
+
+void childqueue::keep(std::unique_ptr<event> received) {
+    index_.emplace(received->uid, received->peer);
+    waiting_.push_back(std::move(received));
+    watch_messenger(false);
+}
+
+std::unique_ptr<event> childqueue::await(std::uint32_t uid, queue_t peer) {
+    if (index_.contains({uid, peer})) {
+        const auto found = std::find_if(waiting_.begin(), waiting_.end(), [&](const auto& kept) {
+            return kept->uid == uid && kept->peer == peer;
+        });
+        error::check(found != waiting_.end(), "Corrupted index set");
+        noblockings.increment();
+        return take(found);
+    }
+    if (lost_peers_.test(peer)) return nullptr;
+    const Operation operation(*this);
+    return await_messenger(uid, peer);
+}
+
+std::unique_ptr<event> childqueue::await_messenger(std::uint32_t uid, queue_t peer) {
+    const std::uint64_t start_us = clock_.monotonic_us();
+    while (true) {
+        std::unique_ptr<event> received = read_messenger();
+        if (received && received->uid == uid && received->peer == peer) {
+            blockings.add(clock_.monotonic_us() - start_us);
+            return received;
+        }
+        const std::string arrived =
+            received && await_limit_s_ > 0 ? event_name(received.get()) : "";
+        if (received) keep(std::move(received));
+        if (lost_peers_.test(peer)) return nullptr;
+        if (!arrived.empty() &&
+            clock_.monotonic_us() - start_us > std::uint64_t{await_limit_s_} * 1'000'000)
+            throw errors::queue_await_timeout(arrived);
+    }
+}
+
+void childqueue::watch_messenger(bool on) {
+    setWatch(&messenger_.someSibling(), on);
+}
+
+void childqueue::underlyingIsReady(io::Selectable&) {
+    // Nothing to do ahead of read(): the front is ready because the messenger is.
+}
+
+}  // namespace queues
