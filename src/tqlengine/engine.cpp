@@ -24,6 +24,8 @@ ResultNodePtr evaluate_with_leads(TqlObjectHandler& handler, const tql::pattern_
     const tql::id_t origin = handler.tqlId();
     detail::LeadScan scan(*resolver, origin);
     const bool answered = scan.scan(pattern);
+    const size_t parts = scan.leads().size() + (answered ? 0 : 1);
+    if (parts > 1 && detail::needs_one_walk(pattern)) return walk.match(handler, pattern);
     ResultNodePtr result;
     for (const auto& lead : scan.leads()) {
         error::check(lead->root != nullptr, "No root of lead tree");

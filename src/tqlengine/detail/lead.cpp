@@ -1,8 +1,34 @@
 #include "tqlengine/detail/lead.h"
 
+#include <algorithm>
+
 #include "error/exception.h"
+#include "tql/names.h"
 
 namespace tqlengine::detail {
+
+namespace {
+
+// The classes of the steps that are tried at one object together.
+struct StepClasses {
+    std::set<uint32_t> hidden;
+    std::set<uint32_t> shown;
+
+    void add(const tql::pattern_t& step) {
+        const bool hides = (step.flags & tql::kPatternSplice) != 0;
+        (hides ? hidden : shown).insert(step.class_);
+        if ((step.flags & tql::kPatternRecursive) != 0)
+            for (const tql::pattern_t& successor : step.next) add(successor);
+    }
+    [[nodiscard]] bool overlap() const {
+        if (hidden.empty() || shown.empty()) return false;
+        if (hidden.contains(cls::Any) || shown.contains(cls::Any)) return true;
+        return std::any_of(hidden.begin(), hidden.end(),
+                           [&](uint32_t number) { return shown.contains(number); });
+    }
+};
+
+}  // namespace
 
 bool LeadScan::scan(const tql::pattern_t& step) {
     stack_.push_back(&step);
@@ -18,6 +44,11 @@ bool LeadScan::scan(const tql::pattern_t& step) {
     // leads bring it.
     const bool keep = (step.flags & tql::kPatternKeep) != 0;
     if (taken_over > 0 && taken_over == step.next.size() && !keep) return true;
+
+    // What follows a recursive step may begin without a single object that matches the step, so an
+    // index on the step itself would miss it.
+    const bool recursive = (step.flags & tql::kPatternRecursive) != 0;
+    if (recursive && taken_over < step.next.size()) return false;
 
     HandlerList hits;
     if (!resolver_.obviousMatches(hits, origin_, step)) return false;
@@ -75,6 +106,16 @@ tql::pattern_t LeadScan::reduced(const tql::pattern_t& step) const {
         if (!extracted_.contains(&successor)) copy.next.push_back(reduced(successor));
     if (copy.next.size() != step.next.size()) copy.flags |= kHadSuccessors;
     return copy;
+}
+
+bool needs_one_walk(const tql::pattern_t& pattern) {
+    if ((pattern.flags & tql::kPatternRecursive) != 0) {
+        StepClasses together;
+        together.add(pattern);
+        if (together.overlap()) return true;
+    }
+    return std::any_of(pattern.next.begin(), pattern.next.end(), needs_one_walk) ||
+           std::any_of(pattern.cond_next.begin(), pattern.cond_next.end(), needs_one_walk);
 }
 
 }  // namespace tqlengine::detail

@@ -64,4 +64,10 @@ class LeadScan {
     std::unordered_set<const tql::pattern_t*> extracted_;
 };
 
+/// Whether an object that a recursive step of `pattern` reaches can match both a step whose objects
+/// are hidden and one whose objects aren't. What is below such an object is put under it or under
+/// its parent depending on all of its matches together, so the pattern can't be evaluated in parts.
+/// Recurses over the pattern.
+[[nodiscard]] bool needs_one_walk(const tql::pattern_t& pattern);
+
 }  // namespace tqlengine::detail
