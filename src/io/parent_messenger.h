@@ -14,11 +14,11 @@
 
 #include <cstdint>
 #include <deque>
+#include <list>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "io/area_table.h"
@@ -85,14 +85,14 @@ class ParentMessenger final : public SiblingMessenger {
     void requestPeer(SiblingImplementation& peer) override;
     [[nodiscard]] const char* writeForbidden(uint32_t) const override { return nullptr; }
     void letGo(SiblingImplementation& peer) override;
+    void endWasSeen(SiblingImplementation& peer) override;
 
   private:
-    friend class NewSiblings;
-
     /// One life of a sibling, from coming up until its area is free.
     struct Life {
         uint32_t sibling_id;
         uint32_t area_offset;
+        uint32_t area_size;
         bool stopping = false;         ///< others were asked to let go
         bool gone = false;             ///< its process ended or said its last word
         bool parent_let_go = false;    ///< we read all of its messages
@@ -103,21 +103,25 @@ class ParentMessenger final : public SiblingMessenger {
     [[nodiscard]] Life* liveLife(uint32_t sibling_id);
     [[nodiscard]] const Life* liveLife(uint32_t sibling_id) const;
     void onIAmUp(uint32_t sibling_id);
+    void introduceWaiting();
     bool tryIntroduce(uint32_t sibling_id);
-    void introduce(uint32_t sibling_id, uint32_t offset, uint32_t size);
+    void introduce(const Life& newcomer);
     void onRequestPeer(uint32_t asker, uint32_t wanted);
     void onInitShutdown(uint32_t sibling_id);
     void onAckShutdown(uint32_t from, uint32_t about);
     void askOthersToLetGo(Life& life);
     void advance();
-    void tellAll(signal_t type, uint32_t about);
     void sendIfConnected(uint32_t to, signal_t type, uint32_t argument);
 
     ParentPolicy& policy_;
     PoolAccess access_;
     AreaTable table_;
-    std::deque<Life> lives_;
-    std::deque<uint32_t> waiting_for_room_;
+    uint32_t own_offset_ = 0;
+    uint32_t own_size_ = 0;
+    std::list<Life> lives_;          ///< in order of coming up
+    std::vector<uint32_t> waiting_;  ///< said IAmUp, not introduced yet
+    std::map<uint32_t, std::set<uint32_t>>
+        requesters_;  ///< promised sibling to those who asked for it
     NewSiblings new_siblings_;
 };
 

@@ -45,13 +45,24 @@ class SelectorBase {
     /// Looks after a member that is ready: the low-level work of its stack, or a place in the list
     /// of found members.
     void processReady(Selectable& selectable);
+    /// A member found itself ready; the next select looks after it before anything else. For
+    /// selectables.
+    void noteReady(Selectable& selectable);
+
+    // For stack fronts, when they are added and removed.
+    void holdFront(StackedSelectableFront& front) { fronts_.push_back(&front); }
+    void dropFront(StackedSelectableFront& front);
+
+    /// A selector with plain descriptors also looks at the system, without waiting, once in this
+    /// many selects that did without: a steady flow of messages must not hide a signal or the end
+    /// of a child.
+    static constexpr unsigned kSelectsInARow = 32;
 
   protected:
-    enum class woken_t { completion, handle, timeout };
-
-    /// One wait of the system for at most `timeout_us` (kNoDeadline_us: no limit, 0: no wait).
-    /// Gives `named` for a handle that is to be processed.
-    virtual woken_t wait(int64_t timeout_us, std::vector<Selectable*>& named) = 0;
+    /// One wait of the system for at most `timeout_us` (kNoDeadline_us: no limit, 0: no wait). Lets
+    /// the handles that complete i/o do so, and fills `named` with the others that are ready. False
+    /// if the time ran out.
+    virtual bool wait(int64_t timeout_us, std::vector<Selectable*>& named) = 0;
     virtual void handleAdded(SystemHandle& handle) = 0;
     virtual void handleRemoved(SystemHandle& handle) = 0;
 
@@ -65,23 +76,27 @@ class SelectorBase {
 
     Member* findMember(const Selectable& selectable);
     Selectable* takeAvailable();
-    void processReadyMembers();
-    Selectable* waitForSystem(wait_t wait, bool& timed_out);
-    Selectable* memberOfLowestDeadline(int64_t& left_us);
+    bool processReadyMembers();
+    void lookAtSystemInPassing();
+    bool waitForSystem(wait_t wait_kind);
+    Selectable* memberOfLowestDeadline(int64_t& left_us) const;
+    void processNamed();
     [[nodiscard]] bool hasAvailable() const { return avail_head_ < avail_.size(); }
 
     std::vector<Member> members_;
     uint64_t membership_changes_ = 0;
+    std::vector<StackedSelectableFront*> fronts_;
     std::vector<Selectable*> avail_;
     size_t avail_head_ = 0;
     std::vector<Selectable*> named_;
-    unsigned selects_without_system_ = 0;
+    size_t plain_handles_ = 0;  ///< members that only the system knows to be ready
+    unsigned selects_in_a_row_ = 0;
 };
 
 /// The part that talks to the system: epoll over the members' descriptors.
 class OsSelector : public SelectorBase {
   protected:
-    woken_t wait(int64_t timeout_us, std::vector<Selectable*>& named) override;
+    bool wait(int64_t timeout_us, std::vector<Selectable*>& named) override;
     void handleAdded(SystemHandle& handle) override;
     void handleRemoved(SystemHandle& handle) override;
 

@@ -12,8 +12,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -110,6 +108,7 @@ class SiblingImplementation {
     /// What arrived about a life of the peer after the present one, while its end mark is unread.
     struct NextLife {
         uint64_t area_offset = 0;
+        uint64_t area_size = 0;
         bool died = false;
         bool shutdown_asked = false;
     };
@@ -129,9 +128,10 @@ class SiblingImplementation {
     uint32_t life_ = 0;              ///< counts introductions that took effect
     uint32_t newest_life_ = 0;       ///< counts introductions that arrived
     uint64_t area_offset_ = 0;       ///< of its present life; 0: none
-    uint32_t lent_blocks_ = 0;       ///< our blocks that it has not acknowledged
-    detail::SenderQueue received_;   ///< its messages that we have not read
-    std::deque<NextLife> next_lives_;
+    uint64_t area_size_ = 0;
+    uint32_t lent_blocks_ = 0;      ///< our blocks that it has not acknowledged
+    detail::SenderQueue received_;  ///< its messages that we have not read
+    std::vector<NextLife> next_lives_;
 
     std::vector<SignalMessage> acks_;  ///< acknowledges that did not leave yet
     uint64_t ack_bytes_ = 0;           ///< payload that they give back

@@ -100,13 +100,8 @@ class SiblingMessenger : public StackedSelectableBack {
     /// assertion.
     SiblingMessenger(uint32_t own_id, SharedMemory memory, std::string fifo_prefix);
 
-    struct Shutdown {
-        bool allowed = false;
-        bool completed = false;
-    };
-
-    /// First half: a signal of a kind that parent and child treat differently. MT_Undefined never
-    /// comes here.
+    /// A signal that parent and child treat differently; MessageAt, AckMessageAt and MT_Undefined
+    /// never come here.
     virtual void handleControl(const SignalMessage& message) = 0;
     /// A message could not be announced to `peer`: see that it is introduced, or declare it dead.
     virtual void requestPeer(SiblingImplementation& peer) = 0;
@@ -114,39 +109,48 @@ class SiblingMessenger : public StackedSelectableBack {
     [[nodiscard]] virtual const char* writeForbidden(uint32_t peer_id) const = 0;
     /// An own block came back.
     virtual void blockReleased() {}
-    /// Nothing of `peer`'s present life is outstanding any more, and the parent wants to know. Its
-    /// FIFO is closed.
+    /// Nothing of `peer`'s present life is outstanding any more, as the parent wanted. Its FIFO is
+    /// closed.
     virtual void letGo(SiblingImplementation& peer) = 0;
+    /// The user read the end of `peer`.
+    virtual void endWasSeen(SiblingImplementation&) {}
 
+    /// The peer, made on first use.
     SiblingImplementation& peer(uint32_t peer_id);
-    [[nodiscard]] SiblingImplementation* findPeer(uint32_t peer_id);
-    [[nodiscard]] const std::map<uint32_t, std::unique_ptr<SiblingImplementation>>& peers() const {
-        return peers_;
-    }
-    [[nodiscard]] std::string fifoPath(uint32_t sibling_id) const;
+    using PeerMap = std::map<uint32_t, std::unique_ptr<SiblingImplementation>>;
+    [[nodiscard]] const PeerMap& peers() const { return peers_; }
     /// Opens the peer's FIFO; ENoConnection if nobody reads it, a fatal assertion if it is open.
     void openFifo(SiblingImplementation& peer);
+    [[nodiscard]] std::string fifoPath(uint32_t sibling_id) const;
 
-    /// Queues a signal to a peer whose FIFO is open, else throws ENoConnection. send() also tries
-    /// to write it.
-    void queueSignal(SiblingImplementation& peer, signal_t type, uint32_t argument);
+    /// Queues a signal to a peer whose FIFO is open and tries to write it, else throws
+    /// ENoConnection.
     void send(SiblingImplementation& peer, signal_t type, uint32_t argument);
     /// The three signals that tell `peer` of a sibling's area.
     void sendTriple(SiblingImplementation& peer, uint32_t offset, uint32_t size,
                     uint32_t sibling_id);
+    /// Waits until all signals to `peer` left and drops those to others. The last thing a process
+    /// does.
+    void flushOnly(SiblingImplementation& peer);
 
-    void takeOwnArea(uint64_t offset, uint64_t size);
-    /// `peer` has the area at `area_offset` now. Takes effect at once, or after the end of its
-    /// former life was read.
-    void peerIntroduced(SiblingImplementation& peer, uint64_t area_offset, bool open_fifo);
-    /// `peer` wants to stop, or died and its area is to be let go of.
+    /// `peer` has this area now. Takes effect at once, or when the end of its former life was read.
+    void peerIntroduced(SiblingImplementation& peer, uint64_t area_offset, uint64_t area_size);
+    /// True if `peer` died and its end was not read yet.
+    [[nodiscard]] bool endIsUnread(const SiblingImplementation& peer) const;
+    /// The parent wants nothing of `peer` to be outstanding: it stops, or it died and its area is
+    /// to be used again.
     void peerShutdown(SiblingImplementation& peer);
     void peerDied(SiblingImplementation& peer);
-    /// Drops what waits for the peer and closes its FIFO.
-    void shutDownCommunications(SiblingImplementation& peer);
+    /// Takes an area as the own one, free as a whole; all writers become ready.
+    void takeOwnArea(uint64_t offset, uint64_t size) { area_.init(offset, size); }
+    /// The size of the area of a peer that needs no introduction.
+    void setAreaSize(SiblingImplementation& peer, uint64_t size);
+    /// Marks the end of the peer's stream for its reader.
     void appendNullMessage(SiblingImplementation& peer);
-    [[nodiscard]] bool hasOutstanding(const SiblingImplementation& peer) const;
+    /// Frees the messages that wait for peers which were not introduced yet.
+    void dropUndelivered();
 
+    std::map<uint64_t, uint32_t>& writeAreas() { return write_areas_; }
     SharedMemory& memory() { return memory_; }
     WriteArea& area() { return area_; }
 
@@ -166,20 +170,22 @@ class SiblingMessenger : public StackedSelectableBack {
     [[nodiscard]] bool writerReady(const SiblingOStream& stream) const;
     size_t writeBegin(SiblingOStream& stream, uint8_t*& out);
     void writeCommit(SiblingOStream& stream, size_t count);
-    void publish(SiblingOStream& stream);
     void announce(SiblingImplementation& peer, uint32_t offset);
-    void deliverUndelivered(SiblingImplementation& peer);
     void release(uint32_t offset);
-    void releaseDeferred();
 
     // Reading: the streams call these.
     [[nodiscard]] bool readerReady(const SiblingIStream& stream) const;
     size_t readBegin(SiblingIStream& stream, const uint8_t*& out);
     void readCommit(SiblingIStream& stream, size_t count);
     void endSeen(SiblingImplementation& peer);
-    void letGoIfDone(SiblingImplementation& peer);
+
+    // Lives of a peer.
+    [[nodiscard]] bool hasOutstanding(const SiblingImplementation& peer) const;
+    void letGoWhenDone(SiblingImplementation& peer);
     void takeNextLife(SiblingImplementation& peer);
-    void beginLife(SiblingImplementation& peer, uint64_t area_offset);
+    void beginLife(SiblingImplementation& peer, uint64_t area_offset, uint64_t area_size);
+    void releaseLentTo(SiblingImplementation& peer);
+    void closeRoad(SiblingImplementation& peer);
 
     // Signals in.
     void readSignals();
@@ -188,12 +194,13 @@ class SiblingMessenger : public StackedSelectableBack {
     void onAckMessageAt(SiblingImplementation& peer, const SignalMessage& message);
 
     // Signals out.
+    void queueSignal(SiblingImplementation& peer, signal_t type, uint32_t argument);
     void queueAck(SiblingImplementation& peer, uint32_t offset, uint64_t length);
     void flushUnlessBusy();
-    void flushSome();
-    void writeGlobalList();
-    bool writeTo(SiblingImplementation& peer);
-    void writerDrained(SiblingImplementation& peer);
+    void flushIfLate();
+    void writeTo(SiblingImplementation& peer);
+    void watchIfBlocked(SiblingImplementation& peer);
+    void dropQueuedFor(const SiblingImplementation& peer);
     [[nodiscard]] size_t queuedSignals() const { return outgoing_.size() - outgoing_head_; }
 
     uint32_t id_;
@@ -202,24 +209,24 @@ class SiblingMessenger : public StackedSelectableBack {
     platform::SystemClock clock_;
     InputSignalReader input_;
     SomeSibling some_sibling_;
-    std::map<uint32_t, std::unique_ptr<SiblingImplementation>> peers_;
-    std::vector<SiblingImplementation*> peer_by_id_;
+    PeerMap peers_;
+    std::vector<SiblingImplementation*> peer_by_id_;  ///< the same, by number
 
     WriteArea area_;
+    std::map<uint64_t, uint32_t> write_areas_;  ///< area offset to sibling, of all known ones
     std::pmr::unsynchronized_pool_resource map_memory_;
     std::pmr::map<uint32_t, uint32_t> unacknowledged_;  ///< block offset to receiver
     SiblingOStream* writing_ = nullptr;                 ///< between writeBegin and writeCommit
-    SiblingOStream* unnotified_sibling_ = nullptr;
-    uint64_t block_size_ = 0;
-    uint64_t write_offset_ = 0;
-    std::vector<uint32_t> deferred_releases_;
+    uint64_t block_size_ = 0;                           ///< what writeBegin offered
+    std::vector<uint32_t> deferred_releases_;           ///< acknowledged while writing
 
     detail::ReceivedList received_;
 
-    std::vector<Outgoing> outgoing_;  ///< the global send list
+    std::vector<Outgoing> outgoing_;  ///< the global send list, from outgoing_head_ on
     size_t outgoing_head_ = 0;
     std::vector<SiblingImplementation*> with_acks_;
-    SiblingImplementation* unflushed_sibling_ = nullptr;
+    SiblingImplementation* unflushed_sibling_ =
+        nullptr;  ///< its FIFO is full and the list goes on with it
     bool handling_signals_ = false;
     uint64_t last_announce_us_ = 0;
 };
@@ -231,7 +238,6 @@ class ChildMessenger final : public SiblingMessenger {
     /// "IAmUp". error::EFatal for a missing variable, ENoConnection if there is no parent.
     ChildMessenger(uint32_t own_id, const std::string& name);
     ChildMessenger(uint32_t own_id, const PoolAccess& access);
-    ~ChildMessenger() override;
 
     /// Asks the parent to be allowed to stop. From now on only the parent can be written to; after
     /// its consent nobody. Once everything sent was read, each peer's stream ends. A second call is
@@ -255,11 +261,16 @@ class ChildMessenger final : public SiblingMessenger {
   private:
     void onSiblingAt(uint32_t sibling_id);
     void push(const SignalMessage& message);
+    void onAckShutdown();
     void drainIfDone();
     void parentIsGone();
 
+    struct Shutdown {
+        bool allowed = false;
+        bool completed = false;
+    };
+
     std::vector<SignalMessage> operands_;
-    std::map<uint64_t, uint32_t> write_areas_;
     std::optional<Shutdown> shutdown_;
     bool drained_ = false;
     platform::Fd parent_pidfd_;

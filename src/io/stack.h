@@ -28,10 +28,7 @@ class StackedSelectableBack {
     void setWatch(Selectable* underlying, bool on);
     [[nodiscard]] bool isWatched(const Selectable& underlying) const;
 
-    // For selectors and fronts.
-    [[nodiscard]] const std::vector<StackedSelectableFront*>& fronts() const { return fronts_; }
-    void addFront(StackedSelectableFront& front);
-    void removeFront(StackedSelectableFront& front);
+    // For fronts.
     void addSelector(SelectorBase& selector);
     /// One that the back doesn't know is a fatal assertion with `front_name`.
     void removeSelector(SelectorBase& selector, const StackedSelectableFront& front);
@@ -44,15 +41,13 @@ class StackedSelectableBack {
 
     std::vector<Selectable*> watched_;
     std::vector<Holder> holders_;
-    std::vector<StackedSelectableFront*> fronts_;
 };
 
 /// What a selector sees of a stack.
 class StackedSelectableFront : public virtual Selectable {
   public:
     /// `back` must outlive the front.
-    explicit StackedSelectableFront(StackedSelectableBack& back);
-    ~StackedSelectableFront() override;
+    explicit StackedSelectableFront(StackedSelectableBack& back) : back_(back) {}
 
     [[nodiscard]] StackedSelectableBack& back() const { return back_; }
     void addedTo(SelectorBase& selector) override;
