@@ -1,0 +1,459 @@
+// Selects: what an object must be to match, what a pattern gives, and that index answers change the
+// cost alone.
+#include <gtest/gtest.h>
+
+#include "fake_tree.h"
+#include "select_model.h"
+#include "support/fake_clock.h"
+#include "support/rng.h"
+#include "tql/query_text.h"
+#include "tqlengine/computed_handler.h"
+#include "tqlengine/engine.h"
+#include "tqlengine/requests.h"
+
+namespace {
+
+using tql::relop_t;
+
+template <class Kind>
+tql::condition_t where(uint32_t property, relop_t op, typename Kind::value_type value) {
+    return {std::make_unique<Kind>(property, std::move(value)), op};
+}
+
+template <class Kind>
+tql::condition_t where_null(uint32_t property, relop_t op) {
+    return {std::make_unique<Kind>(Kind::null(property)), op};
+}
+
+tql::condition_t where_id(const tql::id_t& id) {
+    return where<tql::property_object_t>(prop::id, relop_t::eq, id);
+}
+
+tql::condition_t where_name(const std::string& name) {
+    return where<tql::property_string_t>(prop::name, relop_t::eq, name);
+}
+
+struct Select : testing::Test {
+    Select() { engine.add_resolver(tree); }
+
+    dbms::Return_Tql_Select_Data run(const tql::pattern_t& pattern,
+                                     std::vector<tql::id_t> roots = {{0, 1}}) {
+        dbms::Tql_Select_Data request;
+        request.root_ids.assign(roots.begin(), roots.end());
+        request.pattern = pattern;
+        tree.listings = 0;
+        auto reply = tqlengine::process_select(request, context, report);
+        EXPECT_EQ(tree.referenced, 0U);
+        return reply;
+    }
+
+    std::string text(const tql::pattern_t& pattern, std::vector<tql::id_t> roots = {{0, 1}}) {
+        const auto reply = run(pattern, std::move(roots));
+        std::string all;
+        if (reply.status != 0)
+            all = fmt::format("status {}: {}", reply.status, reply.details.front().msg);
+        for (const auto& result : reply.res) all += fake::text_of(result);
+        return all;
+    }
+
+    fake::Tree tree;
+    tqlengine::Engine engine;
+    support::FakeClock clock;
+    tqlengine::RequestContext context{engine, clock, queues::queue_t::wapi, {}, {}};
+    tqlengine::SelectReport report;
+};
+
+// ---- one object against one step
+// --------------------------------------------------------------------
+
+TEST_F(Select, MatchesByClassTemplateFlagAndConditions) {
+    fake::Object& node = tree.add(cls::Node, {5, 6}, &tree.root());
+    node.set_name("web1");
+    tql::add<tql::property_uint_t>(node.properties, prop::type, 10);
+    tql::add_null<tql::property_string_t>(node.properties, prop::siblingName);
+    const tql::id_t other(5, 7);
+    using object_t = tql::property_object_t;
+    using set_t = tql::property_object_set_t;
+    using string_t = tql::property_string_t;
+
+    struct Case {
+        const char* what;
+        uint32_t class_number;
+        uint32_t flags;
+        std::vector<tql::condition_t> where;
+        const char* expected;  // "yes", "no" or the text of the failure
+    };
+    const std::vector<Case> cases{
+        {"class", cls::Node, 0, {}, "yes"},
+        {"any class", cls::Any, 0, {}, "yes"},
+        {"other class", cls::Check, 0, {}, "no"},
+        {"no template", cls::Node, tql::kPatternTemplates, {}, "no"},
+        {"name", cls::Any, 0, {where_name("web1")}, "yes"},
+        {"other name", cls::Any, 0, {where_name("web2")}, "no"},
+        {"name in other case",
+         cls::Any,
+         0,
+         {where<string_t>(prop::name, relop_t::ieq, "WEB1")},
+         "yes"},
+        {"all must hold",
+         cls::Any,
+         0,
+         {where_name("web1"), where<tql::property_uint_t>(prop::type, relop_t::gt, 10)},
+         "no"},
+        {"null equals null",
+         cls::Any,
+         0,
+         {where_null<string_t>(prop::siblingName, relop_t::eq)},
+         "yes"},
+        {"a property that the class doesn't have",
+         cls::Any,
+         0,
+         {where_null<string_t>(prop::comment, relop_t::eq)},
+         "no"},
+        {"tested by the class itself",
+         cls::Any,
+         0,
+         {where<string_t>(prop::label, relop_t::contains, "")},
+         "yes"},
+        {"another kind",
+         cls::Any,
+         0,
+         {where<tql::property_uint_t>(prop::name, relop_t::eq, 1)},
+         "status 11: Type mismatch, string != type of name"},
+        {"id", cls::Any, 0, {where_id({5, 6})}, "yes"},
+        {"other id", cls::Any, 0, {where_id(other)}, "no"},
+        {"null id", cls::Any, 0, {where_null<object_t>(prop::id, relop_t::eq)}, "no"},
+        {"not an id", cls::Any, 0, {where<object_t>(prop::id, relop_t::ne, other)}, "yes"},
+        {"not null", cls::Any, 0, {where_null<object_t>(prop::id, relop_t::ne)}, "yes"},
+        {"id in set", cls::Any, 0, {where<set_t>(prop::id, relop_t::in, {other, {5, 6}})}, "yes"},
+        {"id in other set", cls::Any, 0, {where<set_t>(prop::id, relop_t::in, {other})}, "no"},
+        {"id in null", cls::Any, 0, {where_null<set_t>(prop::id, relop_t::in)}, "no"},
+        {"id greater",
+         cls::Any,
+         0,
+         {where<object_t>(prop::id, relop_t::gt, other)},
+         "status 11: Unknown relative operator"},
+        {"id of another kind",
+         cls::Any,
+         0,
+         {where<string_t>(prop::id, relop_t::eq, "5.6")},
+         "status 11: Type mismatch, object != type of id"},
+        {"nothing to compare with",
+         cls::Any,
+         0,
+         {tql::condition_t{}},
+         "status 9: Condition without a value in the pattern"},
+    };
+    for (const bool shortcuts : {true, false})
+        for (const Case& row : cases) {
+            SCOPED_TRACE(fmt::format("{}, shortcuts {}", row.what, shortcuts));
+            tree.use_shortcuts = shortcuts;
+            tql::pattern_t step(row.class_number, row.flags);
+            step.where = row.where;
+            const auto reply = run(step, {{5, 6}});
+            if (reply.status != 0)
+                EXPECT_EQ(fmt::format("status {}: {}", reply.status, reply.details.front().msg),
+                          row.expected);
+            else
+                EXPECT_STREQ(reply.res.empty() ? "no" : "yes", row.expected);
+        }
+}
+
+TEST_F(Select, CountsTestsThatLookedAtProperties) {
+    for (uint32_t n = 0; n < 4; ++n) tree.add(n < 2 ? cls::Node : cls::User, {7, n}, &tree.root());
+    tql::pattern_t pattern(cls::Domain);
+    pattern.next.emplace_back(cls::Node);
+    pattern.next[0].where.push_back(where_name("nobody"));
+    EXPECT_EQ(text(pattern), "");
+    EXPECT_EQ(report.statistics.considered, 5U);
+    EXPECT_EQ(report.statistics.object_matches, 5U);
+    EXPECT_EQ(report.statistics.lengthy, 2U);
+    EXPECT_EQ(report.statistics.included, 0U);
+}
+
+// ---- results
+// ----------------------------------------------------------------------------------------
+
+struct SelectSmallTree : Select {
+    SelectSmallTree() {
+        fake::Object& branch = tree.add(cls::Domain, {1, 2}, &tree.root());
+        branch.set_name("branch");
+        fake::Object& late = tree.add(cls::Node, {1, 9}, &branch);
+        late.set_name("late");
+        tree.add(cls::Node, {1, 4}, &branch).set_name("early");
+        tree.add(cls::Check, {1, 5}, &late).set_name("ping");
+        tree.add_template(cls::Check, 3, late).set_name("suggested");
+        tree.add(cls::Domain, {1, 3}, &tree.root()).set_name("empty");
+    }
+    static tql::pattern_t step(uint32_t class_number, uint32_t flags = 0,
+                               std::vector<tql::pattern_t> next = {}, uint32_t tag = tql::kNoTag) {
+        tql::pattern_t made(class_number, flags);
+        made.next = std::move(next);
+        made.tag = tag;
+        return made;
+    }
+};
+
+TEST_F(SelectSmallTree, GivesWhatThePatternDescribes) {
+    const auto named = [](tql::pattern_t pattern) {
+        pattern.wanted_properties.insert(prop::name);
+        return pattern;
+    };
+    struct Case {
+        const char* what;
+        tql::pattern_t pattern;
+        const char* expected;
+    };
+    const std::vector<Case> cases{
+        {"children in the order of their keys",
+         step(cls::Domain, 0, {step(cls::Domain, 0, {named(step(cls::Node))})}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 3 flags 0 id 1.2 tags\n"
+         "    class 4 flags 0 id 1.4 tags 51=\"early\"\n"
+         "    class 4 flags 0 id 1.9 tags 51=\"late\"\n"},
+        {"$ keeps what has no match below",
+         step(cls::Domain, 0, {step(cls::Domain, tql::kPatternKeep, {step(cls::Report)})}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 3 flags 0 id 1.2 tags\n"
+         "  class 3 flags 0 id 1.3 tags\n"},
+        {"what follows a recursive step, and the way to it",
+         step(cls::Domain, tql::kPatternRecursive, {step(cls::Check)}), ""},
+        {"through any class", step(cls::Any, tql::kPatternRecursive, {step(cls::Check, 0, {}, 7)}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 3 flags 0 id 1.2 tags\n"
+         "    class 4 flags 0 id 1.9 tags\n"
+         "      class 1 flags 0 id 1.5 tags 7\n"},
+        {"templates only when asked for",
+         step(cls::Any, tql::kPatternRecursive | tql::kPatternSplice,
+              {step(cls::Node, 0, {named(step(cls::Check, tql::kPatternTemplates))})}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 4 flags 0 id 1.9 tags\n"
+         "    class 1 flags 2 id  tags 51=\"suggested\"\n"},
+        {"a hidden level",
+         step(cls::Domain, 0, {step(cls::Domain, tql::kPatternSplice, {step(cls::Node)})}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 4 flags 0 id 1.4 tags\n"
+         "  class 4 flags 0 id 1.9 tags\n"},
+        {"one node for an object on two branches",
+         step(cls::Domain, 0, {step(cls::Domain, 0, {}, 1), named(step(cls::Any, 0, {}, 2))}),
+         "class 3 flags 0 id 0.1 tags\n"
+         "  class 3 flags 0 id 1.2 tags 1 2 51=\"branch\"\n"
+         "  class 3 flags 0 id 1.3 tags 1 2 51=\"empty\"\n"},
+    };
+    for (const Case& row : cases) {
+        SCOPED_TRACE(row.what);
+        EXPECT_EQ(text(row.pattern), row.expected);
+    }
+    EXPECT_EQ(report.statistics.doublets, 2U);
+}
+
+TEST_F(SelectSmallTree, RootsCountOnceInIdOrderAndKeepTheirParent) {
+    tql::pattern_t pattern(cls::Domain);
+    pattern.wanted_properties.insert(prop::parentId);
+    EXPECT_EQ(text(pattern, {{1, 2}, {0, 1}, {4, 4}, {1, 2}, {}, {1, 2, 3}}),
+              "class 3 flags 0 id 0.1 tags 2=null\n"
+              "class 3 flags 0 id 1.2 tags 2=\"0.1\"\n");
+    const auto reply = run(pattern, {{1, 2}});
+    EXPECT_EQ(reply.res[0].properties.at(prop::parentId)->flags, tql::kFlagComputed);
+}
+
+TEST_F(SelectSmallTree, ShortcutVisitsTheChainAlone) {
+    for (uint32_t n = 0; n < 100; ++n) tree.add(cls::Node, {2, n}, tree.lookup({1, 3}));
+    tql::pattern_t check(cls::Check);
+    check.where.push_back(where_id({1, 5}));
+    const tql::pattern_t pattern =
+        step(cls::Domain, tql::kPatternRecursive, {step(cls::Node, 0, {check})});
+    const char* expected =
+        "class 3 flags 0 id 0.1 tags\n"
+        "  class 3 flags 0 id 1.2 tags\n"
+        "    class 4 flags 0 id 1.9 tags\n"
+        "      class 1 flags 0 id 1.5 tags\n";
+    EXPECT_EQ(text(pattern), expected);
+    EXPECT_EQ(tree.listings, 0U);
+    EXPECT_EQ(text(pattern, {{1, 3}}), "");  // the hit lies elsewhere
+    EXPECT_EQ(tree.listings, 0U);
+    tree.use_shortcuts = false;
+    EXPECT_EQ(text(pattern), expected);
+    EXPECT_GT(tree.listings, 100U);
+}
+
+struct Singleton final : tqlengine::TqlSingletonHandler {
+    explicit Singleton(uint32_t class_number) : TqlSingletonHandler(class_number) {}
+    void tqlChildrenHandlers(tqlengine::HandlerList&, const tql::pattern_t&) override {}
+    void tqlEncode(const tql::pattern_t&, tql::property_map_t&) override {}
+};
+
+TEST_F(Select, SingletonAnswersForEveryRoot) {
+    Singleton singleton(cls::MetaInfo);
+    engine.add_singleton(singleton);
+    EXPECT_EQ(text(tql::pattern_t(cls::MetaInfo), {{9, 9}, {8, 8}}),
+              "class 16 flags 0 id  tags\nclass 16 flags 0 id  tags\n");
+    EXPECT_EQ(singleton.reference_count(), 0U);
+}
+
+TEST_F(Select, SubscriptionsAreRefused) {
+    dbms::Tql_Select_Data request;
+    request.pattern = tql::pattern_t(cls::Domain);
+    request.flags = tqlengine::kSelectSubscribe;
+    const auto reply = tqlengine::process_select(request, context, report);
+    EXPECT_EQ(reply.status, errors::ERR_NOT_IMPLEMENTED);
+    EXPECT_TRUE(reply.res.empty());
+}
+
+// ---- depth and cost
+// ---------------------------------------------------------------------------------
+
+tql::pattern_t chain_pattern(size_t depth, uint32_t flags) {
+    tql::pattern_t pattern(cls::Any, flags);
+    for (size_t n = 1; n < depth; ++n) {
+        tql::pattern_t above(cls::Any, flags);
+        above.next.push_back(std::move(pattern));
+        pattern = std::move(above);
+    }
+    return pattern;
+}
+
+TEST_F(Select, DeepTreeAndDeepPatternEndInAnAnswer) {
+    constexpr uint32_t kLevels = 10'000;
+    fake::Object* deepest = &tree.root();
+    for (uint32_t n = 0; n < kLevels; ++n) deepest = &tree.add(cls::Domain, {3, n}, deepest);
+    tree.add(cls::Node, {4, 0}, deepest);
+
+    // Hidden levels bring the result into what can travel, from either road.
+    tql::pattern_t pattern(cls::Domain, tql::kPatternRecursive | tql::kPatternSplice);
+    pattern.next.emplace_back(cls::Node);
+    const char* expected = "class 3 flags 0 id 0.1 tags\n  class 4 flags 0 id 4.0 tags\n";
+    EXPECT_EQ(text(pattern), expected);
+    pattern.next[0].where.push_back(where_id({4, 0}));
+    EXPECT_EQ(text(pattern), expected);
+
+    EXPECT_EQ(text(tql::pattern_t(cls::Domain, tql::kPatternRecursive)),
+              "status 12: The result is nested more than 1000 levels deep");
+    EXPECT_EQ(text(chain_pattern(tql::kMaxPatternDepth + 1, 0)),
+              "status 12: The pattern is nested more than 1000 steps deep");
+    EXPECT_EQ(run(chain_pattern(tql::kMaxPatternDepth, 0)).status, 0U);
+    tql::pattern_t wide(cls::Domain);
+    wide.next.resize(engine.limits().pattern_steps);
+    EXPECT_EQ(text(wide), "status 12: The pattern has more than 20000 steps");
+}
+
+TEST_F(Select, MultiplyingPatternIsCutOff) {
+    fake::Object* below = &tree.root();
+    for (uint32_t n = 0; n < 30; ++n) below = &tree.add(cls::Domain, {3, n}, below);
+    tqlengine::SelectLimits limits;
+    limits.considered = 100'000;
+    engine.set_limits(limits);
+    EXPECT_EQ(text(chain_pattern(30, tql::kPatternRecursive)),
+              "status 12: The pattern has to look at more than 100000 objects");
+}
+
+// ---- random trees and patterns against the model
+// ----------------------------------------------------
+
+struct RandomSelect {
+    explicit RandomSelect(uint64_t seed) : rng(seed) {
+        engine.add_resolver(tree);
+        const size_t objects = 2 + rng.below(40);
+        while (tree.size() < objects) add_object();
+    }
+
+    void add_object() {
+        fake::Object& parent = tree.object(rng.below(tree.size()));
+        if (parent.flags == tqlengine::kObjectTemplate) return;
+        const auto number = static_cast<uint32_t>(tree.size());
+        fake::Object& made = rng.chance(10) ? tree.add_template(random_class(), number, parent)
+                                            : tree.add(random_class(), {1, 1000 - number}, &parent);
+        made.set_name(random_name());
+        if (rng.chance(20))
+            tql::add<tql::property_object_t>(made.properties, prop::masterId, random_id());
+        if (rng.chance(20))
+            tql::add<tql::property_object_t>(made.properties, prop::alertNotifyObject, random_id());
+    }
+
+    uint32_t random_class() { return std::array{cls::Domain, cls::Node, cls::Check}[rng.below(3)]; }
+    std::string random_name() { return std::string(1, static_cast<char>('a' + rng.below(3))); }
+    tql::id_t random_id() { return {1, 1000 - static_cast<uint32_t>(rng.below(tree.size() + 2))}; }
+
+    tql::condition_t random_condition() {
+        switch (rng.below(6)) {
+            case 0:
+                return where_id(random_id());
+            case 1:
+                return where<tql::property_object_set_t>(prop::id, relop_t::in,
+                                                         {random_id(), random_id(), random_id()});
+            case 2:
+                return where<tql::property_object_t>(prop::masterId, relop_t::eq, random_id());
+            case 3:
+                return where<tql::property_object_t>(prop::alertNotifyObject, relop_t::eq,
+                                                     random_id());
+            case 4:
+                return where<tql::property_object_t>(prop::id, relop_t::ne, random_id());
+            default:
+                return where_name(random_name());
+        }
+    }
+
+    tql::pattern_t random_pattern(int levels) {
+        tql::pattern_t step(rng.chance(40) ? cls::Any : random_class());
+        if (rng.chance(35)) step.flags |= tql::kPatternRecursive;
+        if (rng.chance(20)) step.flags |= tql::kPatternKeep;
+        if (rng.chance(15)) step.flags |= tql::kPatternSplice;
+        if (rng.chance(5)) step.flags |= tql::kPatternTemplates;
+        if (rng.chance(10)) step.flags |= tql::kPatternAllProperties;
+        if (rng.chance(40)) step.wanted_properties.insert(prop::name);
+        if (rng.chance(50)) step.tag = static_cast<uint32_t>(rng.below(4));
+        if (rng.chance(30)) step.where.push_back(random_condition());
+        if (levels == 0) return step;
+        for (uint64_t n = rng.below(3); n > 0; --n) step.next.push_back(random_pattern(levels - 1));
+        if (rng.chance(30)) step.cond_next.push_back(random_pattern(levels - 1));
+        return step;
+    }
+
+    std::string expected(const tql::pattern_t& pattern, const tql::id_t& root) {
+        fake::Object* object = tree.lookup(root);
+        if (!object) return "";
+        fake::Result result = fake::model(*object, pattern);
+        if (!result) return "";
+        if (pattern.wants(prop::parentId))
+            result->properties[prop::parentId] =
+                object->parent() ? "\"" + object->parent()->tqlId().to_string() + "\"" : "null";
+        return fake::text_of(*result);
+    }
+
+    support::Rng rng;
+    fake::Tree tree;
+    tqlengine::Engine engine;
+};
+
+TEST(SelectRandom, AgreesWithTheModelWithAndWithoutShortcuts) {
+    support::FakeClock clock;
+    size_t found = 0;
+    for (uint64_t seed = 1; seed <= 400; ++seed) {
+        RandomSelect world(seed);
+        tqlengine::RequestContext context{world.engine, clock, queues::queue_t::wapi, {}, {}};
+        for (int round = 0; round < 25; ++round) {
+            dbms::Tql_Select_Data request;
+            request.pattern = world.random_pattern(3);
+            const tql::id_t root = round % 2 ? tql::id_t(0, 1) : world.random_id();
+            request.root_ids.push_back(root);
+            const std::string expected = world.expected(request.pattern, root);
+            found += !expected.empty();
+            for (const bool shortcuts : {true, false}) {
+                SCOPED_TRACE(fmt::format("seed {} round {} shortcuts {}: {} at {}", seed, round,
+                                         shortcuts, tql::pattern_text(request.pattern),
+                                         root.to_string()));
+                world.tree.use_shortcuts = shortcuts;
+                tqlengine::SelectReport report;
+                const auto reply = tqlengine::process_select(request, context, report);
+                ASSERT_EQ(reply.status, 0U);
+                std::string text;
+                for (const auto& result : reply.res) text += fake::text_of(result);
+                ASSERT_EQ(text, expected);
+                ASSERT_EQ(world.tree.referenced, 0U);
+            }
+        }
+    }
+    EXPECT_GT(found, 1000U);  // the patterns aren't so narrow that nothing is compared
+}
+
+}  // namespace
