@@ -1,0 +1,430 @@
+// Cases of the index trees that random keys rarely meet, what the start of the indexes does, and
+// what the verifier says about blocks damaged on purpose.
+
+#include "mdb/index.h"
+
+#include <gtest/gtest.h>
+#include <optional>
+
+#include "mdb/index_layout.h"
+#include "mdb/object_store.h"
+#include "mdb/object_verify.h"
+#include "mdb/property_types.h"
+#include "test_database.h"
+
+namespace {
+
+using mdb::block_handle_t;
+using mdb::mark_t;
+using mdb::Transaction;
+
+constexpr uint32_t kUnique = mdb::node_id_index;
+constexpr uint32_t kRuns = mdb::parent_id_index;
+const uint32_t kLeafCapacity = mdb::leaf_capacity(1024);
+
+NodeId id(uint32_t n) {
+    return {1, n};
+}
+block_handle_t at(uint32_t n) {
+    return {n, 64};
+}
+
+class IndexTest : public testing::Test {
+  protected:
+    IndexTest() : file(4 << 20, 16 << 20) { open(); }
+
+    void close() {
+        store.reset();
+        indexes.reset();
+        file.close();
+    }
+    void open() {
+        close();
+        database = &file.open(64);
+        indexes.emplace(*database);
+        indexes->init_required_indexes();
+        store.emplace(*database, *indexes);
+    }
+    template <class Work>
+    void change(Work&& work) {
+        Transaction transaction(database->journal());
+        work();
+        transaction.commit();
+    }
+    void insert(NodeId key, uint32_t value) {
+        change([&] { indexes->non_unique_insert(kRuns, key, at(value)); });
+    }
+    void erase(NodeId key, uint32_t value) {
+        change([&] { indexes->non_unique_delete(kRuns, key, at(value)); });
+    }
+    void insert_unique(uint32_t n) {
+        change([&] { indexes->unique_update(kUnique, id(n), at(n), false); });
+    }
+    void erase_unique(uint32_t n) {
+        change([&] { indexes->unique_delete(kUnique, id(n)); });
+    }
+    /// Second words of all keys, in the order of the index.
+    std::vector<uint32_t> keys(uint32_t n) {
+        std::vector<uint32_t> result;
+        for (auto it = indexes->iterate_first(n); it.valid(); indexes->iterator_next(it))
+            result.push_back(indexes->iterator_key(it).second);
+        return result;
+    }
+    std::vector<uint32_t> values_of(NodeId key) {
+        std::vector<uint32_t> result;
+        for (auto it = indexes->non_unique_search(kRuns, key); it.at_searched_key();
+             indexes->iterator_next(it))
+            result.push_back(indexes->iterator_value(it).block);
+        return result;
+    }
+    void expect_whole() {
+        for (uint32_t n = 0; n < indexes->index_count(); ++n)
+            EXPECT_EQ(indexes->verify_index(n), "") << "index " << n;
+    }
+    uint32_t root(uint32_t n) { return database->header().index_root(n); }
+    uint32_t word(uint32_t block, uint32_t offset) {
+        return util::load_be32(database->cache().cached_block(block) + offset);
+    }
+    /// Child `p` of the root.
+    uint32_t child(uint32_t n, uint32_t p) {
+        return word(root(n), p == 0 ? mdb::node_layout::ptr0 : 20 + 12 * (p - 1));
+    }
+    /// Overwrites a word of a block, as damage would.
+    void damage(uint32_t block, uint32_t offset, uint32_t value) {
+        std::array<std::byte, 4> bytes;
+        util::store_be32(bytes.data(), value);
+        change([&] {
+            database->journal().journal_update(bytes.data(), 4,
+                                               database->store().block_offset(block) + offset);
+        });
+    }
+    block_handle_t create(NodeId own, NodeId parent) {
+        auto& serializer = database->serializer();
+        serializer.serial_reset();
+        serializer.serial_add(mdb::PropertyNodeId(0, own));
+        serializer.serial_add(mdb::PropertyNodeId(2, parent));
+        serializer.serial_add(mdb::PropertyBool(502, own.second % 2 == 0));
+        serializer.serial_add(mdb::PropertyNodeId(59, {0, 7}));
+        return store->store_object({});
+    }
+
+    mdb_test::TestDatabase file;
+    mdb::Database* database = nullptr;
+    std::optional<mdb::IndexTable> indexes;
+    std::optional<mdb::ObjectStore> store;
+};
+
+TEST_F(IndexTest, AnEmptyIndex) {
+    EXPECT_THROW(static_cast<void>(indexes->unique_search(kUnique, id(1))), mdb::error_nomatch);
+    auto it = indexes->iterate_first(kUnique);
+    EXPECT_FALSE(it.valid());
+    EXPECT_THROW(indexes->iterator_next(it), mdb::error_internal);
+    EXPECT_THROW(static_cast<void>(indexes->iterator_key(it)), mdb::error_internal);
+    EXPECT_EQ(child(kUnique, 0), 0U);
+    EXPECT_FALSE(indexes->find_after(kUnique, id(0)).valid());
+    expect_whole();
+}
+
+TEST_F(IndexTest, GoldenBytesOfTheFirstLeaf) {
+    change([&] { indexes->unique_update(kUnique, {1, 0xFFFFE381}, {9, 64}, false); });
+    const uint32_t leaf = child(kUnique, 0);
+    EXPECT_EQ(database->allocator().query_mark(leaf), mark_t::leaf);
+    database->journal().full_checkpoint();
+    EXPECT_EQ(file.part("db", leaf * 1024, 32),
+              mdb_test::hex("4C454146 00000000 00000000 00000001 00000001 FFFFE381 00000009 "
+                            "00000040"));
+    EXPECT_EQ(file.part("db", root(kUnique) * 1024, 12), [&] {
+        auto bytes = mdb_test::hex("52494E54 00000000 00000000");
+        bytes[11] = static_cast<uint8_t>(leaf);
+        return bytes;
+    }());
+}
+
+TEST_F(IndexTest, TheLastEntryTakesTheLeafAway) {
+    insert_unique(1);
+    const uint32_t leaf = child(kUnique, 0);
+    erase_unique(1);
+    EXPECT_EQ(child(kUnique, 0), 0U);
+    EXPECT_EQ(word(root(kUnique), mdb::node_layout::nkeys), 0U);
+    EXPECT_EQ(database->allocator().query_mark(leaf), mark_t::empty);
+    insert_unique(2);
+    EXPECT_EQ(keys(kUnique), (std::vector<uint32_t>{2}));
+    expect_whole();
+}
+
+TEST_F(IndexTest, ALeafSplitsInTheMiddleAndTheRootStays) {
+    const uint32_t root_block = root(kUnique);
+    for (uint32_t n = 1; n <= kLeafCapacity; ++n) insert_unique(n * 10);
+    EXPECT_EQ(word(root_block, mdb::node_layout::nkeys), 0U);
+    insert_unique(5);
+    EXPECT_EQ(word(root_block, mdb::node_layout::nkeys), 1U);
+    // Entry 32 of 63 starts the new leaf.
+    EXPECT_EQ(word(root_block, 16), 330U);
+    for (uint32_t n = kLeafCapacity + 1; n <= 6000; ++n) insert_unique(n * 10);
+    EXPECT_EQ(root(kUnique), root_block);
+    EXPECT_EQ(database->allocator().query_mark(child(kUnique, 0)), mark_t::non_root_index);
+    expect_whole();
+    // Taking everything out from the front renames and removes separators all the way.
+    erase_unique(5);
+    for (uint32_t n = 1; n <= 6000; ++n) erase_unique(n * 10);
+    EXPECT_EQ(child(kUnique, 0), 0U);
+    expect_whole();
+}
+
+TEST_F(IndexTest, RemovingTheFirstKeyOfALeafRenamesItsSeparator) {
+    for (uint32_t n = 1; n <= kLeafCapacity + 1; ++n) insert_unique(n * 10);
+    EXPECT_EQ(word(root(kUnique), 16), 330U);
+    erase_unique(330);
+    EXPECT_EQ(word(root(kUnique), 16), 340U);
+    erase_unique(10);
+    EXPECT_EQ(word(root(kUnique), 16), 340U) << "the leftmost leaf has no separator";
+    insert_unique(335);
+    EXPECT_EQ(indexes->unique_search(kUnique, id(335)), at(335));
+    expect_whole();
+}
+
+TEST_F(IndexTest, UniqueConflictsAndAbsence) {
+    insert_unique(1);
+    const auto text_of = [&](auto&& work) -> std::string {
+        Transaction transaction(database->journal());
+        try {
+            work();
+        } catch (const mdb::error_generic& e) {
+            return e.text();
+        }
+        return "";
+    };
+    EXPECT_EQ(text_of([&] { indexes->unique_update(kUnique, id(1), at(5), false); }),
+              "Conflict on ID 1.1 previously 1:64 new 5:64");
+    EXPECT_EQ(text_of([&] { indexes->unique_update(kUnique, id(2), at(5), true); }),
+              "Missing entry for ID 1.2 new 5:64");
+    EXPECT_EQ(text_of([&] { indexes->unique_delete(kUnique, id(2)); }),
+              "NodeId index deletion could not find element to delete");
+    EXPECT_EQ(text_of([&] { indexes->unique_delete(kRuns, id(2)); }),
+              "Attempt to use unique delete on non-unique index");
+    EXPECT_EQ(text_of([&] { indexes->non_unique_insert(5, id(2), at(1)); }),
+              "Attempt to insert in non-unique non-existant index");
+    EXPECT_EQ(text_of([&] { static_cast<void>(indexes->iterate_first(6)); }),
+              "Unknown index given at full-index iteration");
+    change([&] { indexes->unique_update(kUnique, id(1), at(9), true); });
+    EXPECT_EQ(indexes->unique_search(kUnique, id(1)), at(9));
+}
+
+TEST_F(IndexTest, FindAfterStepsOverLeaves) {
+    for (uint32_t n = 1; n <= 200; ++n) insert_unique(n * 2);
+    for (uint32_t n = 0; n <= 401; ++n) {
+        const auto it = indexes->find_after(kUnique, id(n));
+        ASSERT_EQ(it.valid(), n < 400) << n;
+        if (it.valid()) {
+            EXPECT_EQ(indexes->iterator_key(it).second, n / 2 * 2 + 2);
+        }
+    }
+    EXPECT_TRUE(indexes->find_after(kUnique, {0, 0xFFFFFFFF}).valid());
+    EXPECT_FALSE(indexes->find_after(kUnique, {2, 0}).valid());
+}
+
+TEST_F(IndexTest, ARunOverManyLeavesBetweenOtherKeys) {
+    insert(id(10), 1);
+    insert(id(30), 1);
+    const uint32_t count = kLeafCapacity * 4;
+    std::vector<uint32_t> order;
+    for (uint32_t n = 1; n <= count; ++n) {
+        insert(id(20), n);
+        order.push_back(n);
+    }
+    EXPECT_EQ(values_of(id(20)), order) << "new entries go behind those with the same key";
+    expect_whole();
+    // From the back of the run, through the right links, and from its front.
+    erase(id(20), count);
+    order.pop_back();
+    erase(id(20), 1);
+    order.erase(order.begin());
+    erase(id(20), count / 2);
+    std::erase(order, count / 2);
+    EXPECT_EQ(values_of(id(20)), order);
+    EXPECT_EQ(values_of(id(10)).size(), 1U);
+    EXPECT_EQ(values_of(id(30)).size(), 1U);
+    EXPECT_THROW(erase(id(20), count + 7), mdb::error_fubar);
+    EXPECT_THROW(erase(id(25), 1), mdb::error_fubar);
+    // A whole leaf of the run goes from the middle; keys left and right of the run are still found.
+    for (uint32_t n = count / 4; n < count / 4 * 3; ++n) {
+        if (n == count / 2) continue;
+        erase(id(20), n);
+        std::erase(order, n);
+    }
+    EXPECT_EQ(values_of(id(20)), order);
+    insert(id(15), 2);
+    insert(id(25), 2);
+    EXPECT_EQ(values_of(id(15)).size(), 1U);
+    EXPECT_EQ(values_of(id(25)).size(), 1U);
+    expect_whole();
+    change([&] { indexes->non_unique_update(kRuns, id(20), at(order.back()), at(9999)); });
+    order.back() = 9999;
+    EXPECT_EQ(values_of(id(20)), order);
+    Transaction transaction(database->journal());
+    EXPECT_THROW(indexes->non_unique_update(kRuns, id(20), at(8888), at(1)), mdb::error_internal);
+}
+
+TEST_F(IndexTest, ANonUniqueIteratorRunsPastItsKeyToTheEnd) {
+    for (uint32_t n = 1; n <= 100; ++n) insert(id(n * 2), n);
+    // A key that isn't there: the next greater one, whichever leaf it is in.
+    for (uint32_t n = 0; n < 200; n += 2) {
+        const auto it = indexes->non_unique_search(kRuns, id(n + 1));
+        ASSERT_TRUE(it.valid());
+        EXPECT_FALSE(it.at_searched_key());
+        EXPECT_EQ(indexes->iterator_key(it).second, n + 2);
+    }
+    auto it = indexes->non_unique_search(kRuns, id(150));
+    uint32_t seen = 0;
+    for (; it.valid(); indexes->iterator_next(it)) ++seen;
+    EXPECT_EQ(seen, 26U);
+    EXPECT_THROW(indexes->iterator_next(it), mdb::error_internal);
+    EXPECT_FALSE(indexes->non_unique_search(kRuns, id(201)).valid());
+}
+
+TEST_F(IndexTest, ASearchSeesItsTransactionAndNotAnAbortedOne) {
+    insert_unique(1);
+    {
+        Transaction transaction(database->journal());
+        indexes->unique_update(kUnique, id(2), at(2), false);
+        indexes->unique_delete(kUnique, id(1));
+        EXPECT_EQ(indexes->unique_find(kUnique, id(2)), at(2));
+        EXPECT_EQ(indexes->unique_find(kUnique, id(1)), std::nullopt);
+    }
+    EXPECT_EQ(indexes->unique_find(kUnique, id(2)), std::nullopt);
+    EXPECT_EQ(indexes->unique_find(kUnique, id(1)), at(1));
+    expect_whole();
+}
+
+TEST_F(IndexTest, StartBuildsMissingIndexesFromADeepTree) {
+    const block_handle_t top = create({0, 1}, {});
+    // A chain that recursion over objects would not survive.
+    constexpr uint32_t kDepth = 10'000;
+    for (uint32_t n = 2; n <= kDepth; ++n) create({0, n}, {0, n - 1});
+    EXPECT_EQ(indexes->index_count(), 2U);
+    mdb::start_indexes(*indexes, top, 12);
+    EXPECT_EQ(indexes->index_count(), 6U);
+    EXPECT_EQ(keys(mdb::active_parent_index).size(), kDepth / 2);
+    EXPECT_EQ(keys(mdb::inherits_index).size(), kDepth);
+    EXPECT_EQ(keys(mdb::master_id_index).size(), 0U);
+    expect_whole();
+    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+
+    open();
+    mdb::start_indexes(*indexes, top, 12);
+    expect_whole();
+    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+    EXPECT_THROW(indexes->build_index(top, kRuns), mdb::error_internal);
+}
+
+TEST_F(IndexTest, ACycleOfParentsEndsTheBuild) {
+    const block_handle_t first = create({0, 1}, {0, 2});
+    create({0, 2}, {0, 1});
+    EXPECT_TRUE(indexes->ensure_index(2));
+    EXPECT_THROW(indexes->build_index(first, 2), mdb::error_need_repair);
+}
+
+TEST_F(IndexTest, SparseIndexesAreRefused) {
+    EXPECT_THROW(static_cast<void>(indexes->ensure_index(3)), mdb::error_internal);
+    EXPECT_TRUE(indexes->ensure_index(2));
+    EXPECT_FALSE(indexes->ensure_index(2));
+    EXPECT_THROW(static_cast<void>(indexes->ensure_index(4)), mdb::error_internal);
+}
+
+TEST_F(IndexTest, AnAliasedIndexIsDroppedAndBuiltAnew) {
+    const block_handle_t top = create({0, 1}, {});
+    create({0, 2}, {0, 1});
+    EXPECT_TRUE(indexes->ensure_index(2));
+    indexes->build_index(top, 2);
+    EXPECT_FALSE(indexes->detect_aliasing(2));
+    damage(root(2), mdb::node_layout::ptr0, top.block);
+    EXPECT_TRUE(indexes->detect_aliasing(2));
+    mdb::start_indexes(*indexes, top, 12);
+    EXPECT_FALSE(indexes->detect_aliasing(2));
+    EXPECT_EQ(keys(2), (std::vector<uint32_t>{1}));
+    open();
+    mdb::start_indexes(*indexes, top, 12);
+    EXPECT_EQ(keys(2), (std::vector<uint32_t>{1}));
+    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+}
+
+TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
+    for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
+    const uint32_t root_block = root(kUnique);
+    const uint32_t first = child(kUnique, 0);
+    const uint32_t second = child(kUnique, 1);
+    const uint32_t second_key = word(second, 20);
+    struct Row {
+        const char* rule;
+        uint32_t block;
+        uint32_t offset;
+        uint32_t value;
+    };
+    const Row rows[] = {
+        {"N1 block", first, 0, 0x12345678},
+        {"N1 block", root_block, mdb::node_layout::ptr0, second},
+        {"N1 block", root_block, mdb::node_layout::ptr0, 0x00F00000},
+        {"N2 node", root_block, mdb::node_layout::nkeys, 85},
+        {"N2 leaf", first, mdb::leaf_layout::nkeys, 64},
+        {"N2 node", root_block, mdb::node_layout::ptr0, 0},
+        {"N3 leaf", second, 20 + 16, second_key},
+        {"N3 node", root_block, 16, 0xFFFFFF00},
+        {"N4 block", second, 20, 11},
+        {"N4 block", root_block, 16, 20},
+        {"N6 leaf", first, mdb::leaf_layout::right, 0},
+        {"N6 leaf", second, mdb::leaf_layout::left, 7},
+        {"N7", first, mdb::leaf_layout::nkeys, 0},
+    };
+    expect_whole();
+    for (const Row& row : rows) {
+        const uint32_t whole = word(row.block, row.offset);
+        damage(row.block, row.offset, row.value);
+        EXPECT_NE(indexes->verify_index(kUnique).find(row.rule), std::string::npos)
+            << row.rule << "\n"
+            << indexes->verify_index(kUnique);
+        damage(row.block, row.offset, whole);
+        expect_whole();
+    }
+    change([&] { database->allocator().set_mark(first, mark_t::lob); });
+    EXPECT_NE(indexes->verify_index(kUnique).find("N1 block"), std::string::npos);
+}
+
+TEST_F(IndexTest, TheVerifierNamesLeavesOfOtherDepths) {
+    for (uint32_t n = 1; n <= 6000; ++n) insert_unique(n * 10);
+    const uint32_t node = child(kUnique, 0);
+    ASSERT_EQ(database->allocator().query_mark(node), mark_t::non_root_index);
+    damage(root(kUnique), mdb::node_layout::ptr0, word(node, mdb::node_layout::ptr0));
+    EXPECT_NE(indexes->verify_index(kUnique).find("N5 leaf"), std::string::npos);
+}
+
+TEST_F(IndexTest, TheVerifierNamesDoubleEntries) {
+    insert(id(1), 5);
+    insert(id(1), 6);
+    const uint32_t leaf = child(kRuns, 0);
+    damage(leaf, 16 + 16 + 8, 5);
+    EXPECT_NE(indexes->verify_index(kRuns).find("N8 entry"), std::string::npos);
+}
+
+TEST_F(IndexTest, DamageEndsOperationsWithAnError) {
+    for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
+    const uint32_t first = child(kUnique, 0);
+    const uint32_t root_block = root(kUnique);
+    const auto expect_repair = [&](uint32_t block, uint32_t offset, uint32_t value) {
+        const uint32_t whole = word(block, offset);
+        damage(block, offset, value);
+        EXPECT_THROW(static_cast<void>(indexes->unique_search(kUnique, id(10))),
+                     mdb::error_consistency);
+        EXPECT_THROW(insert_unique(11), mdb::error_consistency);
+        EXPECT_THROW(static_cast<void>(indexes->iterate_first(kUnique)), mdb::error_consistency);
+        EXPECT_FALSE(database->journal().transaction_active());
+        damage(block, offset, whole);
+        expect_whole();
+    };
+    expect_repair(first, 0, 0);
+    expect_repair(first, mdb::leaf_layout::nkeys, 0xFFFFFFFF);
+    expect_repair(root_block, mdb::node_layout::nkeys, 0xFFFFFFFF);
+    // A node that is its own child.
+    expect_repair(root_block, mdb::node_layout::ptr0, root_block);
+}
+
+}  // namespace
