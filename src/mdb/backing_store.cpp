@@ -84,6 +84,7 @@ void BackingStore::block_write(const void* data, uint32_t block, uint32_t count)
 void BackingStore::sync_store() {
     try {
         file_->sync_data();
+        grown_ = false;
     } catch (const error::ESystemError& failure) {
         throw error_io(
             fmt::format("sync error on backing store: {}", std::strerror(failure.code())));
@@ -104,6 +105,7 @@ void BackingStore::ensure_block(uint32_t block) {
     if (step == 0) step = block_size_;
     const uint64_t wanted = std::max(file_length_ + step, (uint64_t{block} + 1) * block_size_);
     logger.info("Attempting to grow MDB from {} bytes to {} bytes", file_length_, wanted);
+    grown_ = true;
     write_zero_blocks(wanted);
     if (!block_in_file(block))
         throw error_dbnospace(fmt::format("Cannot grow the MDB to accomodate block {}", block));

@@ -41,6 +41,8 @@ class BackingStore {
     /// Afterwards the block is in the file, or error_dbnospace was thrown.
     void ensure_block(uint32_t block);
 
+    /// True when ensure_block() has grown the file since the last sync_store().
+    [[nodiscard]] bool grown() const noexcept { return grown_; }
     /// Fills a last block that the file holds only in part with zeros, as a replay may leave one.
     void complete_last_block();
 
@@ -63,6 +65,7 @@ class BackingStore {
     std::string path_;
     std::unique_ptr<platform::File> file_;
     uint64_t file_length_ = 0;
+    bool grown_ = false;
     uint32_t block_size_ = 0;
     uint32_t block_shift_ = 0;
 };

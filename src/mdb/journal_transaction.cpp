@@ -140,6 +140,9 @@ void Journal::commit(bool asynchronous) {
 }
 
 void Journal::write_transaction(bool flush) {
+    // A mark in the journal must not outlive the block that it marks: replay would find the file
+    // too short.
+    if (store_.grown()) store_.sync_store();
     security::Crc32 crc;
     crc.update(transaction_fill_, transaction_.get());
     std::byte* entry = reserve_entry(layout::kEndSize);
