@@ -185,6 +185,46 @@ TEST(PowerCut, AgainDuringOrAfterTheReplay) {
         (void)survives_cut(1 + rng.below(250), rng.next(), 1 + rng.below(60));
 }
 
+TEST(PowerCut, DuringTheReplayOfAKilledProcess) {
+    // What the dead process wrote stands in memory only when the replay begins.
+    for (uint64_t n = 1, done = 0; done == 0; ++n) {
+        for (uint64_t seed = 1; seed <= 30 && !testing::Test::HasFailure(); ++seed) {
+            SCOPED_TRACE(testing::Message() << "cut at " << n << " seed " << seed);
+            Workload work(seed);
+            work.open();
+            for (int step = 1; step <= 7; ++step) work.run_one(step);
+            work.close();
+            work.disk.cut_at(n, seed);
+            try {
+                work.open();
+                done = n;
+            } catch (const SimDisk::PowerCut&) {
+                work.close();
+                work.disk.restart();
+                work.open();
+            }
+            EXPECT_GE(work.shown(), work.durable);
+        }
+    }
+}
+
+TEST(PowerCut, FindsTheIndexEntryOfAHalfThatWasWrittenTo) {
+    // Were it lost, the next start would give the same serial to other transactions in the same
+    // half.
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        Workload work(0);
+        work.open();
+        work.database->journal().flip(false);
+        const uint64_t serial = work.database->journal().current_serial();
+        work.disk.cut_at(1, seed);
+        EXPECT_THROW(work.run_one(1), SimDisk::PowerCut);
+        work.close();
+        work.disk.restart();
+        work.open();
+        EXPECT_EQ(work.database->journal().current_serial(), serial + 1);
+    }
+}
+
 TEST(KilledProcess, LosesNothingThatWasCommitted) {
     Workload work(1);
     work.open();

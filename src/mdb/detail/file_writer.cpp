@@ -34,16 +34,19 @@ void FileWriter::write_block(uint32_t block, const std::byte* source, const Bloc
         emit(base + pieces_[0].start, source + pieces_[0].source, pieces_[0].length);
         return;
     }
-    merge_runs();
     if (const std::byte* cached = cache == nullptr ? nullptr : cache->peek(block)) {
-        // What lies between the runs is in the file already as the cache has it.
-        const uint32_t start = runs_.front().start;
-        emit(base + start, cached + start, runs_.back().end - start);
+        // What no update touched is in the file already as the cache has it.
+        emit(base, cached, store_.block_size());
         return;
     }
+    merge_runs();
     image_.resize(store_.block_size());
+    // Many small writes cost more than reading the block and writing it once.
+    const bool whole = runs_.size() > 2 && store_.block_in_file(block);
+    if (whole) store_.block_read(image_.data(), block, 1);
     for (const BlockUpdates::Piece& piece : pieces_)
         std::memcpy(image_.data() + piece.start, source + piece.source, piece.length);
+    if (whole) runs_.assign(1, {0, store_.block_size()});
     for (const Run& run : runs_)
         emit(base + run.start, image_.data() + run.start, run.end - run.start);
 }
