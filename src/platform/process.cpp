@@ -39,6 +39,7 @@ std::vector<std::string> merged_environment(const SpawnRequest& request) {
 // Runs in the new process: only calls that are safe between fork and exec.
 [[noreturn]] void run_child(const SpawnRequest& request, char* const* arguments,
                             char* const* environment, int report_fd) {
+    if (request.own_process_group) ::setpgid(0, 0);
     for (int fd : request.inherited_fds) {
         const int flags = ::fcntl(fd, F_GETFD);
         if (flags >= 0) ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);

@@ -17,6 +17,9 @@ struct SpawnRequest {
     std::vector<std::pair<std::string, std::string>>
         environment;                 ///< added to this process's environment
     std::vector<int> inherited_fds;  ///< keep their numbers in the child
+    /// Put the child into a process group of its own, so that a Ctrl-C at the terminal doesn't
+    /// reach it.
+    bool own_process_group = false;
 };
 
 /// How a process ended.

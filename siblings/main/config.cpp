@@ -1,0 +1,272 @@
+#include "main/config.h"
+
+#include <array>
+#include <concepts>
+#include <limits>
+#include <toml++/toml.h>
+#include <type_traits>
+
+#include "error/exception.h"
+
+namespace mainprocess {
+
+namespace {
+
+constexpr uint32_t kPoolBytes = 64U << 20;
+constexpr uint32_t kServerSliceBytes = 16U << 20;
+constexpr uint32_t kSliceBytes = 4U << 20;
+constexpr uint32_t kMinSliceBytes = 4096;
+
+/// Siblings that a file may name, with the short names that logs use.
+struct KnownSibling {
+    const char* name;
+    queues::queue_t queue;
+};
+constexpr std::array kKnownSiblings{
+    KnownSibling{"dbms", queues::queue_t::dbms},   KnownSibling{"wapi", queues::queue_t::wapi},
+    KnownSibling{"tsdb", queues::queue_t::tsdb},   KnownSibling{"alarm", queues::queue_t::alrm},
+    KnownSibling{"alert", queues::queue_t::alrt},  KnownSibling{"remcheck", queues::queue_t::rmch},
+    KnownSibling{"snmp", queues::queue_t::snmp},   KnownSibling{"scheduler", queues::queue_t::schd},
+    KnownSibling{"extra", queues::queue_t::extra},
+};
+
+queues::queue_t known_queue(const std::string& name, const std::string& where) {
+    for (const KnownSibling& known : kKnownSiblings)
+        if (name == known.name) return known.queue;
+    throw error::EFatal(fmt::format("{}: \"{}\" is no sibling", where, name));
+}
+
+[[noreturn]] void refuse(const toml::node& node, const std::string& key,
+                         const std::string& expected) {
+    const toml::source_region& source = node.source();
+    throw error::EFatal(fmt::format("{}:{}: {} must be {}", source.path ? *source.path : "",
+                                    source.begin.line, key, expected));
+}
+
+std::string position(const toml::node& node) {
+    const toml::source_region& source = node.source();
+    return fmt::format("{}:{}", source.path ? *source.path : "", source.begin.line);
+}
+
+void assign(std::string& field, const toml::node& node, const std::string& key) {
+    const auto value = node.value_exact<std::string>();
+    if (!value) refuse(node, key, "a text");
+    field = *value;
+}
+
+void assign(bool& field, const toml::node& node, const std::string& key) {
+    const auto value = node.value_exact<bool>();
+    if (!value) refuse(node, key, "true or false");
+    field = *value;
+}
+
+template <std::integral Number>
+void assign(Number& field, const toml::node& node, const std::string& key) {
+    const auto value = node.value_exact<int64_t>();
+    if (!value || !std::in_range<Number>(*value))
+        refuse(node, key,
+               fmt::format("a whole number from {} to {}", std::numeric_limits<Number>::min(),
+                           std::numeric_limits<Number>::max()));
+    field = static_cast<Number>(*value);
+}
+
+void assign(std::set<std::string>& field, const toml::node& node, const std::string& key) {
+    const toml::array* list = node.as_array();
+    if (list == nullptr) refuse(node, key, "a list of texts");
+    field.clear();
+    for (const toml::node& element : *list) {
+        std::string text;
+        assign(text, element, key);
+        field.insert(std::move(text));
+    }
+}
+
+/// Time spans are given in seconds, with a fraction if wanted.
+void assign(Time& field, const toml::node& node, const std::string& key) {
+    constexpr double kLongest_s = 1e9;
+    const auto value = node.value<double>();
+    if (!value || !(*value >= 0 && *value <= kLongest_s)) refuse(node, key, "a number of seconds");
+    field = Time(1) * *value;
+}
+
+void read_server_table(control::Server_Configuration_Fields& server, const toml::table& table) {
+    using Record = control::Server_Configuration_Fields;
+    for (const auto& [key, node] : table) {
+        const std::string name{key.str()};
+        bool known = false;
+        Record::fields(server, [&](std::string_view field_name, auto& field) {
+            if (field_name != name) return;
+            known = true;
+            assign(field, node, "server." + name);
+        });
+        if (!known)
+            throw error::EFatal(fmt::format("{}: server.{} is no setting", position(node), name));
+    }
+}
+
+void read_family_table(Config& config, const toml::table& table) {
+    for (const auto& [key, node] : table) {
+        const std::string name{key.str()};
+        const std::string full = "family." + name;
+        if (name == "restart_first_delay_ms")
+            assign(config.restart.first_delay_ms, node, full);
+        else if (name == "restart_longest_delay_ms")
+            assign(config.restart.longest_delay_ms, node, full);
+        else if (name == "restart_stable_after_ms")
+            assign(config.restart.stable_after_ms, node, full);
+        else if (name == "stop_timeout_s")
+            assign(config.stop_timeout_s, node, full);
+        else if (name == "log_dir")
+            assign(config.log_dir, node, full);
+        else
+            throw error::EFatal(fmt::format("{}: {} is no setting", position(node), full));
+    }
+}
+
+SiblingConfig& ensure_sibling(Config& config, const std::string& name, queues::queue_t queue,
+                              const std::string& program_dir) {
+    for (SiblingConfig& sibling : config.siblings)
+        if (sibling.queue == queue) return sibling;
+    config.siblings.push_back(
+        {name, queue, program_dir + "/" + name, {queues::queue_t::dbms}, kSliceBytes, true});
+    return config.siblings.back();
+}
+
+void read_depend_on(SiblingConfig& sibling, const toml::node& node, const std::string& key) {
+    std::set<std::string> names;
+    assign(names, node, key);
+    sibling.depend_on.clear();
+    for (const std::string& name : names)
+        sibling.depend_on.insert(known_queue(name, position(node)));
+}
+
+void read_sibling_table(SiblingConfig& sibling, const toml::table& table) {
+    for (const auto& [key, node] : table) {
+        const std::string name{key.str()};
+        const std::string full = fmt::format("siblings.{}.{}", sibling.name, name);
+        if (name == "program")
+            assign(sibling.program, node, full);
+        else if (name == "enabled")
+            assign(sibling.enabled, node, full);
+        else if (name == "slice_size_bytes") {
+            assign(sibling.slice_size_bytes, node, full);
+            if (sibling.slice_size_bytes % 8 != 0 || sibling.slice_size_bytes < kMinSliceBytes)
+                refuse(node, full, fmt::format("a multiple of 8, at least {}", kMinSliceBytes));
+        } else if (name == "depend_on")
+            read_depend_on(sibling, node, full);
+        else
+            throw error::EFatal(fmt::format("{}: {} is no setting", position(node), full));
+    }
+}
+
+const toml::table& as_table(const toml::node& node, const std::string& key) {
+    const toml::table* table = node.as_table();
+    if (table == nullptr) refuse(node, key, "a table");
+    return *table;
+}
+
+}  // namespace
+
+Config default_config(const std::string& program_dir) {
+    Config config;
+    config.log_dir = "var/log";
+    config.siblings = {
+        {"dbms", queues::queue_t::dbms, program_dir + "/dbms", {}, kServerSliceBytes, true},
+        {"wapi",
+         queues::queue_t::wapi,
+         program_dir + "/wapi",
+         {queues::queue_t::dbms},
+         kServerSliceBytes,
+         true},
+    };
+
+    control::Server_Configuration_Fields& server = config.server;
+    server.layout_conf_path = "conf/layout.conf";
+    server.dbms_tsdb_file_path = "var/tarmik.tsdb";
+    server.dbms_odb_file_path = "var/tarmik.odb";
+    server.dbms_odbj_file_path = "var/tarmik.odbj";
+    server.dbms_cache_size = 100'000;
+    server.dbms_cache_kin = 25'000;
+    server.dbms_cache_kout = 50'000;
+    server.dbms_buffer_blocks = 16'384;
+    server.variable_file = "var/variables.json";
+    server.smem_size = kPoolBytes;
+    server.smem_prefix = "var/run/fifo";
+    server.resource_directory = "var";
+    server.socketio_bind_port = 7740;
+    server.broadcast_bind_port = 7741;
+    server.socketio_max_pending_connections = 128;
+    server.socketio_max_connections = 4096;
+    server.socketio_max_inflight = 256;
+    server.socketio_agentconf_rate = 10;
+    server.socketio_agentconf_burst = 50;
+    server.remcheck_limit_children = 64;
+    server.remcheck_ping_spacing = 20;
+    server.netcheck_process_pool_size = 8;
+    server.dns_cache_secs = 300;
+    server.system_log_dir_path = "var/log";
+    server.log_days = 30;
+    server.working_directory = "var";
+    server.alert_attempts = 3;
+    server.alert_retry_delay = 60;
+    server.alert_defer_at_boot = 300;
+    server.agent_checkin_delay = 10;
+    server.max_snmp_table_entries = 10'000;
+    server.snmp_reconfig_delay = 60;
+    server.snmp_max_retrans = 3;
+    server.snmp_max_retrans_walk = 5;
+    server.snmp_timeout_initial = Time(2);
+    server.snmp_timeout_max = Time(30);
+    server.snmp_packet_spacing = 10;
+    server.mtu = 1500;
+    server.spare_keypool_size = 4;
+    server.concurrent_check_recoveries = 4;
+    server.max_scan_processes = 4;
+    server.ssec_keylength = 2048;
+    server.ssec_min_keylength = 1024;
+    server.ssec_secret_keylength = 256;
+    server.ssec_secret_min_keylength = 128;
+    server.ssec_secret_lifetime = 3600;
+    server.grid_default_ttl = 16;
+    server.master_notify_queue = 1000;
+    server.allowed_candidate_nodes = 1000;
+    server.tsdb_buffer_entries = 100'000;
+    server.tsdb_buffer_write_min = 1000;
+    server.tsdb_buffer_age_max = 60;
+    server.tsdb_buffer_flush_batch = 1000;
+    server.wapi_enabled = true;
+    server.wapi_port = 8740;
+    server.wapi_threads = 1;
+    return config;
+}
+
+Config read_config(const std::string& path, const std::string& program_dir) {
+    toml::table file;
+    try {
+        file = toml::parse_file(path);
+    } catch (const toml::parse_error& reason) {
+        throw error::EFatal(fmt::format("{}:{}:{}: {}", path, reason.source().begin.line,
+                                        reason.source().begin.column, reason.description()));
+    }
+    Config config = default_config(program_dir);
+    for (const auto& [key, node] : file) {
+        const std::string name{key.str()};
+        if (name == "server") {
+            read_server_table(config.server, as_table(node, name));
+        } else if (name == "family") {
+            read_family_table(config, as_table(node, name));
+        } else if (name == "siblings") {
+            for (const auto& [sibling_key, sibling_node] : as_table(node, name)) {
+                const std::string sibling_name{sibling_key.str()};
+                const queues::queue_t queue = known_queue(sibling_name, position(sibling_node));
+                read_sibling_table(ensure_sibling(config, sibling_name, queue, program_dir),
+                                   as_table(sibling_node, "siblings." + sibling_name));
+            }
+        } else {
+            throw error::EFatal(fmt::format("{}: {} is no setting", position(node), name));
+        }
+    }
+    return config;
+}
+
+}  // namespace mainprocess

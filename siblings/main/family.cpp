@@ -1,0 +1,347 @@
+#include "main/family.h"
+
+#include <algorithm>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "error/exception.h"
+#include "io/exception.h"
+#include "main/instance_lock.h"
+#include "platform/random.h"
+#include "queues/records/control.h"
+
+namespace mainprocess {
+
+namespace {
+
+constexpr uint32_t kOwnSliceBytes = 4U << 20;
+constexpr const char* kMessengerName = "smem";
+
+uint32_t sibling_id(queues::queue_t queue) {
+    return static_cast<uint32_t>(queue);
+}
+
+}  // namespace
+
+Family::Family(Config config, const platform::Clock& clock, int stop_fd)
+    : config_(std::move(config)),
+      clock_(clock),
+      lock_(take_instance_lock(config_.server.smem_prefix)),
+      log_(config_.log_dir),
+      outlet_([this](logging::level_t, std::string_view line) { say(line); }),
+      variables_(config_.server.variable_file),
+      messenger_(config_.server.smem_prefix, config_.server.smem_size, *this),
+      queue_(messenger_, clock_),
+      stop_order_(stop_fd, "stop order"),
+      timer_(clock_) {
+    for (const SiblingConfig& sibling : config_.siblings)
+        if (sibling.enabled)
+            siblings_.push_back(std::make_unique<SupervisedSibling>(sibling, config_.restart));
+    selector_.add(queue_.front(), 0);
+    selector_.add(stop_order_, 0);
+    selector_.add(timer_, 0);
+}
+
+Family::~Family() {
+    for (const auto& sibling : siblings_) {
+        sibling->kill_now();
+        if (sibling->has_process()) selector_.remove(sibling->end());
+    }
+    selector_.remove(timer_);
+    selector_.remove(stop_order_);
+    selector_.remove(queue_.front());
+}
+
+int Family::run() {
+    say(fmt::format("Family starts; pool of {} bytes, {} siblings", config_.server.smem_size,
+                    siblings_.size()));
+    start_what_may_start();
+    while (!(stopping_ && all_stopped())) {
+        arm_timer();
+        io::Selectable& ready = selector_.select(io::wait_t::blocking);
+        if (&ready == &queue_.front()) {
+            take_event();
+        } else if (&ready == &stop_order_) {
+            on_stop_signal();
+        } else if (&ready == &timer_) {
+            look_at_deadlines();
+        } else {
+            for (const auto& sibling : siblings_)
+                if (sibling->has_process() && &ready == &sibling->end()) {
+                    note_end(*sibling);
+                    break;
+                }
+        }
+    }
+    say("Family has stopped");
+    return killed_ ? 1 : 0;
+}
+
+// ---- supervision --------------------------------------------------------------------------------
+
+uint32_t Family::sliceSize(uint32_t id) {
+    const SupervisedSibling* sibling = find(static_cast<queues::queue_t>(id));
+    return sibling == nullptr ? kOwnSliceBytes : sibling->config().slice_size_bytes;
+}
+
+bool Family::requestPeer(uint32_t asker, uint32_t wanted) {
+    const queues::queue_t queue = static_cast<queues::queue_t>(wanted);
+    const bool granted = !stopping_ && find(queue) != nullptr;
+    if (!granted)
+        say(fmt::format("{} asked for {}, which is not run here",
+                        queues::queue_name(static_cast<queues::queue_t>(asker)),
+                        queues::queue_name(queue)));
+    return granted;
+}
+
+SupervisedSibling* Family::find(queues::queue_t queue) {
+    for (const auto& sibling : siblings_)
+        if (sibling->config().queue == queue) return sibling.get();
+    return nullptr;
+}
+
+int64_t Family::now_ms() const {
+    return static_cast<int64_t>(clock_.monotonic_us() / 1000);
+}
+
+bool Family::is_up(queues::queue_t queue) const {
+    return std::any_of(siblings_.begin(), siblings_.end(), [&](const auto& sibling) {
+        return sibling->config().queue == queue &&
+               sibling->state() == SupervisedSibling::state_t::up;
+    });
+}
+
+void Family::start_what_may_start() {
+    if (stopping_) return;
+    for (const auto& sibling : siblings_) {
+        if (sibling->state() != SupervisedSibling::state_t::waiting) continue;
+        const auto& needed = sibling->config().depend_on;
+        if (std::all_of(needed.begin(), needed.end(), [&](queues::queue_t queue) {
+                return is_up(queue) || find(queue) == nullptr;
+            }))
+            start(*sibling);
+    }
+}
+
+void Family::start(SupervisedSibling& sibling) {
+    const io::PoolAccess& access = messenger_.access();
+    try {
+        sibling.start({.program = sibling.config().program,
+                       .arguments = {},
+                       .environment = access.toEnvironment(kMessengerName),
+                       .inherited_fds = {access.map_fd},
+                       .own_process_group = true},
+                      now_ms());
+        selector_.add(sibling.end(), 0);
+        say(fmt::format("Started {}", sibling.config().name));
+    } catch (const error::ESystemError& failure) {
+        say(fmt::format("Cannot start {}: {}", sibling.config().name, failure.text()));
+    }
+}
+
+void Family::note_end(SupervisedSibling& sibling) {
+    const bool asked = sibling.state() == SupervisedSibling::state_t::stopping;
+    selector_.remove(sibling.end());
+    const std::string how = sibling.ended(now_ms());
+    messenger_.siblingGone(sibling_id(sibling.config().queue));
+    needs_.erase(sibling.config().queue);
+    if (asked)
+        say(fmt::format("{} stopped with {}", sibling.config().name, how));
+    else
+        say(fmt::format("{} ended unexpectedly with {}, starting it again in {} ms",
+                        sibling.config().name, how,
+                        std::max<int64_t>(0, *sibling.next_deadline_ms() - now_ms())));
+    if (stopping_) stop_what_may_stop();
+}
+
+void Family::look_at_deadlines() {
+    const int64_t now = now_ms();
+    for (const auto& sibling : siblings_) {
+        if (sibling->state() == SupervisedSibling::state_t::stopping &&
+            *sibling->next_deadline_ms() <= now && sibling->has_process()) {
+            say(fmt::format("{} did not stop in {} s, ending it by force", sibling->config().name,
+                            config_.stop_timeout_s));
+            killed_ = true;
+            sibling->kill_now();
+            sibling->request_stop(now + config_.stop_timeout_s * 1000);
+        }
+        (void)sibling->due(now);
+    }
+    start_what_may_start();
+}
+
+void Family::arm_timer() {
+    std::optional<int64_t> earliest;
+    for (const auto& sibling : siblings_) {
+        const std::optional<int64_t> deadline = sibling->next_deadline_ms();
+        if (deadline && (!earliest || *deadline < *earliest)) earliest = deadline;
+    }
+    if (!earliest) {
+        timer_.set_expiry(Time::far_future());
+        return;
+    }
+    const int64_t left_ms = std::max<int64_t>(1, *earliest - now_ms());
+    timer_.set_expiry(Time::now(clock_) + Time(static_cast<int32_t>(left_ms / 1000),
+                                               static_cast<int32_t>(left_ms % 1000) * 1000));
+}
+
+// ---- stop ---------------------------------------------------------------------------------------
+
+void Family::on_stop_signal() {
+    signalfd_siginfo signal{};
+    if (::read(stop_order_.fd(), &signal, sizeof signal) != sizeof signal) return;
+    if (stopping_)
+        kill_all();
+    else
+        begin_stop();
+}
+
+void Family::kill_all() {
+    say("Asked twice, ending all siblings by force");
+    killed_ = true;
+    for (const auto& sibling : siblings_) {
+        sibling->request_stop(now_ms() + config_.stop_timeout_s * 1000);
+        sibling->kill_now();
+    }
+}
+
+void Family::begin_stop() {
+    stopping_ = true;
+    say("Stopping the family");
+    for (const auto& sibling : siblings_)
+        if (!sibling->has_process()) sibling->request_stop(0);
+    stop_what_may_stop();
+}
+
+void Family::stop_what_may_stop() {
+    for (const auto& sibling : siblings_) {
+        if (!sibling->has_process() || sibling->state() == SupervisedSibling::state_t::stopping)
+            continue;
+        const queues::queue_t queue = sibling->config().queue;
+        const bool still_needed =
+            std::any_of(siblings_.begin(), siblings_.end(), [&](const auto& other) {
+                return other->has_process() && (other->config().depend_on.contains(queue) ||
+                                                needs_[other->config().queue].contains(queue));
+            });
+        if (still_needed) continue;
+        sibling->request_stop(now_ms() + config_.stop_timeout_s * 1000);
+        if (!messenger_.isUp(sibling_id(queue))) {
+            sibling->kill_now();  // it has not even connected: there is nothing to stop in order
+            continue;
+        }
+        try {
+            queue_.send(queues::devent<queues::SYS_EXIT>(
+                queue, 0, {.reason = 0, .requested_by = queues::queue_t::main, .error_msg = {}}));
+        } catch (const io::EEndOfStream&) {
+            // It is ending already; the end of its process comes as an event of its own.
+        }
+    }
+}
+
+bool Family::all_stopped() const {
+    return std::all_of(siblings_.begin(), siblings_.end(), [](const auto& sibling) {
+        return sibling->state() == SupervisedSibling::state_t::stopped;
+    });
+}
+
+// ---- events from siblings -----------------------------------------------------------------------
+
+void Family::take_event() {
+    const std::unique_ptr<queues::event> received = queue_.read();
+    if (received == nullptr) return;
+    try {
+        dispatch(*received);
+    } catch (const io::EEndOfStream& gone) {
+        say(fmt::format("Lost peer: {}", gone.text()));
+    }
+}
+
+void Family::dispatch(queues::event& received) {
+    switch (received.number()) {
+        case queues::INIT_OK:
+            return on_init_ok(received);
+        case queues::SYSTEM_LOG_REQUEST:
+            return on_log_request(received);
+        case queues::REQUEST_SERVER_CONFIGURATION:
+            return reply<queues::SERVER_CONFIGURATION>(received, config_.server);
+        case queues::REQUEST_SERVER_VARIABLE_FIELDS:
+            return reply<queues::RETURN_SERVER_VARIABLE_FIELDS>(
+                received, control::Server_Variable_Fields{.vars = variables_.values()});
+        case queues::STORE_SERVER_VARIABLE_FIELDS:
+            return on_store_variables(received);
+        case queues::REQUEST_SPAWN_PROCESS:
+            return on_spawn_request(received);
+        case queues::GET_PURE_ENTROPY:
+        case queues::GET_PSEUDO_RANDOM:
+            return send_random(received);
+        case queues::SUPPORTS_METRICS:
+            return;
+        default:
+            say(fmt::format("Got unhandled message: {} from: {}", queues::event_name(&received),
+                            queues::queue_name(received.peer)));
+    }
+}
+
+void Family::on_init_ok(const queues::event& received) {
+    needs_[received.peer] = queues::data<queues::INIT_OK>(received).depend_on;
+    SupervisedSibling* sibling = find(received.peer);
+    if (sibling == nullptr) return;
+    sibling->came_up(now_ms());
+    say(fmt::format("{} is up", sibling->config().name));
+    start_what_may_start();
+}
+
+void Family::on_log_request(const queues::event& received) {
+    log_.write(clock_.wall().seconds, queues::queue_name(received.peer),
+               queues::data<queues::SYSTEM_LOG_REQUEST>(received).msg);
+}
+
+void Family::on_store_variables(const queues::event& received) {
+    try {
+        variables_.store(queues::data<queues::STORE_SERVER_VARIABLE_FIELDS>(received).vars);
+    } catch (const error::ESystemError& failure) {
+        say(fmt::format("Variable fields of {} not stored: {}", queues::queue_name(received.peer),
+                        failure.text()));
+    }
+}
+
+void Family::on_spawn_request(const queues::event& received) {
+    const queues::queue_t wanted = queues::data<queues::REQUEST_SPAWN_PROCESS>(received);
+    if (find(wanted) == nullptr)
+        say(fmt::format("{} asked for {}, which is not run here", queues::queue_name(received.peer),
+                        queues::queue_name(wanted)));
+    else
+        start_what_may_start();
+}
+
+void Family::send_random(const queues::event& received) {
+    constexpr uint32_t kEntropyBytes = 256;
+    constexpr uint32_t kMostBytes = 1U << 20;
+    const bool pure = received.number() == queues::GET_PURE_ENTROPY;
+    const uint32_t wanted =
+        pure ? kEntropyBytes : queues::data<queues::GET_PSEUDO_RANDOM>(received).bytes;
+    if (wanted > kMostBytes) {
+        queue_.send(queues::exevent(
+            received.peer, received.uid,
+            fmt::format("{} random bytes asked for, at most {} are given", wanted, kMostBytes)));
+        return;
+    }
+    std::string bytes(wanted, '\0');
+    platform::system_entropy({reinterpret_cast<uint8_t*>(bytes.data()), bytes.size()});
+    if (pure)
+        reply<queues::RETURN_PURE_ENTROPY>(received, std::move(bytes));
+    else
+        reply<queues::RETURN_PSEUDO_RANDOM>(received, std::move(bytes));
+}
+
+template <queues::event_t N, class Record>
+void Family::reply(const queues::event& request, Record record) {
+    if (!queues::wants_reply(request.uid)) return;
+    queue_.send(queues::devent<N>(request.peer, request.uid, std::move(record)));
+}
+
+void Family::say(std::string_view text) {
+    log_.write(clock_.wall().seconds, "main", text);
+}
+
+}  // namespace mainprocess

@@ -1,0 +1,50 @@
+#include "main/run.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <signal.h>
+#include <sys/signalfd.h>
+
+#include "error/exception.h"
+#include "main/family.h"
+
+namespace mainprocess {
+
+namespace {
+
+std::string program_directory() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
+}
+
+/// SIGINT and SIGTERM as a descriptor.
+platform::Fd stop_signals() {
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGINT);
+    ::sigaddset(&set, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &set, nullptr);
+    platform::Fd fd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd) throw error::ESystemError("Cannot watch for signals", errno);
+    return fd;
+}
+
+}  // namespace
+
+int run(const RunOptions& options) {
+    try {
+        const std::string programs = program_directory();
+        Config config = options.config_path.empty() ? default_config(programs)
+                                                    : read_config(options.config_path, programs);
+        platform::ignore_broken_pipe_signal();
+        const platform::Fd stop = stop_signals();
+        const platform::SystemClock clock;
+        Family family(std::move(config), clock, stop.get());
+        return family.run();
+    } catch (const error::Exception& failure) {
+        std::fprintf(stderr, "Caught: %s\n", failure.what());
+        return 1;
+    }
+}
+
+}  // namespace mainprocess

@@ -1,0 +1,70 @@
+#include "main/supervised_sibling.h"
+
+#include <cstring>
+#include <signal.h>
+
+#include "error/exception.h"
+
+namespace mainprocess {
+
+SupervisedSibling::SupervisedSibling(SiblingConfig config, RestartLimits limits)
+    : config_(std::move(config)), policy_(limits) {}
+
+void SupervisedSibling::start(const platform::SpawnRequest& request, int64_t now_ms) {
+    error::check(state_ == state_t::waiting, "Sibling {} started twice", config_.name);
+    try {
+        process_ = platform::spawn(request);
+    } catch (const error::ESystemError&) {
+        note_crash(now_ms, 0);
+        throw;
+    }
+    end_.emplace(process_.pidfd.get(), "end of " + config_.name);
+    state_ = state_t::starting;
+}
+
+void SupervisedSibling::came_up(int64_t now_ms) {
+    if (state_ != state_t::starting) return;
+    state_ = state_t::up;
+    up_since_ms_ = now_ms;
+}
+
+std::string SupervisedSibling::ended(int64_t now_ms) {
+    const platform::ExitStatus status = platform::wait_for_end(process_);
+    end_.reset();
+    process_ = {};
+    if (state_ == state_t::stopping)
+        state_ = state_t::stopped;
+    else
+        note_crash(now_ms, state_ == state_t::up ? now_ms - up_since_ms_ : 0);
+    if (status.by_signal)
+        return fmt::format("signal {} ({})", status.code, ::strsignal(status.code));
+    return fmt::format("exit code {}", status.code);
+}
+
+void SupervisedSibling::note_crash(int64_t now_ms, int64_t uptime_ms) {
+    state_ = state_t::delayed;
+    deadline_ms_ = now_ms + policy_.delay_after_crash_ms(uptime_ms);
+}
+
+void SupervisedSibling::request_stop(int64_t give_up_at_ms) {
+    if (state_ == state_t::stopped || state_ == state_t::stopping) return;
+    state_ = has_process() ? state_t::stopping : state_t::stopped;
+    deadline_ms_ = give_up_at_ms;
+}
+
+void SupervisedSibling::kill_now() {
+    if (has_process()) ::kill(process_.pid, SIGKILL);
+}
+
+std::optional<int64_t> SupervisedSibling::next_deadline_ms() const {
+    if (state_ == state_t::delayed || state_ == state_t::stopping) return deadline_ms_;
+    return std::nullopt;
+}
+
+bool SupervisedSibling::due(int64_t now_ms) {
+    if (state_ != state_t::delayed || now_ms < deadline_ms_) return false;
+    state_ = state_t::waiting;
+    return true;
+}
+
+}  // namespace mainprocess

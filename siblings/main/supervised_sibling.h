@@ -1,0 +1,69 @@
+// One sibling under supervision: its process, when it may be started, and what its end means. It
+// decides nothing about other siblings; the family does (family.h).
+//
+//                 start()            came_up()
+//     waiting ---------------> starting ------> up
+//        ^                        |             |      request_stop()
+//        | due()                  | ended()     |-----------------------> stopping
+//     delayed <-------------------'-------------'  ended()                   |
+//                                                                            | ended()
+//     waiting, delayed --request_stop()--> stopped <-------------------------'
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "io/system_handle.h"
+#include "main/config.h"
+#include "main/restart_policy.h"
+#include "platform/process.h"
+
+namespace mainprocess {
+
+class SupervisedSibling {
+  public:
+    enum class state_t { waiting, starting, up, delayed, stopping, stopped };
+
+    SupervisedSibling(SiblingConfig config, RestartLimits limits);
+
+    [[nodiscard]] const SiblingConfig& config() const noexcept { return config_; }
+    [[nodiscard]] state_t state() const noexcept { return state_; }
+    /// True from the start of the process until its end was noted.
+    [[nodiscard]] bool has_process() const noexcept { return end_.has_value(); }
+    /// Readable when the process has ended; only while has_process().
+    [[nodiscard]] io::FdSelectable& end() { return *end_; }
+
+    /// Starts the program. Throws error::ESystemError when that fails; the state is then delayed,
+    /// as after a crash.
+    void start(const platform::SpawnRequest& request, int64_t now_ms);
+    /// It said that it is ready.
+    void came_up(int64_t now_ms);
+    /// Its process ended; reaps it. The object of end() is gone afterwards, so take it out of its
+    /// selector before. Gives the words for the log: "exit code 1", "signal 9 (Killed)".
+    [[nodiscard]] std::string ended(int64_t now_ms);
+    /// No more starts. A running process is asked to end by the caller, who is also told here how
+    /// long that may take.
+    void request_stop(int64_t give_up_at_ms);
+    /// Ends the process by force, if there is one.
+    void kill_now();
+
+    /// When this sibling wants to be looked at again: the start after a delay, or the end of the
+    /// patience with its stop. Milliseconds of the monotonic clock.
+    [[nodiscard]] std::optional<int64_t> next_deadline_ms() const;
+    /// Whether a delayed start is due; then the state is waiting again.
+    [[nodiscard]] bool due(int64_t now_ms);
+
+  private:
+    void note_crash(int64_t now_ms, int64_t uptime_ms);
+
+    SiblingConfig config_;
+    RestartPolicy policy_;
+    state_t state_ = state_t::waiting;
+    platform::ChildProcess process_;
+    std::optional<io::FdSelectable> end_;
+    int64_t up_since_ms_ = 0;
+    int64_t deadline_ms_ = 0;
+};
+
+}  // namespace mainprocess

@@ -1,0 +1,59 @@
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "error/exception.h"
+#include "main/restart_policy.h"
+#include "main/variable_store.h"
+#include "support/temp_dir.h"
+
+namespace mainprocess {
+namespace {
+
+TEST(RestartPolicy, DelayDoublesUpToTheLimitAndStartsAgainAfterStableTime) {
+    RestartPolicy policy({.first_delay_ms = 100, .longest_delay_ms = 500, .stable_after_ms = 1000});
+    EXPECT_EQ(policy.delay_after_crash_ms(0), 100);
+    EXPECT_EQ(policy.delay_after_crash_ms(999), 200);
+    EXPECT_EQ(policy.delay_after_crash_ms(0), 400);
+    EXPECT_EQ(policy.delay_after_crash_ms(0), 500);
+    EXPECT_EQ(policy.delay_after_crash_ms(1000), 100);
+    EXPECT_EQ(policy.delay_after_crash_ms(0), 200);
+    for (int crash = 0; crash < 100; ++crash) EXPECT_LE(policy.delay_after_crash_ms(0), 500);
+}
+
+TEST(VariableStore, KeepsValuesAcrossReopenAndOnlyForTheOwner) {
+    const support::TempDir dir;
+    const std::string path = dir.file("variables.json");
+    {
+        VariableStore store(path);
+        EXPECT_TRUE(store.values().empty());
+        store.store({{"last_ring_seq", "17"}, {"text", "a \"quoted\"\nline"}});
+        store.store({{"last_ring_seq", "18"}});
+    }
+    const VariableStore again(path);
+    EXPECT_EQ(again.values(),
+              (VariableStore::Values{{"last_ring_seq", "18"}, {"text", "a \"quoted\"\nline"}}));
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+TEST(VariableStore, DamagedFileIsRefusedAndFailedWriteKeepsOldValues) {
+    const support::TempDir dir;
+    const std::string path = dir.file("variables.json");
+    for (const char* text : {"", "{", "[]", R"({"a": 1})"}) {
+        std::ofstream(path, std::ios::trunc) << text;
+        EXPECT_THROW(VariableStore{path}, error::EFatal) << text;
+    }
+    std::filesystem::remove(path);
+    VariableStore store(path);
+    store.store({{"a", "1"}});
+    std::filesystem::create_directory(path + ".new");
+    EXPECT_THROW(store.store({{"a", "2"}}), error::ESystemError);
+    EXPECT_EQ(store.values().at("a"), "1");
+}
+
+}  // namespace
+}  // namespace mainprocess
