@@ -95,6 +95,11 @@ class Journal {
     /// a transaction, and error_transact when the half has no room for it: the caller aborts then.
     void journal_update(const void* data, size_t length, uint64_t file_offset);
 
+    /// True when the open transaction has changed `block`, so that its committed image is not what
+    /// the transaction sees.
+    [[nodiscard]] bool transaction_changed(uint32_t block) const {
+        return open_updates_.has(block);
+    }
     /// Lays the open transaction's updates over a buffer with the committed bytes at `file_offset`.
     /// Costs what it touches: the updates of the blocks in the range.
     void overlay_open_transaction(std::byte* buffer, size_t length, uint64_t file_offset) const;

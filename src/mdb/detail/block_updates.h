@@ -64,6 +64,8 @@ class BlockUpdates {
     void truncate(size_t count);
     void clear();
     [[nodiscard]] bool empty() const noexcept { return pieces_.empty(); }
+    /// True when `block` has pieces.
+    [[nodiscard]] bool has(uint32_t block) const { return heads_.find(block) != BlockHeads::kNone; }
 
     /// Appends the pieces of `block` to `out`, oldest first.
     void collect(uint32_t block, std::vector<Piece>& out) const;

@@ -44,9 +44,11 @@ bool is_leaf(std::span<const std::byte> block, uint32_t number,
 
 }  // namespace
 
+/// The block as the open transaction sees it, until the next block access. Only what the
+/// transaction has changed is copied.
 std::span<const std::byte> IndexTree::view(uint32_t block) {
     const size_t size = database_.block_size();
-    if (!database_.journal().transaction_active())
+    if (!database_.journal().transaction_changed(block))
         return {database_.cache().cached_block(block), size};
     scratch_ = database_.cache().private_block(block);
     return {scratch_.data(), size};
