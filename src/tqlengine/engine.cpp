@@ -16,8 +16,9 @@ namespace tqlengine {
 namespace {
 
 ResultNodePtr evaluate_with_leads(TqlObjectHandler& handler, const tql::pattern_t& pattern,
-                                  const SelectLimits& limits, SelectStatistics& statistics) {
-    detail::Walk walk(limits, statistics);
+                                  const SelectLimits& limits, SelectStatistics& statistics,
+                                  ResultNodePool& nodes) {
+    detail::Walk walk(limits, statistics, nodes);
     TqlIdResolver* resolver = handler.tqlIdResolver();
     if (!resolver) return walk.match(handler, pattern);
 
@@ -80,21 +81,21 @@ void Engine::discard_orphans(const tql::id_t& id) const {
 }
 
 void Engine::evaluate(ResultList& results, const std::set<tql::id_t>& roots,
-                      const tql::pattern_t& pattern, SelectStatistics& statistics) const {
+                      const tql::pattern_t& pattern, SelectStatistics& statistics) {
     detail::check_pattern(pattern, limits_);
     TqlSingletonHandler* singleton =
         pattern.class_ < singletons_.size() ? singletons_[pattern.class_] : nullptr;
     for (const tql::id_t& root : roots) {
         if (singleton) {
             const HandlerRef handler(singleton);
-            detail::Walk walk(limits_, statistics);
+            detail::Walk walk(limits_, statistics, nodes_);
             if (ResultNodePtr node = walk.match(*handler, pattern))
                 results.push_back(std::move(node));
             continue;
         }
         const HandlerRef handler = find(root);
         if (!handler) continue;
-        ResultNodePtr node = evaluate_with_leads(*handler, pattern, limits_, statistics);
+        ResultNodePtr node = evaluate_with_leads(*handler, pattern, limits_, statistics, nodes_);
         if (!node) continue;
         if (pattern.wants(prop::parentId) && !node->properties.contains(prop::parentId))
             add_parent(*node, *handler);

@@ -76,7 +76,7 @@ class Engine {
     /// Roots that don't exist are skipped. Adds to `statistics`. Throws errors::tql and
     /// errors::db_anomaly; `results` is then incomplete.
     void evaluate(ResultList& results, const std::set<tql::id_t>& roots,
-                  const tql::pattern_t& pattern, SelectStatistics& statistics) const;
+                  const tql::pattern_t& pattern, SelectStatistics& statistics);
 
     // ---- writing --------------------------------------------------------------------------------
 
@@ -101,6 +101,7 @@ class Engine {
     OperationHook operation_hook_;
     std::set<uint32_t> reparentable_classes_;
     SelectLimits limits_;
+    ResultNodePool nodes_;
 };
 
 }  // namespace tqlengine

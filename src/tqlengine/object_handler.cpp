@@ -24,14 +24,8 @@ void TqlObjectHandler::tqlRevalidate(RevalidationFailures& failures) {
     for (const HandlerRef& child : children) child->tqlRevalidate(failures);
 }
 
-void TqlObjectHandler::add_reference() {
-    if (reference_count_ == 0) tqlAddRef();
-    ++reference_count_;
-}
-
-void TqlObjectHandler::release_reference() noexcept {
-    error::check(reference_count_ > 0, "tqlRelease called on unreferenced TqlObjectHandler");
-    if (--reference_count_ == 0) tqlRelease();
+void TqlObjectHandler::fail_unreferenced() noexcept {
+    error::fail_assertion("tqlRelease called on unreferenced TqlObjectHandler");
 }
 
 void TqlObjectHandler::tqlRelease() noexcept {

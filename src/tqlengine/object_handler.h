@@ -189,8 +189,15 @@ class TqlObjectHandler {
     // ---- for HandlerRef and TqlUpdateWatcher only
     // ------------------------------------------------
 
-    void add_reference();
-    void release_reference() noexcept;
+    void add_reference() {
+        if (reference_count_ == 0) tqlAddRef();
+        ++reference_count_;
+    }
+    void release_reference() noexcept {
+        if (reference_count_ == 0) [[unlikely]]
+            fail_unreferenced();
+        if (--reference_count_ == 0) tqlRelease();
+    }
 
   protected:
     explicit TqlObjectHandler(uint32_t class_number) : class_(class_number) {}
@@ -205,6 +212,8 @@ class TqlObjectHandler {
 
   private:
     friend class TqlUpdateWatcher;
+
+    [[noreturn]] static void fail_unreferenced() noexcept;
 
     uint32_t class_;
     uint32_t reference_count_ = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 #include "error/exception.h"
 #include "tqlengine/object_handler.h"
@@ -9,18 +10,59 @@
 
 namespace tqlengine {
 
+namespace {
+
+// Enough for the answers of everyday; a select of the whole tree gives the rest back to the system.
+constexpr size_t kKeptNodes = 4096;
+
+}  // namespace
+
+ResultNodePool::~ResultNodePool() {
+    for (void* memory : free_) ::operator delete(memory);
+}
+
+ResultNodePtr ResultNodePool::make(TqlObjectHandler& handler, bool visible) {
+    if (free_.empty()) {
+        // With room kept in the list, giving a node back never has to allocate.
+        free_.reserve(kKeptNodes);
+        free_.push_back(::operator new(sizeof(ResultNode)));
+    }
+    // Back to the list unless a node comes to live in it.
+    const auto put_back = [this](void* memory) { free_.push_back(memory); };
+    std::unique_ptr<void, decltype(put_back)> memory(free_.back(), put_back);
+    free_.pop_back();
+    ResultNodePtr made(::new (memory.get()) ResultNode(*this, handler, visible));
+    (void)memory.release();
+    return made;
+}
+
+void ResultNodePool::give_back(ResultNode* node) noexcept {
+    node->~ResultNode();
+    if (free_.size() < kKeptNodes)
+        free_.push_back(node);
+    else
+        ::operator delete(node);
+}
+
 void ResultNodeDelete::operator()(ResultNode* node) const noexcept {
     if (node->children.empty()) {
-        delete node;
+        node->pool.give_back(node);
         return;
     }
     std::vector<ResultNode*> doomed{node};
     while (!doomed.empty()) {
         ResultNode* next = doomed.back();
         doomed.pop_back();
-        for (auto& entry : next->children.entries()) doomed.push_back(entry.node.release());
+        for (auto& entry : next->children.entries()) {
+            ResultNode* child = entry.node.release();
+            if (!child) continue;
+            if (child->children.empty())
+                child->pool.give_back(child);
+            else
+                doomed.push_back(child);
+        }
         next->children.entries().clear();
-        delete next;
+        next->pool.give_back(next);
     }
 }
 
@@ -42,8 +84,9 @@ void ResultChildren::append_all(ResultChildren&& other) {
     other.settled_ = true;
 }
 
-ResultNode::ResultNode(TqlObjectHandler& handler, bool is_visible)
-    : class_number(handler.class_number()),
+ResultNode::ResultNode(ResultNodePool& home, TqlObjectHandler& handler, bool is_visible)
+    : pool(home),
+      class_number(handler.class_number()),
       flags(handler.tqlFlags()),
       id(handler.tqlId()),
       version(handler.tqlVersion()),

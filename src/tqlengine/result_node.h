@@ -19,9 +19,29 @@ namespace tqlengine {
 
 class TqlObjectHandler;
 struct ResultNode;
+struct ResultNodeDelete;
 struct SelectStatistics;
 
-/// Unlinks a whole tree without recursion, so that its depth doesn't matter.
+/// Memory of result nodes, which come and go by the score with every select. Keeps some of it for
+/// the next select; must outlive the nodes made from it.
+class ResultNodePool {
+  public:
+    ResultNodePool() = default;
+    ResultNodePool(const ResultNodePool&) = delete;
+    ResultNodePool& operator=(const ResultNodePool&) = delete;
+    ~ResultNodePool();
+
+    /// A node with class, id, version, flags and origin of `handler`.
+    std::unique_ptr<ResultNode, ResultNodeDelete> make(TqlObjectHandler& handler, bool visible);
+
+  private:
+    friend struct ResultNodeDelete;
+    void give_back(ResultNode* node) noexcept;
+
+    std::vector<void*> free_;
+};
+
+/// Destroys a whole tree without recursion, so that its depth doesn't matter.
 struct ResultNodeDelete {
     void operator()(ResultNode* node) const noexcept;
 };
@@ -58,11 +78,12 @@ class ResultChildren {
 };
 
 struct ResultNode {
-    /// Takes class, id, version, flags and origin of `handler`.
-    ResultNode(TqlObjectHandler& handler, bool is_visible);
+    /// For ResultNodePool::make.
+    ResultNode(ResultNodePool& home, TqlObjectHandler& handler, bool is_visible);
     ResultNode(const ResultNode&) = delete;
     ResultNode& operator=(const ResultNode&) = delete;
 
+    ResultNodePool& pool;
     uint32_t class_number;
     uint32_t flags;
     std::set<uint32_t> tags;

@@ -19,9 +19,9 @@ void fill(tql::result_t& record, ResultNode& node, size_t levels, uint64_t& coun
     record.properties = std::move(node.properties);
     record.origin = node.origin;
     auto& children = node.children.entries();
-    record.children.resize(children.size());
-    for (size_t place = 0; place < children.size(); ++place)
-        fill(record.children[place], *children[place].node, levels - 1, count);
+    record.children.reserve(children.size());
+    for (auto& child : children)
+        fill(record.children.emplace_back(), *child.node, levels - 1, count);
 }
 
 void check_depth(const ResultNode& root, size_t limit) {

@@ -223,7 +223,7 @@ void Walk::consider() {
 
 void Walk::make_node(Frame& frame) {
     const bool visible = (frame.call.step->flags & tql::kPatternSplice) == 0;
-    frame.node.reset(new ResultNode(*frame.call.handler, visible));
+    frame.node = nodes_.make(*frame.call.handler, visible);
 }
 
 void Walk::finish_node(Frame& frame) {

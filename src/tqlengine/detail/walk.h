@@ -28,9 +28,9 @@ namespace tqlengine::detail {
 
 class Walk {
   public:
-    /// Both must outlive the walk.
-    Walk(const SelectLimits& limits, SelectStatistics& statistics)
-        : limits_(limits), statistics_(statistics), test_(statistics) {}
+    /// All three must outlive the walk, and the pool its results.
+    Walk(const SelectLimits& limits, SelectStatistics& statistics, ResultNodePool& nodes)
+        : limits_(limits), statistics_(statistics), nodes_(nodes), test_(statistics) {}
 
     /// What `step` selects at and below `handler`; empty when nothing. `handler` must stay
     /// referenced during the call, `step` must stay in place as long as the walk lives. Throws
@@ -88,12 +88,13 @@ class Walk {
                            size_t position);
     void consider();
     static void go(Frame& frame, stage_t stage);
-    static void make_node(Frame& frame);
+    void make_node(Frame& frame);
     void finish_node(Frame& frame);
     void take(ResultNodePtr& into, ResultNodePtr result, TqlObjectHandler& child, size_t expected);
 
     const SelectLimits& limits_;
     SelectStatistics& statistics_;
+    ResultNodePool& nodes_;
     ConditionTest test_;
     std::vector<Frame> frames_;  ///< those beyond depth_ are kept for the capacity of their lists
     size_t depth_ = 0;
