@@ -14,7 +14,6 @@
 #pragma once
 
 #include <bit>
-#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -28,6 +27,7 @@
 
 #include "protocol/ioprim.h"
 #include "queues/event_types.h"
+#include "queues/record.h"
 #include "queues/wire_error.h"
 #include "tql/id.h"
 #include "tql/property.h"
@@ -53,11 +53,6 @@ inline constexpr std::uint64_t kMinElementBytes = 4;
 inline constexpr std::size_t kMaxTrustedBytes = std::size_t{1} << 20;
 /// Records that contain themselves by way of another record recurse; this deep at most.
 inline constexpr unsigned kMaxRecursion = 100;
-
-template <class R>
-concept Record = requires {
-    { R::record } -> std::convertible_to<std::string_view>;
-};
 
 template <class T>
 inline constexpr bool is_list = false;
