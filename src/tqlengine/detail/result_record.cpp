@@ -8,8 +8,8 @@ namespace tqlengine::detail {
 
 namespace {
 
-// Recurses over the levels of the result, of which there are at most `levels`.
-void fill(tql::result_t& record, ResultNode& node, size_t levels, uint64_t& count) {
+// Recurses over the levels of the result, whose depth has been checked.
+void fill(tql::result_t& record, ResultNode& node, uint64_t& count) {
     ++count;
     record.class_ = node.class_number;
     record.flags = node.flags;
@@ -20,8 +20,7 @@ void fill(tql::result_t& record, ResultNode& node, size_t levels, uint64_t& coun
     record.origin = node.origin;
     auto& children = node.children.entries();
     record.children.reserve(children.size());
-    for (auto& child : children)
-        fill(record.children.emplace_back(), *child.node, levels - 1, count);
+    for (auto& child : children) fill(record.children.emplace_back(), *child.node, count);
 }
 
 void check_depth(const ResultNode& root, size_t limit) {
@@ -47,7 +46,7 @@ void check_depth(const ResultNode& root, size_t limit) {
 tql::result_t to_record(ResultNodePtr node, size_t depth_limit, uint64_t& count) {
     check_depth(*node, depth_limit);
     tql::result_t record;
-    fill(record, *node, depth_limit, count);
+    fill(record, *node, count);
     return record;
 }
 
