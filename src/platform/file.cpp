@@ -49,7 +49,14 @@ class SystemFile final : public File {
     }
 
     void write_durable_at(const void* data, size_t length, uint64_t offset) override {
-        write_all(data, length, offset, RWF_DSYNC);
+        try {
+            write_all(data, length, offset, RWF_DSYNC);
+        } catch (const error::ESystemError& failure) {
+            if (failure.code() != EOPNOTSUPP) throw;
+            // A file system without the flag: nothing was written.
+            write_all(data, length, offset, 0);
+            sync_data();
+        }
     }
 
     void sync_data() override {

@@ -134,6 +134,29 @@ TEST(Open, RefusesWhatIsNoDatabase) {
     EXPECT_EQ(failure_of([&] { test.open(); }), "none") << "and nothing was spoiled meanwhile";
 }
 
+TEST(Open, JournalMayBeARegionOfTheFile) {
+    TestDatabase test(64 * 1024);
+    // The word that says where the layout area begins is the first block of the journal too: 513.
+    Bytes file = test.read("db");
+    const Bytes layout(file.begin() + 512, file.begin() + 512 + 60);
+    overwrite(file, 513, layout);
+    overwrite(file, 12, hex("00000001 00000201 00000040"));
+    file.resize((513 + 64) * 1024);
+    overwrite(file, 513 * 1024, test.read("journal"));
+    std::fill_n(file.begin() + 3 * 1024 + 513, 64, uint8_t{7});
+    file[kData] = '0';
+    test.write("db", file);
+    test.files.remove(test.dir.file("journal"));
+    for (int round = 0; round < 3; ++round) {
+        mdb::Database& db = test.open();
+        EXPECT_EQ(db.journal().journal_length(), 64 * 1024U);
+        EXPECT_EQ(see(db, kData, 1), std::string(1, static_cast<char>('0' + round)));
+        mdb::Transaction transaction(db.journal());
+        put(db, kData, std::string(1, static_cast<char>('1' + round)));
+        transaction.commit(round == 1);
+    }
+}
+
 TEST(Header, IndexesComeAndGo) {
     TestDatabase test;
     mdb::Database& db = test.open();
