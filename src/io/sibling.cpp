@@ -55,6 +55,10 @@ void SiblingOStream::writeCommit(size_t count) {
 OutputSignalWriter::OutputSignalWriter(uint32_t peer_id)
     : PipeOStream(platform::Fd(), fmt::format("sibling {}", peer_id)) {}
 
+void SiblingOStream::prepare() {
+    sibling_.messenger().makeRoomForOthers();
+}
+
 SiblingImplementation::SiblingImplementation(SiblingMessenger& messenger, uint32_t id)
     : messenger_(messenger), id_(id), references_(1), writer_(id), in_(*this), out_(*this) {}
 

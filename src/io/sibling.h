@@ -48,6 +48,7 @@ class SiblingIStream final : public IStream, public StackedSelectableFront {
 
     SiblingImplementation& sibling_;
     uint64_t bytes_read_ = 0;  ///< of the first message of the peer
+    bool borrowed_ = false;    ///< its reader may hold a pointer into that message
 };
 
 /// Messages to one peer: each commit publishes one. Named "SiblingOStream[", the id, "]".
@@ -65,6 +66,8 @@ class SiblingOStream final : public OStream, public StackedSelectableFront {
     /// True while messages wait for the peer to be introduced.
     [[nodiscard]] bool hasPendingData() const override { return !undelivered_.empty(); }
     void closeWrite() override {}
+    /// Before a wait for room: see SiblingMessenger about what others wrote to us.
+    void prepare() override;
 
   private:
     friend class SiblingMessenger;

@@ -13,9 +13,12 @@ bool SiblingMessenger::endIsUnread(const SiblingImplementation& sibling) const {
 }
 
 bool SiblingMessenger::hasOutstanding(const SiblingImplementation& sibling) const {
-    const detail::ReceivedMessage* first = sibling.received_.first;
-    return sibling.lent_blocks_ != 0 ||
-           (first != nullptr && !first->isNull() && first->life == sibling.life_);
+    if (sibling.lent_blocks_ != 0) return true;
+    for (const detail::ReceivedMessage* message = sibling.received_.first;
+         message != nullptr && !message->isNull() && message->life == sibling.life_;
+         message = message->next_of_sender)
+        if (!message->copy) return true;
+    return false;
 }
 
 void SiblingMessenger::peerIntroduced(SiblingImplementation& sibling, uint64_t area_offset,
@@ -72,6 +75,11 @@ void SiblingMessenger::peerShutdown(SiblingImplementation& sibling) {
 
 void SiblingMessenger::letGoWhenDone(SiblingImplementation& sibling) {
     if (!sibling.shutdown_pending_ || hasOutstanding(sibling)) return;
+    if (!sibling.failed_ && sibling.fifoOpen()) {
+        // It can't end before it has our last acknowledges.
+        flush();
+        if (!sibling.acks_.empty() || sibling.writer_.hasPendingData()) return;
+    }
     sibling.shutdown_pending_ = false;
     closeRoad(sibling);
     write_areas_.erase(sibling.area_offset_);

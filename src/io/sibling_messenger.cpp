@@ -3,6 +3,7 @@
 #include "io/sibling_messenger.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "error/exception.h"
@@ -166,7 +167,10 @@ size_t SiblingMessenger::readBegin(SiblingIStream& stream, const uint8_t*& out) 
     error::check(message->sender == sender.id_, "curr_msg does not hold a message for us");
     error::check(message->length > stream.bytes_read_,
                  "Message not larger than number of bytes read {}", stream.bytes_read_);
-    out = memory_.data() + message->offset + pool_layout::kPayload + stream.bytes_read_;
+    const uint8_t* start = message->copy ? message->copy.get()
+                                         : memory_.data() + message->offset + pool_layout::kPayload;
+    out = start + stream.bytes_read_;
+    stream.borrowed_ = true;
     return message->length - stream.bytes_read_;
 }
 
@@ -180,12 +184,36 @@ void SiblingMessenger::readCommit(SiblingIStream& stream, size_t count) {
     stream.bytes_read_ += count;
     if (stream.bytes_read_ != message->length) return;
 
-    const detail::ReceivedMessage done = *message;
+    const uint32_t offset = message->offset;
+    const uint64_t length = message->length;
+    // A sender that died, back or not, wants no acknowledge for what it sent before.
+    const bool wanted = !message->copy && message->life == sender.life_ && !sender.failed_;
+    if (message->copy) copied_bytes_ -= length;
     received_.popFirst(sender.received_);
     stream.bytes_read_ = 0;
-    // A sender that died, back or not, wants no acknowledge for what it sent before.
-    if (done.life == sender.life_ && !sender.failed_) queueAck(sender, done.offset, done.length);
+    stream.borrowed_ = false;
+    if (wanted) queueAck(sender, offset, length);
     letGoWhenDone(sender);
+}
+
+// Called while a write waits: gives back the blocks of messages that nobody reads as long as it
+// does.
+void SiblingMessenger::makeRoomForOthers() {
+    if (area_.hasFreeBlock()) return;
+    for (detail::ReceivedMessage* message = received_.front(); message != nullptr;
+         message = message->after) {
+        if (message->isNull() || message->copy) continue;
+        SiblingImplementation& sender = *peer_by_id_[message->sender];
+        if (message == sender.received_.first && sender.in_.borrowed_) continue;
+        if (copied_bytes_ + message->length > kMaxCopied_bytes) return;
+        message->copy = std::make_unique_for_overwrite<uint8_t[]>(message->length);
+        std::memcpy(message->copy.get(), memory_.data() + message->offset + pool_layout::kPayload,
+                    message->length);
+        copied_bytes_ += message->length;
+        if (message->life == sender.life_ && !sender.failed_)
+            queueAck(sender, message->offset, message->length);
+        letGoWhenDone(sender);
+    }
 }
 
 }  // namespace io

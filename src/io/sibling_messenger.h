@@ -17,7 +17,10 @@
 // acknowledges wait as long as they hold back less than an eighth of their sender's area.
 //
 // A process blocked in a write still serves its input, since it waits in a selector that includes
-// the messenger's input.
+// the messenger's input. That alone would not do for two that write to each other: with both areas
+// full of unread messages neither could go on. So while a write waits for room in the own area,
+// messages that wait here to be read are copied, up to kMaxCopied_bytes, and their blocks given
+// back at once. Nothing else is ever copied.
 #pragma once
 
 #include <cstdint>
@@ -92,6 +95,7 @@ class SiblingMessenger : public StackedSelectableBack {
 
     void underlyingIsReady(Selectable& underlying) override;
 
+    static constexpr uint64_t kMaxCopied_bytes = 64 << 20;
     static constexpr size_t kMaxDeferredSignals = 16;
     static constexpr uint64_t kMaxDeferral_us = 20;
 
@@ -178,6 +182,7 @@ class SiblingMessenger : public StackedSelectableBack {
     size_t readBegin(SiblingIStream& stream, const uint8_t*& out);
     void readCommit(SiblingIStream& stream, size_t count);
     void endSeen(SiblingImplementation& peer);
+    void makeRoomForOthers();
 
     // Lives of a peer.
     [[nodiscard]] bool hasOutstanding(const SiblingImplementation& peer) const;
@@ -221,6 +226,7 @@ class SiblingMessenger : public StackedSelectableBack {
     std::vector<uint32_t> deferred_releases_;           ///< acknowledged while writing
 
     detail::ReceivedList received_;
+    uint64_t copied_bytes_ = 0;  ///< in copies of messages not read yet
 
     std::vector<Outgoing> outgoing_;  ///< the global send list, from outgoing_head_ on
     size_t outgoing_head_ = 0;

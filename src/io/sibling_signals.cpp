@@ -41,6 +41,7 @@ void SiblingMessenger::underlyingIsReady(Selectable& underlying) {
         setWatch(&known->writer_, false);
         if (unflushed_sibling_ == known.get()) unflushed_sibling_ = nullptr;
         flush();
+        letGoWhenDone(*known);
         return;
     }
 }
@@ -187,7 +188,7 @@ void SiblingMessenger::writeTo(SiblingImplementation& target) {
     const size_t room = target.writer_.writeBegin(bytes) / kSignalBytes;
 
     const size_t acks = std::min(room, target.acks_.size());
-    std::memcpy(bytes, target.acks_.data(), acks * kSignalBytes);
+    if (acks != 0) std::memcpy(bytes, target.acks_.data(), acks * kSignalBytes);
     target.acks_.erase(target.acks_.begin(), target.acks_.begin() + static_cast<ptrdiff_t>(acks));
     if (target.acks_.empty()) target.ack_bytes_ = 0;
 

@@ -178,7 +178,7 @@ std::string WriteArea::checkBlock(uint64_t offset, uint64_t prev, bool prev_free
         return fmt::format("A4: free blocks at {} and {}", prev, offset);
     if (header.used() != lent || (lent && header.length == 0))
         return fmt::format("A5: block at {} is {}", offset,
-                           lent ? "lent but free" : "used but not lent");
+                           lent ? "lent but free or empty" : "used but not lent");
     return {};
 }
 

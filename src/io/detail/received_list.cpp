@@ -9,7 +9,7 @@ void ReceivedList::append(SenderQueue& queue, uint32_t sender, uint32_t offset, 
         spare_ = entry->after;
     else
         entry = &storage_.emplace_back();
-    *entry = {sender, offset, life, length, tail_, nullptr, nullptr};
+    *entry = {sender, offset, life, length, nullptr, tail_, nullptr, nullptr};
 
     (tail_ != nullptr ? tail_->after : head_) = entry;
     tail_ = entry;
@@ -26,6 +26,7 @@ void ReceivedList::popFirst(SenderQueue& queue) {
 
     (entry->before != nullptr ? entry->before->after : head_) = entry->after;
     (entry->after != nullptr ? entry->after->before : tail_) = entry->before;
+    entry->copy.reset();
     entry->after = spare_;
     spare_ = entry;
 }

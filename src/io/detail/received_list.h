@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <memory>
 
 namespace io::detail {
 
@@ -15,6 +16,8 @@ struct ReceivedMessage {
     uint64_t length = 0;  ///< payload bytes; 0 for the null message
 
     [[nodiscard]] bool isNull() const { return offset == 0; }
+
+    std::unique_ptr<uint8_t[]> copy;  ///< its bytes, if the block was given back already
 
     ReceivedMessage* before = nullptr;
     ReceivedMessage* after = nullptr;
@@ -33,6 +36,7 @@ class ReceivedList {
     [[nodiscard]] bool empty() const { return head_ == nullptr; }
     /// The oldest entry of all; null if empty.
     [[nodiscard]] const ReceivedMessage* front() const { return head_; }
+    [[nodiscard]] ReceivedMessage* front() { return head_; }
 
     void append(SenderQueue& queue, uint32_t sender, uint32_t offset, uint64_t length,
                 uint32_t life);
