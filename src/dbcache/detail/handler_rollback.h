@@ -1,0 +1,60 @@
+// HandlerRollback: keeps what a handler is while a write to its object runs, with the transaction
+// of the write. Unless the write commits, all of it is undone: the transaction, and then fields,
+// place in the cache and location of the handler.
+#pragma once
+
+#include <optional>
+
+#include "dbcache/object_handler.h"
+
+namespace dbcache {
+
+class HandlerRollback {
+  public:
+    explicit HandlerRollback(ObjectHandler& handler)
+        : handler_(handler),
+          location_(handler.location_),
+          parent_(handler.parent_.value),
+          version_(handler.version_),
+          copy_version_(handler.copy_version_),
+          subtype_(handler.subtype_) {}
+    ~HandlerRollback() {
+        if (!done_) undo();
+    }
+    HandlerRollback(const HandlerRollback&) = delete;
+    HandlerRollback& operator=(const HandlerRollback&) = delete;
+
+    void begin() { transaction_.emplace(handler_.store_); }
+    /// Commits, synchronously if this is the outermost transaction. Nothing is undone any more.
+    void commit() {
+        transaction_->commit();
+        done_ = true;
+        transaction_.reset();
+        handler_.store_.touch(handler_);
+    }
+
+  private:
+    void undo() noexcept {
+        // Out of the cache first: the abort brings back other handlers, one of which may lie where
+        // this one has been put.
+        const bool moved = transaction_.has_value();
+        if (moved) handler_.move_to({});
+        transaction_.reset();
+        handler_.parent_.value = parent_;
+        handler_.version_ = version_;
+        handler_.copy_version_ = copy_version_;
+        handler_.subtype_ = subtype_;
+        if (moved) handler_.move_to(location_);
+    }
+
+    ObjectHandler& handler_;
+    mdb::block_handle_t location_;
+    NodeId parent_;
+    tql::version_t version_;
+    tql::version_t copy_version_;
+    uint32_t subtype_;
+    std::optional<StoreTransaction> transaction_;
+    bool done_ = false;
+};
+
+}  // namespace dbcache

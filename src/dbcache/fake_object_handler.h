@@ -1,0 +1,37 @@
+// FakeObjectHandler: a place in the tree where no object stands yet. It serves replication when
+// references are translated for an object that is about to be created. It has an id and a parent;
+// every other operation ends the process.
+#pragma once
+
+#include "dbcache/object_handler.h"
+
+namespace dbcache {
+
+class FakeObjectHandler final : public tqlengine::TqlObjectHandler {
+  public:
+    FakeObjectHandler(Store& store, const NodeId& id, const NodeId& parent);
+
+    [[nodiscard]] tql::id_t tqlId() const override { return tql::id_t::from_node_id(id_); }
+    /// Empty when the parent isn't there either.
+    tqlengine::HandlerRef tqlParentHandler() override;
+
+    // Each throws error::EFatal with "FakeObjectHandler::" and its name.
+    [[nodiscard]] tql::version_t tqlVersion() const override;
+    [[nodiscard]] uint32_t tqlFlags() const override;
+    [[nodiscard]] tql::origin_t tqlOrigin() override;
+    void tqlChildrenHandlers(tqlengine::HandlerList& out, const tql::pattern_t& pattern) override;
+    tqlengine::HandlerRef tqlChild(uint32_t number) override;
+    void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) override;
+    uint32_t tqlCreate(const tql::id_t& new_id, uint32_t child_class,
+                       const tqlengine::WriteArguments& arguments) override;
+    uint32_t tqlUpdate(const tqlengine::WriteArguments& arguments) override;
+    void tqlDelete(const tqlengine::DeleteArguments& arguments) override;
+    void tqlRevalidate(tqlengine::RevalidationFailures& failures) override;
+
+  private:
+    Store& store_;
+    NodeId id_;
+    NodeId parent_;
+};
+
+}  // namespace dbcache

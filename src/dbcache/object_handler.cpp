@@ -1,0 +1,273 @@
+#include "dbcache/object_handler.h"
+
+#include <fmt/format.h>
+
+#include "dbcache/detail/write_faults.h"
+#include "dbcache/fixed_ids.h"
+#include "dbcache/group_handler.h"
+#include "dbcache/inheritance.h"
+#include "dbcache/object_view.h"
+#include "dbcache/resolver.h"
+#include "dbcache/schema_table.h"
+#include "log/log.h"
+#include "mdb/errors.h"
+#include "mdb/index.h"
+#include "meter/meter.h"
+#include "tql/errors.h"
+#include "tql/names.h"
+#include "tql/property_map.h"
+#include "tqlengine/request_context.h"
+#include "tqlengine/update_watcher.h"
+
+namespace dbcache {
+
+namespace {
+
+const logging::Logger logger{"dbcache"};
+
+meter::Group handler_group{"handler"};
+meter::MicroSecondTiming encode_time{&handler_group, "encode",
+                                     "Time spent encoding TQL properties"};
+
+/// Reads a property that every stored object has.
+void read_required(const PropertyChain& chain, mdb::Property& property) {
+    if (chain.read(0, property) != found_t::value)
+        throw mdb::error_implicit_nullprop(
+            fmt::format("Attempt to read (I)null property \"{}\"", property.id), property.id);
+}
+
+tql::version_t to_version(const mdb::PropertyVersion& stored) {
+    return {stored.value.sequence, stored.value.counter};
+}
+
+}  // namespace
+
+// ---- coming and going --------------------------------------------------------------------------
+
+ObjectHandler::ObjectHandler(Store& store, mdb::block_handle_t location)
+    : TqlObjectHandler(0),
+      store_(store),
+      id_(prop::id),
+      parent_(prop::parentId),
+      sibling_entry_(store.sibling_index().end()) {
+    load(location);
+    location_ = location;
+    ++store_.live_;
+}
+
+ObjectHandler::ObjectHandler(Store& store, const NodeId& id, const NodeId& parent,
+                             const NodetypeSchema& schema)
+    : TqlObjectHandler(schema.tql_class),
+      store_(store),
+      id_(prop::id, id),
+      parent_(prop::parentId, parent),
+      schema_(&schema),
+      sibling_entry_(store.sibling_index().end()) {
+    ++store_.live_;
+}
+
+ObjectHandler::~ObjectHandler() {
+    leave_sibling_index();
+    --store_.live_;
+}
+
+void ObjectHandler::load(mdb::block_handle_t location) {
+    const InheritanceChain chain(store_, id_.value, location);
+    read_required(chain, id_);
+    read_required(chain, parent_);
+    mdb::PropertyVersion stored(prop::version);
+    read_required(chain, stored);
+    version_ = to_version(stored);
+    stored.id = prop::copyVersion;
+    copy_version_ = chain.read(0, stored) == found_t::value ? to_version(stored) : version_;
+    PropertyNodeType type(prop::nodeType);
+    read_required(chain, type);
+    schema_ = &store_.schemas().get(static_cast<uint32_t>(type.value));
+    set_class_number(schema_->tql_class);
+    subtype_ = schema_->subtypeFromChain(chain);
+    enter_sibling_index(chain);
+}
+
+void ObjectHandler::move_to(mdb::block_handle_t location) {
+    if (!location_.is_null()) store_.cache().cache_remove(location_, false);
+    location_ = location;
+    if (!location_.is_null()) store_.cache().cache_insert(id_.value, location_, *this);
+}
+
+void ObjectHandler::enter_sibling_index(const PropertyChain& chain) {
+    const std::optional<std::string> name = schema_->siblingName(chain);
+    SiblingIndex& index = store_.sibling_index();
+    const bool same = name && sibling_entry_ != index.end() &&
+                      sibling_entry_->first.name == *name &&
+                      sibling_entry_->first.parent == parent_.value;
+    if (same) return;
+    leave_sibling_index();
+    if (name) sibling_entry_ = index.insert({parent_.value, class_number(), *name}, *this);
+}
+
+void ObjectHandler::leave_sibling_index() noexcept {
+    SiblingIndex& index = store_.sibling_index();
+    if (sibling_entry_ != index.end()) index.erase(sibling_entry_);
+    sibling_entry_ = index.end();
+}
+
+void ObjectHandler::tqlAddRef() {
+    ++store_.referenced_;
+}
+
+void ObjectHandler::tqlRelease() noexcept {
+    --store_.referenced_;
+    if (watched()) logger.warning("Warning: unreferenced ObjectHandler still marked as watched");
+    if (cache_queue() == CachedObject::none) delete this;
+}
+
+// ---- the tree ----------------------------------------------------------------------------------
+
+ObjectHandlerRef ObjectHandler::parent_object() const {
+    return parent_.value.is_null() ? ObjectHandlerRef{}
+                                   : store_.resolver().find_stored(parent_.value);
+}
+
+tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {
+    ObjectHandlerRef parent = parent_object();
+    if (!parent) return {};
+    const auto group = parent->schema().group_of_child(nodetype());
+    if (!group) return parent;
+    return tqlengine::HandlerRef(new GroupHandler(std::move(parent), *group));
+}
+
+tqlengine::HandlerRef ObjectHandler::tqlChild(uint32_t number) {
+    const auto group_id = static_cast<int32_t>(number);
+    if (!schema_->groups().contains(group_id)) return {};
+    return tqlengine::HandlerRef(new GroupHandler(ObjectHandlerRef(this), group_id));
+}
+
+tqlengine::TqlIdResolver* ObjectHandler::tqlIdResolver() {
+    return &store_.resolver();
+}
+
+tql::origin_t ObjectHandler::tqlOrigin() {
+    if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
+    return schema_->tqlOrigin(ObjectView(*this));
+}
+
+// ---- reading -----------------------------------------------------------------------------------
+
+void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {
+    const meter::TimingScope timing(encode_time, store_.clock());
+    const char* doing = "encode";
+    try {
+        const InheritanceChain chain(store_, id_.value, location_);
+        encode_stored(chain, pattern, out);
+        doing = "computing";
+        schema_->encodeSpecials(ObjectView(*this), chain, pattern, out);
+    } catch (const mdb::error_generic& failure) {
+        throw errors::tql(errors::ERR_BACKEND,
+                          fmt::format("Error {} properties for {} {}: {}", doing,
+                                      tql::class_name(class_number()), id_.value, failure.text()));
+    }
+}
+
+/// Walks the sorted entries beside the sorted wanted numbers.
+void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                                  tql::property_map_t& out) const {
+    const bool all = (pattern.flags & tql::kPatternAllProperties) != 0;
+    auto wanted = pattern.wanted_properties.begin();
+    const auto wanted_end = pattern.wanted_properties.end();
+    for (const NodetypeSchema::Entry& entry : schema_->properties()) {
+        if (!all) {
+            while (wanted != wanted_end && *wanted < entry.property) ++wanted;
+            if (wanted == wanted_end) break;
+            if (*wanted != entry.property) continue;
+        }
+        if (entry.applies_to(subtype_)) entry.schema->encode(chain, id_.value, out);
+    }
+    if (pattern.wants(prop::anyOverridden))
+        tql::add<tql::property_boolean_t>(out, prop::anyOverridden, any_overridden(chain),
+                                          kComputed);
+}
+
+bool ObjectHandler::any_overridden(const InheritanceChain& chain) const {
+    if (!chain.hasParent()) return false;
+    for (const NodetypeSchema::Entry& entry : schema_->properties()) {
+        if (!entry.applies_to(subtype_) || entry.schema->has(kConst | kNoInheritance)) continue;
+        work_t work;
+        entry.schema->load(chain, work);
+        if (!work.is_inherited()) return true;
+    }
+    return false;
+}
+
+// ---- creating ----------------------------------------------------------------------------------
+
+uint32_t ObjectHandler::tqlCreate(const tql::id_t& new_id, uint32_t child_class,
+                                  const tqlengine::WriteArguments& arguments) {
+    const auto child = schema_->child_classes().find(child_class);
+    if (child == schema_->child_classes().end())
+        throw errors::tql(errors::ERR_ILLEGAL_CHILD,
+                          fmt::format("{} not allowed as child of {}", tql::class_name(child_class),
+                                      tql::class_name(class_number())));
+    return create_child(new_id, store_.schemas().get(child->second), arguments);
+}
+
+uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSchema& child_schema,
+                                     const tqlengine::WriteArguments& arguments) {
+    if (deleted_) throw errors::tql(errors::ERR_NO_SUCH_ID, fmt::format("{} not found", id_.value));
+    if (new_id.size() != 2 || is_reserved_id(new_id.to_node_id()))
+        throw errors::tql(errors::ERR_ILLEGAL_VALUE,
+                          fmt::format("Illegal id for a new object: \"{}\"", new_id.to_string()));
+    const NodeId id = new_id.to_node_id();
+    if (store_.indexes().unique_find(mdb::node_id_index, id))
+        throw errors::tql_exists(new_id, new_id.to_string() + " exists already");
+
+    const ObjectHandlerRef child(new ObjectHandler(store_, id, id_.value, child_schema));
+    tqlengine::TqlUpdateWatcher watcher(arguments.context.engine, child,
+                                        tqlengine::watch_t::create);
+    const uint32_t status = [&] {
+        try {
+            return child->tqlUpdate({child->copy_version_, arguments.new_version,
+                                     arguments.properties, arguments.flags, arguments.context});
+        } catch (const error::Exception&) {
+            // There is no object to tell anybody of; the handler goes with its last reference.
+            watcher.forget();
+            throw;
+        }
+    }();
+    watcher.close();
+    error::check(child->reference_count() > 0, "New object {} lost its reference", id);
+    return status;
+}
+
+// ---- validating again --------------------------------------------------------------------------
+
+void ObjectHandler::tqlRevalidate(tqlengine::RevalidationFailures& failures) {
+    revalidate_children(failures);
+    const InheritanceChain chain(store_, id_.value, location_);
+    const ObjectView view(*this);
+    WorkArray work(schema_->properties().size());
+    for (size_t i = 0; i < work.size(); ++i)
+        if (schema_->properties()[i].applies_to(subtype_))
+            schema_->properties()[i].schema->load(chain, work[i]);
+    collect_failures(view, chain, work, failures);
+}
+
+void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyChain& chain,
+                                     WorkArray& work,
+                                     tqlengine::RevalidationFailures& failures) const {
+    const auto entries = schema_->properties();
+    const uint32_t subtype = schema_->subtypeFromWork(work);
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (!entries[i].applies_to(subtype) || entries[i].property == prop::parentId) continue;
+        try {
+            entries[i].schema->validate(view, chain, work[i]);
+        } catch (const errors::tql&) {
+            failures.push_back({tqlId(), entries[i].property});
+        }
+    }
+}
+
+tql::id_t ObjectHandler::tqlId() const {
+    return tql::id_t::from_node_id(id_.value);
+}
+
+}  // namespace dbcache

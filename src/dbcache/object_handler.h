@@ -1,0 +1,141 @@
+// ObjectHandler: the in-memory handle of one stored object, and the only way to change one. It
+// stands between the query engine, whose interface it implements, and the store; what it does with
+// a property it leaves to the object's schema.
+//
+//   load / create --> in step with the stored object --tqlDelete--> gone, until the last reference
+//                       ^                |
+//                       +---tqlUpdate----+
+//
+// A handler is kept by the object cache for as long as that wants, referenced or not, and is never
+// ahead of the stored object: a change that fails leaves handler, cache, sibling index and file as
+// they were. Who holds no reference must not keep the pointer over any other call.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+
+#include "dbcache/nodetype_schema.h"
+#include "dbcache/object_cache.h"
+#include "dbcache/sibling_index.h"
+#include "dbcache/store.h"
+#include "mdb/property_types.h"
+#include "tqlengine/object_handler.h"
+
+namespace dbcache {
+
+class InheritanceChain;
+
+/// A number of a nodetype as objects store it in property 3.
+enum class node_type_t : uint32_t {};
+
+using PropertyNodeType = mdb::PropertyEnum<node_type_t>;
+
+class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObject {
+  public:
+    /// Loads the object at `location`. Throws mdb::error_generic and ENoSchema; the handler is in
+    /// no cache then. The caller enters it in the cache.
+    ObjectHandler(Store& store, mdb::block_handle_t location);
+    /// A new object, not stored yet.
+    ObjectHandler(Store& store, const NodeId& id, const NodeId& parent,
+                  const NodetypeSchema& schema);
+    ~ObjectHandler() override;
+
+    [[nodiscard]] const NodeId& node_id() const noexcept { return id_.value; }
+    /// Null for the root.
+    [[nodiscard]] const NodeId& parent_id() const noexcept { return parent_.value; }
+    [[nodiscard]] const tql::version_t& version() const noexcept { return version_; }
+    [[nodiscard]] uint32_t nodetype() const noexcept { return schema_->nodetype; }
+    [[nodiscard]] uint32_t subtype() const noexcept { return subtype_; }
+    [[nodiscard]] const NodetypeSchema& schema() const noexcept { return *schema_; }
+    [[nodiscard]] Store& store() const noexcept { return store_; }
+    /// Where the present version lies; null for an object not stored yet.
+    [[nodiscard]] mdb::block_handle_t location() const noexcept { return location_; }
+    [[nodiscard]] bool is_stored() const noexcept { return !location_.is_null(); }
+    /// True when the object was deleted and only references keep the handler.
+    [[nodiscard]] bool is_deleted() const noexcept { return deleted_; }
+
+    /// The object that `parent` names, groups left out; empty for the root and where nothing is
+    /// stored under that id.
+    [[nodiscard]] ObjectHandlerRef parent_object() const;
+
+    // ---- tqlengine::TqlObjectHandler ------------------------------------------------------------
+
+    [[nodiscard]] tql::id_t tqlId() const override;
+    [[nodiscard]] tql::version_t tqlVersion() const override { return copy_version_; }
+    [[nodiscard]] tql::origin_t tqlOrigin() override;
+    void tqlChildrenHandlers(tqlengine::HandlerList& out, const tql::pattern_t& pattern) override;
+    tqlengine::HandlerRef tqlChild(uint32_t number) override;
+    /// The group of the parent under which this object stands, where there is one.
+    tqlengine::HandlerRef tqlParentHandler() override;
+    tqlengine::TqlIdResolver* tqlIdResolver() override;
+    void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) override;
+    uint32_t tqlCreate(const tql::id_t& new_id, uint32_t child_class,
+                       const tqlengine::WriteArguments& arguments) override;
+    /// Besides errors::tql: mdb::error_io and mdb::error_internal, which end the process. All other
+    /// faults of the store become code 14.
+    uint32_t tqlUpdate(const tqlengine::WriteArguments& arguments) override;
+    void tqlDelete(const tqlengine::DeleteArguments& arguments) override;
+    void tqlRevalidate(tqlengine::RevalidationFailures& failures) override;
+
+    // ---- for the rest of the object layer -------------------------------------------------------
+
+    /// Creates a child of the class with `child_schema`; for an object and its groups.
+    uint32_t create_child(const tql::id_t& new_id, const NodetypeSchema& child_schema,
+                          const tqlengine::WriteArguments& arguments);
+    /// Lists the children whose nodetype is in `nodetypes` and that `pattern` can match. Children
+    /// of a class that no longer stands under this one are deleted from the store on the way.
+    void list_children(const std::set<uint32_t>& nodetypes, const tql::pattern_t& pattern,
+                       tqlengine::HandlerList& out);
+
+    [[nodiscard]] uint32_t cache_references() const noexcept override { return reference_count(); }
+
+  protected:
+    void tqlAddRef() override;
+    void tqlRelease() noexcept override;
+
+  private:
+    friend class DeleteOperation;
+    friend class HandlerRollback;
+    friend class DbcacheIdResolver;
+    friend class SiblingIndex;
+    friend class Store;
+    friend class UpdateOperation;
+
+    /// Takes all fields but the location from the object at `location` and enters the sibling
+    /// index.
+    void load(mdb::block_handle_t location);
+    /// Takes the handler out of the cache and enters it again under `location`, unless that is
+    /// null.
+    void move_to(mdb::block_handle_t location);
+    /// The entry of the sibling index becomes that of the name that `chain` gives.
+    void enter_sibling_index(const PropertyChain& chain);
+    void leave_sibling_index() noexcept;
+    void encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                       tql::property_map_t& out) const;
+    [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
+    void list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out);
+    void discard_strays(const std::vector<ObjectHandlerRef>& strays);
+    /// Revalidates what stands below this object.
+    void revalidate_children(tqlengine::RevalidationFailures& failures) {
+        TqlObjectHandler::tqlRevalidate(failures);
+    }
+    /// Validates each value in `work` and adds those that fail.
+    void collect_failures(const SchemaObject& view, const PropertyChain& chain, WorkArray& work,
+                          tqlengine::RevalidationFailures& failures) const;
+
+    Store& store_;
+    mdb::block_handle_t location_{};
+    mdb::PropertyNodeId id_;
+    mdb::PropertyNodeId parent_;
+    tql::version_t version_;
+    tql::version_t copy_version_;
+    const NodetypeSchema* schema_ = nullptr;
+    uint32_t subtype_ = kAllSubtypes;
+    bool deleted_ = false;
+    SiblingIndex::Entry sibling_entry_;
+    /// The store's tree epoch in which the object was last seen to hang together with the root.
+    uint64_t attached_epoch_ = 0;
+};
+
+}  // namespace dbcache

@@ -1,0 +1,118 @@
+// Listing the children of an object.
+#include <algorithm>
+
+#include "dbcache/detail/child_walk.h"
+#include "dbcache/group_handler.h"
+#include "dbcache/object_handler.h"
+#include "error/exception.h"
+#include "log/log.h"
+#include "tql/names.h"
+#include "tql/property_kinds.h"
+
+namespace dbcache {
+
+namespace {
+
+const logging::Logger logger{"dbcache"};
+
+/// The classes that a step, and with the recursive flag what follows it, can match at one level.
+class LevelClasses {
+  public:
+    explicit LevelClasses(const tql::pattern_t& pattern) { collect(pattern); }
+
+    /// False when only templates can match.
+    [[nodiscard]] bool any_stored() const noexcept { return all_ || !classes_.empty(); }
+    [[nodiscard]] bool admits(uint32_t class_number) const noexcept {
+        return all_ || std::find(classes_.begin(), classes_.end(), class_number) != classes_.end();
+    }
+
+  private:
+    void collect(const tql::pattern_t& pattern) {
+        if ((pattern.flags & tql::kPatternTemplates) == 0) {
+            if (pattern.class_ == cls::Any) all_ = true;
+            classes_.push_back(pattern.class_);
+        }
+        if ((pattern.flags & tql::kPatternRecursive) == 0) return;
+        for (const tql::pattern_t& next : pattern.next) collect(next);
+        for (const tql::pattern_t& next : pattern.cond_next) collect(next);
+    }
+
+    bool all_ = false;
+    std::vector<uint32_t> classes_;
+};
+
+/// The value of the step's condition that `property` equals it; null without one. Of a recursive
+/// step the conditions don't hold for all that it leads to.
+template <class Kind>
+const Kind* equal_condition(const tql::pattern_t& pattern, uint32_t property) {
+    if ((pattern.flags & tql::kPatternRecursive) != 0) return nullptr;
+    for (const tql::condition_t& condition : pattern.where)
+        if (condition.op == tql::relop_t::eq && condition.value &&
+            condition.value->property == property && condition.value->type() == Kind::kType &&
+            !condition.value->is_null)
+            return static_cast<const Kind*>(condition.value.get());
+    return nullptr;
+}
+
+bool wants_active_only(const tql::pattern_t& pattern) {
+    const auto* active = equal_condition<tql::property_boolean_t>(pattern, prop::active);
+    return active != nullptr && active->value;
+}
+
+}  // namespace
+
+void ObjectHandler::tqlChildrenHandlers(tqlengine::HandlerList& out,
+                                        const tql::pattern_t& pattern) {
+    error::check(out.empty(), "Output list not empty upon entry in tqlChildrenHandlres()");
+    if (schema_->childrenHook(*this, pattern, out)) return;
+    list_groups(pattern, out);
+    // Templates of the admitted classes go here.
+    list_children(schema_->direct_children(), pattern, out);
+}
+
+void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
+    if (schema_->groups().empty()) return;
+    const LevelClasses classes(pattern);
+    for (const auto& [group_id, group] : schema_->groups())
+        if (classes.admits(group.tql_class))
+            out.emplace_back(new GroupHandler(ObjectHandlerRef(this), group_id));
+}
+
+void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
+                                  const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
+    const LevelClasses classes(pattern);
+    if (!classes.any_stored() || !is_stored()) return;
+    const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
+    if (name != nullptr && pattern.class_ != cls::Any) {
+        ObjectHandler* found = store_.sibling_index().find(id_.value, pattern.class_, name->value);
+        if (found != nullptr && nodetypes.contains(found->nodetype())) {
+            out.emplace_back(found);
+            return;
+        }
+    }
+    const bool active_only =
+        wants_active_only(pattern) && store_.indexes().index_count() > mdb::active_parent_index;
+    const uint32_t index = active_only ? mdb::active_parent_index : mdb::parent_id_index;
+    std::vector<ObjectHandlerRef> strays;
+    detail::walk_children(store_, id_.value, index, [&](ObjectHandlerRef child) {
+        const uint32_t child_nodetype = child->nodetype();
+        if (nodetypes.contains(child_nodetype)) {
+            if (classes.admits(child->class_number())) out.push_back(std::move(child));
+        } else if (!schema_->all_children().contains(child_nodetype)) {
+            strays.push_back(std::move(child));
+        }
+        return true;
+    });
+    discard_strays(strays);
+}
+
+void ObjectHandler::discard_strays(const std::vector<ObjectHandlerRef>& strays) {
+    for (const ObjectHandlerRef& stray : strays) {
+        logger.warning("Deleting {} {}, which can't stand under {} {}",
+                       tql::class_name(stray->class_number()), stray->node_id(),
+                       tql::class_name(class_number()), id_.value);
+        store_.discard_stored(stray->location());
+    }
+}
+
+}  // namespace dbcache

@@ -1,0 +1,127 @@
+// Store: the object layer in one piece. It owns the cache of handlers, the sibling index and the
+// resolver, and ties them to the database, whose hooks it takes. Everything that works on stored
+// objects gets a reference to it.
+//
+// One store works on one database. It must go before the database, its indexes and its schemas do.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "dbcache/object_cache.h"
+#include "dbcache/sibling_index.h"
+#include "mdb/block_layout.h"
+#include "mdb/journal.h"
+#include "tqlengine/object_handler.h"
+#include "util/node_id.h"
+
+namespace mdb {
+class Database;
+class IndexTable;
+class ObjectStore;
+}  // namespace mdb
+
+namespace platform {
+class Clock;
+}
+
+namespace dbcache {
+
+class DbcacheIdResolver;
+class ObjectHandler;
+class ObjectRecord;
+class SchemaTable;
+
+using ObjectHandlerRef = tqlengine::BasicHandlerRef<ObjectHandler>;
+
+class Store {
+  public:
+    /// What the store works on; all of it outlives the store.
+    struct Parts {
+        mdb::Database& database;
+        mdb::ObjectStore& objects;
+        mdb::IndexTable& indexes;
+        const SchemaTable& schemas;
+        const platform::Clock& clock;
+    };
+
+    /// New objects get ids with `id_first_word`, counting down from `id_second_word`, a random
+    /// number. The indexes must be open. Installs the change hook and the abort hook.
+    Store(const Parts& parts, uint32_t id_first_word, uint32_t id_second_word);
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    [[nodiscard]] mdb::Database& database() noexcept { return parts_.database; }
+    [[nodiscard]] mdb::Journal& journal() noexcept;
+    [[nodiscard]] mdb::ObjectStore& objects() noexcept { return parts_.objects; }
+    [[nodiscard]] mdb::IndexTable& indexes() noexcept { return parts_.indexes; }
+    [[nodiscard]] const SchemaTable& schemas() const noexcept { return parts_.schemas; }
+    [[nodiscard]] const platform::Clock& clock() const noexcept { return parts_.clock; }
+    [[nodiscard]] ObjectCache& cache() noexcept { return cache_; }
+    [[nodiscard]] SiblingIndex& sibling_index() noexcept { return sibling_index_; }
+    [[nodiscard]] DbcacheIdResolver& resolver() noexcept { return *resolver_; }
+
+    /// Handlers of stored objects that somebody holds a reference to. After each event there must
+    /// be none.
+    [[nodiscard]] uint32_t referenced_handlers() const noexcept { return referenced_; }
+    /// Handlers of stored objects in memory.
+    [[nodiscard]] uint32_t live_handlers() const noexcept { return live_; }
+
+    /// Copies the object at `handle` as the open transaction sees it. Throws mdb::error_generic.
+    void read_record(mdb::block_handle_t handle, ObjectRecord& out);
+
+    /// Deletes the stored object at `handle` without a trace, out of the cache too, in a
+    /// transaction of its own. For leftovers that stand in no tree. Throws mdb::error_generic.
+    void discard_stored(mdb::block_handle_t handle);
+
+    /// Grows with each change that may cut objects off from the root; see
+    /// DbcacheIdResolver::is_detached().
+    [[nodiscard]] uint64_t tree_epoch() const noexcept { return tree_epoch_; }
+    void advance_tree_epoch() noexcept { ++tree_epoch_; }
+
+  private:
+    friend class HandlerRollback;
+    friend class ObjectHandler;
+    friend class StoreTransaction;
+
+    /// Notes in the open transaction that `handler` was changed, and keeps it in memory until the
+    /// outermost one has ended: an abort has to bring it back to what is stored then.
+    void touch(ObjectHandler& handler);
+    void release_touched() noexcept;
+    void reload_touched(const std::set<NodeId>& ids);
+    void reload(ObjectHandler& handler);
+
+    Parts parts_;
+    SiblingIndex sibling_index_;
+    uint32_t referenced_ = 0;
+    uint32_t live_ = 0;
+    uint64_t tree_epoch_ = 1;
+    ObjectCache cache_;
+    std::unique_ptr<DbcacheIdResolver> resolver_;
+    std::map<NodeId, ObjectHandlerRef> touched_;
+};
+
+/// A transaction of the object layer for the length of a scope; aborted unless committed. Nested in
+/// another one it ends asynchronously whatever was asked for: only the outermost end is
+/// synchronous.
+class StoreTransaction {
+  public:
+    explicit StoreTransaction(Store& store);
+    ~StoreTransaction();
+    StoreTransaction(const StoreTransaction&) = delete;
+    StoreTransaction& operator=(const StoreTransaction&) = delete;
+
+    [[nodiscard]] bool nested() const noexcept { return nested_; }
+    /// Throws what the journal throws; there is nothing left to abort then.
+    void commit(bool asynchronous = false);
+
+  private:
+    Store& store_;
+    const bool nested_;
+    std::unique_ptr<mdb::Transaction> transaction_;
+};
+
+}  // namespace dbcache
