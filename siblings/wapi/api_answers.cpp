@@ -1,0 +1,187 @@
+// The way out: records to bodies.
+#include <nlohmann/json.hpp>
+
+#include "tql/enumerations.h"
+#include "tql/errors.h"
+#include "tql/names.h"
+#include "tql/query_text.h"
+#include "tql/value_kind.h"
+#include "wapi/api.h"
+#include "wapi/json_values.h"
+
+namespace wapi {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr uint32_t kIgnoredSomething = 16;  // status of a create or update that worked
+constexpr uint32_t kOrdinaryObject = 1;     // flags of an object that is no template
+/// Results are walked by recursion; a tree of objects deeper than this is not told.
+constexpr size_t kMaxResultDepth = 2000;
+
+Response respond(unsigned status, const ordered_json& body) {
+    return {status, body.dump(-1, ' ', false, ordered_json::error_handler_t::replace)};
+}
+
+std::string version_text(const tql::version_t& version) {
+    return fmt::format("{}.{}", version.ring_sequence, version.counter);
+}
+
+ordered_json origin_to_json(const tql::origin_t& origin) {
+    ordered_json object;
+    object["domain"] = origin.domain_id.to_string();
+    object["user"] = origin.user_id.to_string();
+    object["type"] = origin.type;
+    return object;
+}
+
+ordered_json node_to_json(const tql::result_t& node, size_t depth) {
+    if (depth > kMaxResultDepth)
+        throw Refused(500, "RESULT_TOO_DEEP",
+                      fmt::format("The result is more than {} levels deep", kMaxResultDepth));
+    ordered_json object;
+    object["id"] = node.id.to_string();
+    object["class"] = tql::class_name(node.class_);
+    object["version"] = version_text(node.version);
+    if (node.flags != kOrdinaryObject) object["flags"] = node.flags;
+    if (!node.tags.empty()) object["tags"] = node.tags;
+    if (node.origin != tql::origin_t()) object["origin"] = origin_to_json(node.origin);
+    object["properties"] = values_to_json(node.properties);
+    if (!node.children.empty()) {
+        ordered_json& children = object["children"] = ordered_json::array();
+        for (const tql::result_t& child : node.children)
+            children.push_back(node_to_json(child, depth + 1));
+    }
+    return object;
+}
+
+Response refuse(unsigned status, const ordered_json& code, std::string_view name,
+                std::string_view text, ordered_json details = ordered_json::array()) {
+    ordered_json error;
+    error["code"] = code;
+    error["name"] = name;
+    error["text"] = text;
+    error["details"] = std::move(details);
+    return respond(status, {{"error", std::move(error)}});
+}
+
+/// The answer to a create or update that came out with `status`.
+template <class Record>
+Response changed(const Record& returned, const tql::id_t& id) {
+    if (returned.status != 0 && returned.status != kIgnoredSomething)
+        return refusal(returned.status, returned.details);
+    ordered_json body;
+    body["id"] = id.to_string();
+    body["version"] = version_text(returned.new_version);
+    if (returned.status == kIgnoredSomething) body["ignored_properties"] = true;
+    return respond(200, body);
+}
+
+}  // namespace
+
+Response answer(const dbms::Return_Tql_Select_Data& returned) {
+    if (returned.status != 0) return refusal(returned.status, returned.details);
+    ordered_json results = ordered_json::array();
+    try {
+        for (const tql::result_t& node : returned.res) results.push_back(node_to_json(node, 1));
+    } catch (const Refused& too_deep) {
+        return refusal(too_deep);
+    }
+    return respond(200, {{"results", std::move(results)}});
+}
+
+Response answer(const dbms::Return_Tql_Create_Data& returned) {
+    return changed(returned, returned.new_id);
+}
+
+Response answer(const dbms::Return_Tql_Update_Data& returned, const tql::id_t& id) {
+    return changed(returned, id);
+}
+
+Response answer(const dbms::Return_Tql_Delete_Data& returned, const tql::id_t& id) {
+    if (returned.status != 0) return refusal(returned.status, returned.details);
+    return respond(200, {{"id", id.to_string()}});
+}
+
+Response answer(const dbms::Return_Tql_Class_Names_Data& returned) {
+    ordered_json classes = ordered_json::array();
+    uint32_t number = 0;
+    for (const std::string& name : returned.names) {
+        if (!name.empty()) classes.push_back({{"number", number}, {"name", name}});
+        ++number;
+    }
+    return respond(200, {{"classes", std::move(classes)}});
+}
+
+Response answer(const dbms::Return_Tql_Property_Names_Data& returned) {
+    ordered_json properties = ordered_json::array();
+    for (const dbms::property_name_t& known : returned.names) {
+        ordered_json entry{{"number", known.property}, {"name", known.name}};
+        const tql::property_row_t* row = tql::find_property_row(known.property);
+        if (row != nullptr && row->usual_kind.type != tql::property_type_t::none) {
+            entry["type"] = tql::type_word(row->usual_kind.type);
+            const auto* enumeration = tql::find_enumeration(row->usual_kind.enumeration);
+            if (row->usual_kind.type == tql::property_type_t::enum_ && enumeration != nullptr)
+                entry["enumeration"] = enumeration->name;
+        }
+        properties.push_back(std::move(entry));
+    }
+    return respond(200, {{"properties", std::move(properties)}});
+}
+
+Response healthy() {
+    return respond(200, {{"status", "up"}});
+}
+
+unsigned http_status(uint32_t code) noexcept {
+    if (errors::tql_code_name(code).empty()) return 500;
+    switch (code) {
+        case errors::ERR_SUCCESS:
+            return 200;
+        case errors::ERR_NO_SUCH_ID:
+            return 404;
+        case errors::ERR_VERSION:
+        case errors::ERR_EXISTS:
+            return 409;
+        case errors::ERR_ACCESS_DENIED:
+            return 403;
+        case errors::ERR_BACKEND:
+            return 500;
+        default:
+            return 400;
+    }
+}
+
+Response refusal(uint32_t code, const std::list<dbms::detail_t>& details) {
+    ordered_json others = ordered_json::array();
+    std::string_view text = errors::tql_code_text(code);
+    if (!details.empty()) {
+        if (!details.front().msg.empty()) text = details.front().msg;
+        for (auto detail = std::next(details.begin()); detail != details.end(); ++detail)
+            others.push_back({{"type", detail->msg_type}, {"text", detail->msg}});
+    }
+    return refuse(http_status(code), code, errors::tql_code_name(code), text, std::move(others));
+}
+
+Response refusal(const Refused& refused) {
+    return refuse(refused.status(), nullptr, refused.name(), refused.text());
+}
+
+Response refusal(const error::Exception& thrown) {
+    if (const auto* refused = dynamic_cast<const Refused*>(&thrown)) return refusal(*refused);
+    if (const auto* wrong = dynamic_cast<const tql::query_text_error*>(&thrown)) {
+        const ordered_json place{
+            {"line", wrong->line()}, {"column", wrong->column()}, {"text", wrong->message()}};
+        return refuse(400, nullptr, "BAD_PATTERN", wrong->text(), ordered_json::array({place}));
+    }
+    if (const auto* failed = dynamic_cast<const errors::tql*>(&thrown)) {
+        std::list<dbms::detail_t> details{{.msg_type = 3, .msg = failed->text()}};
+        for (const auto& added : failed->details())
+            details.push_back({.msg_type = added.msg_type, .msg = added.msg});
+        return refusal(failed->code(), details);
+    }
+    return refuse(500, nullptr, "FAILED", thrown.text());
+}
+
+}  // namespace wapi

@@ -1,0 +1,167 @@
+// The way in: bodies to records.
+#include <initializer_list>
+#include <nlohmann/json.hpp>
+
+#include "tql/names.h"
+#include "tql/query_text.h"
+#include "wapi/api.h"
+#include "wapi/json_values.h"
+
+namespace wapi {
+
+namespace {
+
+using nlohmann::json;
+
+constexpr uint32_t kIgnoreUnknown = 8;  // flag of a create or update
+const tql::id_t kRootId{0, 1};
+
+[[noreturn]] void refuse(std::string text) {
+    throw Refused(400, "BAD_REQUEST", std::move(text));
+}
+
+void allow_only(const json& body, std::initializer_list<std::string_view> fields) {
+    for (const auto& [field, value] : body.items()) {
+        if (std::find(fields.begin(), fields.end(), field) == fields.end())
+            refuse(fmt::format("Unknown field \"{}\"", field));
+    }
+}
+
+/// The text of a field; null if the field isn't there or is null.
+const std::string* find_text(const json& body, const char* field) {
+    const auto found = body.find(field);
+    if (found == body.end() || found->is_null()) return nullptr;
+    if (!found->is_string()) refuse(fmt::format("Field \"{}\" must be a text", field));
+    return &found->get_ref<const std::string&>();
+}
+
+const std::string& get_text(const json& body, const char* field) {
+    const std::string* found = find_text(body, field);
+    if (found == nullptr) refuse(fmt::format("Field \"{}\" is missing", field));
+    return *found;
+}
+
+tql::id_t read_id(std::string_view text, const char* field) {
+    const auto id = tql::id_t::parse(text);
+    if (!id || id->size() < 2)
+        refuse(fmt::format("Field \"{}\": \"{}\" is no id, expected one like 1.4294960001", field,
+                           text.substr(0, 60)));
+    return *id;
+}
+
+tql::id_t get_id(const json& body, const char* field) {
+    return read_id(get_text(body, field), field);
+}
+
+/// The id of a field; the empty one if the field isn't there.
+tql::id_t find_id(const json& body, const char* field) {
+    const std::string* text = find_text(body, field);
+    return text == nullptr ? tql::id_t() : read_id(*text, field);
+}
+
+uint32_t get_flags(const json& body) {
+    const auto found = body.find("ignore_unknown");
+    if (found == body.end()) return 0;
+    if (!found->is_boolean()) refuse("Field \"ignore_unknown\" must be true or false");
+    return found->get<bool>() ? kIgnoreUnknown : 0;
+}
+
+std::vector<tql::value_t> get_properties(const json& body) {
+    const auto found = body.find("properties");
+    if (found == body.end()) return {};
+    if (!found->is_object()) refuse("Field \"properties\" must be an object of values by name");
+    return values_from_json(*found);
+}
+
+template <class Record>
+void read_version(const json& body, ChangeRequest<Record>& into) {
+    const std::string* text = find_text(body, "version");
+    if (text == nullptr) return;
+    const auto version = tql::version_t::parse(*text);
+    if (!version)
+        refuse(
+            fmt::format("Field \"version\": \"{}\" is no version, expected two numbers joined "
+                        "by a point",
+                        text->substr(0, 60)));
+    into.record.version = *version;
+    into.has_version = true;
+}
+
+}  // namespace
+
+json parse_body(std::string_view body) {
+    const auto within_depth = [](int depth, json::parse_event_t, json&) {
+        if (depth > kMaxJsonDepth)
+            refuse(fmt::format("The body is nested more than {} levels deep", kMaxJsonDepth));
+        return true;
+    };
+    try {
+        json parsed = json::parse(body, within_depth);
+        if (!parsed.is_object()) refuse("The body must be a JSON object");
+        return parsed;
+    } catch (const json::exception& wrong) {
+        // The library's texts begin with "[json.exception.parse_error.101] ".
+        const std::string_view text = wrong.what();
+        const size_t prefix = text.find("] ");
+        refuse(fmt::format("The body is not JSON: {}",
+                           prefix == text.npos ? text : text.substr(prefix + 2)));
+    }
+}
+
+dbms::Tql_Select_Data select_request(const json& body) {
+    allow_only(body, {"pattern", "roots"});
+    dbms::Tql_Select_Data record;
+    record.pattern = tql::parse_pattern(get_text(body, "pattern"));
+    const auto roots = body.find("roots");
+    if (roots == body.end()) {
+        record.root_ids.push_back(kRootId);
+        return record;
+    }
+    if (!roots->is_array()) refuse("Field \"roots\" must be a list of ids");
+    for (const json& root : *roots) {
+        if (!root.is_string()) refuse("Field \"roots\" must be a list of ids");
+        record.root_ids.push_back(read_id(root.get_ref<const std::string&>(), "roots"));
+    }
+    return record;
+}
+
+dbms::Tql_Create_Data create_request(const json& body) {
+    allow_only(body, {"parent", "class", "properties", "id", "user", "ignore_unknown"});
+    dbms::Tql_Create_Data record;
+    record.parent_id = get_id(body, "parent");
+    record.class_ = tql::get_class(get_text(body, "class"));
+    record.new_id = find_id(body, "id");
+    record.user_id = find_id(body, "user");
+    record.flags = get_flags(body);
+    record.properties = get_properties(body);
+    return record;
+}
+
+ChangeRequest<dbms::Tql_Update_Data> update_request(const json& body) {
+    allow_only(body, {"id", "version", "properties", "user", "ignore_unknown"});
+    ChangeRequest<dbms::Tql_Update_Data> request;
+    request.record.id = get_id(body, "id");
+    read_version(body, request);
+    request.record.user_id = find_id(body, "user");
+    request.record.flags = get_flags(body);
+    request.record.properties = get_properties(body);
+    return request;
+}
+
+ChangeRequest<dbms::Tql_Delete_Data> delete_request(const json& body) {
+    allow_only(body, {"id", "version", "user"});
+    ChangeRequest<dbms::Tql_Delete_Data> request;
+    request.record.id = get_id(body, "id");
+    read_version(body, request);
+    request.record.user_id = find_id(body, "user");
+    return request;
+}
+
+dbms::Tql_Select_Data version_request(const tql::id_t& id) {
+    dbms::Tql_Select_Data record;
+    record.root_ids.push_back(id);
+    record.pattern = tql::pattern_t(tql::get_class("."));
+    return record;
+}
+
+}  // namespace wapi

@@ -1,0 +1,226 @@
+#include "wapi/gateway.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+
+#include "log/log.h"
+#include "tql/errors.h"
+
+namespace wapi {
+
+namespace {
+
+const logging::Logger logger{"wapi"};
+
+constexpr queues::queue_t kServer = queues::queue_t::dbms;
+/// What a request costs in the pool besides its body.
+constexpr size_t kEventOverheadBytes = 256;
+
+Response unavailable(std::string_view text) {
+    return refusal(Refused(503, "UNAVAILABLE", std::string(text)));
+}
+
+template <queues::event_t N>
+std::unique_ptr<queues::event> to_server(queues::record_t<N> record = {}) {
+    return std::make_unique<queues::devent<N>>(kServer, 0, std::move(record));
+}
+
+/// Refuses another method than the one of the path.
+void allow_method(std::string_view method, std::string_view allowed) {
+    if (method != allowed)
+        throw Refused(405, "METHOD_NOT_ALLOWED",
+                      fmt::format("Method {} is not allowed here, use {}", method, allowed));
+}
+
+}  // namespace
+
+Gateway::Call Gateway::make_call(std::string_view method, std::string_view path,
+                                 std::string_view body) {
+    Call call;
+    call.weight_bytes = body.size() + kEventOverheadBytes;
+    if (path == "/healthz") {
+        allow_method(method, "GET");
+        call.is_health = true;
+        call.request = to_server<queues::GET_TQL_CLASS_NAMES>();
+    } else if (path == "/api/v1/classes") {
+        allow_method(method, "GET");
+        call.request = to_server<queues::GET_TQL_CLASS_NAMES>();
+    } else if (path == "/api/v1/properties") {
+        allow_method(method, "GET");
+        call.request = to_server<queues::GET_TQL_PROPERTY_NAMES>();
+    } else if (path == "/api/v1/select") {
+        allow_method(method, "POST");
+        call.request = to_server<queues::TQL_SELECT>(select_request(parse_body(body)));
+    } else if (path == "/api/v1/create") {
+        allow_method(method, "POST");
+        call.request = to_server<queues::TQL_CREATE>(create_request(parse_body(body)));
+    } else if (path == "/api/v1/update") {
+        allow_method(method, "POST");
+        auto change = update_request(parse_body(body));
+        call.id = change.record.id;
+        call.request = to_server<queues::TQL_UPDATE>(std::move(change.record));
+        if (!change.has_version) call.after_version = std::move(call.request);
+    } else if (path == "/api/v1/delete") {
+        allow_method(method, "POST");
+        auto change = delete_request(parse_body(body));
+        call.id = change.record.id;
+        call.request = to_server<queues::TQL_DELETE>(std::move(change.record));
+        if (!change.has_version) call.after_version = std::move(call.request);
+    } else {
+        throw Refused(404, "NOT_FOUND", fmt::format("There is nothing at {}", path.substr(0, 200)));
+    }
+    if (call.after_version) call.request = to_server<queues::TQL_SELECT>(version_request(call.id));
+    return call;
+}
+
+void Gateway::take_request(token_t token, std::string_view method, std::string_view path,
+                           std::string_view body) {
+    if (stopped_) {
+        ports_.answer(token, unavailable("The gateway is stopping"));
+        return;
+    }
+    try {
+        Call call = make_call(method, path, body);
+        call.token = token;
+        call.deadline_us =
+            clock_.monotonic_us() + (call.is_health ? kHealthLimit_us : kAnswerLimit_us);
+        queued_.push_back(std::move(call));
+    } catch (const error::Exception& wrong) {
+        ports_.answer(token, refusal(wrong));
+        return;
+    }
+    send_queued();
+}
+
+void Gateway::send_queued() {
+    while (!queued_.empty()) {
+        const size_t weight = queued_.front().weight_bytes;
+        if (!in_flight_.empty() && in_flight_bytes_ + weight > kWindowBytes) return;
+        Call call = std::move(queued_.front());
+        queued_.pop_front();
+        call.request->uid = ports_.new_uid();
+        if (!ports_.send(*call.request)) {
+            queued_.push_front(std::move(call));
+            refuse_all("The server is not running");
+            return;
+        }
+        const uint32_t uid = call.request->uid;
+        call.request.reset();
+        in_flight_bytes_ += weight;
+        in_flight_.insert_or_assign(uid, std::move(call));
+    }
+}
+
+void Gateway::take_reply(const queues::event& received) {
+    auto found = in_flight_.extract(received.uid);
+    if (found.empty()) {
+        logger.info("{} that nobody waits for", queues::event_name(&received));
+        return;
+    }
+    Call call = std::move(found.mapped());
+    in_flight_bytes_ -= call.weight_bytes;
+    if (call.after_version && call.token != 0 && !received.exception &&
+        received.number() == queues::RETURN_TQL_SELECT)
+        take_version(std::move(call), queues::data<queues::RETURN_TQL_SELECT>(received));
+    else
+        finish(call, received);
+    send_queued();
+}
+
+void Gateway::take_version(Call call, const dbms::Return_Tql_Select_Data& found) {
+    if (found.status != 0) return answer(call, refusal(found.status, found.details));
+    if (found.res.empty())
+        return answer(call, refusal(errors::ERR_NO_SUCH_ID,
+                                    {{3, fmt::format("{} not found", call.id.to_string())}}));
+    const tql::version_t version = found.res.front().version;
+    if (call.after_version->number() == queues::TQL_UPDATE)
+        queues::data<queues::TQL_UPDATE>(*call.after_version).version = version;
+    else
+        queues::data<queues::TQL_DELETE>(*call.after_version).version = version;
+    call.request = std::move(call.after_version);
+    // Ahead of the others: the less time passes, the less likely is a change in between.
+    queued_.push_front(std::move(call));
+}
+
+void Gateway::finish(Call& call, const queues::event& received) {
+    if (call.token == 0) return;
+    if (received.exception)
+        return answer(call, refusal(errors::ERR_BACKEND,
+                                    {{3, static_cast<const queues::exevent&>(received).text}}));
+    switch (received.number()) {
+        case queues::RETURN_TQL_SELECT:
+            return answer(call, wapi::answer(queues::data<queues::RETURN_TQL_SELECT>(received)));
+        case queues::RETURN_TQL_CREATE:
+            return answer(call, wapi::answer(queues::data<queues::RETURN_TQL_CREATE>(received)));
+        case queues::RETURN_TQL_UPDATE:
+            return answer(call,
+                          wapi::answer(queues::data<queues::RETURN_TQL_UPDATE>(received), call.id));
+        case queues::RETURN_TQL_DELETE:
+            return answer(call,
+                          wapi::answer(queues::data<queues::RETURN_TQL_DELETE>(received), call.id));
+        case queues::RETURN_TQL_PROPERTY_NAMES:
+            return answer(call,
+                          wapi::answer(queues::data<queues::RETURN_TQL_PROPERTY_NAMES>(received)));
+        case queues::RETURN_TQL_CLASS_NAMES:
+            return answer(
+                call, call.is_health
+                          ? healthy()
+                          : wapi::answer(queues::data<queues::RETURN_TQL_CLASS_NAMES>(received)));
+        default:
+            logger.error("Unexpected reply {}", queues::event_name(&received));
+            answer(
+                call,
+                refusal(errors::ERR_BACKEND,
+                        {{3, fmt::format("Unexpected reply {}", queues::event_name(&received))}}));
+    }
+}
+
+void Gateway::answer(Call& call, Response response) {
+    if (call.token == 0) return;
+    const token_t token = std::exchange(call.token, 0);
+    ports_.answer(token, std::move(response));
+}
+
+void Gateway::server_lost() {
+    refuse_all("The server ended before it answered");
+}
+
+void Gateway::stop() {
+    stopped_ = true;
+    refuse_all("The gateway is stopping");
+}
+
+void Gateway::refuse_all(std::string_view text) {
+    auto queued = std::move(queued_);
+    auto in_flight = std::move(in_flight_);
+    queued_.clear();
+    in_flight_.clear();
+    in_flight_bytes_ = 0;
+    for (auto& [uid, call] : in_flight) answer(call, unavailable(text));
+    for (Call& call : queued) answer(call, unavailable(text));
+}
+
+std::optional<uint64_t> Gateway::next_deadline_us() const {
+    std::optional<uint64_t> earliest;
+    const auto consider = [&](const Call& call) {
+        if (call.token != 0 && (!earliest || call.deadline_us < *earliest))
+            earliest = call.deadline_us;
+    };
+    for (const Call& call : queued_) consider(call);
+    for (const auto& [uid, call] : in_flight_) consider(call);
+    return earliest;
+}
+
+void Gateway::check_deadlines() {
+    const uint64_t now_us = clock_.monotonic_us();
+    const auto expire = [&](Call& call) {
+        if (call.token != 0 && call.deadline_us <= now_us)
+            answer(call, refusal(Refused(call.is_health ? 503 : 504, "NO_ANSWER",
+                                         "The server did not answer in time")));
+    };
+    for (auto& [uid, call] : in_flight_) expire(call);
+    for (Call& call : queued_) expire(call);
+    std::erase_if(queued_, [](const Call& call) { return call.token == 0; });
+}
+
+}  // namespace wapi

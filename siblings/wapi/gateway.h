@@ -1,0 +1,102 @@
+// The gateway between HTTP requests and the server's events: it turns a request into an event,
+// remembers who waits for which dialog id, and turns the reply into the answer. It knows neither
+// connections nor queues; both are behind GatewayPorts.
+//
+// One call, from request to answer:
+//
+//   take_request --> queued --room in the window--> in flight --reply--> answered
+//                       ^                              |
+//                       '---- version looked up -------'   (a change without version)
+//
+// Whatever happens, each token gets exactly one answer: the reply, 503 when the server is gone or
+// the gateway stops, or 504 when no reply came in time. A call whose client was told 504 stays in
+// flight until the server has replied or ended.
+//
+// The window bounds the bytes that are under way to the server, so that sending never waits for
+// room while the server in turn waits for us to read its reply.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "platform/clock.h"
+#include "queues/event.h"
+#include "wapi/api.h"
+
+namespace wapi {
+
+/// Names one HTTP request that waits for its answer.
+using token_t = uint64_t;
+
+class GatewayPorts {
+  public:
+    virtual ~GatewayPorts() = default;
+    /// A dialog id that no call in flight has.
+    [[nodiscard]] virtual uint32_t new_uid() = 0;
+    /// Sends to the server; false if it isn't there.
+    [[nodiscard]] virtual bool send(const queues::event& sent) = 0;
+    virtual void answer(token_t token, Response response) = 0;
+};
+
+class Gateway {
+  public:
+    /// Both must outlive the gateway.
+    Gateway(GatewayPorts& ports, const platform::Clock& clock) : ports_(ports), clock_(clock) {}
+
+    /// A whole request; may answer it at once. `path` is without a query part.
+    void take_request(token_t token, std::string_view method, std::string_view path,
+                      std::string_view body);
+    /// An event from the server.
+    void take_reply(const queues::event& received);
+    /// The server ended: all calls get 503. Later ones are tried again.
+    void server_lost();
+    /// The end: all calls, and every later one, get 503.
+    void stop();
+
+    /// Requests that the server has not replied to, those given up included.
+    [[nodiscard]] size_t open_calls() const { return queued_.size() + in_flight_.size(); }
+
+    /// The monotonic microsecond at which check_deadlines() has something to do.
+    [[nodiscard]] std::optional<uint64_t> next_deadline_us() const;
+    /// Answers those that have waited too long.
+    void check_deadlines();
+
+    /// Bytes of requests in flight together; a larger one goes alone.
+    static constexpr size_t kWindowBytes = 128 * 1024;
+    static constexpr uint64_t kAnswerLimit_us = 60'000'000;
+    static constexpr uint64_t kHealthLimit_us = 5'000'000;
+
+  private:
+    struct Call {
+        token_t token = 0;  ///< 0: nobody waits any more
+        std::unique_ptr<queues::event> request;
+        /// The change that goes out once the version of the object is known.
+        std::unique_ptr<queues::event> after_version;
+        bool is_health = false;
+        tql::id_t id;  ///< of an update or delete
+        size_t weight_bytes = 0;
+        uint64_t deadline_us = 0;
+    };
+
+    [[nodiscard]] Call make_call(std::string_view method, std::string_view path,
+                                 std::string_view body);
+    void send_queued();
+    void answer(Call& call, Response response);
+    void finish(Call& call, const queues::event& received);
+    void take_version(Call call, const dbms::Return_Tql_Select_Data& found);
+    void refuse_all(std::string_view text);
+
+    GatewayPorts& ports_;
+    const platform::Clock& clock_;
+    std::deque<Call> queued_;
+    std::map<uint32_t, Call> in_flight_;  ///< by dialog id
+    size_t in_flight_bytes_ = 0;
+    bool stopped_ = false;
+};
+
+}  // namespace wapi
