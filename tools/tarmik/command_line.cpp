@@ -1,0 +1,246 @@
+#include "tarmik/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdlib>
+#include <fmt/format.h>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <unistd.h>
+
+#include "main/run.h"
+#include "mdb/format.h"
+#include "tarmik/assignments.h"
+#include "tarmik/shell.h"
+#include "tarmik/words.h"
+
+namespace cli {
+
+namespace {
+
+constexpr const char* kDefaultUrl = "http://127.0.0.1:8740";
+
+/// Where the arguments of all commands land.
+struct Parsed {
+    std::string url = kDefaultUrl;
+    std::string output = "text";
+    SelectArguments select;
+    ChangeArguments change;
+    std::string load_path;
+    std::string config_path;
+    mdb::FormatOptions format;
+    std::string block_size = "4096";
+    std::string journal_size = "64M";
+};
+
+CLI::App* command(CLI::App& app, const char* name, const char* description) {
+    CLI::App* made = app.add_subcommand(name, description);
+    made->footer(kExitCodeTable);
+    return made;
+}
+
+void add_output_option(CLI::App& app, Parsed& parsed) {
+    app.add_option("--output", parsed.output, "Form of the data: text or json")
+        ->check(CLI::IsMember({"text", "json"}))
+        ->capture_default_str();
+}
+
+void add_read_commands(CLI::App& app, Parsed& parsed) {
+    CLI::App* select = command(app, "select", "Asks for a piece of the tree of objects");
+    select
+        ->add_option("pattern", parsed.select.pattern,
+                     "What to look for, as 'Domain*[name] > Node[name,label]'")
+        ->required();
+    select
+        ->add_option("--root", parsed.select.roots,
+                     "Object to begin at instead of the root of the tree")
+        ->allow_extra_args(false);
+    command(app, "classes", "Lists the classes of objects");
+    command(app, "properties", "Lists the properties with their types");
+}
+
+void add_write_commands(CLI::App& app, Parsed& parsed) {
+    CLI::App* create = command(app, "create", "Creates an object and prints its id");
+    create->add_option("class", parsed.change.class_name, "Class of the new object")->required();
+    create->add_option("--parent", parsed.change.parent, "Object under which it stands")
+        ->required();
+    create->add_option("--id", parsed.change.id, "Id of the new object instead of a fresh one");
+    CLI::App* update = command(app, "update", "Changes an object and prints its new version");
+    update->add_option("id", parsed.change.id, "Object to change")->required();
+    CLI::App* remove = command(app, "delete", "Deletes an object and all below it");
+    remove->add_option("id", parsed.change.id, "Object to delete")->required();
+    for (CLI::App* change : {update, remove})
+        change->add_option("--version", parsed.change.version,
+                           "Version that the object must still have; without it, the present one");
+    for (CLI::App* change : {create, update}) {
+        change->add_option("values", parsed.change.assignments, kAssignmentHelp);
+        change->add_flag("--ignore-unknown", parsed.change.ignore_unknown,
+                         "Pass over properties that the class does not have");
+    }
+    CLI::App* load =
+        command(app, "load", "Creates the objects of a file, skipping what exists already");
+    load->add_option("file", parsed.load_path,
+                     "JSON: {\"parent\": ID, \"objects\": [{\"class\", "
+                     "\"properties\", \"children\"}]}")
+        ->required();
+}
+
+void add_local_commands(CLI::App& app, Parsed& parsed) {
+    CLI::App* run =
+        command(app, "run", "Starts the family of processes and runs until it is stopped");
+    run->add_option("--config", parsed.config_path,
+                    "Configuration file (TOML); none: the defaults");
+    CLI::App* format = command(app, "format", "Makes a new, empty database");
+    format->add_option("database", parsed.format.database_path, "File of the database")->required();
+    format->add_option("journal", parsed.format.journal_path, "File of its journal")->required();
+    format->add_option("--block-size", parsed.block_size, "Bytes of a block, a power of two")
+        ->capture_default_str();
+    format->add_option("--journal-size", parsed.journal_size, "Bytes of the journal, as 64M")
+        ->capture_default_str();
+    format->add_flag("--force", parsed.format.force, "Replace files that exist");
+    command(app, "shell", "Reads commands line by line, with history and completion");
+}
+
+/// Runs the command among those that ask the family; false if it is another one.
+bool run_api_command(const CLI::App& app, const Parsed& parsed, Commands& commands) {
+    if (app.got_subcommand("select"))
+        commands.select(parsed.select);
+    else if (app.got_subcommand("create"))
+        commands.create(parsed.change);
+    else if (app.got_subcommand("update"))
+        commands.update(parsed.change);
+    else if (app.got_subcommand("delete"))
+        commands.remove(parsed.change);
+    else if (app.got_subcommand("classes"))
+        commands.classes();
+    else if (app.got_subcommand("properties"))
+        commands.properties();
+    else if (app.got_subcommand("load"))
+        commands.load(parsed.load_path);
+    else
+        return false;
+    return true;
+}
+
+uint64_t get_size(const std::string& text, const char* option) {
+    const auto size = parse_size(text);
+    if (!size)
+        throw CommandError(
+            kUsage,
+            fmt::format("{}: \"{}\" is no size, expected one like 4096 or 64M", option, text));
+    return *size;
+}
+
+void format_database(Parsed& parsed) {
+    const uint64_t block_size = get_size(parsed.block_size, "--block-size");
+    if (block_size > UINT32_MAX) throw CommandError(kUsage, "--block-size is too large");
+    parsed.format.block_size = static_cast<uint32_t>(block_size);
+    parsed.format.journal_size_bytes = get_size(parsed.journal_size, "--journal-size");
+    platform::SystemFiles files;
+    mdb::format_database(files, parsed.format);
+}
+
+Output make_output(const Parsed& parsed) {
+    Output output;
+    output.json = parsed.output == "json";
+    const char* no_color = std::getenv("NO_COLOR");
+    output.colored = (no_color == nullptr || *no_color == '\0') && ::isatty(STDOUT_FILENO) == 1;
+    output.remarks_are_terminal = ::isatty(STDERR_FILENO) == 1;
+    return output;
+}
+
+int execute(const CLI::App& app, Parsed& parsed) {
+    if (app.got_subcommand("run")) return mainprocess::run({.config_path = parsed.config_path});
+    if (app.got_subcommand("format")) {
+        format_database(parsed);
+        return kDone;
+    }
+    const Output output = make_output(parsed);
+    ApiClient api(parsed.url);
+    if (app.got_subcommand("shell")) return run_shell(api, output);
+    Commands commands(api, output);
+    (void)run_api_command(app, parsed, commands);
+    return kDone;
+}
+
+int report(std::FILE* remarks, const std::string& text, int exit_code) {
+    (void)std::fprintf(remarks, "tarmik: %s\n", text.c_str());
+    return exit_code;
+}
+
+/// Runs `work`; whatever goes wrong becomes a text on `remarks` and an exit code.
+int guarded(std::FILE* remarks, const std::function<int()>& work) {
+    try {
+        const int exit_code = work();
+        if (std::fflush(stdout) != 0)
+            return report(remarks, "The output cannot be written", kFailed);
+        return exit_code;
+    } catch (const CommandError& wrong) {
+        return report(remarks, wrong.text(), wrong.exit_code());
+    } catch (const error::Exception& failure) {
+        return report(remarks, failure.text(), kFailed);
+    } catch (const nlohmann::json::exception& other) {
+        return report(remarks, fmt::format("The answer is not that of a gateway: {}", other.what()),
+                      kFailed);
+    }
+}
+
+/// Parses; the exit code if that ends the matter, for help or wrong usage.
+std::optional<int> parse(CLI::App& app, std::vector<std::string> words, const Output& output) {
+    std::reverse(words.begin(), words.end());  // the parser takes them from the back
+    try {
+        app.parse(std::move(words));
+        return std::nullopt;
+    } catch (const CLI::ParseError& ended) {
+        std::ostringstream data;
+        std::ostringstream remarks;
+        const int code = app.exit(ended, data, remarks);
+        output.print(data.str());
+        output.remark(remarks.str());
+        return code == 0 ? kDone : kUsage;
+    }
+}
+
+}  // namespace
+
+int run_command_line(std::vector<std::string> arguments) {
+    Parsed parsed;
+    CLI::App app("Tarmik monitors networks and servers: the operator's tool", "tarmik");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(kExitCodeTable);
+    app.add_option("--url", parsed.url, "Address of the family's gateway")->capture_default_str();
+    add_output_option(app, parsed);
+    add_local_commands(app, parsed);
+    add_read_commands(app, parsed);
+    add_write_commands(app, parsed);
+    if (const auto ended = parse(app, std::move(arguments), Output())) return *ended;
+    return guarded(stderr, [&] { return execute(app, parsed); });
+}
+
+int run_shell_command(std::vector<std::string> words, Api& api, const Output& output) {
+    Parsed parsed;
+    parsed.output = output.json ? "json" : "text";
+    CLI::App app("Commands of the shell; \"exit\" leaves it", "");
+    app.require_subcommand(1);
+    app.fallthrough();
+    add_output_option(app, parsed);
+    add_read_commands(app, parsed);
+    add_write_commands(app, parsed);
+    if (words == std::vector<std::string>{"help"}) words = {"--help"};
+    if (const auto ended = parse(app, std::move(words), output)) return *ended;
+    return guarded(output.remarks, [&] {
+        Output own = output;
+        own.json = parsed.output == "json";
+        Commands commands(api, own);
+        (void)run_api_command(app, parsed, commands);
+        return static_cast<int>(kDone);
+    });
+}
+
+std::vector<std::string> shell_commands() {
+    return {"classes", "create",     "delete", "exit",  "help",
+            "load",    "properties", "select", "update"};
+}
+
+}  // namespace cli

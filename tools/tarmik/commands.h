@@ -1,0 +1,68 @@
+// The commands that ask a running family. Data goes to the output stream, remarks to the error
+// stream; failures are exceptions.
+#pragma once
+
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarmik/api_client.h"
+
+namespace cli {
+
+struct Output {
+    std::FILE* data = stdout;
+    std::FILE* remarks = stderr;
+    bool json = false;
+    bool colored = false;
+    /// Whether a line of progress may be written over the former one.
+    bool remarks_are_terminal = false;
+
+    void print(std::string_view text) const {
+        (void)std::fwrite(text.data(), 1, text.size(), data);
+    }
+    void remark(std::string_view text) const {
+        (void)std::fwrite(text.data(), 1, text.size(), remarks);
+        (void)std::fflush(remarks);
+    }
+};
+
+struct SelectArguments {
+    std::string pattern;
+    std::vector<std::string> roots;  ///< none: the root of the tree
+};
+
+struct ChangeArguments {
+    std::string class_name;  ///< of a create
+    std::string parent;      ///< of a create
+    std::string id;          ///< of an update or delete; of a create that chooses it
+    std::optional<std::string> version;
+    std::vector<std::string> assignments;
+    bool ignore_unknown = false;
+};
+
+class Commands {
+  public:
+    /// Both must outlive this object.
+    Commands(Api& api, const Output& output) : api_(api), output_(output) {}
+
+    /// Prints the tree of results.
+    void select(const SelectArguments& arguments);
+    /// Prints the id of the new object.
+    void create(const ChangeArguments& arguments);
+    /// Prints the new version.
+    void update(const ChangeArguments& arguments);
+    void remove(const ChangeArguments& arguments);
+    void classes();
+    void properties();
+    /// Creates the objects of a file, from the top down. What exists already under its parent, by
+    /// the key of its class, is left as it is. Prints how many were created.
+    void load(const std::string& path);
+
+  private:
+    Api& api_;
+    const Output& output_;
+};
+
+}  // namespace cli

@@ -1,0 +1,131 @@
+// `load`: creates the objects of a file through the gateway.
+#include <fmt/format.h>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "tarmik/commands.h"
+
+namespace cli {
+
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+constexpr int kMaxDepth = 1000;
+
+[[noreturn]] void refuse(const std::string& path, const std::string& reason) {
+    throw CommandError(kFailed, fmt::format("{}: {}", path, reason));
+}
+
+json read_file(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) refuse(path, "cannot be read");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    try {
+        return json::parse(text);
+    } catch (const json::exception& wrong) {
+        refuse(path, wrong.what());
+    }
+}
+
+/// Checks the form of the whole file before anything is created, and counts its objects.
+size_t count_objects(const std::string& path, const json& objects, int depth) {
+    if (!objects.is_array()) refuse(path, "\"objects\" and \"children\" must be lists");
+    if (depth > kMaxDepth) refuse(path, fmt::format("nested more than {} levels deep", kMaxDepth));
+    size_t count = 0;
+    for (const json& object : objects) {
+        if (!object.is_object() || !object.contains("class") || !object["class"].is_string())
+            refuse(path, "each object needs a \"class\"");
+        if (object.contains("properties") && !object["properties"].is_object())
+            refuse(path, "\"properties\" must be an object of values by name");
+        for (const auto& [field, value] : object.items())
+            if (field != "class" && field != "properties" && field != "children")
+                refuse(path, fmt::format("unknown field \"{}\"", field));
+        ++count;
+        if (object.contains("children"))
+            count += count_objects(path, object["children"], depth + 1);
+    }
+    return count;
+}
+
+class Loader {
+  public:
+    Loader(Api& api, const Output& output, size_t total)
+        : api_(api), output_(output), total_(total) {}
+
+    void load(const json& objects, const std::string& parent) {
+        for (const json& object : objects) {
+            const std::string id = ensure(object, parent);
+            show_progress();
+            if (object.contains("children")) load(object["children"], id);
+        }
+    }
+
+    [[nodiscard]] size_t created() const { return created_; }
+    [[nodiscard]] size_t existing() const { return existing_; }
+
+  private:
+    /// The id of the object, made or found.
+    std::string ensure(const json& object, const std::string& parent) {
+        json body{{"class", object["class"]},
+                  {"parent", parent},
+                  {"properties", object.value("properties", json::object())}};
+        try {
+            const ordered_json answer = api_.post("/api/v1/create", body);
+            ++created_;
+            return answer.at("id").get<std::string>();
+        } catch (const ServerRefusal& refusal) {
+            const std::string id =
+                refusal.name() == "ERR_EXISTS" ? existing_id(refusal.message()) : "";
+            if (id.empty())
+                throw CommandError(refusal.exit_code(),
+                                   fmt::format("{} under {}, after {} of {} objects: {}",
+                                               object["class"].get<std::string>(), parent,
+                                               created_ + existing_, total_, refusal.text()));
+            ++existing_;
+            return id;
+        }
+    }
+
+    /// The text of such a refusal begins with "EXISTS{", the id and "}".
+    static std::string existing_id(const std::string& message) {
+        constexpr std::string_view kStart = "EXISTS{";
+        const size_t end = message.find('}');
+        if (!message.starts_with(kStart) || end == message.npos) return {};
+        return message.substr(kStart.size(), end - kStart.size());
+    }
+
+    void show_progress() const {
+        if (!output_.remarks_are_terminal) return;
+        const size_t done = created_ + existing_;
+        output_.remark(
+            fmt::format("\rLoading {} of {}{}", done, total_, done == total_ ? "\n" : ""));
+    }
+
+    Api& api_;
+    const Output& output_;
+    size_t total_;
+    size_t created_ = 0;
+    size_t existing_ = 0;
+};
+
+}  // namespace
+
+void Commands::load(const std::string& path) {
+    const json file = read_file(path);
+    if (!file.is_object() || !file.contains("objects") ||
+        (file.contains("parent") && !file["parent"].is_string()))
+        refuse(path, "expected {\"parent\": id, \"objects\": [...]}");
+    Loader loader(api_, output_, count_objects(path, file["objects"], 1));
+    loader.load(file["objects"], file.value("parent", "0.1"));
+    if (output_.json)
+        output_.print(fmt::format("{{\"created\": {}, \"existing\": {}}}\n", loader.created(),
+                                  loader.existing()));
+    else
+        output_.remark(fmt::format("{} objects created, {} were there already\n", loader.created(),
+                                   loader.existing()));
+}
+
+}  // namespace cli

@@ -1,0 +1,17 @@
+// The answer of a select as a tree for people:
+//
+//   Domain 1.17  name="branch" label="Branch office"
+//   ├─ Node 1.18  name="gw-1"
+//   └─ Node 1.19  name="gw-2"
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+
+namespace cli {
+
+/// `results` is the list of the answer. Each object is one line, with its values behind it; each
+/// line ends with a line end. Control characters of values are shown as escapes.
+[[nodiscard]] std::string tree_text(const nlohmann::ordered_json& results, bool colored);
+
+}  // namespace cli
