@@ -1,0 +1,211 @@
+// Writes that fail in the middle: whatever throws, file, cache, sibling index and handlers are as
+// before.
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "dbcache/sibling_index.h"
+#include "test_classes.h"
+#include "test_store.h"
+
+using namespace dbcache_test;
+using dbcache::kRootId;
+using dbcache::ObjectHandler;
+
+namespace {
+
+class FaultTest : public ::testing::Test {
+  protected:
+    explicit FaultTest(const TestStore::Sizes& sizes = {}) : world(sizes, test_classes(hooks)) {}
+    void TearDown() override { EXPECT_EQ(world.fault(), ""); }
+
+    NodeId folder(const NodeId& parent, const std::string& name) {
+        return world.domain(parent, name);
+    }
+    /// Everything that a query can see, and what is in memory.
+    std::string dump(const NodeId& id = kRootId) {
+        std::string all =
+            fmt::format("({} {}", id.to_string(), world.get(id)->tqlVersion().to_string());
+        for (const auto& [property, value] : world.values(id))
+            all += fmt::format(" {}={}", property, value->is_null ? "null" : value->print());
+        for (const std::string& child : world.children(id, tql::pattern_t(cls::Domain)))
+            all += dump(NodeId::parse(child));
+        return all + ")";
+    }
+    std::string memory() {
+        return fmt::format("{} handlers {} names", world.store->live_handlers(),
+                           world.store->sibling_index().size());
+    }
+
+    Hooks hooks;
+    TestStore world;
+};
+
+class SmallFaultTest : public FaultTest {
+  protected:
+    SmallFaultTest() : FaultTest({.block = 1024, .journal = 64 * 1024, .capacity = 256 * 1024}) {}
+};
+
+}  // namespace
+
+TEST_F(FaultTest, AHookThatThrowsUndoesTheWrite) {
+    const NodeId a = folder(kRootId, "a");
+    const NodeId b = folder(kRootId, "b");
+    const NodeId below = folder(a, "below");
+    const std::string long_label(700, 'x');
+    const std::function<void(ObjectHandler&)> refuse = [](ObjectHandler&) {
+        throw errors::tql(errors::ERR_ILLEGAL_VALUE, "hook");
+    };
+    const std::function<void(ObjectHandler&)> break_store = [](ObjectHandler&) {
+        throw mdb::error_transact("Transaction log full");
+    };
+    const struct {
+        const char* name;
+        std::function<void()> write;
+    } writes[] = {
+        {"create", [&] { folder(a, "new"); }},
+        {"update in place", [&] { world.update(a, {number(prop::order, 6)}); }},
+        {"growing update", [&] { world.update(a, {text(prop::label, long_label)}); }},
+        {"rename", [&] { world.update(a, {text(prop::name, "c")}); }},
+        {"move", [&] { world.update(a, {object(prop::parentId, b)}); }},
+        {"copy version",
+         [&] {
+             world.update(a, {std::make_unique<tql::property_version_t>(prop::copyVersion,
+                                                                        tql::version_t{9, 9})});
+         }},
+    };
+    const std::string before = dump();
+    const std::string in_memory = memory();
+    for (auto* hook : {&hooks.after_update, &hooks.after_store})
+        for (const auto& thrown : {refuse, break_store})
+            for (const auto& one : writes) {
+                SCOPED_TRACE(one.name);
+                *hook = thrown;
+                EXPECT_NE(failure(one.write), "");
+                *hook = {};
+                EXPECT_EQ(dump(), before);
+                EXPECT_EQ(memory(), in_memory);
+                EXPECT_EQ(world.fault(), "");
+            }
+    hooks.before_delete = [](ObjectHandler&) { throw errors::tql_dont_delete(); };
+    EXPECT_THROW(world.remove(a), errors::tql_dont_delete);
+    EXPECT_EQ(dump(), before);
+    world.open();
+    EXPECT_EQ(dump(), before);
+    EXPECT_TRUE(world.find(below));
+}
+
+TEST_F(FaultTest, WhatAHookHasWrittenGoesWithTheOuterWrite) {
+    const NodeId a = folder(kRootId, "a");
+    const NodeId b = folder(kRootId, "b");
+    const std::string before = dump();
+    world.store->cache().cache_set_limits(1, 1, 1);  // nothing stays in memory by itself
+    int depth = 0;
+    const auto nested = [&](bool fails) {
+        return [&, fails](ObjectHandler& handler) {
+            if (handler.node_id() != a || depth > 0) return;
+            ++depth;
+            world.update(b,
+                         {text(prop::name, "renamed"), text(prop::label, std::string(300, 'y'))});
+            for (int i = 0; i < 5; ++i) static_cast<void>(world.values(kRootId));
+            --depth;
+            if (fails) throw errors::tql(errors::ERR_ILLEGAL_VALUE, "after all");
+        };
+    };
+    for (auto* hook : {&hooks.after_update, &hooks.after_store}) {
+        *hook = nested(true);
+        EXPECT_EQ(failure([&] { world.update(a, {text(prop::label, std::string(500, 'z'))}); }),
+                  "10 after all");
+        *hook = {};
+        EXPECT_EQ(dump(), before);
+        EXPECT_EQ(world.store->sibling_index().find(kRootId, cls::Domain, "renamed"), nullptr);
+        EXPECT_EQ(world.fault(), "");
+    }
+    world.open();
+    EXPECT_EQ(dump(), before);
+    hooks.after_update = nested(false);
+    world.update(a, {text(prop::label, "ok")});
+    hooks.after_update = {};
+    world.open();
+    EXPECT_EQ(world.value(a, prop::label), "\"ok\"");
+    EXPECT_EQ(world.value(b, prop::name), "\"renamed\"");
+}
+
+TEST_F(FaultTest, AnAbortedTransactionTakesBackUpdatesAndDeletes) {
+    const NodeId a = folder(kRootId, "a");
+    const NodeId b = folder(kRootId, "b");
+    const NodeId c = folder(a, "c");
+    const std::string before = dump();
+    {
+        const dbcache::StoreTransaction outer(*world.store);
+        world.update(a, {text(prop::name, "x"), text(prop::label, std::string(600, 'x'))});
+        world.update(b, {object(prop::parentId, a)});
+        world.remove(c);
+        EXPECT_EQ(world.value(a, prop::name), "\"x\"");
+        EXPECT_FALSE(world.find(c));
+    }
+    EXPECT_EQ(dump(), before);
+    EXPECT_EQ(world.fault(), "");
+    world.open();
+    EXPECT_EQ(dump(), before);
+}
+
+TEST_F(FaultTest, AMoveThatBreaksAReferenceBelowIsRefused) {
+    const NodeId a = folder(kRootId, "a");
+    const NodeId b = folder(kRootId, "b");
+    const NodeId target = folder(a, "target");
+    const NodeId user = folder(a, "user");
+    const NodeId deep =
+        world.create(user, cls::Domain, {text(prop::name, "deep"), object(prop::alertGroup, a)});
+    static_cast<void>(target);
+    const std::string before = dump();
+    EXPECT_EQ(failure([&] { world.update(user, {object(prop::parentId, b)}); }),
+              fmt::format("15 MOVE_ERR{{{}:alertGroup}}", deep.to_string()));
+    EXPECT_EQ(dump(), before);
+    world.update(deep, {null_object(prop::alertGroup)});
+    world.update(user, {object(prop::parentId, b)});
+    EXPECT_EQ(world.children(b, tql::pattern_t(cls::Domain)),
+              std::vector<std::string>{user.to_string()});
+}
+
+TEST_F(SmallFaultTest, AFullJournalFailsOneRequestAndNoMore) {
+    const NodeId a = folder(kRootId, "a");
+    const std::string before = dump();
+    std::string failed;
+    {
+        const dbcache::StoreTransaction outer(*world.store);
+        for (int i = 0; i < 500 && failed.empty(); ++i) {
+            const std::string last = dump();
+            failed = failure(
+                [&] { world.update(a, {text(prop::label, std::string(100 + i % 7 * 60, 'a'))}); });
+            if (failed.empty()) continue;
+            EXPECT_EQ(dump(), last) << "the outer transaction goes on";
+        }
+    }
+    EXPECT_EQ(failed, "14 Transaction log full");
+    EXPECT_EQ(dump(), before);
+    world.update(a, {text(prop::label, "still alive")});
+    world.open();
+    EXPECT_EQ(world.value(a, prop::label), "\"still alive\"");
+}
+
+TEST_F(SmallFaultTest, AFullDatabaseFailsOneRequestAndNoMore) {
+    std::string failed;
+    std::string before;
+    NodeId parent = kRootId;
+    NodeId last;
+    for (int i = 0; i < 2000 && failed.empty(); ++i) {
+        if (i % 20 == 0 && i > 0) parent = last;
+        before = memory();
+        failed = failure([&] {
+            last = world.create(parent, cls::Domain,
+                                {text(prop::name, fmt::format("f{}", i)),
+                                 text(prop::label, std::string(600, 'x'))});
+        });
+    }
+    EXPECT_EQ(failed, "14 No free blocks in meta database");
+    EXPECT_EQ(memory(), before);
+    EXPECT_EQ(world.fault(), "");
+    const std::string all = dump();
+    world.open();
+    EXPECT_EQ(dump(), all);
+}

@@ -1,0 +1,108 @@
+#include <gtest/gtest.h>
+
+#include "test_classes.h"
+#include "test_store.h"
+
+using namespace dbcache_test;
+using dbcache::kRootId;
+
+namespace {
+
+class InheritanceTest : public ::testing::Test {
+  protected:
+    void TearDown() override { EXPECT_EQ(world.fault(), ""); }
+
+    NodeId folder(const std::string& name, Values values = {}) {
+        values.push_back(text(prop::name, name));
+        return world.create(kRootId, cls::Domain, values);
+    }
+    /// A value, with a mark when it is inherited.
+    std::string shown(const NodeId& id, uint32_t property) {
+        const auto values = world.values(id);
+        const tql::property_t& value = *values.at(property).get();
+        return (value.is_null ? "null" : value.print()) +
+               ((value.flags & tql::kFlagInherited) != 0 ? " inherited" : "");
+    }
+    static tql::value_t inherit(uint32_t property) {
+        auto request = std::make_unique<tql::property_string_t>(property, "");
+        request->flags = tql::kFlagInherited;
+        return request;
+    }
+
+    Hooks hooks;
+    TestStore world{TestStore::Sizes{}, test_classes(hooks)};
+};
+
+}  // namespace
+
+TEST_F(InheritanceTest, TakingAParentInheritsAllThatIsNotGivenInTheSameRequest) {
+    const NodeId model = folder("model", {text(prop::label, "M"), number(prop::order, 9)});
+    const NodeId heir = folder("heir", {text(prop::label, "H"), number(prop::order, 1)});
+    EXPECT_EQ(shown(heir, prop::anyOverridden), "false") << "without a parent";
+    world.update(heir, {object(prop::inherits, model), number(prop::order, 2)});
+    EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
+    EXPECT_EQ(shown(heir, prop::order), "2");
+    EXPECT_EQ(shown(heir, prop::name), "\"heir\"");
+    EXPECT_EQ(shown(heir, prop::anyOverridden), "true");
+    world.update(heir, {inherit(prop::order)});
+    EXPECT_EQ(shown(heir, prop::order), "9 inherited");
+    EXPECT_EQ(shown(heir, prop::anyOverridden), "false");
+}
+
+TEST_F(InheritanceTest, CopiesCatchUpWhenTheHeirIsWritten) {
+    const NodeId model = folder("model", {text(prop::label, "M")});
+    const NodeId heir = folder("heir", {object(prop::inherits, model)});
+    EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
+    world.update(model, {text(prop::label, "N"), number(prop::order, 8)});
+    EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
+    world.open();
+    EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
+    world.update(heir, {});
+    EXPECT_EQ(shown(heir, prop::label), "\"N\" inherited");
+    EXPECT_EQ(shown(heir, prop::order), "8 inherited");
+    // A null of the model is inherited as a null, not as a missing record.
+    auto null_label = [] {
+        return tql::value_t(
+            std::make_unique<tql::property_string_t>(tql::property_string_t::null(prop::label)));
+    };
+    world.update(model, {null_label()});
+    world.update(heir, {});
+    EXPECT_EQ(shown(heir, prop::label), "null inherited");
+    // And an own null overrides a value of the model.
+    world.update(model, {text(prop::label, "again")});
+    world.update(heir, {null_label()});
+    EXPECT_EQ(shown(heir, prop::label), "null");
+}
+
+TEST_F(InheritanceTest, LosingTheParentLeavesItsValuesAsOwn) {
+    const NodeId model = folder("model", {text(prop::label, "M")});
+    const NodeId other = folder("other", {text(prop::label, "O")});
+    const NodeId heir = folder("heir", {object(prop::inherits, model)});
+    world.update(heir, {object(prop::inherits, other)});
+    EXPECT_EQ(shown(heir, prop::label), "\"O\" inherited");
+    world.update(heir, {null_object(prop::inherits)});
+    EXPECT_EQ(shown(heir, prop::label), "\"O\"");
+    EXPECT_EQ(shown(heir, prop::order), "5");
+    world.open();
+    EXPECT_EQ(shown(heir, prop::label), "\"O\"");
+}
+
+TEST_F(InheritanceTest, RefusalsAndAMissingParent) {
+    const NodeId model = folder("model", {text(prop::label, "M")});
+    const NodeId heir = folder("heir", {object(prop::inherits, model)});
+    EXPECT_EQ(failure([&] { world.update(heir, {inherit(prop::name)}); }),
+              "10 Property name does not allow inheritance");
+    EXPECT_EQ(failure([&] { world.update(model, {inherit(prop::label)}); }),
+              "10 afterUpdate cannot set property label to be inherited");
+    EXPECT_EQ(failure([&] { world.update(heir, {number(prop::inherits, 1)}); }),
+              "9 Type mismatch for property inherits");
+    EXPECT_EQ(failure([&] { world.update(heir, {number(prop::type, 2)}); }).substr(0, 33),
+              "8 Cannot update const property ty");
+    world.update(heir, {number(prop::type, 1)});
+    world.remove(model);
+    // The copies stay readable; only what needs the parent anew can't be had.
+    EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
+    EXPECT_EQ(failure([&] { world.update(heir, {}); }).substr(0, 3), "10 ");
+    world.update(heir, {null_object(prop::inherits)});
+    EXPECT_EQ(shown(heir, prop::label), "\"M\"");
+}
