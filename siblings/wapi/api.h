@@ -59,8 +59,9 @@ struct ChangeRequest {
 };
 [[nodiscard]] ChangeRequest<dbms::Tql_Update_Data> update_request(const nlohmann::json& body);
 [[nodiscard]] ChangeRequest<dbms::Tql_Delete_Data> delete_request(const nlohmann::json& body);
-/// Asks for the object alone, without properties: its version is in the answer.
-[[nodiscard]] dbms::Tql_Select_Data version_request(const tql::id_t& id);
+/// Asks for the object alone, without properties: its version is in the answer. A pattern matches
+/// either templates or all the others, so it takes two requests to find any object.
+[[nodiscard]] dbms::Tql_Select_Data version_request(const tql::id_t& id, bool is_template);
 
 [[nodiscard]] Response answer(const dbms::Return_Tql_Select_Data& returned);
 [[nodiscard]] Response answer(const dbms::Return_Tql_Create_Data& returned);

@@ -157,10 +157,10 @@ ChangeRequest<dbms::Tql_Delete_Data> delete_request(const json& body) {
     return request;
 }
 
-dbms::Tql_Select_Data version_request(const tql::id_t& id) {
+dbms::Tql_Select_Data version_request(const tql::id_t& id, bool is_template) {
     dbms::Tql_Select_Data record;
     record.root_ids.push_back(id);
-    record.pattern = tql::pattern_t(tql::get_class("."));
+    record.pattern = tql::pattern_t(tql::get_class("."), is_template ? tql::kPatternTemplates : 0);
     return record;
 }
 

@@ -69,7 +69,8 @@ Gateway::Call Gateway::make_call(std::string_view method, std::string_view path,
     } else {
         throw Refused(404, "NOT_FOUND", fmt::format("There is nothing at {}", path.substr(0, 200)));
     }
-    if (call.after_version) call.request = to_server<queues::TQL_SELECT>(version_request(call.id));
+    if (call.after_version)
+        call.request = to_server<queues::TQL_SELECT>(version_request(call.id, false));
     return call;
 }
 
@@ -129,6 +130,12 @@ void Gateway::take_reply(const queues::event& received) {
 
 void Gateway::take_version(Call call, const dbms::Return_Tql_Select_Data& found) {
     if (found.status != 0) return answer(call, refusal(found.status, found.details));
+    if (found.res.empty() && !call.asked_templates) {
+        call.asked_templates = true;
+        call.request = to_server<queues::TQL_SELECT>(version_request(call.id, true));
+        queued_.push_front(std::move(call));
+        return;
+    }
     if (found.res.empty())
         return answer(call, refusal(errors::ERR_NO_SUCH_ID,
                                     {{3, fmt::format("{} not found", call.id.to_string())}}));

@@ -77,6 +77,7 @@ class Gateway {
         std::unique_ptr<queues::event> request;
         /// The change that goes out once the version of the object is known.
         std::unique_ptr<queues::event> after_version;
+        bool asked_templates = false;  ///< the version of no other object was found
         bool is_health = false;
         tql::id_t id;  ///< of an update or delete
         size_t weight_bytes = 0;

@@ -284,17 +284,22 @@ TEST_F(HttpTest, AChangeWithoutVersionAsksForItFirst) {
     EXPECT_EQ(one->body()["error"]["text"], "Someone else was faster");
 
     one->next();
+    // Neither an ordinary object nor a template.
     one->post("/api/v1/delete", R"({"id": "1.18"})");
     ASSERT_TRUE(run_until({one.get()}, [&] { return sent.size() == 3; }));
     gateway.take_reply(
         queues::devent<queues::RETURN_TQL_SELECT>(queues::queue_t::dbms, sent[2]->uid));
+    ASSERT_EQ(sent.size(), 4U);
+    EXPECT_EQ(queues::data<queues::TQL_SELECT>(*sent[3]).pattern.flags, tql::kPatternTemplates);
+    gateway.take_reply(
+        queues::devent<queues::RETURN_TQL_SELECT>(queues::queue_t::dbms, sent[3]->uid));
     EXPECT_EQ(status_of(*one), 404);
     EXPECT_EQ(one->body()["error"]["text"], "1.18 not found");
 
     one->next();
     one->post("/api/v1/delete", R"({"id": "1.18", "version": "1.2"})");
-    ASSERT_TRUE(run_until({one.get()}, [&] { return sent.size() == 4; }));
-    gateway.take_reply(queues::exevent(queues::queue_t::dbms, sent[3]->uid, "Broken"));
+    ASSERT_TRUE(run_until({one.get()}, [&] { return sent.size() == 5; }));
+    gateway.take_reply(queues::exevent(queues::queue_t::dbms, sent[4]->uid, "Broken"));
     EXPECT_EQ(status_of(*one), 500);
     EXPECT_EQ(one->body()["error"]["text"], "Broken");
 }
