@@ -40,10 +40,24 @@ ApiClient::~ApiClient() = default;
 
 namespace {
 
+std::string reason(httplib::Error error) {
+    switch (error) {
+        case httplib::Error::Connection:
+        case httplib::Error::ConnectionTimeout:
+            return "cannot connect";
+        case httplib::Error::Read:
+            return "the connection ended before an answer came";
+        case httplib::Error::Write:
+            return "the request could not be sent";
+        default:
+            return httplib::to_string(error);
+    }
+}
+
 nlohmann::ordered_json take(const httplib::Result& result, const std::string& url) {
     if (!result)
         throw CommandError(kNotReachable, fmt::format("No family is reachable at {}: {}", url,
-                                                      httplib::to_string(result.error())));
+                                                      reason(result.error())));
     return read_answer(result->status, result->body);
 }
 
