@@ -29,6 +29,9 @@ meter::Group handler_group{"handler"};
 meter::MicroSecondTiming encode_time{&handler_group, "encode",
                                      "Time spent encoding TQL properties"};
 
+/// Objects below one another.
+constexpr uint32_t kMaxTreeDepth = 1000;
+
 /// Reads a property that every stored object has.
 void read_required(const PropertyChain& chain, mdb::Property& property) {
     if (chain.read(0, property) != found_t::value)
@@ -128,6 +131,15 @@ ObjectHandlerRef ObjectHandler::parent_object() const {
                                    : store_.resolver().find_stored(parent_.value);
 }
 
+void ObjectHandler::check_depth() const {
+    uint32_t depth = 1;
+    for (ObjectHandlerRef at = parent_object(); at; at = at->parent_object()) ++depth;
+    if (depth >= kMaxTreeDepth)
+        throw errors::tql(errors::ERR_ILLEGAL_CHILD,
+                          fmt::format("Object {} stands at depth {}; nothing can stand below it",
+                                      id_.value, depth));
+}
+
 tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {
     ObjectHandlerRef parent = parent_object();
     if (!parent) return {};
@@ -219,6 +231,7 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
     const NodeId id = new_id.to_node_id();
     if (store_.indexes().unique_find(mdb::node_id_index, id))
         throw errors::tql_exists(new_id, new_id.to_string() + " exists already");
+    check_depth();
 
     const ObjectHandlerRef child(new ObjectHandler(store_, id, id_.value, child_schema));
     tqlengine::TqlUpdateWatcher watcher(arguments.context.engine, child,

@@ -59,6 +59,10 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// stored under that id.
     [[nodiscard]] ObjectHandlerRef parent_object() const;
 
+    /// Throws errors::tql with code 5 when a child of this object would stand too deep. Walks over
+    /// the tree recurse, so that its depth must have a bound.
+    void check_depth() const;
+
     // ---- tqlengine::TqlObjectHandler ------------------------------------------------------------
 
     [[nodiscard]] tql::id_t tqlId() const override;

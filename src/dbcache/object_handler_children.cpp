@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "dbcache/detail/child_walk.h"
+#include "dbcache/detail/write_faults.h"
 #include "dbcache/group_handler.h"
 #include "dbcache/object_handler.h"
 #include "error/exception.h"
@@ -111,7 +112,7 @@ void ObjectHandler::discard_strays(const std::vector<ObjectHandlerRef>& strays) 
         logger.warning("Deleting {} {}, which can't stand under {} {}",
                        tql::class_name(stray->class_number()), stray->node_id(),
                        tql::class_name(class_number()), id_.value);
-        store_.discard_stored(stray->location());
+        detail::with_faults_as_failures([&] { store_.discard_stored(stray->location()); });
     }
 }
 

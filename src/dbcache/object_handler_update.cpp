@@ -202,6 +202,8 @@ void UpdateOperation::skip_unknown(uint32_t number) {
 /// stands for the new one.
 void UpdateOperation::take_copy_version(size_t index, const tql::property_t& value) {
     assign(index, value);
+    if (work_[index].is_null())  // a request to inherit
+        fail_illegal_value("Property copyVersion does not allow inheritance");
     auto& stored = static_cast<mdb::PropertyVersion&>(*work_[index].prop);
     if (stored.value == mdb::StoredVersion{})
         stored.value = {arguments_.new_version.ring_sequence, arguments_.new_version.counter};
@@ -211,6 +213,8 @@ void UpdateOperation::take_copy_version(size_t index, const tql::property_t& val
 
 void UpdateOperation::take_new_parent(const tql::property_t& value) {
     if (value.is_null) fail_illegal_value("Null given for parentId property");
+    // A request to inherit has passed without a look at its kind.
+    if (value.type() != tql::property_type_t::object) fail_parent();
     const NodeId id = static_cast<const tql::property_object_t&>(value).value.to_node_id();
     if (id == handler_.parent_id()) return;
     const ObjectHandlerRef parent = handler_.store().resolver().find_object(id);
@@ -218,6 +222,7 @@ void UpdateOperation::take_new_parent(const tql::property_t& value) {
     // Below itself the object would be cut off from the tree with all that it has.
     for (ObjectHandlerRef at = parent; at; at = at->parent_object())
         if (at->node_id() == handler_.node_id()) fail_parent();
+    parent->check_depth();
     new_parent_ = id;
 }
 

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "dbcache/detail/record_writer.h"
 #include "test_store.h"
 #include "tql/query_text.h"
 
@@ -60,6 +61,10 @@ TEST_F(ObjectHandlerTest, RefusedRequestsChangeNothing) {
     };
     const std::string exists =
         fmt::format("4 EXISTS{{{}}} Duplicate value given for primary key", b.to_string());
+    const auto to_inherit = [](tql::value_t value) {
+        value->flags = tql::kFlagInherited;
+        return value;
+    };
     const struct {
         std::function<void()> request;
         std::string failure;
@@ -86,6 +91,12 @@ TEST_F(ObjectHandlerTest, RefusedRequestsChangeNothing) {
          "10 Illegal value given for parentId property"},
         {update(a, {object(prop::parentId, {9, 9})}),
          "10 Illegal value given for parentId property"},
+        {update(a, {to_inherit(text(prop::parentId, "x"))}),
+         "10 Illegal value given for parentId property"},
+        {update(a, {to_inherit(text(prop::copyVersion, "x"))}),
+         "10 Property copyVersion does not allow inheritance"},
+        {update(a, {to_inherit(text(prop::slaveBuild, "x"))}),
+         "10 Property slaveBuild does not allow inheritance"},
         {[&] { world.remove(kRootId); }, "15 Cannot delete this object"},
         {[&] {
              world.create(kRootId, cls::Domain, {text(prop::name, "n")}, 0, NodeId{0, 5});
@@ -248,4 +259,21 @@ TEST_F(ObjectHandlerTest, HandlersComeAndGoWithTheCache) {
     EXPECT_LT(world.store->live_handlers(), 60U);
     EXPECT_EQ(world.children(kRootId).size(), hosts.size());
     EXPECT_EQ(world.fault(), "");
+}
+
+TEST_F(ObjectHandlerTest, TheTreeHasABottom) {
+    // Put down as records: creating them one by one would take its time.
+    NodeId above = kRootId;
+    for (uint32_t depth = 2; depth <= 1000; ++depth) {
+        dbcache::RecordWriter writer(world.database->serializer());
+        writer.add_head({8, depth}, above, {}, nodetype::Domain);
+        static_cast<void>(world.objects->store_object({}));
+        above = {8, depth};
+    }
+    const NodeId last = world.domain({8, 999}, "last");
+    EXPECT_EQ(world.children(last).size(), 0U);
+    EXPECT_EQ(failure([&] { world.domain(above, "d"); }),
+              "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
+    EXPECT_EQ(failure([&] { world.update(last, {object(prop::parentId, above)}); }),
+              "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
 }
