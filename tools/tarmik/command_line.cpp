@@ -10,6 +10,7 @@
 
 #include "main/run.h"
 #include "mdb/format.h"
+#include "platform/fifo.h"
 #include "tarmik/assignments.h"
 #include "tarmik/shell.h"
 #include "tarmik/words.h"
@@ -172,7 +173,7 @@ int report(std::FILE* remarks, const std::string& text, int exit_code) {
 int guarded(std::FILE* remarks, const std::function<int()>& work) {
     try {
         const int exit_code = work();
-        if (std::fflush(stdout) != 0)
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
             return report(remarks, "The output cannot be written", kFailed);
         return exit_code;
     } catch (const CommandError& wrong) {
@@ -204,6 +205,9 @@ std::optional<int> parse(CLI::App& app, std::vector<std::string> words, const Ou
 }  // namespace
 
 int run_command_line(std::vector<std::string> arguments) {
+    // A gateway that ends while we send, or a reader of our output that has enough, is to be told
+    // by an exit code.
+    platform::ignore_broken_pipe_signal();
     Parsed parsed;
     CLI::App app("Tarmik monitors networks and servers: the operator's tool", "tarmik");
     app.require_subcommand(1);
