@@ -1,0 +1,20 @@
+#include "dbms/event_table.h"
+
+#include "dbms/query_handlers.h"
+
+namespace dbms {
+
+EventTable make_event_table() {
+    EventTable table{};
+    table[queues::GET_TQL_CLASS_NAMES] = {ev_get_tql_class_names, nullptr, kAnswered};
+    table[queues::GET_TQL_PROPERTY_NAMES] = {ev_get_tql_property_names, nullptr, kAnswered};
+    table[queues::GET_TQL_REPARENTABLE_CLASSES] = {ev_get_tql_reparentable_classes, nullptr,
+                                                   kAnswered};
+    table[queues::TQL_SELECT] = {ev_tql_select, nullptr, kAnswered};
+    table[queues::TQL_CREATE] = {ev_tql_create, filter_tql_create, kAnswered};
+    table[queues::TQL_UPDATE] = {ev_tql_update, nullptr, kAnswered};
+    table[queues::TQL_DELETE] = {ev_tql_delete, nullptr, kAnswered};
+    return table;
+}
+
+}  // namespace dbms

@@ -1,0 +1,100 @@
+#include "dbms/main_loop.h"
+
+#include <algorithm>
+
+#include "error/exception.h"
+#include "io/exception.h"
+#include "log/log.h"
+#include "queues/records/control.h"
+
+namespace dbms {
+
+namespace {
+const logging::Logger logger{"dbms"};
+}
+
+MainLoop::MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journal& journal,
+                   Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks)
+    : services_(services),
+      messenger_(messenger),
+      journal_(journal),
+      dispatcher_(dispatcher),
+      tasks_(std::move(tasks)),
+      deferred_evaluations_(services.clock) {
+    selector_.add(services_.queue.front(), 0);
+    selector_.add(deferred_evaluations_, 0);
+}
+
+MainLoop::~MainLoop() {
+    selector_.remove(deferred_evaluations_);
+    selector_.remove(services_.queue.front());
+}
+
+void MainLoop::run() {
+    while (!stop_) {
+        try {
+            turn();
+        } catch (const io::ENotReady&) {
+            do_idle_work();
+        }
+    }
+}
+
+bool MainLoop::idle_work_waits() const {
+    return !shutting_down_ &&
+           std::any_of(tasks_.begin(), tasks_.end(),
+                       [](const idle::IdleTask* task) { return task->has_work(); });
+}
+
+void MainLoop::turn() {
+    io::Selectable& ready =
+        selector_.select(idle_work_waits() ? io::wait_t::non_blocking : io::wait_t::blocking);
+    if (&ready != &services_.queue.front())
+        error::fail_assertion("dbms got unexpected selectable: " + ready.nameText());
+    try {
+        take_event();
+    } catch (const io::EEndOfStream& gone) {
+        logger.info("Lost peer: {}", gone.text());
+    }
+}
+
+void MainLoop::do_idle_work() {
+    for (idle::IdleTask* task : tasks_)
+        if (task->has_work()) task->doWork();
+}
+
+void MainLoop::take_event() {
+    run_periodic_step();
+    const std::unique_ptr<queues::event> received = services_.queue.read();
+    if (received == nullptr) {
+        stop_ = services_.queue.lost_peers().test(queues::queue_t::main);
+        return;
+    }
+    if (received->number() == queues::SYS_EXIT) return begin_shutdown();
+    if (consumed(*received)) return;
+    dispatcher_.dispatch(*received);
+    services_.engine.tqlPeriodicUpdate(received->peer, queues::event_name(received.get()));
+}
+
+void MainLoop::run_periodic_step() {
+    try {
+        journal_.journal_checkpoint();
+    } catch (const errors::stdanomaly& failure) {
+        logger.warning("Database anomaly: {}", failure.text());
+    }
+}
+
+bool MainLoop::consumed(const queues::event& received) {
+    if (received.number() != queues::SET_LOG_LEVEL || received.exception) return false;
+    logging::apply_levels(queues::data<queues::SET_LOG_LEVEL>(received).logger_level);
+    return true;
+}
+
+void MainLoop::begin_shutdown() {
+    if (shutting_down_) return;
+    logger.info("Initiating shutdown");
+    shutting_down_ = true;
+    messenger_.initiateShutdown();
+}
+
+}  // namespace dbms

@@ -1,0 +1,142 @@
+#include "dbms/serve.h"
+
+#include <optional>
+
+#include "dbcache/bootstrap.h"
+#include "dbcache/resolver.h"
+#include "dbcache/schema/declare_all.h"
+#include "dbcache/schema_table.h"
+#include "dbcache/store.h"
+#include "dbcache/version_source.h"
+#include "dbms/main_loop.h"
+#include "error/exception.h"
+#include "io/sibling_messenger.h"
+#include "log/channels.h"
+#include "log/log.h"
+#include "mdb/database.h"
+#include "mdb/index.h"
+#include "mdb/object_store.h"
+#include "meter/meter.h"
+#include "platform/random.h"
+#include "queues/dialogs.h"
+#include "queues/log_outlet.h"
+#include "util/text.h"
+
+namespace dbms {
+
+namespace {
+
+const logging::Logger logger{"dbms"};
+
+constexpr const char* kMessengerName = "smem";
+constexpr uint32_t kOwnId = static_cast<uint32_t>(queues::queue_t::dbms);
+constexpr uint32_t kFirstWordOfNewIds = 1;
+
+void set_log_levels(uint64_t log_mask) {
+    if ((log_mask & logging::log_dbms_debug) != 0) logging::set_all_levels(logging::level_t::debug);
+}
+
+void give_cache_its_sizes(dbcache::ObjectCache& cache,
+                          const control::Server_Configuration_Fields& config) {
+    if (config.dbms_cache_size < config.dbms_cache_kin)
+        throw error::EFatal(fmt::format("dbms_cache_size {} is below dbms_cache_kin {}",
+                                        config.dbms_cache_size, config.dbms_cache_kin));
+    cache.cache_set_limits(config.dbms_cache_kin, config.dbms_cache_kout,
+                           config.dbms_cache_size - config.dbms_cache_kin);
+}
+
+void open_cache_trace(dbcache::ObjectCache& cache, const std::string& path) {
+    if (path.empty()) return;
+    if (const auto failure = cache.cache_open_trace(path))
+        logger.error("Object cache tracefile setup error: {}", *failure);
+    else
+        logger.info("Notice: tracing object access to: '{}'", path);
+}
+
+/// The ring sequence that the main process kept, for a database that has lost its own.
+std::optional<uint64_t> last_ring_sequence(queues::childqueue& queue) {
+    const auto fields = queues::variable_fields(&queue);
+    const auto found = fields.vars.find("last_ring_seq");
+    if (found == fields.vars.end()) return std::nullopt;
+    return util::parse_number<uint64_t>(found->second);
+}
+
+void announce(queues::childqueue& queue) {
+    queue.send(queues::devent<queues::REQUEST_SPAWN_PROCESS>(queues::queue_t::main, queue.new_uid(),
+                                                             queues::queue_t::keyg));
+    queue.send(queues::devent<queues::INIT_OK>(
+        queues::queue_t::main, 0, {.depend_on = {queues::queue_t::brdc, queues::queue_t::tsdb}}));
+}
+
+/// The settings objects of the cluster, under a version of their own.
+void ensure_cluster_objects(Services& services) {
+    tqlengine::RequestContext context{.engine = services.engine,
+                                      .clock = services.clock,
+                                      .new_version = services.versions.next(),
+                                      .user = {}};
+    dbcache::ensure_cluster_config(services.store, context);
+}
+
+}  // namespace
+
+void serve(const platform::Clock& clock, platform::FileSystem& files) {
+    // The family: messenger, queue, the road of log lines, the configuration.
+    io::ChildMessenger messenger(kOwnId, kMessengerName);
+    queues::childqueue queue(messenger, clock);
+    queues::log_outlet outlet(queue);
+    const logging::OutletScope outlet_scope(
+        [&](logging::level_t level, std::string_view line) { outlet.write(level, line); });
+    logger.info("DBMS running");
+    const control::Server_Configuration_Fields config = queues::server_configuration(&queue);
+    set_log_levels(config.log_mask);
+    const meter::Tree metrics("dbms");
+    queue.send(queues::devent<queues::SUPPORTS_METRICS>(queues::queue_t::main, 0, 0));
+    EventTrace trace(config.dbms_event_tracefile);
+
+    // The database: classes, files, replay, the objects and indexes that must be there.
+    dbcache::SchemaTable schemas;
+    dbcache::schema::declare_all(schemas);
+    mdb::Database database({.database_path = config.dbms_odb_file_path,
+                            .journal_path = config.dbms_odbj_file_path,
+                            .buffer_blocks = config.dbms_buffer_blocks},
+                           files, clock);
+    mdb::IndexTable indexes(database);
+    mdb::ObjectStore objects(database, indexes);
+    const dbcache::Store::Parts parts{database, objects, indexes, schemas, clock};
+    indexes.init_required_indexes();
+    dbcache::Sequence sequence =
+        dbcache::read_sequence(parts, [&] { return last_ring_sequence(queue); });
+    dbcache::ensure_root(parts);
+    dbcache::check_indexes(parts, sequence.format);
+
+    // The object layer and the query engine.
+    platform::Random random(clock);
+    const uint32_t id_start = random.next_u32();
+    ++sequence.ring_sequence;
+    dbcache::store_sequence(parts, sequence);
+    dbcache::VersionSource versions(sequence.ring_sequence);
+    dbcache::Store store(parts, kFirstWordOfNewIds, id_start);
+    give_cache_its_sizes(store.cache(), config);
+    open_cache_trace(store.cache(), config.dbms_cache_tracefile);
+    tqlengine::Engine engine;
+    engine.add_resolver(store.resolver());
+    engine.set_reparentable_classes(schemas.reparentable_classes());
+    dbcache::check_format(sequence.format);
+    database.journal().journal_checkpoint();
+    logger.info("Caches primed");
+
+    // Ready: tell the main process, then serve.
+    announce(queue);
+    Services services{clock, queue, config, engine, store, versions};
+    Dispatcher dispatcher(services, make_event_table(), trace, [&] {
+        return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
+    });
+    ensure_cluster_objects(services);
+    MainLoop loop(services, messenger, database.journal(), dispatcher, {});
+    loop.run();
+
+    database.journal().journal_checkpoint();
+    if (messenger.shutdownInitiated()) messenger.completeShutdown();
+}
+
+}  // namespace dbms

@@ -1,0 +1,42 @@
+// What the handlers of events work with. Made by the server, handed to every handler; nothing here
+// is kept beyond the event.
+#pragma once
+
+#include "platform/clock.h"
+#include "queues/childqueue.h"
+#include "queues/records/control.h"
+#include "tqlengine/engine.h"
+#include "tqlengine/request_context.h"
+
+namespace dbcache {
+class Store;
+class VersionSource;
+}  // namespace dbcache
+
+namespace dbms {
+
+/// The long-lived parts of the server; all outlive the handling of any event.
+struct Services {
+    const platform::Clock& clock;
+    queues::childqueue& queue;
+    const control::Server_Configuration_Fields& config;
+    tqlengine::Engine& engine;
+    dbcache::Store& store;
+    dbcache::VersionSource& versions;
+};
+
+/// One event being handled.
+struct EventContext {
+    Services& services;
+    tqlengine::RequestContext request;
+};
+
+/// Answers `asked` with an event of number N; nothing is sent to an asker that does not wait.
+/// Throws io::EEndOfStream when the asker is gone.
+template <queues::event_t N, class Record>
+void reply(EventContext& context, const queues::event& asked, Record record) {
+    if (!queues::wants_reply(asked.uid) || asked.peer == queues::queue_t::none) return;
+    context.services.queue.send(queues::devent<N>(asked.peer, asked.uid, std::move(record)));
+}
+
+}  // namespace dbms
