@@ -12,11 +12,11 @@
 namespace platform {
 
 struct SpawnRequest {
-    std::string program;                 ///< path of the executable
-    std::vector<std::string> arguments;  ///< without the program's own name
+    std::string program{};                 ///< path of the executable
+    std::vector<std::string> arguments{};  ///< without the program's own name
     std::vector<std::pair<std::string, std::string>>
-        environment;                 ///< added to this process's environment
-    std::vector<int> inherited_fds;  ///< keep their numbers in the child
+        environment{};                 ///< added to this process's environment
+    std::vector<int> inherited_fds{};  ///< keep their numbers in the child
     /// Put the child into a process group of its own, so that a Ctrl-C at the terminal doesn't
     /// reach it.
     bool own_process_group = false;

@@ -1,0 +1,149 @@
+#include "running_family.h"
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sstream>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace family {
+
+namespace {
+
+std::string read_file(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+/// A port of the loopback address that nobody uses right now.
+uint16_t free_port() {
+    const platform::Fd socket_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    EXPECT_EQ(::bind(socket_fd.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    EXPECT_EQ(::getsockname(socket_fd.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return ntohs(address.sin_port);
+}
+
+void run_to_end(const platform::SpawnRequest& request) {
+    const platform::ExitStatus status = platform::wait_for_end(platform::spawn(request));
+    EXPECT_FALSE(status.by_signal) << request.program;
+    EXPECT_EQ(status.code, 0) << request.program;
+}
+
+/// Waits until the process has ended.
+bool ends_within(const platform::ChildProcess& process, int limit_s) {
+    pollfd end{.fd = process.pidfd.get(), .events = POLLIN, .revents = 0};
+    return ::poll(&end, 1, limit_s * 1000) == 1;
+}
+
+}  // namespace
+
+Outcome post(cli::Api& api, const std::string& path, const nlohmann::json& body) {
+    Outcome outcome;
+    try {
+        outcome.answer = api.post(path, body);
+    } catch (const cli::ServerRefusal& refusal) {
+        outcome.refused = true;
+        outcome.text = refusal.text();
+    } catch (const cli::CommandError& failure) {
+        outcome.text = failure.text();
+    }
+    return outcome;
+}
+
+std::string RunningFamily::program(const std::string& name) {
+    const char* directory = std::getenv("TARMIK_BIN");
+    return fmt::format("{}/{}", directory == nullptr ? "build/bin" : directory, name);
+}
+
+RunningFamily::RunningFamily(uint64_t journal_bytes) {
+    const uint16_t port = free_port();
+    url_ = fmt::format("http://127.0.0.1:{}", port);
+    std::ofstream(dir_.file("tarmik.toml")) << fmt::format(
+        R"([family]
+log_dir = "{0}/log"
+restart_first_delay_ms = 10
+restart_longest_delay_ms = 50
+[server]
+dbms_odb_file_path = "{0}/world.odb"
+dbms_odbj_file_path = "{0}/world.odbj"
+dbms_buffer_blocks = 500
+dbms_cache_size = 200
+dbms_cache_kin = 50
+dbms_cache_kout = 100
+variable_file = "{0}/variables.json"
+smem_prefix = "{0}/run/fifo"
+wapi_port = {1}
+)",
+        dir_.path().string(), port);
+    run_to_end({.program = program("tarmik"),
+                .arguments = {"format", database_path(), journal_path(), "--block-size", "1024",
+                              "--journal-size", std::to_string(journal_bytes)}});
+    main_ = platform::spawn({.program = program("tarmik"),
+                             .arguments = {"run", "--config", dir_.file("tarmik.toml")},
+                             .own_process_group = true});
+    if (!wait_healthy()) ADD_FAILURE() << "The family did not come up:\n" << log_text();
+}
+
+RunningFamily::~RunningFamily() {
+    if (stopped_) return;
+    const pid_t server = child_pid("dbms");
+    const pid_t gateway = child_pid("wapi");
+    ::kill(main_.pid, SIGKILL);
+    (void)platform::wait_for_end(main_);
+    for (const pid_t child : {server, gateway})
+        if (child > 0) ::kill(child, SIGKILL);
+}
+
+pid_t RunningFamily::child_pid(const std::string& name) const {
+    std::istringstream children(read_file(fmt::format("/proc/{0}/task/{0}/children", main_.pid)));
+    pid_t pid = -1;
+    while (children >> pid)
+        if (read_file(fmt::format("/proc/{}/comm", pid)) == name + "\n") return pid;
+    return -1;
+}
+
+bool RunningFamily::wait_healthy(int limit_s) const {
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+    while (std::chrono::steady_clock::now() < give_up) {
+        try {
+            cli::ApiClient client(url_);
+            (void)client.get("/healthz");
+            return true;
+        } catch (const cli::CommandError&) {
+            if (ends_within(main_, 0)) return false;
+            ::usleep(5000);
+        }
+    }
+    return false;
+}
+
+platform::ExitStatus RunningFamily::stop() {
+    ::kill(main_.pid, SIGTERM);
+    EXPECT_TRUE(ends_within(main_, 60)) << "The family does not stop:\n" << log_text();
+    stopped_ = true;
+    return platform::wait_for_end(main_);
+}
+
+std::string RunningFamily::log_text() const {
+    std::string text;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(dir_.file("log"), ignored))
+        text += read_file(entry.path());
+    return text;
+}
+
+}  // namespace family
