@@ -165,22 +165,8 @@ const toml::table& as_table(const toml::node& node, const std::string& key) {
     return *table;
 }
 
-}  // namespace
-
-Config default_config(const std::string& program_dir) {
-    Config config;
-    config.log_dir = "var/log";
-    config.siblings = {
-        {"dbms", queues::queue_t::dbms, program_dir + "/dbms", {}, kServerSliceBytes, true},
-        {"wapi",
-         queues::queue_t::wapi,
-         program_dir + "/wapi",
-         {queues::queue_t::dbms},
-         kServerSliceBytes,
-         true},
-    };
-
-    control::Server_Configuration_Fields& server = config.server;
+/// Settings that are neither empty nor zero to begin with.
+void set_defaults(control::Server_Configuration_Fields& server) {
     server.layout_conf_path = "conf/layout.conf";
     server.dbms_tsdb_file_path = "var/tarmik.tsdb";
     server.dbms_odb_file_path = "var/tarmik.odb";
@@ -237,6 +223,23 @@ Config default_config(const std::string& program_dir) {
     server.wapi_enabled = true;
     server.wapi_port = 8740;
     server.wapi_threads = 1;
+}
+
+}  // namespace
+
+Config default_config(const std::string& program_dir) {
+    Config config;
+    config.log_dir = "var/log";
+    config.siblings = {
+        {"dbms", queues::queue_t::dbms, program_dir + "/dbms", {}, kServerSliceBytes, true},
+        {"wapi",
+         queues::queue_t::wapi,
+         program_dir + "/wapi",
+         {queues::queue_t::dbms},
+         kServerSliceBytes,
+         true},
+    };
+    set_defaults(config.server);
     return config;
 }
 

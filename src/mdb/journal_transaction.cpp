@@ -60,8 +60,7 @@ std::byte* Journal::reserve_entry(uint64_t size) {
         const uint64_t capacity = std::max<uint64_t>(
             {needed, uint64_t{transaction_capacity_} * 2, kSmallestTransactionBuffer});
         auto larger = std::make_unique_for_overwrite<std::byte[]>(static_cast<size_t>(capacity));
-        if (transaction_fill_ > 0)
-            std::memcpy(larger.get(), transaction_.get(), transaction_fill_);
+        if (transaction_fill_ > 0) std::memcpy(larger.get(), transaction_.get(), transaction_fill_);
         transaction_ = std::move(larger);
         transaction_capacity_ = static_cast<uint32_t>(capacity);
     }
