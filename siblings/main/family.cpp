@@ -133,6 +133,7 @@ void Family::start(SupervisedSibling& sibling) {
                        .own_process_group = true},
                       now_ms());
         selector_.add(sibling.end(), 0);
+        messenger_.watchEnd(sibling_id(sibling.config().queue), sibling.pid());
         say(fmt::format("Started {}", sibling.config().name));
     } catch (const error::ESystemError& failure) {
         say(fmt::format("Cannot start {}: {}", sibling.config().name, failure.text()));

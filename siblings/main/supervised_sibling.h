@@ -31,6 +31,8 @@ class SupervisedSibling {
     [[nodiscard]] state_t state() const noexcept { return state_; }
     /// True from the start of the process until its end was noted.
     [[nodiscard]] bool has_process() const noexcept { return end_.has_value(); }
+    /// Its process id; only while has_process().
+    [[nodiscard]] pid_t pid() const noexcept { return process_.pid; }
     /// Readable when the process has ended; only while has_process().
     [[nodiscard]] io::FdSelectable& end() { return *end_; }
 

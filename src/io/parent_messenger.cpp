@@ -7,6 +7,7 @@
 #include "io/exception.h"
 #include "io/pool_layout.h"
 #include "log/log.h"
+#include "platform/process.h"
 
 namespace io {
 
@@ -95,7 +96,7 @@ void ParentMessenger::handleControl(const SignalMessage& message) {
 
 void ParentMessenger::onIAmUp(uint32_t sibling_id) {
     // A second process under a living id: the first one is as good as gone.
-    if (liveLife(sibling_id) != nullptr) siblingGone(sibling_id);
+    if (liveLife(sibling_id) != nullptr) endLife(sibling_id);
     if (std::find(waiting_.begin(), waiting_.end(), sibling_id) == waiting_.end())
         waiting_.push_back(sibling_id);
     introduceWaiting();
@@ -184,7 +185,7 @@ void ParentMessenger::askOthersToLetGo(Life& life) {
 
 void ParentMessenger::onAckShutdown(uint32_t from, uint32_t about) {
     if (from == about) {
-        siblingGone(about);
+        endLife(about);
         return;
     }
     // Consents come in the order of the lives they are about.
@@ -196,7 +197,37 @@ void ParentMessenger::onAckShutdown(uint32_t from, uint32_t about) {
     logger.warning("AckShutdown of {} for {}, which was not awaited", from, about);
 }
 
+void ParentMessenger::watchEnd(uint32_t sibling_id, pid_t pid) {
+    platform::Fd pidfd = platform::open_pidfd(pid);
+    dropWatch(sibling_id);
+    ProcessEnd& end = ends_.try_emplace(sibling_id, std::move(pidfd)).first->second;
+    setWatch(&end.selectable, true);
+}
+
+void ParentMessenger::dropWatch(uint32_t sibling_id) {
+    const auto end = ends_.find(sibling_id);
+    if (end == ends_.end()) return;
+    setWatch(&end->second.selectable, false);
+    ends_.erase(end);
+}
+
+void ParentMessenger::underlyingIsReady(Selectable& underlying) {
+    for (const auto& [sibling_id, end] : ends_) {
+        if (&underlying != static_cast<const Selectable*>(&end.selectable)) continue;
+        siblingGone(sibling_id);
+        return;
+    }
+    SiblingMessenger::underlyingIsReady(underlying);
+}
+
 void ParentMessenger::siblingGone(uint32_t sibling_id) {
+    dropWatch(sibling_id);
+    // The news of its end came past its last signals.
+    readArrivedSignals();
+    endLife(sibling_id);
+}
+
+void ParentMessenger::endLife(uint32_t sibling_id) {
     std::erase(waiting_, sibling_id);
     Life* life = liveLife(sibling_id);
     if (life == nullptr) {

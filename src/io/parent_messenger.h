@@ -19,6 +19,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "io/area_table.h"
@@ -72,10 +73,16 @@ class ParentMessenger final : public SiblingMessenger {
     /// Said its last word, or was declared gone; true also for one that never was up.
     [[nodiscard]] bool isGone(uint32_t sibling_id) const;
 
-    /// The process of this sibling ended. Everyone is told; what waited for it waits no more. A
-    /// second call does nothing, also after an orderly end. Call it before the sibling is started
-    /// again.
+    /// The process of this sibling ended. Everyone is told; what waited for it waits no more. What
+    /// it said before stays to be read. A second call does nothing, also after an orderly end. Call
+    /// it before the sibling is started again.
     void siblingGone(uint32_t sibling_id);
+    /// Has the messenger itself look after the end of process `pid`, started as this sibling: a
+    /// wait for room, or for the rest of an event, then ends although its owner's loop, which
+    /// would call siblingGone(), does not run. error::ESystemError if there is no such process.
+    void watchEnd(uint32_t sibling_id, pid_t pid);
+
+    void underlyingIsReady(Selectable& underlying) override;
 
     /// Bytes of the pool that are in areas, those of the dead included that are not free yet.
     [[nodiscard]] uint64_t bytesInAreas() const;
@@ -100,6 +107,16 @@ class ParentMessenger final : public SiblingMessenger {
         std::set<uint32_t> awaited{};  ///< siblings that did not let go yet
     };
 
+    /// A process that is watched.
+    struct ProcessEnd {
+        explicit ProcessEnd(platform::Fd opened)
+            : pidfd(std::move(opened)), selectable(pidfd.get(), "end of sibling") {}
+        platform::Fd pidfd;
+        FdSelectable selectable;
+    };
+
+    void endLife(uint32_t sibling_id);
+    void dropWatch(uint32_t sibling_id);
     [[nodiscard]] Life* liveLife(uint32_t sibling_id);
     [[nodiscard]] const Life* liveLife(uint32_t sibling_id) const;
     void onIAmUp(uint32_t sibling_id);
@@ -123,6 +140,7 @@ class ParentMessenger final : public SiblingMessenger {
     std::map<uint32_t, std::set<uint32_t>>
         requesters_;  ///< promised sibling to those who asked for it
     NewSiblings new_siblings_;
+    std::map<uint32_t, ProcessEnd> ends_;
 };
 
 }  // namespace io

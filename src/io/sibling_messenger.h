@@ -149,6 +149,9 @@ class SiblingMessenger : public StackedSelectableBack {
     void takeOwnArea(uint64_t offset, uint64_t size) { area_.init(offset, size); }
     /// The size of the area of a peer that needs no introduction.
     void setAreaSize(SiblingImplementation& peer, uint64_t size);
+    /// Handles what already arrived in this process's FIFO. Nothing while signals are being
+    /// handled.
+    void readArrivedSignals();
     /// Marks the end of the peer's stream for its reader.
     void appendNullMessage(SiblingImplementation& peer);
     /// Frees the messages that wait for peers which were not introduced yet.

@@ -62,6 +62,17 @@ void SiblingMessenger::readSignals() {
     if (queuedSignals() != 0) flush();
 }
 
+void SiblingMessenger::readArrivedSignals() {
+    if (handling_signals_) return;
+    // More reads than a full FIFO takes would wait for what arrives later.
+    constexpr int kMostReads = 32;
+    for (int reads = 0; reads < kMostReads; ++reads) {
+        input_.systemReady();
+        if (!input_.isReady()) return;
+        readSignals();
+    }
+}
+
 void SiblingMessenger::handle(const SignalMessage& message) {
     const signal_t type = message.type();
     const bool carries_id = type != signal_t::MessageAt && type != signal_t::AckMessageAt &&
