@@ -1,5 +1,6 @@
 #include "dbms/serve.h"
 
+#include <array>
 #include <optional>
 
 #include "dbcache/bootstrap.h"
@@ -31,6 +32,18 @@ const logging::Logger logger{"dbms"};
 constexpr const char* kMessengerName = "smem";
 constexpr uint32_t kOwnId = static_cast<uint32_t>(queues::queue_t::dbms);
 constexpr uint32_t kFirstWordOfNewIds = 1;
+
+/// All loggers of the server by name, so that the level of each can be set before it first writes.
+void make_loggers() {
+    constexpr std::array kNames = {"dbms",           "dbms_handlers",     "dbms_broadcast",
+                                   "dbms_tql",       "dbcache_tql",       "dbcache",
+                                   "dbcache_schema", "dbms_recalc",       "dbms_objcache",
+                                   "dbms_tsdb",      "dbms_conversion",   "agent_schema",
+                                   "domain_schema",  "alert_schema",      "autodiscovery_schema",
+                                   "view_schema",    "multicheck_schema", "esxi_schema",
+                                   "tqlquery",       "objectio"};
+    for (const char* name : kNames) static_cast<void>(logging::Logger(name));
+}
 
 void set_log_levels(uint64_t log_mask) {
     if ((log_mask & logging::log_dbms_debug) != 0) logging::set_all_levels(logging::level_t::debug);
@@ -80,6 +93,8 @@ void ensure_cluster_objects(Services& services) {
 }  // namespace
 
 void serve(const platform::Clock& clock, platform::FileSystem& files) {
+    make_loggers();
+
     // The family: messenger, queue, the road of log lines, the configuration.
     io::ChildMessenger messenger(kOwnId, kMessengerName);
     queues::childqueue queue(messenger, clock);

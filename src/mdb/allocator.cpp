@@ -14,7 +14,7 @@ namespace mdb {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 /// Map blocks that stay in memory while all of them are walked.
 constexpr size_t kResidentDuringWalk = 4;

@@ -15,7 +15,7 @@ namespace mdb {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 meter::Group metrics{"alloc"};
 meter::IntegerCounter nohint_calls{&metrics, "nohint_calls", "",

@@ -11,7 +11,7 @@ namespace mdb {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 /// Most bytes of zero blocks that one write of a growing file carries.
 constexpr uint64_t kGrowthChunk = 1U << 20;

@@ -6,7 +6,7 @@ namespace mdb {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 }  // namespace
 

@@ -20,7 +20,7 @@ namespace metrics = detail::journal_metrics;
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 constexpr uint64_t kMicrosecondsPerSecond = 1'000'000;
 

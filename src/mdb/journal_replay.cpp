@@ -16,7 +16,7 @@ namespace layout = journal_layout;
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 /// An index entry as it stands in the journal.
 struct IndexEntry {

@@ -19,7 +19,7 @@ namespace metrics = detail::journal_metrics;
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 constexpr uint32_t kSmallestTransactionBuffer = 64 * 1024;
 

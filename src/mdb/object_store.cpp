@@ -15,7 +15,7 @@ namespace mdb {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 [[noreturn]] void throw_missing(uint32_t id) {
     throw error_implicit_nullprop(fmt::format("Attempt to read (I)null property \"{}\"", id), id);

@@ -14,7 +14,7 @@ namespace tqlengine {
 
 namespace {
 
-const logging::Logger logger{"tqlengine"};
+const logging::Logger logger{"tqlquery"};
 
 constexpr uint64_t kSlowSelectUs = 10'000;
 constexpr uint64_t kVerySlowSelectUs = 3'000'000;

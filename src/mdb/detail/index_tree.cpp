@@ -9,7 +9,7 @@ namespace mdb::detail {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 meter::Group index_group{"index"};
 meter::IntegerCounter uniq_direct_search{&index_group, "uniq_direct_search", "",

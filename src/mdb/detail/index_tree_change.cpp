@@ -9,7 +9,7 @@ namespace mdb::detail {
 
 namespace {
 
-const logging::Logger logger{"mdb"};
+const logging::Logger logger{"objectio"};
 
 constexpr const char* kBadLeafMagic = "Index data block had bad magic";
 
