@@ -25,7 +25,8 @@ void EventTrace::begin() {
 
 void EventTrace::end(uint64_t elapsed_us, std::string_view label) {
     if (out_.is_open() && out_.good())
-        out_ << fmt::format("T: {} {}\n", static_cast<double>(elapsed_us) / 1000.0, label);
+        out_ << fmt::format("T: {} {}\n", static_cast<double>(elapsed_us) / 1000.0, label)
+             << std::flush;
 }
 
 }  // namespace dbms

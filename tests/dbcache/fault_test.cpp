@@ -5,7 +5,7 @@
 
 #include "dbcache/sibling_index.h"
 #include "test_classes.h"
-#include "test_store.h"
+#include "support/test_store.h"
 
 using namespace dbcache_test;
 using dbcache::kRootId;

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "test_classes.h"
-#include "test_store.h"
+#include "support/test_store.h"
 
 using namespace dbcache_test;
 using dbcache::kRootId;

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "dbcache/detail/record_writer.h"
-#include "test_store.h"
+#include "support/test_store.h"
 #include "tql/query_text.h"
 
 using namespace dbcache_test;

@@ -6,7 +6,7 @@
 #include "dbcache/detail/record_writer.h"
 #include "support/rng.h"
 #include "test_classes.h"
-#include "test_store.h"
+#include "support/test_store.h"
 #include "tql/query_text.h"
 
 using namespace dbcache_test;
