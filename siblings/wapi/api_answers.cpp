@@ -16,7 +16,6 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr uint32_t kIgnoredSomething = 16;  // status of a create or update that worked
-constexpr uint32_t kOrdinaryObject = 1;     // flags of an object that is no template
 /// Results are walked by recursion; a tree of objects deeper than this is not told.
 constexpr size_t kMaxResultDepth = 2000;
 
@@ -44,7 +43,7 @@ ordered_json node_to_json(const tql::result_t& node, size_t depth) {
     object["id"] = node.id.to_string();
     object["class"] = tql::class_name(node.class_);
     object["version"] = version_text(node.version);
-    if (node.flags != kOrdinaryObject) object["flags"] = node.flags;
+    if (node.flags != 0) object["flags"] = node.flags;
     if (!node.tags.empty()) object["tags"] = node.tags;
     if (node.origin != tql::origin_t()) object["origin"] = origin_to_json(node.origin);
     object["properties"] = values_to_json(node.properties);

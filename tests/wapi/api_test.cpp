@@ -132,7 +132,6 @@ TEST(ApiAnswers, ErrorCodesHaveTheirStatus) {
 TEST(ApiAnswers, AResultIsATree) {
     tql::result_t node;
     node.class_ = cls::Domain;
-    node.flags = 1;
     node.id = {1, 17};
     node.version = {5, 6};
     node.children.resize(1);
