@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fmt/format.h>
 #include <functional>
@@ -173,9 +174,11 @@ int report(std::FILE* remarks, const std::string& text, int exit_code) {
 int guarded(std::FILE* remarks, const std::function<int()>& work) {
     try {
         const int exit_code = work();
-        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
-            return report(remarks, "The output cannot be written", kFailed);
-        return exit_code;
+        errno = 0;
+        if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exit_code;
+        // A reader that has enough, as head, needs no explanation.
+        return errno == EPIPE ? int{kFailed}
+                              : report(remarks, "The output cannot be written", kFailed);
     } catch (const CommandError& wrong) {
         return report(remarks, wrong.text(), wrong.exit_code());
     } catch (const error::Exception& failure) {
