@@ -144,10 +144,13 @@ void Family::note_end(SupervisedSibling& sibling) {
     const bool asked = sibling.state() == SupervisedSibling::state_t::stopping;
     selector_.remove(sibling.end());
     const std::string how = sibling.ended(now_ms());
+    if (stopping_) sibling.request_stop(0);  // nobody starts it again
     messenger_.siblingGone(sibling_id(sibling.config().queue));
     needs_.erase(sibling.config().queue);
     if (asked)
         say(fmt::format("{} stopped with {}", sibling.config().name, how));
+    else if (stopping_)
+        say(fmt::format("{} ended unexpectedly with {}", sibling.config().name, how));
     else
         say(fmt::format("{} ended unexpectedly with {}, starting it again in {} ms",
                         sibling.config().name, how,
@@ -215,27 +218,42 @@ void Family::begin_stop() {
 }
 
 void Family::stop_what_may_stop() {
+    bool some_are_stopping = false;
     for (const auto& sibling : siblings_) {
-        if (!sibling->has_process() || sibling->state() == SupervisedSibling::state_t::stopping)
-            continue;
-        const queues::queue_t queue = sibling->config().queue;
-        const bool still_needed =
-            std::any_of(siblings_.begin(), siblings_.end(), [&](const auto& other) {
-                return other->has_process() && (other->config().depend_on.contains(queue) ||
-                                                needs_[other->config().queue].contains(queue));
-            });
-        if (still_needed) continue;
-        sibling->request_stop(now_ms() + config_.stop_timeout_s * 1000);
-        if (!messenger_.isUp(sibling_id(queue))) {
-            sibling->kill_now();  // it has not even connected: there is nothing to stop in order
-            continue;
+        if (!sibling->has_process()) continue;
+        if (sibling->state() != SupervisedSibling::state_t::stopping) {
+            if (is_needed(sibling->config().queue)) continue;
+            stop(*sibling);
         }
-        try {
-            queue_.send(queues::devent<queues::SYS_EXIT>(
-                queue, 0, {.reason = 0, .requested_by = queues::queue_t::main, .error_msg = {}}));
-        } catch (const io::EEndOfStream&) {
-            // It is ending already; the end of its process comes as an event of its own.
-        }
+        some_are_stopping = true;
+    }
+    if (some_are_stopping) return;
+    // Those that are left need each other in a circle.
+    for (const auto& sibling : siblings_)
+        if (sibling->has_process()) stop(*sibling);
+}
+
+bool Family::is_needed(queues::queue_t queue) const {
+    return std::any_of(siblings_.begin(), siblings_.end(), [&](const auto& other) {
+        if (!other->has_process()) return false;
+        const auto said = needs_.find(other->config().queue);
+        return other->config().depend_on.contains(queue) ||
+               (said != needs_.end() && said->second.contains(queue));
+    });
+}
+
+void Family::stop(SupervisedSibling& sibling) {
+    const queues::queue_t queue = sibling.config().queue;
+    sibling.request_stop(now_ms() + config_.stop_timeout_s * 1000);
+    if (!messenger_.isUp(sibling_id(queue))) {
+        sibling.kill_now();  // it has not even connected: there is nothing to stop in order
+        return;
+    }
+    try {
+        queue_.send(queues::devent<queues::SYS_EXIT>(
+            queue, 0, {.reason = 0, .requested_by = queues::queue_t::main, .error_msg = {}}));
+    } catch (const io::EEndOfStream&) {
+        // It is ending already; the end of its process comes as an event of its own.
     }
 }
 

@@ -56,6 +56,8 @@ class Family final : private io::ParentPolicy {
     // Stop.
     void begin_stop();
     void stop_what_may_stop();
+    void stop(SupervisedSibling& sibling);
+    [[nodiscard]] bool is_needed(queues::queue_t queue) const;
     void on_stop_signal();
     void kill_all();
     [[nodiscard]] bool all_stopped() const;

@@ -47,7 +47,7 @@ void SupervisedSibling::note_crash(int64_t now_ms, int64_t uptime_ms) {
 }
 
 void SupervisedSibling::request_stop(int64_t give_up_at_ms) {
-    if (state_ == state_t::stopped || state_ == state_t::stopping) return;
+    if (state_ == state_t::stopped) return;
     state_ = has_process() ? state_t::stopping : state_t::stopped;
     deadline_ms_ = give_up_at_ms;
 }

@@ -44,8 +44,8 @@ class SupervisedSibling {
     /// Its process ended; reaps it. The object of end() is gone afterwards, so take it out of its
     /// selector before. Gives the words for the log: "exit code 1", "signal 9 (Killed)".
     [[nodiscard]] std::string ended(int64_t now_ms);
-    /// No more starts. A running process is asked to end by the caller, who is also told here how
-    /// long that may take.
+    /// No more starts. A running process is asked to end by the caller, who says here how long
+    /// that may take; a later call gives it another deadline.
     void request_stop(int64_t give_up_at_ms);
     /// Ends the process by force, if there is one.
     void kill_now();

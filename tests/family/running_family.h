@@ -31,8 +31,9 @@ struct Outcome {
 class RunningFamily {
   public:
     /// Formats a database (blocks of 1024 bytes, a journal of `journal_bytes`) and starts the
-    /// family. Fails the test when it isn't up within a minute.
-    explicit RunningFamily(uint64_t journal_bytes = 4U << 20);
+    /// family, with `more_config` behind its configuration. Fails the test when it isn't up within
+    /// a minute.
+    explicit RunningFamily(uint64_t journal_bytes = 4U << 20, const std::string& more_config = {});
     /// Ends it by force if stop() was not called.
     ~RunningFamily();
     RunningFamily(const RunningFamily&) = delete;
@@ -53,6 +54,10 @@ class RunningFamily {
 
     /// SIGTERM, waits for the end. Gives the exit code of the main process.
     [[nodiscard]] platform::ExitStatus stop();
+    /// The same for one who has told the family to stop before.
+    [[nodiscard]] platform::ExitStatus wait_for_end();
+    /// True once the log has this text, false after ten seconds.
+    [[nodiscard]] bool logs(const std::string& text) const;
 
     /// Everything the family logged so far.
     [[nodiscard]] std::string log_text() const;

@@ -5,6 +5,7 @@
 
 #include "error/exception.h"
 #include "main/restart_policy.h"
+#include "main/supervised_sibling.h"
 #include "main/variable_store.h"
 #include "support/temp_dir.h"
 
@@ -20,6 +21,18 @@ TEST(RestartPolicy, DelayDoublesUpToTheLimitAndStartsAgainAfterStableTime) {
     EXPECT_EQ(policy.delay_after_crash_ms(1000), 100);
     EXPECT_EQ(policy.delay_after_crash_ms(0), 200);
     for (int crash = 0; crash < 100; ++crash) EXPECT_LE(policy.delay_after_crash_ms(0), 500);
+}
+
+TEST(SupervisedSibling, ALaterStopRequestMovesTheDeadline) {
+    SupervisedSibling sibling({"sleeper", queues::queue_t::extra, "/bin/sleep", {}, 4096, true},
+                              RestartLimits{});
+    sibling.start({.program = "/bin/sleep", .arguments = {"600"}}, 0);
+    sibling.request_stop(10);
+    sibling.request_stop(20);
+    EXPECT_EQ(sibling.next_deadline_ms(), 20);
+    sibling.kill_now();
+    EXPECT_EQ(sibling.ended(30), "signal 9 (Killed)");
+    EXPECT_EQ(sibling.state(), SupervisedSibling::state_t::stopped);
 }
 
 TEST(VariableStore, KeepsValuesAcrossReopenAndOnlyForTheOwner) {

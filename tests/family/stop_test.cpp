@@ -1,0 +1,42 @@
+// The orderly stop of a whole family when something goes wrong in the middle of it.
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "running_family.h"
+
+namespace family {
+namespace {
+
+TEST(Stop, AServerThatDiesMeanwhileIsNotWaitedFor) {
+    RunningFamily family;
+    const pid_t gateway = family.child_pid("wapi");
+    const pid_t server = family.child_pid("dbms");
+    ASSERT_GT(gateway, 0);
+    ASSERT_GT(server, 0);
+    // The gateway holds up its own stop, so the server is still needed when it dies.
+    ::kill(gateway, SIGSTOP);
+    ::kill(family.main_pid(), SIGTERM);
+    ASSERT_TRUE(family.logs("Stopping the family"));
+    ::kill(server, SIGKILL);
+    EXPECT_TRUE(family.logs("dbms ended unexpectedly with signal 9"));
+    ::kill(gateway, SIGCONT);
+    EXPECT_EQ(family.wait_for_end().code, 0);
+}
+
+TEST(Stop, SiblingsThatNeedEachOtherAreStoppedTogether) {
+    const support::TempDir programs;
+    const std::string program = programs.file("series");
+    std::ofstream(program) << "#!/bin/sh\nexec sleep 600\n";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    // The server says that it needs the store of series, which is started after the server.
+    RunningFamily family(4U << 20, fmt::format("[siblings.tsdb]\nprogram = \"{}\"\n", program));
+    ASSERT_TRUE(family.logs("Started tsdb"));
+    EXPECT_EQ(family.stop().code, 0);
+    EXPECT_TRUE(family.logs("dbms stopped with exit code 0"));
+}
+
+}  // namespace
+}  // namespace family
