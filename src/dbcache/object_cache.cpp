@@ -115,19 +115,17 @@ bool ObjectCache::contains(const mdb::block_handle_t& handle) const {
     return by_handle_.find(handle) != nullptr;
 }
 
-void ObjectCache::cache_remove(const mdb::block_handle_t& handle, bool destroy) {
+void ObjectCache::cache_remove(mdb::block_handle_t handle, bool destroy) {
     const ByHandle* entry = by_handle_.find(handle);
     if (entry == nullptr) return;
     const NodeId node_id = entry->node_id;
     CachedObject* handler = entry->handler;
     queue(handler->queue_).unlink(*handler);
-    if (destroy) {
-        error::check(handler->cache_references() == 0,
-                     "Attempt to handle-delete referenced object");
-        delete handler;
-    }
+    error::check(!destroy || handler->cache_references() == 0,
+                 "Attempt to handle-delete referenced object");
     by_handle_.erase(handle);
     error::check(by_id_.erase(node_id), "Object cache map inconsistency");
+    if (destroy) delete handler;
 }
 
 void ObjectCache::trace(const NodeId& node_id) {

@@ -125,7 +125,7 @@ class ObjectCache {
     /// Takes the object at `handle` out; nothing happens when there is none. With `destroy` the
     /// handler is deleted, and one with references is a fatal assertion; otherwise it belongs to
     /// the caller again.
-    void cache_remove(const mdb::block_handle_t& handle, bool destroy);
+    void cache_remove(mdb::block_handle_t handle, bool destroy);
 
     [[nodiscard]] uint32_t length(CachedObject::queue_t queue) const noexcept {
         return queues_[queue - 1].length();
