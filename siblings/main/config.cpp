@@ -2,6 +2,7 @@
 
 #include <array>
 #include <concepts>
+#include <fstream>
 #include <limits>
 #include <toml++/toml.h>
 #include <type_traits>
@@ -244,6 +245,8 @@ Config default_config(const std::string& program_dir) {
 }
 
 Config read_config(const std::string& path, const std::string& program_dir) {
+    if (!std::ifstream(path))
+        throw error::EFatal(fmt::format("Cannot read configuration {}", path));
     toml::table file;
     try {
         file = toml::parse_file(path);

@@ -56,6 +56,15 @@ slice_size_bytes = 65536
     EXPECT_EQ(find_sibling(config, "dbms")->program, "/bin/dbms");
 }
 
+TEST(Config, FileThatIsNotThereIsRefusedByName) {
+    try {
+        (void)read_config("/nowhere/tarmik.toml", "/bin");
+        ADD_FAILURE() << "accepted";
+    } catch (const error::EFatal& failure) {
+        EXPECT_EQ(failure.text(), "Cannot read configuration /nowhere/tarmik.toml");
+    }
+}
+
 TEST(Config, WhatIsNoSettingIsRefusedWithItsPlace) {
     struct Case {
         const char* text;
