@@ -44,6 +44,7 @@ TEST(QueryText, PrintsAsRead) {
             "Domain > (  : Node )",
             R"(Node{label isubstr "x" & checkinFrequency >= 30 & warn < -5})",
             R"(Node{id in {"1.2", "1.3"} & alertGroup <> "0.2" & dependsOn <= {} & dependsOn >= {"1.2"}})",
+            R"(Node{id in null & id = set:null & id in object:"1.2" & name in null})",
             R"(Node{dependsOn le {"1.2"} & id subset "1.2" & dependsOn intersects {"1.2"@("0.1", "")}})",
             R"(Node{label = "tab\t quote\" back\\ bell\x07 byte\xff å"})",
             "Node{label = null & name = int:null & snmpVersion = enum(65556, null) & id op(99) "
@@ -80,6 +81,13 @@ TEST(QueryText, ReadsOtherFormsOfTheSame) {
     };
     for (const auto& [given, printed] : cases)
         EXPECT_EQ(pattern_text(parse_pattern(given)), printed);
+}
+
+TEST(QueryText, ANullBehindInIsASet) {
+    const pattern_t read = parse_pattern("Node{id in null & alertGroup in null & id = null}");
+    EXPECT_EQ(read.where[0].value->type(), property_type_t::object_set);
+    EXPECT_EQ(read.where[1].value->type(), property_type_t::object_set);
+    EXPECT_EQ(read.where[2].value->type(), property_type_t::object);
 }
 
 TEST(QueryText, TellsWhereAndWhatWasExpected) {

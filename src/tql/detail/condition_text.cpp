@@ -130,12 +130,17 @@ std::string literal_text(const Kind& from) {
         return fmt::format("{}", from.value);
 }
 
-value_kind_t usual_kind(uint32_t property) {
+// The kind of a value that stands behind `op` without one in front: that of the property, and for
+// "in" the set that may hold it.
+value_kind_t usual_kind(uint32_t property, relop_t op) {
     const property_row_t* row = find_property_row(property);
-    return row ? row->usual_kind : value_kind_t{};
+    if (!row) return {};
+    if (op == relop_t::in && row->usual_kind.type == property_type_t::object)
+        return {property_type_t::object_set, 0};
+    return row->usual_kind;
 }
 
-std::string condition_value_text(const property_t& value) {
+std::string condition_value_text(const property_t& value, relop_t op) {
     const value_kind_t kind = kind_of(value);
     std::string text;
     if (kind.type == property_type_t::enum_ && value.is_null)
@@ -144,7 +149,7 @@ std::string condition_value_text(const property_t& value) {
         // Enumerations and whole sets tell their kind by their form.
         const bool speaks_for_itself = kind.type == property_type_t::enum_ ||
                                        (kind.type == property_type_t::object_set && !value.is_null);
-        if (!speaks_for_itself && kind.type != usual_kind(value.property).type)
+        if (!speaks_for_itself && kind.type != usual_kind(value.property, op).type)
             text = fmt::format("{}:", type_word(kind.type));
         text += value.is_null
                     ? "null"
@@ -319,8 +324,8 @@ std::optional<value_kind_t> take_kind(QueryLexer& lexer) {
     return value_kind_t{*type, 0};
 }
 
-value_kind_t decide_kind(QueryLexer& lexer, uint32_t property) {
-    const value_kind_t usual = usual_kind(property);
+value_kind_t decide_kind(QueryLexer& lexer, uint32_t property, relop_t op) {
+    const value_kind_t usual = usual_kind(property, op);
     if (const auto told = take_kind(lexer))
         return told->type == usual.type && told->enumeration == 0 ? usual : *told;
     if (lexer.peek() == '{') return {property_type_t::object_set, 0};
@@ -330,8 +335,8 @@ value_kind_t decide_kind(QueryLexer& lexer, uint32_t property) {
     lexer.fail("a value, with its kind in front as in string:null");
 }
 
-value_t read_value(QueryLexer& lexer, uint32_t property) {
-    const value_kind_t kind = decide_kind(lexer, property);
+value_t read_value(QueryLexer& lexer, uint32_t property, relop_t op) {
+    const value_kind_t kind = decide_kind(lexer, property, op);
     value_t value;
     if (lexer.peek_name() == "null") {
         lexer.advance(4);
@@ -377,7 +382,7 @@ std::string condition_text(const condition_t& condition) {
     if (!condition.value) return "-" + operator_text(condition.op, false) + "null";
     const bool before_set = condition.value->type() == property_type_t::object_set;
     return property_text(condition.value->property) + operator_text(condition.op, before_set) +
-           condition_value_text(*condition.value);
+           condition_value_text(*condition.value, condition.op);
 }
 
 condition_t read_condition(QueryLexer& lexer) {
@@ -390,7 +395,7 @@ condition_t read_condition(QueryLexer& lexer) {
     }
     const uint32_t property = read_property(lexer);
     const OperatorRead read = read_operator(lexer);
-    condition.value = read_value(lexer, property);
+    condition.value = read_value(lexer, property, read.op);
     const bool before_set = condition.value->type() == property_type_t::object_set;
     condition.op = read.by_sign && before_set ? for_sets(read.op) : read.op;
     return condition;
