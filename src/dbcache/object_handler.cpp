@@ -131,13 +131,20 @@ ObjectHandlerRef ObjectHandler::parent_object() const {
                                    : store_.resolver().find_stored(parent_.value);
 }
 
-void ObjectHandler::check_depth() const {
+uint32_t ObjectHandler::depth() const {
     uint32_t depth = 1;
     for (ObjectHandlerRef at = parent_object(); at; at = at->parent_object()) ++depth;
-    if (depth >= kMaxTreeDepth)
-        throw errors::tql(errors::ERR_ILLEGAL_CHILD,
-                          fmt::format("Object {} stands at depth {}; nothing can stand below it",
-                                      id_.value, depth));
+    return depth;
+}
+
+void ObjectHandler::check_depth(uint32_t levels) const {
+    const uint32_t own = depth();
+    if (own + levels <= kMaxTreeDepth) return;
+    const std::string what =
+        own < kMaxTreeDepth ? fmt::format("{} levels can't", levels) : std::string("nothing can");
+    throw errors::tql(
+        errors::ERR_ILLEGAL_CHILD,
+        fmt::format("Object {} stands at depth {}; {} stand below it", id_.value, own, what));
 }
 
 tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {

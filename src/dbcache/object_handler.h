@@ -59,9 +59,12 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// stored under that id.
     [[nodiscard]] ObjectHandlerRef parent_object() const;
 
-    /// Throws errors::tql with code 5 when a child of this object would stand too deep. Walks over
-    /// the tree recurse, so that its depth must have a bound.
-    void check_depth() const;
+    /// Objects on the way to the root, this one and the root included.
+    [[nodiscard]] uint32_t depth() const;
+    /// Throws errors::tql with code 5 when a child of this object, with `levels` objects below one
+    /// another from itself on, would reach too deep. Walks over the tree recurse, so that its depth
+    /// must have a bound.
+    void check_depth(uint32_t levels = 1) const;
 
     // ---- tqlengine::TqlObjectHandler ------------------------------------------------------------
 

@@ -1,6 +1,7 @@
 // Creating and updating an object.
 #include <fmt/format.h>
 
+#include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/record_writer.h"
 #include "dbcache/detail/update_operation.h"
 #include "dbcache/detail/write_faults.h"
@@ -32,6 +33,20 @@ std::string failures_text(const tqlengine::RevalidationFailures& failures) {
         text += fmt::format("{}{}:{}", text.empty() ? "" : " ", failure.id.to_string(),
                             tql::property_name(failure.property));
     return text;
+}
+
+/// Levels of the subtree from `top` on.
+uint32_t subtree_levels(Store& store, const NodeId& top) {
+    uint32_t levels = 0;
+    for (std::vector<NodeId> level{top}, below; !level.empty(); level.swap(below), ++levels) {
+        below.clear();
+        for (const NodeId& id : level)
+            detail::walk_children(store, id, mdb::parent_id_index, [&](const auto& child) {
+                below.push_back(child->node_id());
+                return true;
+            });
+    }
+    return levels;
 }
 
 }  // namespace
@@ -222,7 +237,9 @@ void UpdateOperation::take_new_parent(const tql::property_t& value) {
     // Below itself the object would be cut off from the tree with all that it has.
     for (ObjectHandlerRef at = parent; at; at = at->parent_object())
         if (at->node_id() == handler_.node_id()) fail_parent();
-    parent->check_depth();
+    // Not deeper than now, all below it has room.
+    const bool deeper = is_new() || parent->depth() >= handler_.depth();
+    if (deeper) parent->check_depth(subtree_levels(handler_.store(), handler_.node_id()));
     new_parent_ = id;
 }
 

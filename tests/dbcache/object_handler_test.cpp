@@ -282,4 +282,13 @@ TEST_F(ObjectHandlerTest, TheTreeHasABottom) {
               "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
     EXPECT_EQ(failure([&] { world.update(last, {object(prop::parentId, above)}); }),
               "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
+    // A subtree that moves reaches as far down as its lowest object.
+    const NodeId tower = world.domain(kRootId, "tower");
+    world.domain(tower, "top");
+    EXPECT_EQ(failure([&] {
+                  world.update(tower, {object(prop::parentId, {8, 999})});
+              }),
+              "5 Object 8.999 stands at depth 999; 2 levels can't stand below it");
+    world.update(tower, {object(prop::parentId, {8, 998})});
+    world.update(tower, {object(prop::parentId, {8, 500})});
 }
