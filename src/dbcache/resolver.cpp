@@ -1,5 +1,6 @@
 #include "dbcache/resolver.h"
 
+#include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/schema_table.h"
@@ -164,7 +165,7 @@ void DbcacheIdResolver::discardOrphans(const tql::id_t& id) {
         const mdb::block_handle_t handle = indexes.iterator_value(it);
         logger.warning("Warning: Deleting orphaned object at {}:{} parent {}", handle.block,
                        handle.offset, parent);
-        store_.discard_stored(handle);
+        detail::with_faults_as_failures([&] { store_.discard_stored(handle); });
     }
 }
 

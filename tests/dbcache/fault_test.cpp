@@ -3,9 +3,10 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "dbcache/detail/record_writer.h"
 #include "dbcache/sibling_index.h"
-#include "test_classes.h"
 #include "support/test_store.h"
+#include "test_classes.h"
 
 using namespace dbcache_test;
 using dbcache::kRootId;
@@ -30,6 +31,11 @@ class FaultTest : public ::testing::Test {
         for (const std::string& child : world.children(id, tql::pattern_t(cls::Domain)))
             all += dump(NodeId::parse(child));
         return all + ")";
+    }
+    void store_orphan(const NodeId& id, const NodeId& parent) {
+        dbcache::RecordWriter writer(world.database->serializer());
+        writer.add_head(id, parent, {}, nodetype::Domain);
+        static_cast<void>(world.objects->store_object({}));
     }
     std::string memory() {
         return fmt::format("{} handlers {} names", world.store->live_handlers(),
@@ -169,6 +175,7 @@ TEST_F(FaultTest, AMoveThatBreaksAReferenceBelowIsRefused) {
 
 TEST_F(SmallFaultTest, AFullJournalFailsOneRequestAndNoMore) {
     const NodeId a = folder(kRootId, "a");
+    store_orphan({8, 1}, {8, 0});
     const std::string before = dump();
     std::string failed;
     {
@@ -180,6 +187,10 @@ TEST_F(SmallFaultTest, AFullJournalFailsOneRequestAndNoMore) {
             if (failed.empty()) continue;
             EXPECT_EQ(dump(), last) << "the outer transaction goes on";
         }
+        EXPECT_EQ(failure([&] {
+                      world.store->resolver().discardOrphans({8, 0});
+                  }),
+                  "14 Transaction log full");
     }
     EXPECT_EQ(failed, "14 Transaction log full");
     EXPECT_EQ(dump(), before);
