@@ -1,5 +1,7 @@
 #include "mdb/database.h"
 
+#include <vector>
+
 #include "log/log.h"
 
 namespace mdb {
@@ -40,7 +42,34 @@ void Database::read_header(const std::string& journal_path) {
     journal_.journal_open(journal_path.empty() ? header_.journal_path() : journal_path, 0, 0, true);
 }
 
+// A file that lost its end must not be taken for a small one: a replay would lay what the journal
+// has of the lost blocks over a file of zeros. The file has grown durably before a mark of a new
+// block is committed, so even an old map tells how much of it there was.
+void Database::check_not_shortened() {
+    const uint64_t map_begin = store_.block_offset(header_.map_start());
+    const uint64_t map_end = store_.block_offset(header_.first_data_block());
+    const uint64_t length = store_.file_length();
+    if (map_end < map_begin || map_end > length)
+        throw error_need_repair(
+            fmt::format("Database of {} bytes has not all of its allocation map, which ends at {}",
+                        length, map_end));
+    const uint64_t blocks_there = length / block_size();
+    std::vector<uint8_t> marks(block_size());
+    for (uint64_t at = map_begin + blocks_there / block_size() * block_size(); at < map_end;
+         at += block_size()) {
+        store_.byte_read(marks.data(), at, marks.size());
+        for (uint64_t i = 0; i < marks.size(); ++i) {
+            const uint64_t block = at - map_begin + i;
+            if (block >= blocks_there && marks[i] != 0)
+                throw error_need_repair(
+                    fmt::format("Database was longer once: it has {} bytes, but block {} is in use",
+                                length, block));
+        }
+    }
+}
+
 void Database::init_storage() {
+    check_not_shortened();
     journal_.journal_start();
     // What was replayed may have changed the header.
     const uint32_t opened_with = block_size();

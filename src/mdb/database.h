@@ -58,6 +58,7 @@ class Database {
   private:
     void load_header();
     void read_header(const std::string& journal_path);
+    void check_not_shortened();
     void init_storage();
 
     BackingStore store_;
