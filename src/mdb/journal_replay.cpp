@@ -142,6 +142,9 @@ void Journal::collect_replay(uint32_t position, uint64_t serial) {
                     logger.info("Encountered second redirection entry - end of replay.");
                     return;
                 }
+                if (journal_length_ - position < layout::kRedirectSize)
+                    throw error_need_repair(fmt::format(
+                        "Journal was longer once: it ends within the entry at {}", position));
                 const uint32_t target =
                     detail::entry_word(journal, uint64_t{position} + layout::redirect_target);
                 if (uint64_t{target} + layout::kRedirectSize > journal_length_) {
