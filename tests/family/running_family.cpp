@@ -14,16 +14,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "processes.h"
+
 namespace family {
 
 namespace {
-
-std::string read_file(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 /// A port of the loopback address that nobody uses right now.
 uint16_t free_port() {
@@ -41,12 +36,6 @@ void run_to_end(const platform::SpawnRequest& request) {
     const platform::ExitStatus status = platform::wait_for_end(platform::spawn(request));
     EXPECT_FALSE(status.by_signal) << request.program;
     EXPECT_EQ(status.code, 0) << request.program;
-}
-
-/// Waits until the process has ended.
-bool ends_within(const platform::ChildProcess& process, int limit_s) {
-    pollfd end{.fd = process.pidfd.get(), .events = POLLIN, .revents = 0};
-    return ::poll(&end, 1, limit_s * 1000) == 1;
 }
 
 }  // namespace
@@ -93,9 +82,15 @@ wapi_port = {1}
     run_to_end({.program = program("tarmik"),
                 .arguments = {"format", database_path(), journal_path(), "--block-size", "1024",
                               "--journal-size", std::to_string(journal_bytes)}});
-    main_ = platform::spawn({.program = program("tarmik"),
-                             .arguments = {"run", "--config", dir_.file("tarmik.toml")},
-                             .own_process_group = true});
+    start();
+}
+
+void RunningFamily::start() {
+    main_ = spawn_into_files({.program = program("tarmik"),
+                              .arguments = {"run", "--config", dir_.file("tarmik.toml")},
+                              .own_process_group = true},
+                             "", dir_.file("errors"));
+    stopped_ = false;
     if (!wait_healthy()) ADD_FAILURE() << "The family did not come up:\n" << log_text();
 }
 
@@ -125,11 +120,17 @@ bool RunningFamily::wait_healthy(int limit_s) const {
             (void)client.get("/healthz");
             return true;
         } catch (const cli::CommandError&) {
-            if (ends_within(main_, 0)) return false;
+            if (ends_within(main_.pidfd.get(), 0)) return false;
             ::usleep(5000);
         }
     }
     return false;
+}
+
+void RunningFamily::kill_main() {
+    ::kill(main_.pid, SIGKILL);
+    (void)platform::wait_for_end(main_);
+    stopped_ = true;
 }
 
 platform::ExitStatus RunningFamily::stop() {
@@ -146,10 +147,14 @@ bool RunningFamily::logs(const std::string& text) const {
 }
 
 platform::ExitStatus RunningFamily::wait_for_end() {
-    EXPECT_TRUE(ends_within(main_, 60)) << "The family does not stop:\n" << log_text();
-    if (!ends_within(main_, 0)) return {true, 0};
+    EXPECT_TRUE(ends_within(main_.pidfd.get(), 60)) << "The family does not stop:\n" << log_text();
+    if (!ends_within(main_.pidfd.get(), 0)) return {true, 0};
     stopped_ = true;
     return platform::wait_for_end(main_);
+}
+
+std::string RunningFamily::errors_text() const {
+    return read_file(dir_.file("errors"));
 }
 
 std::string RunningFamily::log_text() const {

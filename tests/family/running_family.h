@@ -52,6 +52,10 @@ class RunningFamily {
     /// True once GET /healthz gave 200, false after `limit_s` seconds.
     [[nodiscard]] bool wait_healthy(int limit_s = 60) const;
 
+    /// Starts the family anew after stop() or kill_main(), and waits until it is up.
+    void start();
+    /// SIGKILL to the main process, nobody else, and waits for its end.
+    void kill_main();
     /// SIGTERM, waits for the end. Gives the exit code of the main process.
     [[nodiscard]] platform::ExitStatus stop();
     /// The same for one who has told the family to stop before.
@@ -61,6 +65,9 @@ class RunningFamily {
 
     /// Everything the family logged so far.
     [[nodiscard]] std::string log_text() const;
+
+    /// What the processes wrote to their error streams.
+    [[nodiscard]] std::string errors_text() const;
 
     /// Path of a program of this build.
     [[nodiscard]] static std::string program(const std::string& name);

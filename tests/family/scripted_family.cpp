@@ -7,6 +7,7 @@
 
 #include "error/exception.h"
 #include "io/exception.h"
+#include "processes.h"
 
 namespace family {
 
@@ -105,12 +106,24 @@ std::string ScriptedFamily::errors_path(queues::queue_t id) const {
     return dir_.file("errors." + std::to_string(static_cast<int>(id)));
 }
 
-void ScriptedFamily::start(queues::queue_t id, Script script) {
+ScriptedFamily::Child& ScriptedFamily::fresh_child(queues::queue_t id) {
     Child& child = children_[id];
-    ASSERT_FALSE(child.running);
+    error::check(!child.running, "{} runs already", queues::queue_name(id));
     if (child.said) selector_.remove(*child.said);
     child = Child();
     expected_.insert(static_cast<uint32_t>(id));
+    return child;
+}
+
+void ScriptedFamily::watch_end(queues::queue_t id, Child& child) {
+    child.running = true;
+    child.end = std::make_unique<io::FdSelectable>(child.process.pidfd.get(), "end of a child");
+    selector_.add(*child.end, 0);
+    messenger_.watchEnd(static_cast<uint32_t>(id), child.process.pid);
+}
+
+void ScriptedFamily::start(queues::queue_t id, Script script) {
+    Child& child = fresh_child(id);
     Pipe orders, reports;
     child.process.pid = ::fork();
     if (child.process.pid == 0) {
@@ -118,17 +131,25 @@ void ScriptedFamily::start(queues::queue_t id, Script script) {
         play(id, script, orders.out.get(), reports.in.get());
     }
     child.process.pidfd = platform::open_pidfd(child.process.pid);
-    child.running = true;
     child.orders = std::move(orders.in);
     child.reports = std::move(reports.out);
     ::fcntl(child.reports.get(), F_SETFL, O_NONBLOCK);
-    child.end = std::make_unique<io::FdSelectable>(child.process.pidfd.get(), "end of a child");
     child.said = std::make_unique<io::FdSelectable>(child.reports.get(), "reports of a child");
-    selector_.add(*child.end, 0);
     selector_.add(*child.said, 0);
-    messenger_.watchEnd(static_cast<uint32_t>(id), child.process.pid);
+    watch_end(id, child);
     ASSERT_TRUE(
         serve_until([&] { return messenger_.isUp(static_cast<uint32_t>(id)) || !child.running; }));
+}
+
+void ScriptedFamily::start_program(queues::queue_t id, const std::string& program) {
+    Child& child = fresh_child(id);
+    const io::PoolAccess& access = messenger_.access();
+    child.process = spawn_into_files({.program = program,
+                                      .arguments = {},
+                                      .environment = access.toEnvironment("smem"),
+                                      .inherited_fds = {access.map_fd}},
+                                     "", errors_path(id));
+    watch_end(id, child);
 }
 
 void ScriptedFamily::order(queues::queue_t id, std::string_view line) {
@@ -157,11 +178,7 @@ platform::ExitStatus ScriptedFamily::wait_for_end(queues::queue_t id) {
 }
 
 std::string ScriptedFamily::errors(queues::queue_t id) const {
-    const platform::Fd file(::open(errors_path(id).c_str(), O_RDONLY | O_CLOEXEC));
-    std::string text(1U << 16, '\0');
-    const ssize_t count = ::read(file.get(), text.data(), text.size());
-    text.resize(count < 0 ? 0 : static_cast<size_t>(count));
-    return text;
+    return read_file(errors_path(id));
 }
 
 bool ScriptedFamily::serve_until(const std::function<bool()>& done) {
@@ -174,7 +191,12 @@ bool ScriptedFamily::serve_until(const std::function<bool()>& done) {
 }
 
 std::unique_ptr<queues::event> ScriptedFamily::next_event() {
-    if (!serve_until([&] { return !events_.empty(); })) return nullptr;
+    serve_until([&] { return !events_.empty(); });
+    return take_event();
+}
+
+std::unique_ptr<queues::event> ScriptedFamily::take_event() {
+    if (events_.empty()) return nullptr;
     std::unique_ptr<queues::event> first = std::move(events_.front());
     events_.pop_front();
     return first;

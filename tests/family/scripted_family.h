@@ -66,6 +66,8 @@ class ScriptedFamily final : private io::ParentPolicy {
     /// error::Exception, 98 after a failed expectation. Returns when it is up; its former life must
     /// have ended.
     void start(queues::queue_t id, Script script);
+    /// Starts a real program as sibling `id`. Returns at once.
+    void start_program(queues::queue_t id, const std::string& program);
     void order(queues::queue_t id, std::string_view line);
     /// Serves the family until the child has said something more; empty after the time limit.
     [[nodiscard]] std::string next_report(queues::queue_t id);
@@ -79,6 +81,9 @@ class ScriptedFamily final : private io::ParentPolicy {
 
     /// Runs the parent's loop until `done`. A minute without it fails the test and gives false.
     bool serve_until(const std::function<bool()>& done);
+    [[nodiscard]] bool running(queues::queue_t id) const { return children_.at(id).running; }
+    /// The next event that is there already, or null.
+    [[nodiscard]] std::unique_ptr<queues::event> take_event();
     /// The next event for the parent, null after the time limit. Ends of streams are passed over.
     [[nodiscard]] std::unique_ptr<queues::event> next_event();
     /// The parent keeps its own messages unread, or reads again.
@@ -101,6 +106,8 @@ class ScriptedFamily final : private io::ParentPolicy {
     uint32_t sliceSize(uint32_t) override { return slice_bytes_; }
     bool requestPeer(uint32_t, uint32_t wanted) override { return expected_.contains(wanted); }
 
+    Child& fresh_child(queues::queue_t id);
+    void watch_end(queues::queue_t id, Child& child);
     [[noreturn]] void play(queues::queue_t id, const Script& script, int orders_fd, int report_fd);
     void serve_once();
     bool is_timer(const io::Selectable& ready) const { return &ready == &timer_; }

@@ -1,0 +1,200 @@
+// The real server on files that are not what they should be, with the test as its main process:
+// whatever is wrong with them, it says so, ends with code 1 and leaves them as they are.
+#include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "main/config.h"
+#include "mdb/database.h"
+#include "mdb/format.h"
+#include "platform/file.h"
+#include "processes.h"
+#include "queues/records/control.h"
+#include "running_family.h"
+#include "scripted_family.h"
+
+namespace family {
+namespace {
+
+using namespace queues;
+
+constexpr queue_t kServer = queue_t::dbms;
+
+/// A database and its journal, and the means to break them.
+struct Files {
+    explicit Files(const support::TempDir& dir)
+        : database(dir.file("world.odb")), journal(dir.file("world.odbj")) {}
+    std::string database, journal;
+};
+
+/// The server and the little of a main process that it needs to start and stop.
+class HostedServer {
+  public:
+    explicit HostedServer(const Files& files) : config_(mainprocess::default_config("").server) {
+        config_.dbms_odb_file_path = files.database;
+        config_.dbms_odbj_file_path = files.journal;
+    }
+
+    /// True once the server says that it is ready, false when it has ended before.
+    bool start() {
+        up_ = false;
+        family_.start_program(kServer, RunningFamily::program("dbms"));
+        family_.serve_until([&] { return answer_all() && (up_ || !family_.running(kServer)); });
+        return up_;
+    }
+    platform::ExitStatus stop() {
+        family_.queue().send(devent<SYS_EXIT>(
+            kServer, 0, {.reason = 0, .requested_by = queue_t::main, .error_msg = {}}));
+        return wait_for_end();
+    }
+    platform::ExitStatus wait_for_end() {
+        family_.serve_until([&] { return answer_all() && !family_.running(kServer); });
+        return family_.wait_for_end(kServer);
+    }
+    [[nodiscard]] std::string errors() const { return family_.errors(kServer); }
+
+  private:
+    bool answer_all() {
+        while (const auto received = family_.take_event()) {
+            if (received->number() == INIT_OK) up_ = true;
+            if (received->number() == REQUEST_SERVER_CONFIGURATION)
+                family_.queue().send(devent<SERVER_CONFIGURATION>(kServer, received->uid, config_));
+            if (received->number() == REQUEST_SERVER_VARIABLE_FIELDS)
+                family_.queue().send(devent<RETURN_SERVER_VARIABLE_FIELDS>(kServer, received->uid));
+        }
+        return true;
+    }
+
+    control::Server_Configuration_Fields config_;
+    ScriptedFamily family_{1U << 20};
+    bool up_ = false;
+};
+
+/// A database in which the server has been: root, indexes and settings, brought to the file by an
+/// orderly stop.
+class BrokenFiles : public testing::Test {
+  protected:
+    BrokenFiles() {
+        platform::SystemFiles system;
+        mdb::format_database(system, {.database_path = good_.database,
+                                      .journal_path = good_.journal,
+                                      .block_size = 1024,
+                                      .journal_size_bytes = 1U << 20,
+                                      .capacity_bytes = 64U << 20});
+        HostedServer server(good_);
+        EXPECT_TRUE(server.start()) << server.errors();
+        EXPECT_EQ(server.stop().code, 0) << server.errors();
+    }
+
+    void restore() const {
+        std::filesystem::copy_file(good_.database, broken_.database,
+                                   std::filesystem::copy_options::overwrite_existing);
+        std::filesystem::copy_file(good_.journal, broken_.journal,
+                                   std::filesystem::copy_options::overwrite_existing);
+    }
+    /// Starts the server on the broken files.
+    void expect_refused() const {
+        const std::string database = read_file(broken_.database);
+        const std::string journal = read_file(broken_.journal);
+        HostedServer server(broken_);
+        if (server.start()) {
+            ADD_FAILURE() << "the server has started";
+            server.stop();
+            return;
+        }
+        const platform::ExitStatus status = server.wait_for_end();
+        EXPECT_FALSE(status.by_signal) << status.code;
+        EXPECT_EQ(status.code, 1);
+        const std::string errors = server.errors();
+        EXPECT_EQ(errors.find("Caught: "), 0U) << errors;
+        EXPECT_GT(errors.size(), std::string("Caught: ").size() + 10) << errors;
+        EXPECT_TRUE(read_file(broken_.database) == database) << "the database was changed";
+        EXPECT_TRUE(read_file(broken_.journal) == journal) << "the journal was changed";
+    }
+
+    support::TempDir good_dir_, broken_dir_;
+    Files good_{good_dir_}, broken_{broken_dir_};
+};
+
+void overwrite(const std::string& path, std::streamoff at, const std::string& bytes) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(at);
+    file << bytes;
+}
+
+TEST_F(BrokenFiles, AWrongMagicIsRefused) {
+    for (const bool in_journal : {false, true}) {
+        SCOPED_TRACE(in_journal ? "journal" : "database");
+        restore();
+        overwrite(in_journal ? broken_.journal : broken_.database, 0, "garbage!");
+        expect_refused();
+    }
+}
+
+/// Length of the part of the database up to its last block in use.
+uint64_t length_in_use(const Files& files) {
+    platform::SystemFiles system;
+    const platform::SystemClock clock;
+    mdb::Database database({.database_path = files.database, .journal_path = files.journal}, system,
+                           clock);
+    auto block = static_cast<uint32_t>(database.store().file_length() / database.block_size());
+    while (database.allocator().query_mark(block - 1) == mdb::mark_t::empty) --block;
+    return database.store().block_offset(block);
+}
+
+TEST_F(BrokenFiles, ATruncatedDatabaseIsRefused) {
+    const uint64_t used = length_in_use(good_);
+    std::vector<uint64_t> sizes = {0, 4, 512, 1023, used - 1};
+    for (uint64_t size = 1024; size < used; size += 7 * 1024) sizes.push_back(size);
+    for (const uint64_t size : sizes) {
+        SCOPED_TRACE(fmt::format("{} bytes, of which {} are in use", size, used));
+        restore();
+        std::filesystem::resize_file(broken_.database, size);
+        expect_refused();
+    }
+    // What lies behind is no loss.
+    restore();
+    std::filesystem::resize_file(broken_.database, used);
+    HostedServer server(broken_);
+    EXPECT_TRUE(server.start()) << server.errors();
+    EXPECT_EQ(server.stop().code, 0) << server.errors();
+}
+
+TEST_F(BrokenFiles, ATruncatedJournalIsRefused) {
+    const uint64_t whole = std::filesystem::file_size(good_.journal);
+    for (const uint64_t size :
+         {uint64_t{0}, uint64_t{4}, uint64_t{1023}, uint64_t{1024}, whole / 2, whole - 16}) {
+        SCOPED_TRACE(fmt::format("{} of {} bytes", size, whole));
+        restore();
+        std::filesystem::resize_file(broken_.journal, size);
+        expect_refused();
+    }
+}
+
+TEST_F(BrokenFiles, AMissingFileIsRefused) {
+    for (const bool journal : {false, true}) {
+        restore();
+        std::filesystem::remove(journal ? broken_.journal : broken_.database);
+        expect_refused();
+        EXPECT_FALSE(std::filesystem::exists(journal ? broken_.journal : broken_.database));
+    }
+}
+
+TEST_F(BrokenFiles, ASecondServerOnOneDatabaseIsRefused) {
+    restore();
+    HostedServer first(broken_);
+    ASSERT_TRUE(first.start());
+    HostedServer second(broken_);
+    EXPECT_FALSE(second.start());
+    EXPECT_EQ(second.wait_for_end().code, 1);
+    EXPECT_EQ(
+        second.errors(),
+        fmt::format("Caught: Database in \"{}\" is in use by another process\n", broken_.database));
+    EXPECT_EQ(first.stop().code, 0) << first.errors();
+}
+
+}  // namespace
+}  // namespace family
