@@ -137,6 +137,8 @@ void Family::start(SupervisedSibling& sibling) {
         say(fmt::format("Started {}", sibling.config().name));
     } catch (const error::ESystemError& failure) {
         say(fmt::format("Cannot start {}: {}", sibling.config().name, failure.text()));
+        // Those who asked for it wait in vain for now.
+        if (!sibling.has_process()) messenger_.siblingGone(sibling_id(sibling.config().queue));
     }
 }
 
@@ -318,7 +320,7 @@ void Family::on_log_request(const queues::event& received) {
 void Family::on_store_variables(const queues::event& received) {
     try {
         variables_.store(queues::data<queues::STORE_SERVER_VARIABLE_FIELDS>(received).vars);
-    } catch (const error::ESystemError& failure) {
+    } catch (const error::Exception& failure) {
         say(fmt::format("Variable fields of {} not stored: {}", queues::queue_name(received.peer),
                         failure.text()));
     }

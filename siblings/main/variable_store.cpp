@@ -31,6 +31,14 @@ void write_all(int fd, const std::string& text, const std::string& path) {
     }
 }
 
+std::string json_text(const VariableStore::Values& values) {
+    try {
+        return nlohmann::json(values).dump(2) + "\n";
+    } catch (const nlohmann::json::exception& reason) {  // bytes that are no UTF-8
+        throw error::Exception(fmt::format("A value is no text: {}", reason.what()));
+    }
+}
+
 void sync_directory(const std::string& path) {
     const std::string directory = std::filesystem::absolute(path).parent_path().string();
     const OpenFile handle{::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
@@ -63,12 +71,13 @@ void VariableStore::store(const Values& changed) {
 }
 
 void VariableStore::write(const Values& values) const {
+    const std::string text = json_text(values);
     const std::string temporary = path_ + ".new";
     {
         const OpenFile out{
             ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600)};
         if (out.fd < 0) throw error::ESystemError("Cannot create " + temporary, errno);
-        write_all(out.fd, nlohmann::json(values).dump(2) + "\n", temporary);
+        write_all(out.fd, text, temporary);
         if (::fsync(out.fd) != 0) throw error::ESystemError("Cannot sync " + temporary, errno);
     }
     if (::rename(temporary.c_str(), path_.c_str()) != 0)

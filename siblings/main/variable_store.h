@@ -20,8 +20,8 @@ class VariableStore {
     [[nodiscard]] const Values& values() const noexcept { return values_; }
 
     /// Sets the values given, keeps all others, and makes the result durable before it returns.
-    /// Throws error::ESystemError when the file cannot be written; the values in memory are then
-    /// unchanged.
+    /// Throws error::ESystemError when the file cannot be written, error::Exception when a value is
+    /// not UTF-8; the values are then unchanged.
     void store(const Values& changed);
 
   private:

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "error/exception.h"
+#include "main/instance_lock.h"
 #include "main/restart_policy.h"
 #include "main/supervised_sibling.h"
 #include "main/variable_store.h"
@@ -66,6 +67,26 @@ TEST(VariableStore, DamagedFileIsRefusedAndFailedWriteKeepsOldValues) {
     std::filesystem::create_directory(path + ".new");
     EXPECT_THROW(store.store({{"a", "2"}}), error::ESystemError);
     EXPECT_EQ(store.values().at("a"), "1");
+    EXPECT_THROW(store.store({{"b", "\xff"}}), error::Exception);
+    EXPECT_FALSE(store.values().contains("b"));
+}
+
+TEST(InstanceLock, TakesADirectoryForItselfUnlessItIsOthersToo) {
+    const support::TempDir dir;
+    const std::string made = dir.file("made");
+    struct stat info {};
+    {
+        const platform::Fd lock = take_instance_lock(made + "/fifo");
+        ASSERT_EQ(::stat(made.c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 07777, 0700U);
+        EXPECT_THROW((void)take_instance_lock(made + "/fifo"), error::EFatal);
+    }
+    const std::string shared = dir.file("shared");
+    std::filesystem::create_directory(shared);
+    ASSERT_EQ(::chmod(shared.c_str(), 01777), 0);
+    EXPECT_THROW((void)take_instance_lock(shared + "/fifo"), error::EFatal);
+    ASSERT_EQ(::stat(shared.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 01777U);
 }
 
 }  // namespace
