@@ -94,7 +94,8 @@ void MainLoop::begin_shutdown() {
     if (shutting_down_) return;
     logger.info("Initiating shutdown");
     shutting_down_ = true;
-    messenger_.initiateShutdown();
+    // With the main process gone meanwhile the consent counts as given.
+    if (!messenger_.shutdownInitiated()) messenger_.initiateShutdown();
 }
 
 }  // namespace dbms

@@ -32,9 +32,7 @@ SomeSibling::SomeSibling(SiblingMessenger& messenger)
     : StackedSelectableFront(messenger), messenger_(messenger) {}
 
 bool SomeSibling::isReady() const {
-    if (!messenger_.received_.empty()) return true;
-    const SiblingImplementation* parent = messenger_.peer_by_id_[kParentId];
-    return parent != nullptr && parent->processFailed();
+    return !messenger_.received_.empty() || messenger_.isOrphaned();
 }
 
 SiblingMessenger::SiblingMessenger(uint32_t own_id, SharedMemory memory, std::string fifo_prefix)
@@ -69,6 +67,11 @@ SiblingImplementation& SiblingMessenger::peer(uint32_t peer_id) {
         peers_.emplace(peer_id, std::move(made));
     }
     return *known;
+}
+
+bool SiblingMessenger::isOrphaned() const {
+    const SiblingImplementation* parent = peer_by_id_[kParentId];
+    return parent != nullptr && parent->processFailed() && received_.empty();
 }
 
 uint32_t SiblingMessenger::nextSender() const {

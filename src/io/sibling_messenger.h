@@ -80,6 +80,9 @@ class SiblingMessenger : public StackedSelectableBack {
     /// Who sent the first message or end mark that waits; the parent's id if none waits and the
     /// parent failed. Call it when someSibling() is ready.
     [[nodiscard]] uint32_t nextSender() const;
+    /// True when the parent ended and everything that arrived was read: nobody is left to tell of
+    /// the end of any other peer.
+    [[nodiscard]] bool isOrphaned() const;
     /// What to wait for to read anything from anybody.
     [[nodiscard]] SomeSibling& someSibling() { return some_sibling_; }
 

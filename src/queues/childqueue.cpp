@@ -148,7 +148,7 @@ std::unique_ptr<event> childqueue::await_messenger(std::uint32_t uid, queue_t pe
         const std::string arrived =
             received && await_limit_s_ > 0 ? event_name(received.get()) : "";
         if (received) keep(std::move(received));
-        if (lost_peers_.test(peer)) return nullptr;
+        if (lost_peers_.test(peer) || messenger_.isOrphaned()) return nullptr;
         if (!arrived.empty() &&
             clock_.monotonic_us() - start_us > std::uint64_t{await_limit_s_} * 1'000'000)
             throw errors::queue_await_timeout(arrived);

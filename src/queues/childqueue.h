@@ -88,7 +88,7 @@ class childqueue : public io::StackedSelectableBack {
     [[nodiscard]] std::unique_ptr<event> read();
 
     /// The event with this uid from this peer, which may have arrived already. Waits without limit
-    /// and keeps what else arrives. None if the peer ended.
+    /// and keeps what else arrives. None if the peer ended, or the parent, who would tell of that.
     [[nodiscard]] std::unique_ptr<event> await(std::uint32_t uid, queue_t peer);
 
     [[nodiscard]] const lost_peers_t& lost_peers() const { return lost_peers_; }

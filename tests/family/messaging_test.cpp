@@ -2,7 +2,9 @@
 // coming back, back pressure, and the orderly end.
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,6 +41,40 @@ std::string long_text(uint64_t seed, size_t length) {
     std::string text(length, '\0');
     for (char& sign : text) sign = static_cast<char>('a' + rng.below(26));
     return text;
+}
+
+// Nobody is left who would tell of the peer's end, so a dialog with a peer that lives and keeps
+// silent must not go on for ever.
+TEST(Messaging, TheParentsEndEndsADialog) {
+    const support::TempDir dir;  // for what the killed parent leaves
+    int result[2];
+    ASSERT_EQ(::pipe(result), 0);
+    const pid_t parent = ::fork();
+    if (parent == 0) {
+        ::setenv("TMPDIR", dir.path().c_str(), 1);
+        ScriptedFamily family;
+        family.start(queue_t::tsdb, [](Actor&) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::pause();
+        });
+        family.start(queue_t::dbms, [&](Actor& me) {
+            const uint32_t uid = me.queue.new_uid();
+            me.queue.send(devent<CREATE_TIMESERIES>(queue_t::tsdb, uid));
+            me.report("asked");
+            const std::string_view text = me.queue.await(uid, queue_t::tsdb) ? "answer" : "end";
+            [[maybe_unused]] const ssize_t count = ::write(result[1], text.data(), text.size());
+        });
+        (void)family.next_report(queue_t::dbms);
+        ::raise(SIGKILL);
+    }
+    ::waitpid(parent, nullptr, 0);
+    pollfd told{.fd = result[0], .events = POLLIN, .revents = 0};
+    ASSERT_EQ(::poll(&told, 1, 10'000), 1) << "the dialog goes on";
+    char text[10] = {};
+    EXPECT_GT(::read(result[0], text, sizeof text - 1), 0);
+    EXPECT_STREQ(text, "end");
+    ::close(result[0]);
+    ::close(result[1]);
 }
 
 // A handler that asks the store of series and waits. Meanwhile two others speak and a third dies:
