@@ -148,7 +148,7 @@ void ObjectHandler::check_depth(uint32_t levels) const {
 }
 
 tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {
-    ObjectHandlerRef parent = parent_object();
+    ObjectHandlerRef parent = detail::with_faults_as_failures([&] { return parent_object(); });
     if (!parent) return {};
     const auto group = parent->schema().group_of_child(nodetype());
     if (!group) return parent;
@@ -167,7 +167,7 @@ tqlengine::TqlIdResolver* ObjectHandler::tqlIdResolver() {
 
 tql::origin_t ObjectHandler::tqlOrigin() {
     if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
-    return schema_->tqlOrigin(ObjectView(*this));
+    return detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
 }
 
 // ---- reading -----------------------------------------------------------------------------------
@@ -236,9 +236,11 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
         throw errors::tql(errors::ERR_ILLEGAL_VALUE,
                           fmt::format("Illegal id for a new object: \"{}\"", new_id.to_string()));
     const NodeId id = new_id.to_node_id();
-    if (store_.indexes().unique_find(mdb::node_id_index, id))
-        throw errors::tql_exists(new_id, new_id.to_string() + " exists already");
-    check_depth();
+    detail::with_faults_as_failures([&] {
+        if (store_.indexes().unique_find(mdb::node_id_index, id))
+            throw errors::tql_exists(new_id, new_id.to_string() + " exists already");
+        check_depth();
+    });
 
     const ObjectHandlerRef child(new ObjectHandler(store_, id, id_.value, child_schema));
     tqlengine::TqlUpdateWatcher watcher(arguments.context.engine, child,

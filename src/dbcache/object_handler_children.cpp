@@ -95,7 +95,7 @@ void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
         wants_active_only(pattern) && store_.indexes().index_count() > mdb::active_parent_index;
     const uint32_t index = active_only ? mdb::active_parent_index : mdb::parent_id_index;
     std::vector<ObjectHandlerRef> strays;
-    detail::walk_children(store_, id_.value, index, [&](ObjectHandlerRef child) {
+    const auto sort_child = [&](ObjectHandlerRef child) {
         const uint32_t child_nodetype = child->nodetype();
         if (nodetypes.contains(child_nodetype)) {
             if (classes.admits(child->class_number())) out.push_back(std::move(child));
@@ -103,7 +103,9 @@ void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
             strays.push_back(std::move(child));
         }
         return true;
-    });
+    };
+    detail::with_faults_as_failures(
+        [&] { detail::walk_children(store_, id_.value, index, sort_child); });
     discard_strays(strays);
 }
 

@@ -36,7 +36,8 @@ DbcacheIdResolver::DbcacheIdResolver(Store& store, uint32_t first_word, uint32_t
 
 tqlengine::HandlerRef DbcacheIdResolver::find(const tql::id_t& id) {
     if (id.size() < 2) return {};
-    ObjectHandlerRef object = find_object(id.to_node_id_lenient());
+    ObjectHandlerRef object =
+        detail::with_faults_as_failures([&] { return find_object(id.to_node_id_lenient()); });
     if (object && id.size() == 3) return object->tqlChild(id[2]);
     return object;
 }
@@ -131,14 +132,16 @@ void DbcacheIdResolver::push_found(tqlengine::HandlerList& out, const tql::id_t&
 void DbcacheIdResolver::push_indexed(tqlengine::HandlerList& out, uint32_t index,
                                      const tql::id_t& key) {
     mdb::IndexTable& table = store_.indexes();
-    for (auto it = table.non_unique_search(index, key.to_node_id_lenient()); it.at_searched_key();
-         table.iterator_next(it)) {
-        const ObjectHandlerRef object = find_at(table.iterator_value(it));
-        if (!object || (deletes_pending_ && is_detached(*object))) continue;
-        tqlengine::HandlerRef found = object;
-        if (key.size() == 3) found = object->tqlChild(key[2]);
-        if (found) out.push_back(std::move(found));
-    }
+    detail::with_faults_as_failures([&] {
+        for (auto it = table.non_unique_search(index, key.to_node_id_lenient());
+             it.at_searched_key(); table.iterator_next(it)) {
+            const ObjectHandlerRef object = find_at(table.iterator_value(it));
+            if (!object || (deletes_pending_ && is_detached(*object))) continue;
+            tqlengine::HandlerRef found = object;
+            if (key.size() == 3) found = object->tqlChild(key[2]);
+            if (found) out.push_back(std::move(found));
+        }
+    });
 }
 
 // ---- deletes and new objects -------------------------------------------------------------------
@@ -156,17 +159,20 @@ void DbcacheIdResolver::erase(tqlengine::HandlerRef handler) {
 
 void DbcacheIdResolver::discardOrphans(const tql::id_t& id) {
     const NodeId parent = id.to_node_id_lenient();
-    mdb::IndexTable& indexes = store_.indexes();
-    if (is_reserved_id(parent) || indexes.unique_find(mdb::node_id_index, parent)) return;
-    // Searched anew for each: an iterator doesn't see the deletes.
-    for (;;) {
-        const auto it = indexes.non_unique_search(mdb::parent_id_index, parent);
-        if (!it.at_searched_key()) return;
-        const mdb::block_handle_t handle = indexes.iterator_value(it);
-        logger.warning("Warning: Deleting orphaned object at {}:{} parent {}", handle.block,
-                       handle.offset, parent);
-        detail::with_faults_as_failures([&] { store_.discard_stored(handle); });
-    }
+    if (is_reserved_id(parent)) return;
+    detail::with_faults_as_failures([&] {
+        mdb::IndexTable& indexes = store_.indexes();
+        if (indexes.unique_find(mdb::node_id_index, parent)) return;
+        // Searched anew for each: an iterator doesn't see the deletes.
+        for (;;) {
+            const auto it = indexes.non_unique_search(mdb::parent_id_index, parent);
+            if (!it.at_searched_key()) return;
+            const mdb::block_handle_t handle = indexes.iterator_value(it);
+            logger.warning("Warning: Deleting orphaned object at {}:{} parent {}", handle.block,
+                           handle.offset, parent);
+            store_.discard_stored(handle);
+        }
+    });
 }
 
 NodeId DbcacheIdResolver::new_node_id() {

@@ -22,6 +22,7 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver {
     DbcacheIdResolver(Store& store, uint32_t first_word, uint32_t second_word);
 
     // ---- for the query engine -------------------------------------------------------------------
+    // A damaged index is errors::tql with code 14 here: the request fails, not the server.
 
     tqlengine::HandlerRef find(const tql::id_t& id) override;
     bool obviousMatches(tqlengine::HandlerList& out, const tql::id_t& origin,

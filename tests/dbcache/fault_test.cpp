@@ -1,6 +1,7 @@
 // Writes that fail in the middle: whatever throws, file, cache, sibling index and handlers are as
 // before.
 #include <fmt/format.h>
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include "dbcache/detail/record_writer.h"
@@ -219,4 +220,52 @@ TEST_F(SmallFaultTest, AFullDatabaseFailsOneRequestAndNoMore) {
     const std::string all = dump();
     world.open();
     EXPECT_EQ(dump(), all);
+}
+
+TEST(DamageTest, ADamagedIndexFailsTheRequestsThatMeetIt) {
+    TestStore world({.block = 1024, .journal = 256 * 1024, .capacity = 4 << 20});
+    std::vector<NodeId> all;
+    for (int i = 0; i < 150; ++i) all.push_back(world.domain(kRootId, fmt::format("f{}", i)));
+    const NodeId middle = all[75];
+    world.database->journal().checkpoint_and_flip();
+    world.close();
+
+    // Of both indexes the leaves that hold the object: as a key, and as a child of the root.
+    constexpr size_t kBlock = 1024;
+    const auto key_of = [](const NodeId& id) {
+        std::string key(8, '\0');
+        for (int i = 0; i < 4; ++i) {
+            key[i] = static_cast<char>(id.first >> (24 - 8 * i));
+            key[4 + i] = static_cast<char>(id.second >> (24 - 8 * i));
+        }
+        return key;
+    };
+    std::fstream file(world.dir.file("db"), std::ios::in | std::ios::out | std::ios::binary);
+    std::string block(kBlock, '\0');
+    int damaged = 0;
+    for (uint64_t at = 0; file.seekg(at) && file.read(block.data(), kBlock); at += kBlock) {
+        if (block.compare(0, 4, "LEAF") != 0) continue;
+        const std::string root = key_of(kRootId);
+        const bool is_last = block.compare(8, 4, std::string(4, '\0')) == 0;
+        const bool lists_root = block.compare(16, 8, root) == 0 &&
+                                block.compare(16 + 16 * 20, 8, root) == 0 && !is_last;
+        if (!lists_root && block.find(key_of(middle), 16) == block.npos) continue;
+        file.seekp(at) && file.write("XXXX", 4);
+        ++damaged;
+    }
+    file.close();
+    ASSERT_GE(damaged, 2);
+
+    world.open();
+    const auto fails = [&](const std::function<void()>& request) {
+        return failure(request).starts_with("14 ");
+    };
+    EXPECT_TRUE(fails([&] { static_cast<void>(world.find(middle)); }));
+    EXPECT_TRUE(fails([&] { static_cast<void>(world.children(kRootId)); }));
+    EXPECT_TRUE(fails([&] {
+        world.create(kRootId, cls::Domain, {text(prop::name, "new")}, 0, NodeId{2, 1});
+    }));
+    EXPECT_TRUE(
+        fails([&] { world.create(all.front(), cls::Domain, {text(prop::name, "x")}, 0, middle); }));
+    EXPECT_TRUE(world.find(all.front())) << "in another leaf";
 }
