@@ -105,8 +105,8 @@ void SiblingMessenger::onMessageAt(SiblingImplementation& sender, uint32_t offse
 void SiblingMessenger::onAckMessageAt(SiblingImplementation& reader, const SignalMessage& message) {
     if (reader.failed_) return;  // its blocks are free already
     const auto lent = unacknowledged_.find(message.argument());
-    error::check(lent != unacknowledged_.end() && lent->second == reader.id_,
-                 "Not one of my messages: {}", message.text());
+    if (lent == unacknowledged_.end() || lent->second != reader.id_) [[unlikely]]
+        error::fail_assertion(fmt::format("Not one of my messages: {}", message.text()));
     unacknowledged_.erase(lent);
     --reader.lent_blocks_;
     release(message.argument());

@@ -73,10 +73,13 @@ childqueue::Peer& childqueue::peer_streams(queue_t peer) {
 }
 
 void childqueue::send(const event& sent) {
-    error::check(sent.peer > queue_t::none, "{} has no queue to go to: {}", event_name(&sent),
-                 static_cast<std::int32_t>(sent.peer));
+    // The name of an event is put together for a failure only: this is the road of every event.
+    if (sent.peer <= queue_t::none) [[unlikely]]
+        error::fail_assertion(fmt::format("{} has no queue to go to: {}", event_name(&sent),
+                                          static_cast<std::int32_t>(sent.peer)));
     // Two events at once would mix their bytes.
-    error::check(!busy(), "{} sent while the queue is busy", event_name(&sent));
+    if (busy()) [[unlikely]]
+        error::fail_assertion(fmt::format("{} sent while the queue is busy", event_name(&sent)));
     const Operation operation(*this);
     peer_streams(sent.peer).stream.write(sent);
 }
