@@ -13,8 +13,10 @@ namespace {
 
 const logging::Logger logger{"objectio"};
 
-/// Most bytes of zero blocks that one write of a growing file carries.
-constexpr uint64_t kGrowthChunk = 1U << 20;
+/// Most bytes of zero blocks that one write of a growing file carries. Small, as the kernel keeps
+/// what one call wrote in one piece of its cache where it can, and walks over the whole piece for
+/// every later write into it.
+constexpr uint64_t kGrowthChunk = 16 * 1024;
 
 }  // namespace
 

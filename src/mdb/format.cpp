@@ -19,7 +19,9 @@ namespace mdb {
 namespace {
 
 constexpr uint64_t kSmallestJournal = 1024;
-constexpr size_t kChunk = 1U << 20;
+/// Small, as the kernel keeps what one call wrote in one piece of its cache where it can, and walks
+/// over the whole piece for every later write into it.
+constexpr size_t kChunk = 16 * 1024;
 /// Number of the first filling of the first half.
 constexpr uint64_t kFirstSerial = 1;
 
