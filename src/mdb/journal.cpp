@@ -23,6 +23,9 @@ namespace {
 const logging::Logger logger{"objectio"};
 
 constexpr uint64_t kMicrosecondsPerSecond = 1'000'000;
+/// How much of the journal collects before its way to the disk begins, in whole pages.
+constexpr uint32_t kWritebackStep = 1U << 20;
+constexpr uint32_t kWritebackAlignment = 4096;
 
 }  // namespace
 
@@ -108,6 +111,16 @@ void Journal::write_journal(const void* data, size_t length, uint32_t position, 
         throw error_io(
             fmt::format("Error when writing journal: {}", std::strerror(failure.code())));
     }
+}
+
+/// Asynchronous commits fill a half faster than a disk takes it. Without this all of it would wait
+/// for the sync at the flip, with the disk idle until then.
+void Journal::start_writeback(uint32_t end) {
+    // The page that the next commit goes to would be written twice.
+    const uint32_t whole = end - end % kWritebackAlignment;
+    if (whole < writeback_begun_ || whole - writeback_begun_ < kWritebackStep) return;
+    file_->start_writeback(journal_base_ + writeback_begun_, whole - writeback_begun_);
+    writeback_begun_ = whole;
 }
 
 void Journal::flush_journal() {
@@ -196,7 +209,7 @@ void Journal::flip(bool redirect) {
         // taken, after a crash, for one of the next filling, which would get the same serial.
         flush_journal();
         next_index_ = 1 - half;
-        committed_end_ = start;
+        committed_end_ = writeback_begun_ = start;
     });
     metrics::flips.increment();
     check_state();

@@ -167,6 +167,7 @@ class Journal {
     void publish_transaction();
 
     void write_journal(const void* data, size_t length, uint32_t position, bool durable);
+    void start_writeback(uint32_t end);
     void write_redirection(uint32_t target);
     void write_index_entry(int half, uint32_t start);
     void flush_journal();
@@ -189,6 +190,8 @@ class Journal {
 
     /// End of the last commit in the current half.
     uint32_t committed_end_ = 0;
+    /// Up to here the system has been told to begin writing the current half to the disk.
+    uint32_t writeback_begun_ = 0;
     uint64_t current_serial_ = 0;
     int next_index_ = 0;
     uint32_t n_committed_ = 0;

@@ -154,7 +154,10 @@ void Journal::write_transaction(bool flush) {
     // is synced, as a commit must not become durable ahead of an earlier one.
     const bool at_once = flush && !undurable_;
     write_journal(transaction_.get(), length, committed_end_, at_once);
-    if (flush) flush_journal();
+    if (flush)
+        flush_journal();
+    else
+        start_writeback(committed_end_ + length);
     metrics::bytes.increment(layout::kEndSize);
     metrics::commits.increment();
 }

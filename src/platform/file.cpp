@@ -64,6 +64,12 @@ class SystemFile final : public File {
         if (::fdatasync(descriptor_) != 0) fail("fdatasync");
     }
 
+    void start_writeback(uint64_t offset, uint64_t length) override {
+        // An error stays with the file's pages until a sync asks for it.
+        static_cast<void>(::sync_file_range(descriptor_, file_position(offset),
+                                            file_position(length), SYNC_FILE_RANGE_WRITE));
+    }
+
     uint64_t size() override {
         struct stat status {};
         if (::fstat(descriptor_, &status) != 0) fail("fstat");

@@ -31,6 +31,9 @@ class File {
     /// length are on stable storage. After a failure the state of unsynced bytes is unknown and a
     /// second call proves nothing.
     virtual void sync_data() = 0;
+    /// Lets the system begin to bring written bytes to stable storage, so that a later sync finds
+    /// less to do. Promises nothing and never fails; what goes wrong is told by the next sync.
+    virtual void start_writeback(uint64_t /*offset*/, uint64_t /*length*/) {}
     /// Length in bytes.
     [[nodiscard]] virtual uint64_t size() = 0;
     /// Sets the length; new bytes read as zero and may be a hole.
