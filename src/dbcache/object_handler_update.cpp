@@ -146,7 +146,8 @@ void UpdateOperation::apply_inherits() {
         chain_.override_parent(parent);
         if (!had_parent && !parent.is_null()) inherit_all();
         if (had_parent && parent.is_null())
-            for (work_t& own : work_) own.flags = 0;
+            for (work_t& own : work_)
+                if (&own != &work) own.flags = 0;  // `inherits` itself was given just now
     }
 }
 

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "test_classes.h"
 #include "support/test_store.h"
+#include "test_classes.h"
 
 using namespace dbcache_test;
 using dbcache::kRootId;
@@ -92,6 +92,11 @@ TEST_F(InheritanceTest, RefusalsAndAMissingParent) {
     const NodeId heir = folder("heir", {object(prop::inherits, model)});
     EXPECT_EQ(failure([&] { world.update(heir, {inherit(prop::name)}); }),
               "10 Property name does not allow inheritance");
+    tql::value_t inherits = object(prop::inherits, model);
+    inherits->flags = tql::kFlagInherited;
+    for (const NodeId& one : {heir, model})
+        EXPECT_EQ(failure([&] { world.update(one, {inherits}); }),
+                  "10 Property inherits does not allow inheritance");
     EXPECT_EQ(failure([&] { world.update(model, {inherit(prop::label)}); }),
               "10 afterUpdate cannot set property label to be inherited");
     EXPECT_EQ(failure([&] { world.update(heir, {number(prop::inherits, 1)}); }),
