@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "dbcache/detail/record_writer.h"
+#include "meter/meter.h"
 #include "support/test_store.h"
 #include "tql/query_text.h"
 
@@ -251,6 +252,19 @@ TEST_F(ObjectHandlerTest, ListingFollowsTheStep) {
     EXPECT_EQ(listed("Node{siblingName = \"host\"}"), std::vector<std::string>{host.to_string()});
     EXPECT_EQ(world.store->cache().hits(), looked_at + 1) << "the root alone";
     EXPECT_TRUE(listed("Node{siblingName = \"nobody\"}").size() <= 1) << "a walk may list too much";
+    const meter::Tree metrics("dbms");
+    const auto counted = [&](const char* name) {
+        const auto* group = dynamic_cast<meter::Group*>(metrics.root().find("siblings"));
+        const auto* metric =
+            group ? dynamic_cast<meter::IntegerCounter*>(group->find(name)) : nullptr;
+        return metric ? metric->value() : 0;
+    };
+    const uint64_t lookups = counted("lookups");
+    const uint64_t hits = counted("hits");
+    static_cast<void>(listed("Node{siblingName = \"host\"}"));
+    static_cast<void>(listed("Node{siblingName = \"nobody\"}"));
+    EXPECT_EQ(counted("lookups"), lookups + 2);
+    EXPECT_EQ(counted("hits"), hits + 1);
 }
 
 TEST_F(ObjectHandlerTest, HandlersComeAndGoWithTheCache) {
