@@ -1,5 +1,6 @@
 #include "main/config.h"
 
+#include <algorithm>
 #include <array>
 #include <concepts>
 #include <fstream>
@@ -17,6 +18,7 @@ constexpr uint32_t kPoolBytes = 64U << 20;
 constexpr uint32_t kServerSliceBytes = 16U << 20;
 constexpr uint32_t kSliceBytes = 4U << 20;
 constexpr uint32_t kMinSliceBytes = 4096;
+constexpr int64_t kLongestSpan_s = 86'400;
 
 /// Siblings that a file may name, with the short names that logs use.
 struct KnownSibling {
@@ -105,18 +107,25 @@ void read_server_table(control::Server_Configuration_Fields& server, const toml:
     }
 }
 
+void assign_within(int64_t& field, const toml::node& node, const std::string& key, int64_t least,
+                   int64_t most) {
+    assign(field, node, key);
+    if (field < least || field > most)
+        refuse(node, key, fmt::format("a whole number from {} to {}", least, most));
+}
+
 void read_family_table(Config& config, const toml::table& table) {
     for (const auto& [key, node] : table) {
         const std::string name{key.str()};
         const std::string full = "family." + name;
         if (name == "restart_first_delay_ms")
-            assign(config.restart.first_delay_ms, node, full);
+            assign_within(config.restart.first_delay_ms, node, full, 1, kLongestSpan_s * 1000);
         else if (name == "restart_longest_delay_ms")
-            assign(config.restart.longest_delay_ms, node, full);
+            assign_within(config.restart.longest_delay_ms, node, full, 1, kLongestSpan_s * 1000);
         else if (name == "restart_stable_after_ms")
-            assign(config.restart.stable_after_ms, node, full);
+            assign_within(config.restart.stable_after_ms, node, full, 1, kLongestSpan_s * 1000);
         else if (name == "stop_timeout_s")
-            assign(config.stop_timeout_s, node, full);
+            assign_within(config.stop_timeout_s, node, full, 1, kLongestSpan_s);
         else if (name == "log_dir")
             assign(config.log_dir, node, full);
         else
@@ -164,6 +173,24 @@ const toml::table& as_table(const toml::node& node, const std::string& key) {
     const toml::table* table = node.as_table();
     if (table == nullptr) refuse(node, key, "a table");
     return *table;
+}
+
+/// Refuses siblings that wait for each other: none of them would ever be started.
+void check_no_circle(const Config& config, const std::string& path) {
+    std::set<queues::queue_t> waiting;
+    for (const SiblingConfig& sibling : config.siblings)
+        if (sibling.enabled) waiting.insert(sibling.queue);
+    for (size_t left = waiting.size() + 1; left > waiting.size();) {
+        left = waiting.size();
+        for (const SiblingConfig& sibling : config.siblings)
+            if (std::none_of(sibling.depend_on.begin(), sibling.depend_on.end(),
+                             [&](queues::queue_t needed) { return waiting.contains(needed); }))
+                waiting.erase(sibling.queue);
+    }
+    for (const SiblingConfig& sibling : config.siblings)
+        if (waiting.contains(sibling.queue))
+            throw error::EFatal(
+                fmt::format("{}: siblings.{}.depend_on leads into a circle", path, sibling.name));
 }
 
 /// Settings that are neither empty nor zero to begin with.
@@ -272,6 +299,7 @@ Config read_config(const std::string& path, const std::string& program_dir) {
             throw error::EFatal(fmt::format("{}: {} is no setting", position(node), name));
         }
     }
+    check_no_circle(config, path);
     return config;
 }
 

@@ -61,7 +61,9 @@ childqueue::~childqueue() {
 }
 
 std::uint32_t childqueue::new_uid() {
-    if (++last_uid_ == kNoReply) ++last_uid_;
+    // Nobody answers the ids that mean "no reply", so the numbers go round without them.
+    do ++last_uid_;
+    while (!wants_reply(last_uid_));
     return last_uid_;
 }
 

@@ -73,7 +73,7 @@ class childqueue : public io::StackedSelectableBack {
     /// Events that nobody took are dropped.
     ~childqueue() override;
 
-    /// The next dialog id; never 0.
+    /// The next dialog id; never one that gets no reply.
     [[nodiscard]] std::uint32_t new_uid();
 
     /// Sends `sent` to the queue that its peer names; the caller keeps it. Blocks while there is no
