@@ -49,10 +49,9 @@ bool is_replaced(const RunningFamily& family, const std::string& name, pid_t for
            family.wait_healthy();
 }
 
-/// Sends bytes as they are over a connection of its own and gives the status of the answer, 0 for
-/// none. `count` more signs 'x' follow.
-int raw_request(const RunningFamily& family, const std::string& bytes, size_t count = 0) {
-    const platform::Fd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+/// A connection to the gateway; none if it doesn't listen.
+platform::Fd connect_to(const RunningFamily& family) {
+    platform::Fd client(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port =
@@ -62,7 +61,14 @@ int raw_request(const RunningFamily& family, const std::string& bytes, size_t co
     ::setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     ::setsockopt(client.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     if (::connect(client.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-        return 0;
+        client.reset();
+    return client;
+}
+
+/// Sends bytes as they are over a connection of its own and gives the status of the answer, 0 for
+/// none. `count` more signs 'x' follow.
+int raw_request(const RunningFamily& family, const std::string& bytes, size_t count = 0) {
+    const platform::Fd client = connect_to(family);
     ssize_t sent = ::send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     const std::string chunk(1U << 16, 'x');
     for (size_t left = count; left > 0 && sent > 0; left -= static_cast<size_t>(sent))
@@ -233,6 +239,11 @@ TEST(Misuse, ThoseKilledComeBackAndTheOthersStay) {
     // An orderly stop with a connection open and a request half sent.
     cli::ApiClient idle(family.url());
     (void)idle.get("/healthz");
+    const platform::Fd half_way = connect_to(family);
+    const std::string begin =
+        "POST /api/v1/create HTTP/1.1\r\nHost: x\r\nContent-Length: 99\r\n\r\n{";
+    ASSERT_EQ(::send(half_way.get(), begin.data(), begin.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(begin.size()));
     const platform::ExitStatus status = family.stop();
     EXPECT_FALSE(status.by_signal);
     EXPECT_EQ(status.code, 0);
