@@ -224,6 +224,34 @@ TEST(Stack, LowLevelWorkRunsInTheWaitForAFront) {
                  "StackedSelectableBack underlying pointer is null");
 }
 
+/// Low-level work that fails.
+class Broken : public io::StackedSelectableBack {
+  public:
+    class Front : public io::StackedSelectableFront {
+      public:
+        using StackedSelectableFront::StackedSelectableFront;
+        void name(std::string& out) const override { out += "broken"; }
+        [[nodiscard]] bool isReady() const override { return false; }
+    };
+    explicit Broken(int fd) : low_(fd, "low") { watch(true); }
+    void underlyingIsReady(io::Selectable&) override { throw error::EFatal("out of order"); }
+    void watch(bool on) { setWatch(&low_, on); }
+
+  private:
+    io::FdSelectable low_;
+};
+
+TEST(Stack, AWaitThatFailsLeavesNoTraceOfItsSelector) {
+    Pipe pipe;
+    Broken broken(pipe.out.get());
+    Broken::Front front(broken);
+    pipe.put("x");
+    EXPECT_THROW(io::waitReady(front), error::EFatal);
+    broken.watch(false);  // an abort if the selector of the wait were still known
+    broken.watch(true);
+    EXPECT_THROW(io::waitReady(front), error::EFatal);
+}
+
 TEST(PipeStream, EndsWhenTheWriterGoes) {
     Pipe pipe;
     io::PipeIStream in(std::move(pipe.out), "end");
