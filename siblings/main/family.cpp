@@ -33,7 +33,8 @@ Family::Family(Config config, const platform::Clock& clock, int stop_fd)
       messenger_(config_.server.smem_prefix, config_.server.smem_size, *this),
       queue_(messenger_, clock_),
       stop_order_(stop_fd, "stop order"),
-      timer_(clock_) {
+      span_clock_(clock_),
+      timer_(span_clock_) {
     for (const SiblingConfig& sibling : config_.siblings)
         if (sibling.enabled)
             siblings_.push_back(std::make_unique<SupervisedSibling>(sibling, config_.restart));
@@ -187,8 +188,8 @@ void Family::arm_timer() {
         return;
     }
     const int64_t left_ms = std::max<int64_t>(1, *earliest - now_ms());
-    timer_.set_expiry(Time::now(clock_) + Time(static_cast<int32_t>(left_ms / 1000),
-                                               static_cast<int32_t>(left_ms % 1000) * 1000));
+    timer_.set_expiry(Time::now(span_clock_) + Time(static_cast<int32_t>(left_ms / 1000),
+                                                    static_cast<int32_t>(left_ms % 1000) * 1000));
 }
 
 // ---- stop ---------------------------------------------------------------------------------------

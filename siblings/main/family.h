@@ -20,6 +20,7 @@
 #include "main/log_files.h"
 #include "main/supervised_sibling.h"
 #include "main/variable_store.h"
+#include "platform/span_clock.h"
 #include "queues/childqueue.h"
 #include "queues/event.h"
 
@@ -86,6 +87,7 @@ class Family final : private io::ParentPolicy {
     io::ParentMessenger messenger_;
     queues::childqueue queue_;
     io::FdSelectable stop_order_;
+    platform::SpanClock span_clock_;
     io::Timer timer_;
     io::Selector<int> selector_;
     bool stopping_ = false;

@@ -37,7 +37,8 @@ Service::Service(io::ChildMessenger& messenger, queues::childqueue& queue,
       http_(port, *this),
       gateway_(*this, clock),
       http_ready_(http_.epoll_fd(), "http"),
-      timer_(clock) {
+      span_clock_(clock),
+      timer_(span_clock_) {
     selector_.add(queue_.front(), kNoValue);
     selector_.add(http_ready_, kNoValue);
     selector_.add(timer_, kNoValue);
@@ -73,8 +74,8 @@ void Service::arm_timer() {
     if (const auto deadline_us = gateway_.next_deadline_us()) until(*deadline_us);
     if (answering_until_us_) until(*answering_until_us_);
     if (!wait_us) return timer_.set_expiry(Time::far_future());
-    timer_.set_expiry(Time::now(clock_) + Time(static_cast<int32_t>(*wait_us / 1'000'000),
-                                               static_cast<int32_t>(*wait_us % 1'000'000)));
+    timer_.set_expiry(Time::now(span_clock_) + Time(static_cast<int32_t>(*wait_us / 1'000'000),
+                                                    static_cast<int32_t>(*wait_us % 1'000'000)));
 }
 
 bool Service::send(const queues::event& sent) {

@@ -8,7 +8,7 @@
 #include "io/sibling_messenger.h"
 #include "io/system_handle.h"
 #include "io/timer.h"
-#include "platform/clock.h"
+#include "platform/span_clock.h"
 #include "queues/childqueue.h"
 #include "wapi/gateway.h"
 #include "wapi/http_server.h"
@@ -57,6 +57,7 @@ class Service final : private GatewayPorts, private HttpRequests {
     HttpServer http_;
     Gateway gateway_;
     io::FdSelectable http_ready_;
+    platform::SpanClock span_clock_;
     io::Timer timer_;
     io::Selector<int> selector_;
     std::optional<uint64_t> answering_until_us_;

@@ -12,6 +12,7 @@
 #include "io/stream.h"
 #include "io/system_handle.h"
 #include "io/timer.h"
+#include "platform/span_clock.h"
 #include "support/fake_clock.h"
 
 namespace {
@@ -81,6 +82,18 @@ TEST(Selector, TimersFireInTurnAndNeverBeforeTheirTime) {
     EXPECT_EQ(&one, &first);
     EXPECT_EQ(&other, &second);
     for (io::Timer* timer : {&first, &second, &never}) selector.remove(*timer);
+}
+
+TEST(Selector, ATimerOfASpanCaresForNoTimeOfDay) {
+    support::FakeClock clock;
+    const platform::SpanClock spans(clock);
+    io::Timer timer(spans);
+    timer.set_expiry(Time::now(spans) + Time(5));
+    clock.set_wall(0);
+    clock.advance_s(4);
+    EXPECT_FALSE(timer.isReady());
+    clock.advance_s(1);
+    EXPECT_TRUE(timer.isReady());
 }
 
 TEST(Selector, ABlockingSelectSleepsUntilTheLowestDeadline) {
