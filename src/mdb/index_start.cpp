@@ -118,7 +118,9 @@ void start_indexes(IndexTable& indexes, block_handle_t root, uint32_t format_num
         logger.info("Active ParentId index construction complete. Resuming operations.");
     } else if (indexes.detect_aliasing(active_parent_index)) {
         logger.info("Active parent ID index pointer aliasing detected. Will correct.");
-        indexes.drop_index(active_parent_index);
+        // Dropping it alone would move those above it to the numbers of others. They can be built
+        // from the objects just as well, so they go first.
+        for (uint32_t n = indexes.index_count(); n-- > active_parent_index;) indexes.drop_index(n);
         logger.info("Will re-create active parent ID index without pointer aliasing.");
         if (!indexes.ensure_index(active_parent_index)) {
             logger.warning(

@@ -348,6 +348,20 @@ TEST_F(IndexTest, AnAliasedIndexIsDroppedAndBuiltAnew) {
     EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
 }
 
+TEST_F(IndexTest, AnAliasedIndexTakesThoseAboveItAlong) {
+    const block_handle_t top = create({0, 1}, {});
+    create({0, 2}, {0, 1});
+    mdb::start_indexes(*indexes, top, 12);
+    damage(root(2), mdb::node_layout::ptr0, top.block);
+    for (int life = 0; life < 2; ++life) {
+        mdb::start_indexes(*indexes, top, 12);
+        EXPECT_EQ(indexes->index_count(), mdb::kMaxIndexes);
+        EXPECT_EQ(keys(mdb::active_parent_index), (std::vector<uint32_t>{1}));
+        EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+        open();
+    }
+}
+
 TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
     for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
     const uint32_t root_block = root(kUnique);
