@@ -59,6 +59,8 @@ class IndexIterator {
     dobj leaf_;
     uint32_t block_size_ = 0;
     uint32_t entry_ = 0;
+    /// Leaves that it has moved over; more than there are blocks mean that the leaves form a ring.
+    uint32_t leaves_passed_ = 0;
     /// Set by a non-unique search.
     std::optional<NodeId> searched_;
 };

@@ -441,4 +441,24 @@ TEST_F(IndexTest, DamageEndsOperationsWithAnError) {
     expect_repair(root_block, mdb::node_layout::ptr0, root_block);
 }
 
+TEST_F(IndexTest, ANeighbourThatIsNoLeafWantsRepair) {
+    for (uint32_t n = 1; n <= kLeafCapacity + 1; ++n) insert(id(n * 100), n);
+    damage(child(kRuns, 1), 0, 0);
+    const auto split_first_leaf = [&] {
+        for (uint32_t n = 1; n <= kLeafCapacity; ++n) insert(id(n), n);
+    };
+    EXPECT_THROW(split_first_leaf(), mdb::error_need_repair);
+}
+
+TEST_F(IndexTest, ARingOfLeavesEndsAnIteration) {
+    for (uint32_t n = 1; n <= kLeafCapacity * 2; ++n) insert(id(1), n);
+    const uint32_t first = child(kRuns, 0);
+    damage(child(kRuns, 1), mdb::leaf_layout::right, first);
+    EXPECT_THROW(static_cast<void>(values_of(id(1))), mdb::error_fubar);
+    // Without an entry there is nothing to stop at.
+    damage(first, mdb::leaf_layout::nkeys, 0);
+    damage(first, mdb::leaf_layout::right, first);
+    EXPECT_THROW(static_cast<void>(indexes->iterate_first(kRuns)), mdb::error_fubar);
+}
+
 }  // namespace

@@ -26,7 +26,6 @@ meter::IntegerCounter uniq_generic_search{&index_group, "uniq_generic_search", "
         fmt::format("Block {} is not a leaf and has bad internal magic ({})", block, magic));
 }
 
-constexpr const char* kBadLeafMagic = "Index data block had bad magic";
 constexpr const char* kBadNodeMagic = "Index internal node block had bad magic";
 
 /// True for a leaf, false for a node; anything else is damage and goes to `bad`.
@@ -54,9 +53,10 @@ std::span<const std::byte> IndexTree::view(uint32_t block) {
     return {scratch_.data(), size};
 }
 
-LeafView IndexTree::leaf_view(uint32_t block, const char* message) {
+LeafView IndexTree::leaf_view(uint32_t block) {
     const LeafView leaf(view(block));
-    if (!leaf.has_magic() || leaf.nkeys() > leaf.capacity()) throw error_fubar(message);
+    if (!leaf.has_magic() || leaf.nkeys() > leaf.capacity())
+        throw error_need_repair("Index data block had bad magic");
     return leaf;
 }
 
@@ -90,7 +90,7 @@ IndexTree::miss_t IndexTree::lookup(IndexKey key, block_handle_t& value) {
     uniq_generic_search.increment();
     const Found found = generic_search(key, descent_t::rightmost);
     if (!found.exact) return miss_t::in_leaf;
-    value = leaf_view(path_.bottom().block, kBadLeafMagic).value(found.position);
+    value = leaf_view(path_.bottom().block).value(found.position);
     return miss_t::none;
 }
 
@@ -150,7 +150,7 @@ Found IndexTree::search_leaf(std::span<const std::byte> bytes, IndexKey key,
 Found IndexTree::search_first_entry(IndexKey key) {
     Found found = generic_search(key, descent_t::first_occurrence);
     while (!found.exact) {
-        const LeafView leaf = leaf_view(path_.bottom().block, kBadLeafMagic);
+        const LeafView leaf = leaf_view(path_.bottom().block);
         if (found.position < leaf.nkeys() || leaf.right() == 0) return found;
         if (!searchpath_linkto_right()) return found;
         found = search_leaf(view(path_.bottom().block), key, descent_t::first_occurrence);
@@ -282,6 +282,10 @@ bool IndexTree::to_right_leaf(IndexIterator& iterator) {
         throw error_fubar(searched ? "Loaded multi-leaf block not a leaf block"
                                    : "Loaded multi-leaf block not a leaf block during full-index "
                                      "iteration");
+    moved.leaves_passed_ = iterator.leaves_passed_ + 1;
+    if (!database_.store().block_in_file(moved.leaves_passed_))
+        throw error_fubar(
+            fmt::format("Leaves of index {} form a ring through block {}", number_, right));
     iterator = std::move(moved);
     iterator.searched_ = searched;
     return true;
@@ -292,7 +296,7 @@ IndexIterator IndexTree::find_after(const NodeId& id) {
     if (!found.exact && found.position != 0)
         throw error_internal("generic_search return index!=0 without id match");
     const uint32_t block = path_.bottom().block;
-    const uint32_t above = leaf_view(block, kBadLeafMagic).upper_bound(to_key(id));
+    const uint32_t above = leaf_view(block).upper_bound(to_key(id));
     IndexIterator iterator = iterator_from(block, above);
     if (!iterator.valid()) iterator.leaf_ = {};
     return iterator;

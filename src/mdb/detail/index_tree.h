@@ -64,7 +64,7 @@ class IndexTree {
 
     // index_tree.cpp: descending and iterating
     [[nodiscard]] std::span<const std::byte> view(uint32_t block);
-    [[nodiscard]] LeafView leaf_view(uint32_t block, const char* message);
+    [[nodiscard]] LeafView leaf_view(uint32_t block);
     [[nodiscard]] NodeView node_view(uint32_t block);
     enum class miss_t { none, in_node, in_leaf };
     [[nodiscard]] miss_t lookup(IndexKey key, block_handle_t& value);
@@ -87,7 +87,7 @@ class IndexTree {
     [[nodiscard]] std::span<std::byte> bytes(BlockBuffer& buffer) const {
         return {buffer.data(), database_.block_size()};
     }
-    [[nodiscard]] BlockBuffer private_leaf(uint32_t block, const char* message);
+    [[nodiscard]] BlockBuffer private_leaf(uint32_t block, const char* fubar_message = nullptr);
     [[nodiscard]] BlockBuffer private_node(uint32_t block);
     void journal_block(const BlockBuffer& buffer, uint32_t block);
     [[nodiscard]] uint32_t allocate_block(uint32_t hint, mark_t mark);
@@ -106,7 +106,7 @@ class IndexTree {
     void rename_key(SearchPath path, IndexKey key);
     void remove_child(SearchPath path, uint32_t child);
     void unlink_leaf(const LeafView& leaf);
-    void link(uint32_t block, side_t side, uint32_t to, const char* message);
+    void link(uint32_t block, side_t side, uint32_t to, const char* fubar_message = nullptr);
 
     Database& database_;
     uint32_t number_ = 0;

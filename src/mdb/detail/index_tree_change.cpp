@@ -11,8 +11,6 @@ namespace {
 
 const logging::Logger logger{"objectio"};
 
-constexpr const char* kBadLeafMagic = "Index data block had bad magic";
-
 }  // namespace
 
 std::string describe(block_handle_t handle) {
@@ -38,10 +36,13 @@ std::string describe_block(std::span<const std::byte> block) {
     return text;
 }
 
-BlockBuffer IndexTree::private_leaf(uint32_t block, const char* message) {
+BlockBuffer IndexTree::private_leaf(uint32_t block, const char* fubar_message) {
     BlockBuffer copy = database_.cache().private_block(block);
     const LeafView leaf(bytes(copy));
-    if (!leaf.has_magic() || leaf.nkeys() > leaf.capacity()) throw error_fubar(message);
+    if (!leaf.has_magic() || leaf.nkeys() > leaf.capacity()) {
+        if (fubar_message != nullptr) throw error_fubar(fubar_message);
+        throw error_need_repair("Index data block had bad magic");
+    }
     return copy;
 }
 
@@ -94,7 +95,7 @@ void IndexTree::insert_unique(const NodeId& id, block_handle_t value) {
     const Found found = generic_search(key, descent_t::rightmost);
     const uint32_t block = path_.bottom().block;
     if (found.exact) {
-        const block_handle_t previous = leaf_view(block, kBadLeafMagic).value(found.position);
+        const block_handle_t previous = leaf_view(block).value(found.position);
         throw error_index_conflict(fmt::format("Conflict on ID {} previously {} new {}",
                                                id.to_string(), describe(previous),
                                                describe(value)));
@@ -109,7 +110,7 @@ void IndexTree::replace_unique(const NodeId& id, block_handle_t value) {
         throw error_index_noentry(
             fmt::format("Missing entry for ID {} new {}", id.to_string(), describe(value)));
     const uint32_t block = path_.bottom().block;
-    BlockBuffer copy = private_leaf(block, kBadLeafMagic);
+    BlockBuffer copy = private_leaf(block);
     LeafEditor(bytes(copy)).set_value(found.position, value);
     journal_block(copy, block);
 }
@@ -146,7 +147,7 @@ void IndexTree::erase(const NodeId& id, block_handle_t value) {
         throw error_fubar(fmt::format(
             "Non-unique index ({}) deletion could not find non-empty leaf for deletion", number_));
     for (uint32_t entry = found.position;; entry = 0) {
-        const LeafView leaf = leaf_view(path_.bottom().block, kBadLeafMagic);
+        const LeafView leaf = leaf_view(path_.bottom().block);
         for (; entry < leaf.nkeys(); ++entry) {
             if (leaf.value(entry) == value) {
                 if (leaf.key(entry) != key)
@@ -172,19 +173,19 @@ void IndexTree::erase(const NodeId& id, block_handle_t value) {
 
 /// The leaves beside `leaf`, found through the path, must point back at it.
 void IndexTree::check_links(uint32_t leaf) {
-    const LeafView here = leaf_view(leaf, kBadLeafMagic);
+    const LeafView here = leaf_view(leaf);
     const uint32_t left = here.left();
     const uint32_t right = here.right();
     if (left != 0) {
         const uint32_t beside = neighbour(side_t::left);
         if (beside == 0) throw error_fubar("Left pointer set, but no data found");
-        if (leaf_view(beside, kBadLeafMagic).right() != leaf)
+        if (leaf_view(beside).right() != leaf)
             throw error_fubar("Our left element points to a bad right element");
     }
     if (right != 0) {
         const uint32_t beside = neighbour(side_t::right);
         if (beside == 0) throw error_fubar("Right pointer set, but no data found");
-        if (leaf_view(beside, kBadLeafMagic).left() != leaf)
+        if (leaf_view(beside).left() != leaf)
             throw error_fubar("Our right element points to a bad left element");
     }
 }
@@ -192,7 +193,7 @@ void IndexTree::check_links(uint32_t leaf) {
 /// Inserts into the leaf at the end of the path, or splits it.
 void IndexTree::insert_at_leaf(IndexKey key, block_handle_t value) {
     const uint32_t block = path_.bottom().block;
-    BlockBuffer copy = private_leaf(block, kBadLeafMagic);
+    BlockBuffer copy = private_leaf(block);
     LeafEditor leaf(bytes(copy));
     if (leaf.full()) return split_leaf(copy, key, value);
     insert_into_leaf(leaf, key, value);
@@ -235,9 +236,9 @@ void IndexTree::split_leaf(BlockBuffer& old_copy, IndexKey key, block_handle_t v
 
     const uint32_t right = old_leaf.right();
     if (right != 0) {
-        if (leaf_view(right, kBadLeafMagic).left() != old_block)
+        if (leaf_view(right).left() != old_block)
             throw error_fubar("Mismatched left/right pairs found");
-        link(right, side_t::left, new_block, kBadLeafMagic);
+        link(right, side_t::left, new_block);
     }
     new_leaf.set_right(right);
     new_leaf.set_left(old_block);
@@ -332,7 +333,7 @@ uint32_t IndexTree::node_split_point(const NodeView& node, const char* where) co
 
 void IndexTree::erase_entry(uint32_t entry) {
     const uint32_t block = path_.bottom().block;
-    BlockBuffer copy = private_leaf(block, kBadLeafMagic);
+    BlockBuffer copy = private_leaf(block);
     LeafEditor leaf(bytes(copy));
     if (entry >= leaf.nkeys())
         throw error_internal(
@@ -398,13 +399,13 @@ void IndexTree::remove_child(SearchPath path, uint32_t child) {
 
 /// Joins the neighbours of a leaf that is going.
 void IndexTree::unlink_leaf(const LeafView& leaf) {
-    if (leaf.left() != 0) link(leaf.left(), side_t::right, leaf.right(), kBadLeafMagic);
-    if (leaf.right() != 0) link(leaf.right(), side_t::left, leaf.left(), kBadLeafMagic);
+    if (leaf.left() != 0) link(leaf.left(), side_t::right, leaf.right());
+    if (leaf.right() != 0) link(leaf.right(), side_t::left, leaf.left());
 }
 
-/// Sets the link of leaf `block` on `side`; `message` for error_fubar when it is no leaf.
-void IndexTree::link(uint32_t block, side_t side, uint32_t to, const char* message) {
-    BlockBuffer copy = private_leaf(block, message);
+/// Sets the link of leaf `block` on `side`; `fubar_message` when it is no leaf.
+void IndexTree::link(uint32_t block, side_t side, uint32_t to, const char* fubar_message) {
+    BlockBuffer copy = private_leaf(block, fubar_message);
     LeafEditor leaf(bytes(copy));
     if (side == side_t::left)
         leaf.set_left(to);
