@@ -179,10 +179,13 @@ void ObjectStore::resize_object(dobj& object, uint32_t size) {
 
 void ObjectStore::free_slot(dobj& object) {
     const FreeResult freed = free_slot_in_block(block_bytes(object), object.offset);
-    if (freed.damaged_offset)
+    journal_bytes(object, freed.changed_offset, sizeof(uint32_t));
+    if (freed.damaged_offset) {
         logger.error("block {} offset {} contained zero-length object which should not exist",
                      object.block, *freed.damaged_offset);
-    journal_bytes(object, freed.changed_offset, sizeof(uint32_t));
+        // No walk gets past the damage to tell how much of the block is free: the mark stays.
+        return;
+    }
     Allocator& allocator = database_.allocator();
     const mark_t mark = allocator.classify_block(object);
     if (mark != allocator.query_mark(object.block)) allocator.set_mark(object.block, mark);

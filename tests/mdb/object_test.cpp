@@ -233,6 +233,22 @@ TEST_F(ObjectStoreTest, DuplicateRecordsAreMergedIntoTheFirst) {
     EXPECT_EQ(text_of(store->commit_object_update(image)), "new");
 }
 
+TEST_F(ObjectStoreTest, AnObjectBehindDamageCanBeDeleted) {
+    create({0, 1}, {}, "stays");
+    const block_handle_t last = place({0, 1});
+    const uint64_t block = database->store().block_offset(last.block);
+    {
+        Transaction transaction(database->journal());
+        mdb_test::put(*database, block, std::string(4, '\0'));
+        transaction.commit();
+    }
+    const auto before = mark(last.block);
+    store->delete_object(last, true);
+    EXPECT_THROW(static_cast<void>(place({0, 1})), mdb::error_nomatch);
+    EXPECT_THROW(static_cast<void>(store->load_object(last)), mdb::error_need_repair);
+    EXPECT_EQ(mark(last.block), before);
+}
+
 TEST_F(ObjectStoreTest, BadHandlesAreRefused) {
     const block_handle_t handle = create({0, 1}, {}, "abc");
     EXPECT_THROW(static_cast<void>(store->load_object({})), mdb::error_nullobj);
