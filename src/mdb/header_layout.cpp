@@ -54,6 +54,22 @@ void Header::verify_layout() const {
     if (map_start() == 0 || first_data_block() <= map_start())
         throw error_fubar(fmt::format("Allocation map of blocks {} to {} is impossible",
                                       map_start(), first_data_block()));
+    if (uint64_t{first_data_block() - map_start()} * block_size() > uint64_t{1} << 32)
+        throw error_fubar(
+            fmt::format("Allocation map of {} blocks describes more than 32 bits can number",
+                        first_data_block() - map_start()));
+    verify_roots();
+}
+
+void Header::verify_roots() const {
+    // The root of a new index is written into its block without a look at what stands there.
+    for (uint32_t i = 0; i < index_count(); ++i) {
+        const uint32_t root = index_root(i);
+        bool possible = root != 0 && (root < map_start() || root >= first_data_block());
+        for (uint32_t other = 0; other < i; ++other) possible &= index_root(other) != root;
+        if (!possible)
+            throw error_fubar(fmt::format("Block {} cannot be the root of index {}", root, i));
+    }
 }
 
 uint32_t Header::block_size() const {

@@ -78,7 +78,7 @@ class Header {
 
     /// Throws error_fubar, error_unsupported with what is wrong: magic, version, block size,
     /// journal type, a layout area that isn't inside the header, fewer than two indexes or more
-    /// than six.
+    /// than six, a map or a root at an impossible place.
     void verify() const;
 
     [[nodiscard]] uint32_t block_size() const;
@@ -119,6 +119,7 @@ class Header {
     void set_word(uint32_t offset, uint32_t value);
     void set_tail(uint32_t start, uint32_t first_data);
     void verify_layout() const;
+    void verify_roots() const;
     [[nodiscard]] uint32_t layout(uint32_t offset) const { return layout_start() + offset; }
     [[nodiscard]] uint32_t layout_start() const { return word(header_layout::layout_offset); }
     /// Offset of the first byte behind the roots.

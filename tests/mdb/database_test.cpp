@@ -114,7 +114,11 @@ TEST(Open, RefusesWhatIsNoDatabase) {
         {532, "00000007", "Meta database has 7 indexes defined"},
         {532, "FFFFFFFF", "indexes defined"},
         {552, "00000003", "Allocation map of blocks 3 to 3 is impossible"},
-        {552, "7FFFFFFF", "Database of 4096 bytes has not all of its allocation map"},
+        {552, "00000100", "Database of 4096 bytes has not all of its allocation map"},
+        {552, "FFFFFFFF", "Allocation map of 4294967292 blocks describes more than"},
+        {536, "00000000", "Block 0 cannot be the root of index 0"},
+        {536, "00000003", "Block 3 cannot be the root of index 0"},
+        {540, "00000001", "Block 1 cannot be the root of index 1"},
     };
     TestDatabase test;
     const Bytes good = test.read("db");
