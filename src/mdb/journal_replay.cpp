@@ -44,14 +44,18 @@ int pick_index(const std::array<IndexEntry, 2>& entries) {
 }
 
 /// A journal that lost its end would seem to hold less than was committed.
-void check_not_shortened(const std::array<IndexEntry, 2>& entries, uint32_t length) {
-    for (const IndexEntry& entry : entries)
-        if (entry.valid && uint64_t{entry.position} + sizeof(uint32_t) <= length &&
+/// A log that is to be replayed from beyond the end is the replay's own affair.
+void check_not_shortened(const std::array<IndexEntry, 2>& entries, int picked, uint32_t length) {
+    for (int number = 0; number < 2; ++number) {
+        const IndexEntry& entry = entries[static_cast<size_t>(number)];
+        const bool readable = uint64_t{entry.position} + sizeof(uint32_t) <= length;
+        if (entry.valid && (readable || number != picked) &&
             entry.position > layout::half_start(length, 1))
             throw error_need_repair(fmt::format(
                 "Journal was longer once: of its {} bytes the second half begins at {}, "
                 "but an index entry says {}",
                 length, layout::half_start(length, 1), entry.position));
+    }
 }
 
 /// Position behind the end entry of the transaction at `position`, or 0 if it isn't whole.
@@ -100,7 +104,7 @@ void Journal::journal_start() {
         logger.error("POSSIBLE DATA LOSS: REPLAY IMPOSSIBLE");
         throw error_need_repair("Both index pointers were invalid");
     }
-    check_not_shortened(entries, journal_length_);
+    check_not_shortened(entries, picked, journal_length_);
     const IndexEntry& start = entries[static_cast<size_t>(picked)];
     logger.debug("Starting replay at journal offset {}", start.position);
     guarded([&] {

@@ -281,6 +281,8 @@ TEST(Replay, PicksTheIndexEntry) {
          "Access beyond end of journal attempted"},
         {"shortened", index_entry("00000000 00000001 00000030"),
          index_entry("00000000 00000000 000003F0"), "Journal was longer once"},
+        {"shortened by more than half", index_entry("00000000 00000001 00000030"),
+         index_entry("00000000 00000000 000007D0"), "Journal was longer once"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
