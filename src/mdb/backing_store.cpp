@@ -113,6 +113,17 @@ void BackingStore::ensure_block(uint32_t block) {
         throw error_dbnospace(fmt::format("Cannot grow the MDB to accomodate block {}", block));
 }
 
+/// A full disk may have taken a part of a block. Left there, the next start would have to complete
+/// it, on a disk that may still be full.
+void BackingStore::give_back_partial_block() {
+    try {
+        if (file_->size() > file_length_) file_->resize(file_length_);
+    } catch (const error::ESystemError& failure) {
+        logger.error("Cannot cut the MDB to {} bytes: {}", file_length_,
+                     std::strerror(failure.code()));
+    }
+}
+
 void BackingStore::write_zero_blocks(uint64_t new_length) {
     uint64_t chunk = std::max<uint64_t>(kGrowthChunk / block_size_, 1) * block_size_;
     const std::vector<std::byte> zeros(static_cast<size_t>(chunk));
@@ -125,6 +136,7 @@ void BackingStore::write_zero_blocks(uint64_t new_length) {
             // What fits is still worth having: go on in smaller steps, down to one block.
             if (chunk == block_size_) {
                 logger.error("Growing the MDB failed: {}", std::strerror(failure.code()));
+                give_back_partial_block();
                 return;
             }
             chunk = std::max<uint64_t>(chunk / 2 / block_size_, 1) * block_size_;

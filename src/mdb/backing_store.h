@@ -61,6 +61,7 @@ class BackingStore {
   private:
     void read(void* buffer, uint64_t offset, size_t length, const char* what);
     void write_zero_blocks(uint64_t new_length);
+    void give_back_partial_block();
 
     std::string path_;
     std::unique_ptr<platform::File> file_;

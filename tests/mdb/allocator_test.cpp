@@ -1,9 +1,11 @@
 #include "mdb/allocator.h"
 
 #include <algorithm>
+#include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <set>
+#include <sys/resource.h>
 
 #include "mdb/object_slots.h"
 #include "support/rng.h"
@@ -111,6 +113,23 @@ TEST(Allocator, GrowsOnlyInTheFinalSweep) {
     EXPECT_EQ(db.store().file_length(), 100U * kBlock);
     db.store().ensure_block(100);
     EXPECT_EQ(db.store().file_length(), 120U * kBlock) << "a fifth, in whole blocks";
+}
+
+TEST(Allocator, AFullDiskLeavesNoPartOfABlock) {
+    TestDatabase test;
+    mdb::BackingStore& store = test.open().store();
+    const uint64_t length = store.file_length();
+    rlimit whole{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &whole), 0);
+    const auto before = std::signal(SIGXFSZ, SIG_IGN);
+    // Room for two more blocks and a part of a third.
+    const rlimit little{length + 2 * kBlock + 100, whole.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    EXPECT_THROW(store.ensure_block(kFirst + 20), mdb::error_dbnospace);
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &whole), 0);
+    std::signal(SIGXFSZ, before);
+    EXPECT_EQ(store.file_length(), length + 2 * kBlock) << "what fits is kept";
+    EXPECT_EQ(store.file().size(), length + 2 * kBlock);
 }
 
 TEST(Allocator, FullMapIsNoSpace) {
