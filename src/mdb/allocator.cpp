@@ -40,7 +40,7 @@ void Allocator::load_map(uint32_t map_start, uint32_t first_data_block) {
     for (uint32_t index = 0; index < map_blocks_; ++index) {
         const map_entry& entry = load_map_entry(static_cast<uint32_t>(block));
         for (const uint8_t mark : entry.marks) {
-            if (mark > kGreatestMark || mark == static_cast<uint8_t>(mark_t::none))
+            if (!is_mark(mark))
                 throw error_consistency(
                     fmt::format("Unknown alloc. bitmap ({}) for block {}", mark, block));
             if (mark != 0 && !store_.block_in_file(static_cast<uint32_t>(block)))
@@ -90,8 +90,7 @@ void Allocator::set_mark(uint32_t block, mark_t mark) {
 
 void Allocator::set_mark_unchecked(uint32_t block, mark_t mark) {
     const auto value = static_cast<uint8_t>(mark);
-    error::check(value <= kGreatestMark && mark != mark_t::none,
-                 "Mark {} is not a mark that a block can have", value);
+    error::check(is_mark(value), "Mark {} is not a mark that a block can have", value);
     map_entry& entry = load_map_entry(block);
     const uint32_t index = block % block_size_;
     journal_.journal_update(&value, 1,

@@ -36,6 +36,10 @@ enum class mark_t : uint8_t {
     lob = 7,             ///< block of a large object
 };
 inline constexpr uint8_t kGreatestMark = 7;
+/// True for a byte of the map that a block can have.
+constexpr bool is_mark(uint8_t byte) {
+    return byte <= kGreatestMark && byte != static_cast<uint8_t>(mark_t::none);
+}
 
 /// Blocks below this size could not hold the header.
 inline constexpr uint32_t kSmallestBlockSize = 1024;
