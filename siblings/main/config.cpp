@@ -299,6 +299,9 @@ Config read_config(const std::string& path, const std::string& program_dir) {
             throw error::EFatal(fmt::format("{}: {} is no setting", position(node), name));
         }
     }
+    for (SiblingConfig& sibling : config.siblings)
+        if (sibling.queue == queues::queue_t::wapi)
+            sibling.enabled = sibling.enabled && config.server.wapi_enabled;
     check_no_circle(config, path);
     return config;
 }

@@ -54,6 +54,10 @@ slice_size_bytes = 65536
     EXPECT_EQ(find_sibling(config, "extra")->slice_size_bytes, 65536U);
     EXPECT_TRUE(find_sibling(config, "extra")->depend_on.contains(queues::queue_t::wapi));
     EXPECT_EQ(find_sibling(config, "dbms")->program, "/bin/dbms");
+    EXPECT_FALSE(
+        find_sibling(read_config(write_file(dir, "[server]\nwapi_enabled = false\n"), "/bin"),
+                     "wapi")
+            ->enabled);
 }
 
 TEST(Config, FileThatIsNotThereIsRefusedByName) {
