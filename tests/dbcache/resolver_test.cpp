@@ -5,8 +5,8 @@
 
 #include "dbcache/detail/record_writer.h"
 #include "support/rng.h"
-#include "test_classes.h"
 #include "support/test_store.h"
+#include "test_classes.h"
 #include "tql/query_text.h"
 
 using namespace dbcache_test;
