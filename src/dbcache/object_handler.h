@@ -52,8 +52,6 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// Where the present version lies; null for an object not stored yet.
     [[nodiscard]] mdb::block_handle_t location() const noexcept { return location_; }
     [[nodiscard]] bool is_stored() const noexcept { return !location_.is_null(); }
-    /// True when the object was deleted and only references keep the handler.
-    [[nodiscard]] bool is_deleted() const noexcept { return deleted_; }
 
     /// The object that `parent` names, groups left out; empty for the root and where nothing is
     /// stored under that id.

@@ -77,7 +77,7 @@ void Dispatcher::timed_handler(EventContext& context, const EventRow& row,
         logger.warning("Got unhandled message: {} from: {}", queues::event_name(&received),
                        queues::queue_name(received.peer));
     const uint64_t elapsed_us = services_.clock.monotonic_us() - start_us;
-    trace_.end(elapsed_us, queues::event_name(&received));
+    if (trace_.active()) trace_.end(elapsed_us, queues::event_name(&received));
     if (elapsed_us > kSlowEventUs)
         logger.warning("Event {} took {} sec.", queues::event_name(&received),
                        static_cast<double>(elapsed_us) / 1e6);

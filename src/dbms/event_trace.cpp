@@ -20,11 +20,11 @@ EventTrace::EventTrace(const std::string& path) {
 }
 
 void EventTrace::begin() {
-    if (out_.is_open() && out_.good()) out_ << "N:\n";
+    if (active()) out_ << "N:\n";
 }
 
 void EventTrace::end(uint64_t elapsed_us, std::string_view label) {
-    if (out_.is_open() && out_.good())
+    if (active())
         out_ << fmt::format("T: {} {}\n", static_cast<double>(elapsed_us) / 1000.0, label)
              << std::flush;
 }

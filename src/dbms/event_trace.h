@@ -16,6 +16,9 @@ class EventTrace {
     /// events are traced.
     explicit EventTrace(const std::string& path);
 
+    /// Whether there is a file that takes lines; without one begin() and end() do nothing.
+    [[nodiscard]] bool active() const { return out_.is_open() && out_.good(); }
+
     void begin();
     /// `label` is the event's name, or what else was done.
     void end(uint64_t elapsed_us, std::string_view label);

@@ -140,7 +140,6 @@ class IndexTable {
     /// The same for operations of unique indexes.
     detail::IndexTree& unique_tree(uint32_t n, const char* message);
     bool open_root(uint32_t n, uint32_t block);
-    void add_index_to_header(uint32_t n);
     void update_non_unique(uint32_t n, const std::optional<NodeId>& old_key,
                            block_handle_t old_handle, const std::optional<NodeId>& new_key,
                            block_handle_t new_handle);
