@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <poll.h>
+#include <sched.h>
 #include <sys/epoll.h>
 
 #include "error/exception.h"
@@ -37,15 +38,35 @@ std::span<void* const> Poller::wait(int64_t timeout_us) {
             throw error::ESystemError("selector::pollImpl: SleepEx returned error", errno);
         return {};
     }
-    std::array<epoll_event, kMaxReady> events;
-    const int count = ::epoll_wait(epoll_.get(), events.data(), kMaxReady, timeout_ms);
+    const int count = timeout_ms == 0 ? ask(0) : ask_patiently(timeout_ms);
     if (count < 0) {
         if (errno == EINTR) return {};
         throw error::ESystemError("WaitForMultipleEvents returned error", errno);
     }
     const auto ready = static_cast<size_t>(count);
-    for (size_t i = 0; i < ready; ++i) ready_[i] = events[i].data.ptr;
+    for (size_t i = 0; i < ready; ++i) ready_[i] = events_[i].data.ptr;
     return {ready_.data(), ready};
+}
+
+int Poller::ask(int timeout_ms) {
+    return ::epoll_wait(epoll_.get(), events_.data(), kMaxReady, timeout_ms);
+}
+
+int Poller::ask_patiently(int timeout_ms) {
+    if (sleeps_left_ > 0) {
+        --sleeps_left_;
+        return ask(timeout_ms);
+    }
+    const uint64_t start_us = clock_.monotonic_us();
+    do {
+        if (const int count = ask(0); count != 0) {
+            sleeps_after_ = 0;
+            return count;
+        }
+        ::sched_yield();
+    } while (clock_.monotonic_us() - start_us < kPatience_us);
+    sleeps_left_ = sleeps_after_ = std::min(2 * sleeps_after_ + 1, kMaxSleeps);
+    return ask(timeout_ms);
 }
 
 }  // namespace platform
