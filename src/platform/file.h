@@ -2,8 +2,8 @@
 // goes through these interfaces, so that a test can put a simulated disk behind them and cut its
 // power. They know nothing of blocks or formats. SystemFiles is the machine's own implementation.
 //
-// Every operation throws error::ESystemError, with the errno of the failed call, unless it says
-// otherwise.
+// Every operation throws error::ESystemError, with the errno of the failed call and the path in its
+// text, unless it says otherwise.
 #pragma once
 
 #include <cstddef>
@@ -12,6 +12,8 @@
 #include <string>
 
 namespace platform {
+
+class SystemCalls;
 
 /// One open file with random access. Closed by its destructor, which flushes nothing.
 class File {
@@ -75,9 +77,14 @@ class FileSystem {
     virtual void sync_folder_of(const std::string& path) = 0;
 };
 
-/// The files of the machine.
+/// The files of the machine. A call that a signal interrupted is made again, and a transfer that
+/// ended early is continued; but a sync is made once, as its failure may have been told only then.
 class SystemFiles final : public FileSystem {
   public:
+    SystemFiles();
+    /// Makes its calls through `calls`, where a test can let them fail.
+    explicit SystemFiles(std::shared_ptr<SystemCalls> calls);
+
     [[nodiscard]] std::unique_ptr<File> open(const std::string& path) override;
     [[nodiscard]] std::unique_ptr<File> create(const std::string& path) override;
     [[nodiscard]] std::unique_ptr<Mapping> map(File& file, uint64_t offset, size_t length) override;
@@ -85,6 +92,9 @@ class SystemFiles final : public FileSystem {
     void rename(const std::string& from, const std::string& to) override;
     void remove(const std::string& path) override;
     void sync_folder_of(const std::string& path) override;
+
+  private:
+    std::shared_ptr<SystemCalls> calls_;
 };
 
 }  // namespace platform
