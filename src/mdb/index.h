@@ -43,6 +43,11 @@ inline constexpr uint32_t kMaxIndexes = 6;
 /// These two every database has.
 inline constexpr uint32_t kRequiredIndexes = 2;
 
+namespace detail {
+/// The keys of one object by index number; none where it has no entry.
+using ObjectKeys = std::array<std::optional<NodeId>, kMaxIndexes>;
+}  // namespace detail
+
 /// A place in an index. It holds its own copy of a leaf and doesn't see later changes: who needs
 /// the new state searches again from the last key.
 class IndexIterator {
@@ -125,9 +130,10 @@ class IndexTable {
     [[nodiscard]] NodeId iterator_key(const IndexIterator& iterator) const;
     [[nodiscard]] block_handle_t iterator_value(const IndexIterator& iterator) const;
 
-    /// Brings all indexes from the state of `old_object` to that of `new_object`. Either may have
-    /// no data: then the object is new, or gone. Reads each object once.
-    void update_indexes(const dobj& old_object, const dobj& new_object);
+    /// Brings all indexes from an object's old keys and place to its new ones. No keys on one side:
+    /// the object is new, or gone.
+    void update_indexes(const detail::ObjectKeys& old_keys, block_handle_t old_handle,
+                        const detail::ObjectKeys& new_keys, block_handle_t new_handle);
 
     /// Checks N1 to N8 of index_layout.h over the whole tree of index `n`. One line for each fault
     /// found, empty when it is whole. Reads committed state: to be called with no transaction open.

@@ -76,12 +76,8 @@ ObjectKeys read_object_keys(const dobj& object) {
 
 }  // namespace detail
 
-void IndexTable::update_indexes(const dobj& old_object, const dobj& new_object) {
-    const detail::ObjectKeys old_keys = detail::read_object_keys(old_object);
-    const detail::ObjectKeys new_keys = detail::read_object_keys(new_object);
-    const block_handle_t old_handle = old_object.handle();
-    const block_handle_t new_handle = new_object.handle();
-
+void IndexTable::update_indexes(const detail::ObjectKeys& old_keys, block_handle_t old_handle,
+                                const detail::ObjectKeys& new_keys, block_handle_t new_handle) {
     const auto& old_id = old_keys[node_id_index];
     const auto& new_id = new_keys[node_id_index];
     if (old_id && old_id == new_id) {

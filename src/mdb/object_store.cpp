@@ -6,6 +6,7 @@
 #include "error/exception.h"
 #include "log/log.h"
 #include "mdb/database.h"
+#include "mdb/detail/index_keys.h"
 #include "mdb/detail/object_access.h"
 #include "mdb/index.h"
 #include "mdb/object_slots.h"
@@ -19,6 +20,12 @@ const logging::Logger logger{"objectio"};
 
 [[noreturn]] void throw_missing(uint32_t id) {
     throw error_implicit_nullprop(fmt::format("Attempt to read (I)null property \"{}\"", id), id);
+}
+
+bool holds_records(const dobj& object, std::span<const std::byte> records) {
+    const auto stored = object_slot(object).subspan(slot_layout::records);
+    return stored.size() == records.size() &&
+           std::memcmp(stored.data(), records.data(), records.size()) == 0;
 }
 
 }  // namespace
@@ -47,11 +54,11 @@ block_handle_t ObjectStore::store_object(block_handle_t handle) {
 dobj ObjectStore::begin_object_update(block_handle_t handle) {
     if (handle.is_null()) throw error_internal("Object update begun on null object");
     call_hook(handle);
-    dobj image = load_object(handle);
-    const size_t length = object_slot(image).size();
-    std::byte* bytes = image.writable();
-    std::memmove(bytes, bytes + handle.offset, length);
-    std::memset(bytes + length, 0, database_.block_size() - length);
+    const dobj object = detail::current_object(database_, handle);
+    const auto slot = object_slot(object);
+    dobj image(handle, database_.pool().acquire());
+    std::memcpy(image.writable(), slot.data(), slot.size());
+    std::memset(image.writable() + slot.size(), 0, database_.block_size() - slot.size());
     image.image = true;
     return image;
 }
@@ -78,8 +85,29 @@ bool ObjectStore::copy_records(const dobj& image, uint32_t id,
     return found;
 }
 
+/// Overwrites the one record with the property's id when the new one is as long. False, and nothing
+/// done, when there is no such record, or more than one with the id.
+bool ObjectStore::overwrite_record(const dobj& image, const Property& property, bool as_null) {
+    std::span<const std::byte> found;
+    for (const RecordView record : ObjectRecords(image)) {
+        if (record.id() != property.id) continue;
+        if (!found.empty()) return false;
+        found = record.bytes();
+    }
+    const size_t length = as_null ? record_layout::kHeadLength : property.record_length();
+    if (found.size() != length) return false;
+    const std::span<std::byte> place =
+        block_bytes(image).subspan(static_cast<size_t>(found.data() - image.data), length);
+    if (as_null)
+        property.store_null(place);
+    else
+        property.store(place);
+    return true;
+}
+
 void ObjectStore::update_property(dobj& image, const Property& property, bool may_add,
                                   bool as_null) {
+    if (overwrite_record(image, property, as_null)) return;
     const auto put = [&] {
         if (as_null)
             database_.serializer().serial_add_null(property);
@@ -113,26 +141,24 @@ block_handle_t ObjectStore::commit_object_update(dobj& image) {
 /// search for space too, is one transaction: a slot never becomes durable without its object.
 block_handle_t ObjectStore::replace_object(block_handle_t handle,
                                            std::span<const std::byte> records) {
-    dobj old;
-    if (!handle.is_null()) old = load_object(handle);
     const uint32_t size = static_cast<uint32_t>(records.size()) + slot_layout::records;
-    Transaction transaction(database_.journal());
     dobj object;
-    if (handle.is_null()) {
+    if (!handle.is_null()) object = load_object(handle);
+    const detail::ObjectKeys old_keys = detail::read_object_keys(object);
+    const bool same_records = object.loaded() && holds_records(object, records);
+
+    Transaction transaction(database_.journal());
+    if (handle.is_null())
         object = allocate_object(size);
-    } else {
-        object = dobj(handle, database_.cache().private_block(handle.block));
+    else
         resize_object(object, size);
-    }
     const auto block = block_bytes(object);
     set_slot(block, {object.offset, size, false});
-    const auto slot = block.subspan(object.offset, size);
-    if (!records.empty()) std::memcpy(&slot[slot_layout::records], records.data(), records.size());
-    indexes_.update_indexes(old, object);
+    if (!records.empty())
+        std::memcpy(&block[object.offset + slot_layout::records], records.data(), records.size());
+    indexes_.update_indexes(old_keys, handle, detail::read_object_keys(object), object.handle());
 
-    const bool unchanged = old.loaded() && old.handle() == object.handle() &&
-                           std::memcmp(object_slot(old).data(), slot.data(), size) == 0;
-    if (!unchanged) journal_bytes(object, object.offset, size);
+    if (!same_records) journal_bytes(object, object.offset, size);
     transaction.commit();
     return object.handle();
 }
@@ -201,7 +227,7 @@ void ObjectStore::delete_object(block_handle_t handle, bool asynchronous) {
     dobj object = load_object(handle);
     if (!object.loaded()) throw error_internal("Attempted to delete non-existing object");
     Transaction transaction(database_.journal());
-    indexes_.update_indexes(object, {});
+    indexes_.update_indexes(detail::read_object_keys(object), handle, {}, {});
     free_slot(object);
     logger.debug("ALLOC-CHANGE: free'd {}:{}", handle.block, handle.offset);
     transaction.commit(asynchronous);

@@ -79,6 +79,7 @@ class ObjectStore {
         if (change_hook_) change_hook_(handle);
     }
     [[nodiscard]] std::span<std::byte> block_bytes(const dobj& object) const;
+    [[nodiscard]] bool overwrite_record(const dobj& image, const Property& property, bool as_null);
     [[nodiscard]] bool copy_records(const dobj& image, uint32_t id,
                                     const std::function<void()>& put_new);
     block_handle_t replace_object(block_handle_t handle, std::span<const std::byte> records);

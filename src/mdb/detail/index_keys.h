@@ -1,12 +1,8 @@
 // The keys under which one object stands in the indexes.
 #pragma once
 
-#include <array>
-#include <optional>
-
 #include "mdb/dobj.h"
 #include "mdb/index.h"
-#include "util/node_id.h"
 
 namespace mdb::detail {
 
@@ -20,9 +16,6 @@ inline constexpr uint32_t active = 502;
 inline constexpr uint32_t master_id = 3800;
 inline constexpr uint32_t alert_notify = 3901;
 }  // namespace key_property
-
-/// By index number; none where the object has no entry.
-using ObjectKeys = std::array<std::optional<NodeId>, kMaxIndexes>;
 
 /// Reads the keys of `object` in one pass over its records; none at all when it has no data. Throws
 /// error_wrongtype when a key property is of another type, error_need_repair for damaged records.

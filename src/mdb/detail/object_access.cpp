@@ -35,6 +35,14 @@ dobj load_object(Database& database, block_handle_t handle) {
     return object;
 }
 
+dobj current_object(Database& database, block_handle_t handle) {
+    if (database.journal().transaction_changed(handle.block)) return load_object(database, handle);
+    check_handle(database, handle);
+    dobj object(handle, database.cache().cached_block(handle.block));
+    check_slot(database, object, "Attempt to load placeholder");
+    return object;
+}
+
 dobj fetch_object(Database& database, block_handle_t handle) {
     check_handle(database, handle);
     dobj object(handle, database.cache().cached_block(handle.block));

@@ -10,6 +10,9 @@
 namespace mdb::detail {
 
 [[nodiscard]] dobj load_object(Database& database, block_handle_t handle);
+/// The object as the open transaction sees it, to be read and not kept: a view of the cache unless
+/// the transaction has changed the block. Throws like load_object().
+[[nodiscard]] dobj current_object(Database& database, block_handle_t handle);
 [[nodiscard]] dobj fetch_object(Database& database, block_handle_t handle);
 
 }  // namespace mdb::detail
