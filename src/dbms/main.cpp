@@ -5,6 +5,7 @@
 #include "dbms/serve.h"
 #include "error/exception.h"
 #include "platform/fifo.h"
+#include "platform/file.h"
 
 int main(int argc, char**) {
     if (argc > 1) {
@@ -12,6 +13,7 @@ int main(int argc, char**) {
         return 2;
     }
     platform::ignore_broken_pipe_signal();
+    platform::ignore_file_size_signal();
     try {
         const platform::SystemClock clock;
         platform::SystemFiles files;

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <signal.h>
 #include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -216,6 +217,10 @@ void SystemFiles::sync_folder_of(const std::string& path) {
     const int code = errno;
     calls_->close(descriptor);
     if (result != 0) fail("sync", folder, code);
+}
+
+void ignore_file_size_signal() {
+    ::signal(SIGXFSZ, SIG_IGN);
 }
 
 }  // namespace platform

@@ -97,4 +97,9 @@ class SystemFiles final : public FileSystem {
     std::shared_ptr<SystemCalls> calls_;
 };
 
+/// Has a write beyond the process's limit of the size of files fail with EFBIG, like a write to a
+/// full disk, in place of ending the process. Every process that writes files calls it at its
+/// start.
+void ignore_file_size_signal();
+
 }  // namespace platform

@@ -211,6 +211,7 @@ int run_command_line(std::vector<std::string> arguments) {
     // A gateway that ends while we send, or a reader of our output that has enough, is to be told
     // by an exit code.
     platform::ignore_broken_pipe_signal();
+    platform::ignore_file_size_signal();
     Parsed parsed;
     CLI::App app("Tarmik monitors networks and servers: the operator's tool", "tarmik");
     app.require_subcommand(1);
