@@ -82,6 +82,10 @@ mark_t Allocator::query_mark(uint32_t block) {
     return static_cast<mark_t>(load_map_entry(block).marks[block % block_size_]);
 }
 
+std::span<const uint8_t> Allocator::resident_marks(uint32_t index) {
+    return load_map_entry(index * block_size_).marks;
+}
+
 void Allocator::set_mark(uint32_t block, mark_t mark) {
     if (!in_map(block))
         throw error_range(fmt::format("Block {} for marking is out of range", block));

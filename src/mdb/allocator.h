@@ -40,6 +40,9 @@ class Allocator final : public TransactionObserver {
 
     /// error_range when the map has no byte for `block`.
     [[nodiscard]] mark_t query_mark(uint32_t block);
+    /// The marks of block `index` * block size and those behind it, one block of the map, as they
+    /// stand in memory; `index` is below map_blocks(). Lives until the next call of any operation.
+    [[nodiscard]] std::span<const uint8_t> resident_marks(uint32_t index);
     /// Both need an open transaction. The first throws error_range; the second leaves that check
     /// out.
     void set_mark(uint32_t block, mark_t mark);

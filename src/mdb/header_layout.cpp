@@ -100,7 +100,11 @@ uint32_t Header::tail() const {
 
 uint32_t Header::index_root(uint32_t i) const {
     error::check(i < index_count(), "Root of index {} wanted, but there are {}", i, index_count());
-    return word(layout(layout_area::roots) + 4 * i);
+    return word(index_root_offset(i));
+}
+
+uint32_t Header::index_root_offset(uint32_t i) const {
+    return layout(layout_area::roots) + 4 * i;
 }
 
 uint32_t Header::map_start() const {

@@ -92,6 +92,8 @@ class Header {
     [[nodiscard]] uint32_t index_count() const;
     /// Block of the root of index `i`, which must be below index_count().
     [[nodiscard]] uint32_t index_root(uint32_t i) const;
+    /// Where in the header that number stands.
+    [[nodiscard]] uint32_t index_root_offset(uint32_t i) const;
     [[nodiscard]] uint32_t map_start() const;
     [[nodiscard]] uint32_t first_data_block() const;
 

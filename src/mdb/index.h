@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <string>
 
 #include "mdb/block_layout.h"
 #include "mdb/dobj.h"
@@ -134,10 +133,6 @@ class IndexTable {
     /// the object is new, or gone.
     void update_indexes(const detail::ObjectKeys& old_keys, block_handle_t old_handle,
                         const detail::ObjectKeys& new_keys, block_handle_t new_handle);
-
-    /// Checks N1 to N8 of index_layout.h over the whole tree of index `n`. One line for each fault
-    /// found, empty when it is whole. Reads committed state: to be called with no transaction open.
-    [[nodiscard]] std::string verify_index(uint32_t n);
 
   private:
     /// The tree of index `n`, which must be below the count of the header; `message` for

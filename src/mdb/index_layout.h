@@ -27,7 +27,7 @@
 //   00: 4C 45 41 46  00 00 00 00  00 00 00 00  00 00 00 01
 //   10: 00 00 00 01  FF FF E3 81  00 00 00 09  00 00 00 40
 //
-// Invariants, by number in verify_index() and in the tests:
+// Invariants, by number in the verifier (verify.h) and in the tests:
 //   N1 every block of the tree has its magic, the mark of its kind, and is reached once
 //   N2 nkeys is at most the capacity; a node below the root has children in all of its nkeys + 1
 //   places N3 keys ascend within a block: strictly in the leaves of a unique tree, otherwise equal

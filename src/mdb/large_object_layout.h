@@ -25,6 +25,8 @@
 //   B3 no block stands in two chains, nor twice in one
 //   B4 no half of the journal that can still be replayed, and no update that still waits for the
 //      file, touches a block of a chain
+//   B5 every block with mark 7 stands in a chain
+//   B6 every chain is named by one object
 #pragma once
 
 #include <cstdint>

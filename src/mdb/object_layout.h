@@ -32,16 +32,26 @@
 //   68: 00 00 00 03  00 00 00 10  00 00 00 01   id 3, 16 bytes, type 1
 //   80: 00 00 00 01
 //
-// Invariants, by number in verify_objects() and in the tests:
+// Invariants, by number in the verifier (verify.h) and in the tests:
 //   O1 slots tile the block: every slot is at least 2 bytes long, the last one ends with the block
-//   O2 the records of an object fill its slot; each has a length of at least 12 that lies in the
-//   slot O3 no id stands in two records of one object O4 a block marked full has less than a
-//   quarter of its bytes in placeholders; only used and full
+//
+//   O2 the records of an object fill its slot; a null has a length of 12, any other record one of
+//   at
+//      least 16 that is a multiple of 8
+//
+//   O3 no id stands in two records of one object
+//
+//   O4 a block marked full has less than a quarter of its bytes in placeholders; only used and full
 //      blocks hold objects, and every marked block lies in the file
+//
 //   O5 every object with an id stands in index 0 with its handle
+//
 //   O6 every entry of an index points at an object that has the entry's key in the index's
-//   property,
-//      and every object that has one has exactly one entry
+//      property, and every object that has one has exactly one entry
+//
+//   O7 every object of a server has an id: by nothing else can it be found
+//
+//   O8 the payload of a record can be read as a value of its type
 #pragma once
 
 #include <cstddef>

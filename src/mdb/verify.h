@@ -8,15 +8,15 @@
 // Rules, as they stand in Fault::rule; N, O and L are told in the headers of their layouts:
 //   H1  the header is one that a database can be opened with
 //   H2  the header in memory is the one in the file
-//   H3  the root of each index is a block of its own behind the map and in the file
+//   H3  the map knows of the root of each index
 //   M1  every byte of the map is a mark that a block can have
 //   M2  the marks in memory are those in the file
 //   M3  a block marked as part of an index is part of one (and of only one: N1)
 //   M4  nothing lies in the blocks of header, map and journal
 //   C1  a cached block holds what file and journal say
 //   N1 to N8  the trees of the indexes: index_layout.h
-//   O1 to O7  object blocks and the indexes that name them: object_layout.h
-//   L1 to L5  large objects: large_object.h
+//   O1 to O8  object blocks and the indexes that name them: object_layout.h
+//   B1 to B6  large objects: large_object_layout.h
 //   P1 P2     parents: verify_parents.h
 //   J         the journal on the disk: verify_files.h
 #pragma once
@@ -103,6 +103,8 @@ struct VerifyOptions {
     bool compare_objects = true;
     /// On: M3 allows blocks of no index, as dropping an index leaves them.
     bool lost_index_blocks = false;
+    /// On: O7 allows objects without an id.
+    bool nameless_objects = false;
 };
 
 /// What a verification went over.
@@ -145,9 +147,10 @@ struct Verification {
 
 /// Checks all of the database's committed state; no transaction may be open. Damage of any kind is
 /// a fault in the result, never an exception; only memory may run out. Costs a read of each block
-/// in use, about 60 bytes of memory for each object (16 more for each further index that it stands
-/// in) and 1 for each block of the file. Never changes what the database holds, in memory or on
-/// the disk, but fills its cache.
+/// in use, and memory of 16 bytes for each entry that the objects want in the indexes, 24 for each
+/// entry of the index being walked and 1 for each block of the file: for an object in three indexes
+/// up to 140 bytes while the lists grow. Never changes what the database holds, in memory or on the
+/// disk, but fills its cache.
 [[nodiscard]] Verification verify(Database& database, const VerifyOptions& options = {});
 
 /// Checks N1 to N8 of one index alone. `n` must be below the index count of the header.

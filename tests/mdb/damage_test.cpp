@@ -8,8 +8,8 @@
 #include "log/log.h"
 #include "mdb/index.h"
 #include "mdb/object_store.h"
-#include "mdb/object_verify.h"
 #include "mdb/property_types.h"
+#include "mdb/verify.h"
 #include "support/rng.h"
 #include "test_database.h"
 
@@ -69,11 +69,7 @@ class Session {
             static_cast<void>(indexes_.iterator_key(it));
     }
 
-    void verify() {
-        for (uint32_t n = 0; n < indexes_.index_count(); ++n)
-            static_cast<void>(indexes_.verify_index(n));
-        static_cast<void>(mdb::verify_objects(database_, indexes_));
-    }
+    void verify() { static_cast<void>(mdb::verify(database_)); }
 
   private:
     mdb::block_handle_t place(NodeId id) { return indexes_.unique_search(mdb::node_id_index, id); }

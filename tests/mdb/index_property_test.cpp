@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "mdb/index.h"
+#include "mdb/verify.h"
 #include "support/rng.h"
 #include "test_database.h"
 
@@ -75,7 +76,7 @@ class Bench {
     }
 
     void verify(int step) {
-        ASSERT_EQ(indexes->verify_index(number_), "") << "step " << step;
+        ASSERT_EQ(mdb::verify_index(database(), number_).text(), "") << "step " << step;
         auto expected = model.begin();
         for (auto it = indexes->iterate_first(number_); it.valid(); indexes->iterator_next(it)) {
             ASSERT_NE(expected, model.end());

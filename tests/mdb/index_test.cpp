@@ -8,8 +8,8 @@
 
 #include "mdb/index_layout.h"
 #include "mdb/object_store.h"
-#include "mdb/object_verify.h"
 #include "mdb/property_types.h"
+#include "mdb/verify.h"
 #include "test_database.h"
 
 namespace {
@@ -79,7 +79,12 @@ class IndexTest : public testing::Test {
     }
     void expect_whole() {
         for (uint32_t n = 0; n < indexes->index_count(); ++n)
-            EXPECT_EQ(indexes->verify_index(n), "") << "index " << n;
+            EXPECT_EQ(mdb::verify_index(*database, n).text(), "") << "index " << n;
+    }
+    std::string verify_all() {
+        mdb::VerifyOptions options;
+        options.lost_index_blocks = true;
+        return mdb::verify(*database, options).text();
     }
     uint32_t root(uint32_t n) { return database->header().index_root(n); }
     uint32_t word(uint32_t block, uint32_t offset) {
@@ -308,12 +313,12 @@ TEST_F(IndexTest, StartBuildsMissingIndexesFromADeepTree) {
     EXPECT_EQ(keys(mdb::inherits_index).size(), kDepth);
     EXPECT_EQ(keys(mdb::master_id_index).size(), 0U);
     expect_whole();
-    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+    EXPECT_EQ(verify_all(), "");
 
     open();
     mdb::start_indexes(*indexes, top, 12);
     expect_whole();
-    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+    EXPECT_EQ(verify_all(), "");
     EXPECT_THROW(indexes->build_index(top, kRuns), mdb::error_internal);
 }
 
@@ -345,7 +350,7 @@ TEST_F(IndexTest, AnAliasedIndexIsDroppedAndBuiltAnew) {
     open();
     mdb::start_indexes(*indexes, top, 12);
     EXPECT_EQ(keys(2), (std::vector<uint32_t>{1}));
-    EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+    EXPECT_EQ(verify_all(), "");
 }
 
 TEST_F(IndexTest, AnAliasedIndexTakesThoseAboveItAlong) {
@@ -357,7 +362,7 @@ TEST_F(IndexTest, AnAliasedIndexTakesThoseAboveItAlong) {
         mdb::start_indexes(*indexes, top, 12);
         EXPECT_EQ(indexes->index_count(), mdb::kMaxIndexes);
         EXPECT_EQ(keys(mdb::active_parent_index), (std::vector<uint32_t>{1}));
-        EXPECT_EQ(mdb::verify_objects(*database, *indexes), "");
+        EXPECT_EQ(verify_all(), "");
         open();
     }
 }
@@ -377,14 +382,14 @@ TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
     const Row rows[] = {
         {"N1 block", first, 0, 0x12345678},
         {"N1 block", root_block, mdb::node_layout::ptr0, second},
-        {"N1 block", root_block, mdb::node_layout::ptr0, 0x00F00000},
+        {"N1 child", root_block, mdb::node_layout::ptr0, 0x00F00000},
         {"N2 node", root_block, mdb::node_layout::nkeys, 85},
         {"N2 leaf", first, mdb::leaf_layout::nkeys, 64},
         {"N2 node", root_block, mdb::node_layout::ptr0, 0},
         {"N3 leaf", second, 20 + 16, second_key},
         {"N3 node", root_block, 16, 0xFFFFFF00},
-        {"N4 block", second, 20, 11},
-        {"N4 block", root_block, 16, 20},
+        {"N4 key", second, 20, 11},
+        {"N4 key", root_block, 16, 20},
         {"N6 leaf", first, mdb::leaf_layout::right, 0},
         {"N6 leaf", second, mdb::leaf_layout::left, 7},
         {"N7", first, mdb::leaf_layout::nkeys, 0},
@@ -393,14 +398,13 @@ TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
     for (const Row& row : rows) {
         const uint32_t whole = word(row.block, row.offset);
         damage(row.block, row.offset, row.value);
-        EXPECT_NE(indexes->verify_index(kUnique).find(row.rule), std::string::npos)
-            << row.rule << "\n"
-            << indexes->verify_index(kUnique);
+        const std::string found = mdb::verify_index(*database, kUnique).text();
+        EXPECT_NE(found.find(row.rule), std::string::npos) << row.rule << "\n" << found;
         damage(row.block, row.offset, whole);
         expect_whole();
     }
     change([&] { database->allocator().set_mark(first, mark_t::lob); });
-    EXPECT_NE(indexes->verify_index(kUnique).find("N1 block"), std::string::npos);
+    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N1 block"), std::string::npos);
 }
 
 TEST_F(IndexTest, TheVerifierNamesLeavesOfOtherDepths) {
@@ -408,7 +412,7 @@ TEST_F(IndexTest, TheVerifierNamesLeavesOfOtherDepths) {
     const uint32_t node = child(kUnique, 0);
     ASSERT_EQ(database->allocator().query_mark(node), mark_t::non_root_index);
     damage(root(kUnique), mdb::node_layout::ptr0, word(node, mdb::node_layout::ptr0));
-    EXPECT_NE(indexes->verify_index(kUnique).find("N5 leaf"), std::string::npos);
+    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N5 leaf"), std::string::npos);
 }
 
 TEST_F(IndexTest, TheVerifierNamesDoubleEntries) {
@@ -416,7 +420,7 @@ TEST_F(IndexTest, TheVerifierNamesDoubleEntries) {
     insert(id(1), 6);
     const uint32_t leaf = child(kRuns, 0);
     damage(leaf, 16 + 16 + 8, 5);
-    EXPECT_NE(indexes->verify_index(kRuns).find("N8 entry"), std::string::npos);
+    EXPECT_NE(mdb::verify_index(*database, kRuns).text().find("N8 entry"), std::string::npos);
 }
 
 TEST_F(IndexTest, DamageEndsOperationsWithAnError) {

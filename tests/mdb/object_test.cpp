@@ -7,8 +7,8 @@
 #include "mdb/index.h"
 #include "mdb/object_slots.h"
 #include "mdb/object_store.h"
-#include "mdb/object_verify.h"
 #include "mdb/property_types.h"
+#include "mdb/verify.h"
 #include "support/rng.h"
 #include "test_database.h"
 
@@ -132,9 +132,9 @@ class ObjectStoreTest : public testing::Test {
         return slots_of({database->cache().cached_block(block), database->block_size()});
     }
     void expect_whole() {
-        for (uint32_t n = 0; n < indexes->index_count(); ++n)
-            ASSERT_EQ(indexes->verify_index(n), "") << "index " << n;
-        ASSERT_EQ(mdb::verify_objects(*database, *indexes), "");
+        mdb::VerifyOptions options;
+        options.nameless_objects = true;
+        ASSERT_EQ(mdb::verify(*database, options).text(), "");
     }
 
     mdb_test::TestDatabase file;
@@ -329,9 +329,8 @@ TEST_F(ObjectStoreTest, TheVerifierNamesEachKindOfDamage) {
                   damaged.begin() + static_cast<std::ptrdiff_t>(row.offset));
         file.write("db", damaged);
         open();
-        EXPECT_NE(mdb::verify_objects(*database, *indexes).find(row.rule), std::string::npos)
-            << row.rule << "\n"
-            << mdb::verify_objects(*database, *indexes);
+        const std::string found = mdb::verify(*database).text();
+        EXPECT_NE(found.find(row.rule), std::string::npos) << row.rule << "\n" << found;
         close();
         file.write("db", whole);
         open();

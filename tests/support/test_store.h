@@ -22,6 +22,7 @@
 #include "mdb/format.h"
 #include "mdb/index.h"
 #include "mdb/object_store.h"
+#include "mdb/verify.h"
 #include "support/fake_clock.h"
 #include "support/temp_dir.h"
 #include "tql/errors.h"
@@ -189,8 +190,7 @@ class TestStore {
         if (store->referenced_handlers() != 0)
             return std::to_string(store->referenced_handlers()) + " handlers referenced";
         std::string fault = store->cache().verify();
-        for (uint32_t n = 0; n < indexes->index_count() && fault.empty(); ++n)
-            fault = indexes->verify_index(n);
+        if (fault.empty()) fault = mdb::verify(*database).text();
         return fault;
     }
 
