@@ -93,6 +93,10 @@ void BackingStore::sync_store() {
     }
 }
 
+void BackingStore::start_writeback(uint64_t offset, uint64_t length) {
+    file_->start_writeback(offset, length);
+}
+
 void BackingStore::complete_last_block() {
     const uint64_t odd = file_length_ & (block_size_ - 1);
     if (odd == 0) return;

@@ -30,6 +30,8 @@ class BackingStore {
     /// Whole blocks.
     void block_read(void* buffer, uint32_t block, uint32_t count);
     void block_write(const void* data, uint32_t block, uint32_t count);
+    /// Lets the disk begin with what was written there, ahead of a sync. Never fails.
+    void start_writeback(uint64_t offset, uint64_t length);
     /// Forces all written bytes to stable storage. Throws error_io; the store is then of no more
     /// use, as the bytes may be lost (see Journal).
     void sync_store();

@@ -139,13 +139,14 @@ void Journal::sync_journal() {
     undurable_ = false;
 }
 
-void Journal::write_committed_to_file() {
+void Journal::write_committed_to_file(bool sync_follows) {
     // The file may lag behind the journal but never lead it: a power cut between two writes would
     // leave half of a transaction that no replay completes.
     error::check(!undurable_, "Commits were to reach the file before the journal was durable");
     if (!unwritten_.empty()) {
         file_unsynced_ = true;
-        writer_.write(unwritten_, view(), cache_, false);
+        writer_.write(unwritten_, view(), cache_,
+                      {.may_extend = false, .sync_follows = sync_follows});
         unwritten_.clear();
     }
     n_in_file_ = n_committed_;
@@ -153,7 +154,7 @@ void Journal::write_committed_to_file() {
 
 void Journal::bring_to_file() {
     flush_journal();
-    write_committed_to_file();
+    write_committed_to_file(true);
     if (!file_unsynced_) return;
     store_.sync_store();
     file_unsynced_ = false;
@@ -184,7 +185,7 @@ void Journal::journal_checkpoint() {
         last_sync_ = second;
         guarded([this] {
             flush_journal();
-            write_committed_to_file();
+            write_committed_to_file(false);
         });
         return;
     }

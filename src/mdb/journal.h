@@ -172,7 +172,7 @@ class Journal {
     void write_index_entry(int half, uint32_t start);
     void flush_journal();
     void sync_journal();
-    void write_committed_to_file();
+    void write_committed_to_file(bool sync_follows);
     void bring_to_file();
 
     platform::FileSystem& files_;

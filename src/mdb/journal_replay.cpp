@@ -119,7 +119,7 @@ void Journal::replay(uint32_t position, uint64_t serial) {
     // What a killed process wrote may stand in memory only. It must not reach the file ahead of the
     // journal.
     sync_journal();
-    writer_.write(unwritten_, view(), nullptr, true);
+    writer_.write(unwritten_, view(), nullptr, {.may_extend = true, .sync_follows = true});
     unwritten_.clear();
     store_.complete_last_block();
     store_.sync_store();
@@ -187,7 +187,9 @@ void Journal::collect_transaction(uint32_t position, uint32_t end) {
         if (update.file_offset > last_offset || update.length > last_offset - update.file_offset)
             throw error_consistency(fmt::format(
                 "Journal holds an update at {}, outside of any block", update.file_offset));
-        add_pieces(unwritten_, update.file_offset, update.length, update.data, 0);
+        // Nothing reads the pieces before they are written: to look for hidden ones costs more than
+        // to copy them.
+        add_pieces(unwritten_, update.file_offset, update.length, update.data, unwritten_.count());
         at = update.end;
     }
 }

@@ -135,7 +135,7 @@ void Journal::commit(bool asynchronous) {
     publish_transaction();
     if (!flush) return;
     last_sync_ = second;
-    write_committed_to_file();
+    write_committed_to_file(false);
 }
 
 void Journal::write_transaction(bool flush) {

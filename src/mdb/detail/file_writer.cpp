@@ -11,12 +11,15 @@ namespace mdb::detail {
 namespace {
 
 constexpr size_t kGreatestWrite = 256 * 1024;
+/// Bytes of the file that the disk is given at a time while the rest is still being written.
+constexpr uint64_t kWritebackStep = uint64_t{2} << 20;
 
 }  // namespace
 
 void FileWriter::write(const BlockUpdates& updates, const std::byte* source,
-                       const BlockCache* cache, bool may_extend) {
-    may_extend_ = may_extend;
+                       const BlockCache* cache, WriteOutMode mode) {
+    mode_ = mode;
+    writeback_begun_ = 0;
     staged_.clear();
     blocks_.clear();
     updates.blocks(blocks_);
@@ -75,9 +78,18 @@ void FileWriter::emit(uint64_t offset, const std::byte* bytes, size_t length) {
 }
 
 void FileWriter::write_staged() {
-    if (!staged_.empty())
-        store_.byte_write(staged_.data(), staged_offset_, staged_.size(), may_extend_);
+    if (staged_.empty()) return;
+    store_.byte_write(staged_.data(), staged_offset_, staged_.size(), mode_.may_extend);
+    if (mode_.sync_follows) start_writeback();
     staged_.clear();
+}
+
+void FileWriter::start_writeback() {
+    // Writes come in file order, and the next one may still change the page that this one ends in.
+    const uint64_t end = (staged_offset_ + staged_.size()) / kWritebackStep * kWritebackStep;
+    if (end <= writeback_begun_) return;
+    store_.start_writeback(writeback_begun_, end - writeback_begun_);
+    writeback_begun_ = end;
 }
 
 }  // namespace mdb::detail

@@ -15,6 +15,12 @@ class BlockCache;
 
 namespace mdb::detail {
 
+/// What a write-out may do.
+struct WriteOutMode {
+    bool may_extend = false;    ///< make the file longer
+    bool sync_follows = false;  ///< let the disk begin at once, since a sync will wait for it
+};
+
 class FileWriter {
   public:
     explicit FileWriter(BackingStore& store) : store_(store) {}
@@ -22,7 +28,7 @@ class FileWriter {
     /// Writes all of `updates`, whose sources are positions in `source`. `cache`, if not null,
     /// holds the blocks as they shall be in the file. Throws what byte_write() throws.
     void write(const BlockUpdates& updates, const std::byte* source, const BlockCache* cache,
-               bool may_extend);
+               WriteOutMode mode);
 
   private:
     struct Run {
@@ -33,9 +39,12 @@ class FileWriter {
     void merge_runs();
     void emit(uint64_t offset, const std::byte* bytes, size_t length);
     void write_staged();
+    void start_writeback();
 
     BackingStore& store_;
-    bool may_extend_ = false;
+    WriteOutMode mode_;
+    /// From here on the system has not been told to begin.
+    uint64_t writeback_begun_ = 0;
     std::vector<uint32_t> blocks_;
     std::vector<BlockUpdates::Piece> pieces_;
     std::vector<Run> runs_;
