@@ -33,9 +33,9 @@ class Allocator final : public TransactionObserver {
     /// none. `out` gets a private copy of the block and the placeholder's handle. May grow the
     /// file. Throws error_dbnospace.
     void allocate_space(uint32_t hint, uint32_t size, dobj& out);
-    /// Number of an empty block, the first at or above `hint` if there is one. Unless `force`, no
-    /// block near one that the open transaction has emptied is taken. The caller sets the mark.
-    /// error_dbnospace.
+    /// Number of an empty block, the first at or above `hint` if there is one. Without `force` it
+    /// may be written to past the journal: it is none near one that the open transaction has
+    /// emptied, and none that the journal claims. The caller sets the mark. error_dbnospace.
     [[nodiscard]] uint32_t allocate_empty_block(uint32_t hint, bool force);
 
     /// error_range when the map has no byte for `block`.

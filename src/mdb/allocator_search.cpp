@@ -154,15 +154,16 @@ bool Allocator::find_empty(uint64_t from, uint64_t to, bool force, uint32_t& fou
     while (from < to) {
         const map_entry& entry = load_map_entry(static_cast<uint32_t>(from));
         const auto index = static_cast<uint32_t>(from % block_size_);
-        if (force || !entry.freed) {
-            const uint8_t* first = entry.marks.data() + index;
-            if (const void* empty = std::memchr(first, 0, block_size_ - index)) {
-                found = static_cast<uint32_t>(from) +
-                        static_cast<uint32_t>(static_cast<const uint8_t*>(empty) - first);
-                return true;
-            }
+        const uint8_t* first = entry.marks.data() + index;
+        const void* empty =
+            force || !entry.freed ? std::memchr(first, 0, block_size_ - index) : nullptr;
+        if (empty == nullptr) {
+            from += block_size_ - index;
+            continue;
         }
-        from += block_size_ - index;
+        from += static_cast<uint64_t>(static_cast<const uint8_t*>(empty) - first);
+        found = static_cast<uint32_t>(from++);
+        if (force || !journal_.claims(found)) return true;
     }
     return false;
 }

@@ -132,6 +132,16 @@ const std::byte* BlockCache::peek(uint32_t block) const {
     return found == nullptr ? nullptr : (*found)->bytes.data();
 }
 
+void BlockCache::forget(uint32_t block) {
+    block_cache_entry** found = table_.find(block);
+    if (found == nullptr) return;
+    block_cache_entry& entry = **found;
+    table_.erase(block);
+    entry.in_use = false;
+    unlink(entry);
+    push_back(entry);
+}
+
 uint64_t BlockCache::cache_size_kib() const {
     return uint64_t{store_.block_size()} * block_cache_size_ / 1024;
 }

@@ -41,6 +41,10 @@ class BlockCache {
     /// block.
     [[nodiscard]] const std::byte* peek(uint32_t block) const;
 
+    /// Drops the image of `block`, whose bytes in the file have been, or are being, written past
+    /// the journal.
+    void forget(uint32_t block);
+
     /// Memory held, in KiB.
     [[nodiscard]] uint64_t cache_size_kib() const;
     [[nodiscard]] uint32_t block_cache_size() const noexcept { return block_cache_size_; }

@@ -147,6 +147,8 @@ void Journal::write_committed_to_file(bool sync_follows) {
         file_unsynced_ = true;
         writer_.write(unwritten_, view(), cache_,
                       {.may_extend = false, .sync_follows = sync_follows});
+        for (const detail::BlockUpdates::Piece& piece : unwritten_.pieces())
+            written_blocks_.at(piece.block) = 0;
         unwritten_.clear();
     }
     n_in_file_ = n_committed_;
@@ -158,6 +160,15 @@ void Journal::bring_to_file() {
     if (!file_unsynced_) return;
     store_.sync_store();
     file_unsynced_ = false;
+}
+
+bool Journal::claims(uint32_t block) const {
+    return written_blocks_.find(block) != detail::BlockHeads::kNone || unwritten_.has(block) ||
+           open_updates_.has(block);
+}
+
+void Journal::make_commits_durable() {
+    guarded([this] { flush_journal(); });
 }
 
 void Journal::full_checkpoint() {
@@ -209,6 +220,8 @@ void Journal::flip(bool redirect) {
         // A transaction of the new half that were durable while its index entry isn't could be
         // taken, after a crash, for one of the next filling, which would get the same serial.
         flush_journal();
+        // The old half is history: the new entry is durable, and no replay begins there any more.
+        written_blocks_.clear();
         next_index_ = 1 - half;
         committed_end_ = writeback_begun_ = start;
     });

@@ -107,6 +107,18 @@ class Journal {
     /// Costs as above.
     void overlay_unwritten(std::byte* buffer, size_t length, uint64_t file_offset) const;
 
+    /// True when bytes of `block` could still come out of the journal: the open transaction or the
+    /// half that a replay would read has updates of it. Nobody else may write to it until then.
+    [[nodiscard]] bool claims(uint32_t block) const;
+    /// Returns when no power cut can undo a commit any more. A transaction may be open; its own
+    /// updates stay in memory. Costs nothing when the last commit was synchronous.
+    void make_commits_durable();
+    /// Runs what writes to the file past the journal or syncs it. A failure that it throws makes
+    /// the journal refuse all further work: nobody knows which of the bytes written before, commits
+    /// among them, the disk has lost.
+    template <class Operation>
+    void guarded(Operation&& operation);
+
     /// Makes all commits durable, writes them to the file and syncs it. No transaction may be open.
     void full_checkpoint();
     /// full_checkpoint(), and then a new half: nothing committed before is ever replayed again.
@@ -147,10 +159,6 @@ class Journal {
     void check_state() const;
     void check_usable() const;
     void check_no_transaction() const;
-    /// Runs what writes to a disk; a failure makes the journal unusable.
-    template <class Operation>
-    void guarded(Operation&& operation);
-
     void replay(uint32_t position, uint64_t serial);
     void collect_replay(uint32_t position, uint64_t serial);
     void collect_transaction(uint32_t position, uint32_t end);
@@ -214,6 +222,8 @@ class Journal {
     /// journal.
     detail::BlockUpdates open_updates_;
     detail::BlockUpdates unwritten_;
+    /// Blocks with updates in the current half that have left unwritten_ for the file; a set.
+    detail::BlockHeads written_blocks_;
     detail::FileWriter writer_;
 };
 
