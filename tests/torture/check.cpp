@@ -2,8 +2,8 @@
 #include <fmt/format.h>
 
 #include "error/exception.h"
-#include "mdb/object_verify.h"
 #include "mdb/property_types.h"
+#include "mdb/verify.h"
 #include "workload.h"
 
 namespace torture {
@@ -77,11 +77,11 @@ Model read_model(Script& script) {
 }
 
 std::string verify(Script& script) {
-    std::string faults;
-    for (uint32_t n = 0; n < script.indexes().index_count(); ++n)
-        faults += script.indexes().verify_index(n);
-    if (faults.empty()) faults = mdb::verify_objects(script.database(), script.indexes());
-    return faults;
+    mdb::VerifyOptions options;
+    options.most_faults = 8;
+    options.large_object_properties = {kLargeProperty};
+    options.lost_index_blocks = script.setup().drops_indexes;
+    return mdb::verify(script.database(), options).text();
 }
 
 std::string describe(const Values& values) {

@@ -101,6 +101,8 @@ struct Setup {
     uint32_t buffer_blocks = 16;
     /// All six, made at each start where they are missing; otherwise the two required ones.
     bool six_indexes = true;
+    /// Dropping an index leaves the blocks of its tree behind.
+    bool drops_indexes = false;
 };
 
 class Script;
@@ -151,6 +153,7 @@ class Script {
     void drop_index(uint32_t n);
     void pass_time(uint64_t ms);
 
+    [[nodiscard]] const Setup& setup() const { return setup_; }
     [[nodiscard]] const Model& model() const { return levels_.back(); }
     void set_model(const Model& model) { levels_.assign(1, model); }
     [[nodiscard]] mdb::Database& database() { return *database_; }
