@@ -9,6 +9,7 @@
 //   H1  the header is one that a database can be opened with
 //   H2  the header in memory is the one in the file
 //   H3  the map knows of the root of each index
+//   H4  the database can be opened; the text says why not
 //   M1  every byte of the map is a mark that a block can have
 //   M2  the marks in memory are those in the file
 //   M3  a block marked as part of an index is part of one (and of only one: N1)

@@ -1,6 +1,7 @@
 // The check of the chains of large objects against the invariants of large_object_layout.h.
 #include <algorithm>
 #include <array>
+#include <tuple>
 
 #include "mdb/detail/verify_context.h"
 #include "mdb/errors.h"
@@ -125,8 +126,9 @@ void for_each_large_object_block(VerifyContext& context, Visit&& visit) {
 
 void check_references(VerifyContext& context, std::vector<LargeObjectReference>& references,
                       const std::vector<uint32_t>& firsts) {
-    std::sort(references.begin(), references.end(),
-              [](const auto& a, const auto& b) { return a.first_block < b.first_block; });
+    std::sort(references.begin(), references.end(), [](const auto& a, const auto& b) {
+        return std::tie(a.first_block, a.from) < std::tie(b.first_block, b.from);
+    });
     for (size_t i = 0; i < references.size(); ++i) {
         const auto& [block, from] = references[i];
         if (!std::binary_search(firsts.begin(), firsts.end(), block))

@@ -1,0 +1,792 @@
+// The verifier against damage: one thing at a time is spoilt in the files of a small, good
+// database, and the one check that is there for it must name the place, and no other check may say
+// anything unless the damage tears more than one rule.
+#include "mdb/verify.h"
+
+#include <algorithm>
+#include <functional>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "log/log.h"
+#include "mdb/errors.h"
+#include "mdb/index_layout.h"
+#include "mdb/journal_layout.h"
+#include "mdb/large_object_layout.h"
+#include "mdb/object_layout.h"
+#include "mdb/object_store.h"
+#include "mdb/property_types.h"
+#include "mdb/verify_files.h"
+#include "mdb/verify_parents.h"
+#include "platform/overlay_files.h"
+#include "test_database.h"
+#include "util/byte_order.h"
+#include "util/crc32.h"
+
+namespace {
+
+using mdb::block_handle_t;
+using mdb::mark_t;
+using mdb::VerifyOptions;
+using mdb_test::Bytes;
+using mdb_test::TestDatabase;
+
+constexpr uint32_t kBlockSize = TestDatabase::kBlockSize;
+/// Enough for four leaves of index 0.
+constexpr uint32_t kObjects = 200;
+constexpr uint32_t kLobProperty = 60;
+
+uint32_t word(const Bytes& bytes, uint64_t at) {
+    return util::load_be32(reinterpret_cast<const std::byte*>(bytes.data()) + at);
+}
+void set_word(Bytes& bytes, uint64_t at, uint32_t value) {
+    util::store_be32(reinterpret_cast<std::byte*>(bytes.data()) + at, value);
+}
+
+/// A database with 200 objects in six indexes and a large object of two blocks, nothing of it in
+/// the journal, and the places of what is in it.
+class GoodDatabase {
+  public:
+    GoodDatabase() {
+        logging::set_all_levels(logging::level_t::off);
+        file.clock.advance_us(5'000'000);
+        fill(file.open());
+        file.close();
+        db = file.read("db");
+        journal = file.read("journal");
+    }
+
+    void fill(mdb::Database& database) {
+        mdb::IndexTable indexes(database);
+        indexes.init_required_indexes();
+        mdb::ObjectStore store(database, indexes);
+        for (uint32_t n = mdb::kRequiredIndexes; n < mdb::kMaxIndexes; ++n)
+            EXPECT_TRUE(indexes.ensure_index(n));
+        lob = write_large_object(database);
+        for (uint32_t i = 1; i <= kObjects; ++i) create(database, store, i);
+        database.journal().checkpoint_and_flip();
+        for (uint32_t n = 0; n < mdb::kMaxIndexes; ++n)
+            roots.push_back(database.header().index_root(n));
+        object = indexes.unique_search(mdb::node_id_index, {0, 7});
+        owner = indexes.unique_search(mdb::node_id_index, {0, 5});
+        map_start = database.allocator().map_start();
+        empty = database.allocator().allocate_empty_block(0, true);
+    }
+
+    /// Object 1 is the root and has no parent, 2 to 7 lie below it, the others below these.
+    void create(mdb::Database& database, mdb::ObjectStore& store, uint32_t i) const {
+        mdb::Serializer& serializer = database.serializer();
+        serializer.serial_reset();
+        serializer.serial_add(mdb::PropertyNodeId(0, {0, i}));
+        if (i > 1) serializer.serial_add(mdb::PropertyNodeId(2, {0, i < 8 ? 1 : 2 + i % 6}));
+        serializer.serial_add(mdb::PropertyBool(502, i % 2 == 0));
+        serializer.serial_add(mdb::PropertyNodeId(59, {0, 3}));
+        if (i == 5) serializer.serial_add(mdb::PropertyUint32(kLobProperty, lob));
+        serializer.serial_add(mdb::PropertyUint32(52, i));
+        serializer.serial_add(mdb::PropertyString(51, std::string(7, 'x')));
+        static_cast<void>(store.store_object({}));
+    }
+
+    static uint32_t write_large_object(mdb::Database& database) {
+        mdb::Transaction transaction(database.journal());
+        std::vector<uint32_t> blocks;
+        for (int i = 0; i < 2; ++i) {
+            blocks.push_back(database.allocator().allocate_empty_block(0, true));
+            database.allocator().set_mark(blocks.back(), mark_t::lob);
+        }
+        transaction.commit();
+        Bytes block(kBlockSize, 'L');
+        set_word(block, 0, mdb::lob_layout::kFirstMagic);
+        set_word(block, mdb::lob_layout::version, 1);
+        set_word(block, mdb::lob_layout::length, 2000);
+        set_word(block, mdb::lob_layout::first_next, blocks[1]);
+        database.store().block_write(block.data(), blocks[0], 1);
+        set_word(block, 0, mdb::lob_layout::kFurtherMagic);
+        set_word(block, mdb::lob_layout::further_next, 0);
+        database.store().block_write(block.data(), blocks[1], 1);
+        return blocks[0];
+    }
+
+    [[nodiscard]] static uint64_t at(uint32_t block, uint32_t offset = 0) {
+        return uint64_t{block} * kBlockSize + offset;
+    }
+    /// Child `p` of the root of an index.
+    [[nodiscard]] uint32_t child(uint32_t n, uint32_t p) const {
+        return word(db, at(roots[n], p == 0 ? 8 : 20 + 12 * (p - 1)));
+    }
+    [[nodiscard]] uint32_t last_leaf(uint32_t n) const {
+        return child(n, word(db, at(roots[n], 4)));
+    }
+    [[nodiscard]] uint32_t entries(uint32_t leaf) const { return word(db, at(leaf, 12)); }
+    /// Where in its block the record of a property of `object` begins.
+    [[nodiscard]] uint32_t record(uint32_t property) const {
+        uint32_t offset = object.offset + 4;
+        while (word(db, at(object.block, offset)) != property)
+            offset += word(db, at(object.block, offset + 4));
+        return offset;
+    }
+    [[nodiscard]] uint64_t mark(uint32_t block) const { return at(map_start, block); }
+
+    void restore() const {
+        file.write("db", db);
+        file.write("journal", journal);
+    }
+    /// Faults as "RULE BLOCK OFFSET", those of several rules in the order in which they were found,
+    /// each rule once.
+    [[nodiscard]] std::vector<std::string> faults(const VerifyOptions& options) const {
+        platform::OverlayFiles files;
+        const auto found =
+            mdb::verify_files(files, file.dir.file("db"), file.dir.file("journal"), options);
+        std::vector<std::string> lines;
+        std::string last;
+        for (const mdb::Fault& fault : found.verification.faults) {
+            if (fault.rule != last)
+                lines.push_back(fmt::format("{} {} {}", fault.rule, fault.block, fault.offset));
+            last = fault.rule;
+        }
+        return lines;
+    }
+    [[nodiscard]] VerifyOptions options() const {
+        VerifyOptions made;
+        made.large_object_properties = {kLobProperty};
+        return made;
+    }
+
+    TestDatabase file;
+    Bytes db;
+    Bytes journal;
+    std::vector<uint32_t> roots;
+    /// Object 0.7, and 0.5, which names the large object.
+    block_handle_t object;
+    block_handle_t owner;
+    uint32_t map_start = 0;
+    uint32_t lob = 0;
+    /// A block that holds nothing.
+    uint32_t empty = 0;
+};
+
+struct Row {
+    const char* what;
+    /// Changes the database, and the journal where it can; gives the faults to be found.
+    std::function<std::vector<std::string>(const GoodDatabase&, Bytes&, Bytes&)> damage;
+};
+
+using Expected = std::vector<std::string>;
+
+std::string place(const char* rule, uint32_t block, uint32_t offset) {
+    return fmt::format("{} {} {}", rule, block, offset);
+}
+
+void run(const std::vector<Row>& rows) {
+    const GoodDatabase good;
+    ASSERT_EQ(good.faults(good.options()), Expected{});
+    for (const Row& row : rows) {
+        Bytes db = good.db;
+        Bytes journal = good.journal;
+        const Expected expected = row.damage(good, db, journal);
+        good.file.write("db", db);
+        good.file.write("journal", journal);
+        EXPECT_EQ(good.faults(good.options()), expected) << row.what;
+    }
+}
+
+/// Makes `block` a leaf without entries at the right end of index 0.
+void append_empty_leaf(const GoodDatabase& good, Bytes& db, uint32_t block) {
+    const uint32_t last = good.last_leaf(0);
+    const uint32_t root = good.roots[0];
+    const uint32_t nkeys = word(db, good.at(root, 4));
+    db[good.mark(block)] = 6;
+    set_word(db, good.at(block), mdb::leaf_layout::kMagic);
+    set_word(db, good.at(block, mdb::leaf_layout::left), last);
+    set_word(db, good.at(last, mdb::leaf_layout::right), block);
+    set_word(db, good.at(root, 4), nkeys + 1);
+    set_word(db, good.at(root, 12 + 12 * nkeys), 9);
+    set_word(db, good.at(root, 20 + 12 * nkeys), block);
+}
+
+TEST(Verify, NamesEachDamageOfTheIndexes) {
+    const std::vector<Row> rows = {
+        {"a leaf with the mark of a node",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.child(0, 1))] = 5;
+             return {place("N1", good.child(0, 1), 0)};
+         }},
+        {"a leaf without its magic",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.child(3, 0)), 0);
+             return {place("N1", good.child(3, 0), 0), place("N6", good.child(3, 1), 4),
+                     place("O6", good.object.block, good.object.offset)};
+         }},
+        {"a leaf that two indexes claim",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.roots[5], 8), good.child(0, 1));
+             return {place("N1", good.child(0, 1), 0)};
+         }},
+        {"a child beyond the file",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.roots[5], 8), 900);
+             return {place("N1", good.roots[5], 8)};
+         }},
+        {"a child in the map",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.roots[5], 8), good.map_start);
+             return {place("N1", good.map_start, 0)};
+         }},
+        {"a node with more keys than fit",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.roots[5], 4), 85);
+             return {place("N2", good.roots[5], 4)};
+         }},
+        {"two entries in the wrong order",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const auto entry =
+                 db.begin() + static_cast<std::ptrdiff_t>(good.at(good.child(0, 1), 16 + 16 * 2));
+             std::swap_ranges(entry, entry + 16, entry + 16);
+             return {place("N3", good.child(0, 1), 16 + 16 * 3)};
+         }},
+        {"a separator above the keys to its right",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint64_t second_word = good.at(good.roots[0], 16);
+             set_word(db, second_word, word(db, second_word) + 1);
+             return {place("N4", good.child(0, 1), 16)};
+         }},
+        {"a leaf one level too deep",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 5;
+             set_word(db, good.at(good.empty), mdb::node_layout::kMagic);
+             set_word(db, good.at(good.empty, 8), good.child(0, 1));
+             set_word(db, good.at(good.roots[0], 20), good.empty);
+             return {place("N5", good.child(0, 1), 0)};
+         }},
+        {"a link to the right that is gone",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.child(0, 0), 8), 0);
+             return {place("N6", good.child(0, 0), 8)};
+         }},
+        {"a link of the last leaf",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.last_leaf(0), 8), good.child(0, 0));
+             return {place("N6", good.last_leaf(0), 8)};
+         }},
+        {"an empty leaf among others",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             append_empty_leaf(good, db, good.empty);
+             return {place("N7", good.empty, 12)};
+         }},
+        {"an entry that stands twice",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t leaf = good.last_leaf(1);
+             const uint32_t count = good.entries(leaf);
+             const uint32_t end = 16 + 16 * count;
+             std::copy_n(db.begin() + static_cast<std::ptrdiff_t>(good.at(leaf, end - 16)), 16,
+                         db.begin() + static_cast<std::ptrdiff_t>(good.at(leaf, end)));
+             set_word(db, good.at(leaf, 12), count + 1);
+             return {place("N8", leaf, end)};
+         }},
+        {"an object that index 0 does not have",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t leaf = good.last_leaf(0);
+             const uint32_t count = good.entries(leaf);
+             set_word(db, good.at(leaf, 12), count - 1);
+             const uint64_t value = good.at(leaf, 16 + 16 * (count - 1) + 8);
+             return {place("O5", word(db, value), word(db, value + 4))};
+         }},
+        {"an entry of index 3 that leads elsewhere",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t leaf = good.child(3, 0);
+             const uint64_t value = good.at(leaf, 16 + 16 * 4 + 8);
+             const Expected expected = {place("O6", word(db, value), word(db, value + 4))};
+             set_word(db, value, word(db, value) + 700);
+             // The entry without object comes second, as its key is the same and its block higher.
+             return expected;
+         }},
+        {"a block of no index",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 6;
+             return {place("M3", good.empty, 0)};
+         }},
+    };
+    run(rows);
+}
+
+TEST(Verify, NamesEachDamageOfTheObjects) {
+    const std::vector<Row> rows = {
+        {"an object block that begins with no slot",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 1;
+             return {place("O1", good.empty, 0)};
+         }},
+        {"a slot that leaves its block",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 1;
+             set_word(db, good.at(good.empty), 1000 | 1);
+             set_word(db, good.at(good.empty, 1000), 26 | 1);
+             return {place("O1", good.empty, 1000)};
+         }},
+        {"a null with a payload",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t offset = good.record(51);
+             set_word(db, good.at(good.object.block, offset + 8), 3 | 1U << 30);
+             return {place("O2", good.object.block, offset)};
+         }},
+        {"a record that leaves its object",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t offset = good.record(51);
+             set_word(db, good.at(good.object.block, offset + 4), 32);
+             return {place("O2", good.object.block, good.object.offset),
+                     place("O6", good.child(0, 0), 16 + 16 * 6)};
+         }},
+        {"two records of one property",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.object.block, good.record(52)), 51);
+             return {place("O3", good.object.block, good.object.offset)};
+         }},
+        {"a roomy block that is marked full",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 2;
+             set_word(db, good.at(good.empty), kBlockSize | 1);
+             return {place("O4", good.empty, 0)};
+         }},
+        {"an allocated slot that no object was put into",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 1;
+             set_word(db, good.at(good.empty), (kBlockSize - 4) | 1);
+             set_word(db, good.at(good.empty, kBlockSize - 4), 4);
+             return {place("O7", good.empty, kBlockSize - 4)};
+         }},
+        {"a text without an end",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t offset = good.record(51);
+             set_word(db, good.at(good.object.block, offset + 16), 0x78787878);
+             set_word(db, good.at(good.object.block, offset + 20), 0x78787878);
+             return {place("O8", good.object.block, offset)};
+         }},
+        {"a key of another type",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.object.block, good.record(59) + 8), 11);
+             return {place("O2", good.object.block, good.object.offset),
+                     place("O6", good.child(0, 0), 16 + 16 * 6)};
+         }},
+    };
+    run(rows);
+}
+
+TEST(Verify, NamesEachDamageOfLargeObjects) {
+    const std::vector<Row> rows = {
+        {"a length that wants more blocks",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob, 8), 3000);
+             return {place("B1", good.lob + 1, 4)};
+         }},
+        {"a length that wants fewer blocks",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob, 8), 1008);
+             return {place("B1", good.lob, 12), place("B5", good.lob + 1, 0)};
+         }},
+        {"another version",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob, 4), 2);
+             return {place("B1", good.lob, 4)};
+         }},
+        {"a further block without its magic",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob + 1), 0);
+             return {place("B1", good.lob + 1, 0)};
+         }},
+        {"a chain that leads out of the file",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob, 12), 0xFFFFFFFF);
+             return {place("B2", good.lob, 12), place("B5", good.lob + 1, 0)};
+         }},
+        {"a chain into an empty block",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.lob + 1)] = 0;
+             return {place("B2", good.lob, 12)};
+         }},
+        {"a chain that bites its tail",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, good.at(good.lob, 8), 5000);
+             set_word(db, good.at(good.lob + 1, 4), good.lob + 1);
+             return {place("B3", good.lob + 1, 4)};
+         }},
+        {"a block of no chain",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 7;
+             return {place("B5", good.empty, 0)};
+         }},
+        {"a large object that no object names",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty)] = 7;
+             set_word(db, good.at(good.empty), mdb::lob_layout::kFirstMagic);
+             set_word(db, good.at(good.empty, 4), 1);
+             return {place("B6", good.empty, 0)};
+         }},
+        {"an object that names a large object of another",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t offset = good.record(52);
+             set_word(db, good.at(good.object.block, offset), kLobProperty);
+             set_word(db, good.at(good.object.block, offset + 12), good.lob);
+             // Whichever comes second by its place.
+             return {place("B6", good.owner.block, good.owner.offset)};
+         }},
+        {"an object that names no large object",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t offset = good.record(52);
+             set_word(db, good.at(good.object.block, offset), kLobProperty);
+             set_word(db, good.at(good.object.block, offset + 12), good.lob + 1);
+             return {place("B6", good.object.block, good.object.offset)};
+         }},
+    };
+    run(rows);
+}
+
+TEST(Verify, NamesDamageThatKeepsADatabaseShut) {
+    const std::vector<Row> rows = {
+        {"another magic",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             db[2] = '!';
+             return {place("H1", 0, 0)};
+         }},
+        {"another version",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             db[7] = 9;
+             return {place("H1", 0, 4)};
+         }},
+        {"a block size that is none",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             set_word(db, 8, 0);
+             return {place("H1", 0, 8)};
+         }},
+        {"another type of journal",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             set_word(db, 12, 3);
+             return {place("H1", 0, 12)};
+         }},
+        {"a layout area outside the header",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             set_word(db, 16, 1020);
+             return {place("H1", 0, 16)};
+         }},
+        {"a root of which the map knows nothing",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             set_word(db, 512 + 24 + 4 * 5, 0x00100000);
+             return {place("H3", 0, 512 + 24 + 4 * 5), place("M3", good.roots[5], 0)};
+         }},
+        {"a file that ends in its header",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             db.resize(1000);
+             return {place("H1", 0, 1000)};
+         }},
+        {"an empty file",
+         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
+             db.clear();
+             return {place("H1", 0, 0)};
+         }},
+        {"a file that ends in its map",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db.resize(good.at(good.map_start, 100));
+             return {place("O4", good.map_start, 4), place("M1", good.map_start, 100)};
+         }},
+        {"a file that has lost blocks in use",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             const uint32_t last = good.empty - 1;
+             db.resize(good.at(last));
+             return {place("O4", good.map_start, last)};
+         }},
+        {"a mark that is none",
+         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
+             db[good.mark(good.empty + 500)] = 3;
+             return {place("M1", good.map_start, good.empty + 500)};
+         }},
+        {"an empty journal",
+         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
+             journal.clear();
+             return {place("J", 0, 0)};
+         }},
+        {"a journal without its magic",
+         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
+             journal[0] = 0;
+             return {place("J", 0, 0), place("H4", 0, 0)};
+         }},
+        {"a journal of another version",
+         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
+             set_word(journal, 4, 2);
+             return {place("J", 0, 4), place("H4", 0, 0)};
+         }},
+        {"a journal with no index entry",
+         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
+             std::fill_n(journal.begin() + 16, 32, uint8_t{0});
+             return {place("J", 0, 16), place("H4", 0, 0)};
+         }},
+        {"a journal that has lost its end",
+         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
+             journal.resize(4096);
+             return {place("J", 0, 32 + 8), place("H4", 0, 0)};
+         }},
+    };
+    run(rows);
+}
+
+/// The files of a database that was killed with transactions in its journal.
+class KilledDatabase : public testing::Test {
+  protected:
+    KilledDatabase() {
+        good_.restore();
+        mdb::Database& database = good_.file.open();
+        mdb::IndexTable indexes(database);
+        indexes.init_required_indexes();
+        for (uint32_t n = 2; n < mdb::kMaxIndexes; ++n) static_cast<void>(indexes.ensure_index(n));
+        mdb::ObjectStore store(database, indexes);
+        for (uint32_t i = 0; i < kAdded; ++i) good_.create(database, store, 1000 + i);
+        start_ = mdb::journal_layout::half_start(
+            database.journal().journal_length(),
+            database.journal().write_pos() > database.journal().journal_length() / 2 ? 1 : 0);
+        good_.file.close();
+        db_ = good_.file.read("db");
+        journal_ = good_.file.read("journal");
+    }
+
+    void add_objects(mdb::Database& database) const {
+        mdb::IndexTable indexes(database);
+        indexes.init_required_indexes();
+        mdb::ObjectStore store(database, indexes);
+        for (uint32_t i = 0; i < kAdded; ++i) good_.create(database, store, 1000 + i);
+    }
+    mdb::FileVerification verify() const {
+        platform::OverlayFiles files;
+        return mdb::verify_files(files, good_.file.dir.file("db"), good_.file.dir.file("journal"),
+                                 good_.options());
+    }
+    /// Gives the first transaction of the journal another content, with its right CRC.
+    void change_first_transaction(const std::function<void(Bytes&)>& change) {
+        change(journal_);
+        uint32_t end = start_ + 16;
+        while (word(journal_, end) == mdb::journal_layout::kUpdate)
+            end += static_cast<uint32_t>(mdb::journal_layout::update_size(word(journal_, end + 4)));
+        security::Crc32 crc;
+        crc.update(end - start_, reinterpret_cast<const std::byte*>(journal_.data()) + start_);
+        set_word(journal_, end + 4, crc.value());
+        good_.file.write("journal", journal_);
+    }
+
+    static constexpr uint32_t kAdded = 5;
+    GoodDatabase good_;
+    Bytes db_;
+    Bytes journal_;
+    /// First position of the half in use.
+    uint32_t start_ = 0;
+};
+
+TEST_F(KilledDatabase, IsVerifiedAsItsNextStartWouldSeeItAndLeftAsItIs) {
+    struct Status {
+        explicit Status(const std::string& path) { ::stat(path.c_str(), &status); }
+        bool operator==(const Status& other) const {
+            return status.st_mtim.tv_sec == other.status.st_mtim.tv_sec &&
+                   status.st_mtim.tv_nsec == other.status.st_mtim.tv_nsec &&
+                   status.st_size == other.status.st_size;
+        }
+        struct stat status {};
+    };
+    const std::string db = good_.file.dir.file("db");
+    const std::string journal = good_.file.dir.file("journal");
+    const Status db_before(db);
+    const Status journal_before(journal);
+    // Nobody could write to them.
+    ASSERT_EQ(::chmod(db.c_str(), 0400), 0);
+    ASSERT_EQ(::chmod(journal.c_str(), 0400), 0);
+
+    const mdb::FileVerification found = verify();
+    EXPECT_EQ(found.verification.text(), "");
+    EXPECT_TRUE(found.opened);
+    EXPECT_EQ(found.verification.counts.objects, kObjects + kAdded);
+    EXPECT_EQ(found.verification.counts.trees[0].entries, kObjects + kAdded);
+    EXPECT_EQ(found.verification.counts.trees[0].height, 2U);
+    EXPECT_EQ(found.verification.counts.large_objects, 1U);
+    EXPECT_EQ(found.verification.counts.large_object_bytes, 2000U);
+    EXPECT_EQ(found.journal.transactions, kAdded);
+    EXPECT_EQ(found.database_bytes, db_.size());
+    EXPECT_GT(found.journal.update_bytes, 0U);
+    EXPECT_EQ(found.journal.end_reason, "no further entry");
+
+    EXPECT_EQ(good_.file.read("db"), db_);
+    EXPECT_EQ(good_.file.read("journal"), journal_);
+    EXPECT_TRUE(Status(db) == db_before);
+    EXPECT_TRUE(Status(journal) == journal_before);
+}
+
+TEST_F(KilledDatabase, NamesDamageOfTheJournal) {
+    change_first_transaction([&](Bytes& journal) { set_word(journal, start_ + 16 + 16, 5); });
+    EXPECT_THAT(verify().verification.text(),
+                testing::HasSubstr(fmt::format("journal offset {}: J update has 5", start_ + 32)));
+
+    // A later update of the same bytes makes the block whole again, but not the large object safe.
+    change_first_transaction([&](Bytes& journal) {
+        set_word(journal, start_ + 16 + 16, 0);
+        set_word(journal, start_ + 16 + 8, 0);
+        set_word(journal, start_ + 16 + 12,
+                 static_cast<uint32_t>(good_.at(good_.lob, kBlockSize - 100)));
+    });
+    EXPECT_THAT(verify().verification.text(),
+                testing::HasSubstr(fmt::format("block {} offset 0: B4", good_.lob)));
+
+    change_first_transaction([&](Bytes& journal) { set_word(journal, start_ + 16 + 8, 1); });
+    EXPECT_THAT(verify().verification.text(),
+                testing::HasSubstr(fmt::format("journal offset {}: J update of", start_ + 16)));
+}
+
+TEST_F(KilledDatabase, ATornTransactionEndsTheLogAndIsNoFault) {
+    journal_[start_ + 37] ^= 1;
+    good_.file.write("journal", journal_);
+    const mdb::FileVerification found = verify();
+    EXPECT_EQ(found.verification.text(), "");
+    EXPECT_EQ(found.journal.transactions, 0U);
+    EXPECT_EQ(found.journal.end, start_);
+    EXPECT_EQ(found.journal.end_reason, "a transaction with another CRC");
+    EXPECT_EQ(found.verification.counts.objects, kObjects);
+}
+
+TEST_F(KilledDatabase, IsRefusedWhileAServerHasIt) {
+    good_.file.open();
+    try {
+        static_cast<void>(verify());
+        FAIL() << "verified a running database";
+    } catch (const mdb::error_open& refused) {
+        EXPECT_THAT(refused.text(), testing::HasSubstr("is in use by a running server"));
+    }
+    good_.file.close();
+    // And the other way round: no server starts meanwhile.
+    platform::OverlayFiles files;
+    const auto file = files.open(good_.file.dir.file("db"));
+    ASSERT_TRUE(file->try_lock());
+    EXPECT_THROW(good_.file.open(), mdb::error_open);
+    EXPECT_EQ(verify().verification.text(), "") << "readers don't exclude each other";
+}
+
+TEST(Verify, FilesThatCannotBeOpenedAreNamed) {
+    const GoodDatabase good;
+    good.restore();
+    const auto& dir = good.file.dir;
+    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
+    const std::pair<std::string, std::string> rows[] = {
+        {dir.file("none"), "No such file or directory"},
+        {dir.path().string(), "Is a directory"},
+        {dir.file("fifo"), "Invalid argument"},
+        {dir.file("db") + "/x", "Not a directory"},
+    };
+    for (const auto& [path, reason] : rows)
+        for (const bool as_journal : {false, true}) {
+            platform::OverlayFiles files;
+            try {
+                static_cast<void>(mdb::verify_files(files, as_journal ? dir.file("db") : path,
+                                                    as_journal ? path : dir.file("journal"), {}));
+                ADD_FAILURE() << path << " was opened";
+            } catch (const mdb::error_open& failure) {
+                EXPECT_EQ(failure.text(), fmt::format("Cannot open \"{}\": {}", path, reason));
+            }
+        }
+}
+
+TEST(Verify, WhatAProcessHoldsInMemoryIsComparedWithTheFile) {
+    GoodDatabase good;
+    good.restore();
+    mdb::Database& database = good.file.open();
+    const auto text = [&] { return mdb::verify(database).text(); };
+    EXPECT_EQ(text(), "");
+
+    // A byte in free space of a cached block.
+    const uint8_t byte = 'x';
+    const uint64_t free_byte = good.at(good.object.block, 8);
+    ASSERT_TRUE((word(good.db, good.at(good.object.block)) & 1) == 1 &&
+                word(good.db, good.at(good.object.block)) > 12);
+    database.store().byte_write(&byte, free_byte, 1, false);
+    EXPECT_THAT(text(),
+                testing::HasSubstr(fmt::format("block {} offset 8: C1", good.object.block)));
+    database.store().byte_write(&good.db[free_byte], free_byte, 1, false);
+    EXPECT_EQ(text(), "");
+
+    // A mark that changed behind the allocator's back.
+    const auto full =
+        std::find(good.db.begin() + static_cast<std::ptrdiff_t>(good.mark(0)), good.db.end(), 2);
+    const auto full_block =
+        static_cast<uint32_t>(full - good.db.begin()) - static_cast<uint32_t>(good.mark(0));
+    const uint8_t used = 1;
+    {
+        mdb::Transaction transaction(database.journal());
+        database.journal().journal_update(&used, 1, good.mark(full_block));
+        transaction.commit();
+    }
+    EXPECT_EQ(text(), fmt::format("block {} offset {}: M2 block {} has mark 2 in memory but 1 in "
+                                  "the file\n",
+                                  good.map_start, full_block, full_block));
+    {
+        mdb::Transaction transaction(database.journal());
+        database.allocator().set_mark(full_block, mark_t::full);
+        transaction.commit();
+    }
+    EXPECT_EQ(text(), "");
+
+    mdb::Header header = database.header();
+    header.remove_index(5);
+    database.journal().transaction_begin();
+    database.journal_header(header);
+    EXPECT_THROW(static_cast<void>(mdb::verify(database)), mdb::error_internal);
+    database.journal().transaction_abort();
+    EXPECT_THAT(text(), testing::HasSubstr("block 0 offset 535: H2"));
+}
+
+TEST(Verify, ParentsMustExistAndEnd) {
+    const GoodDatabase good;
+    const auto root_only = [](const NodeId& id) { return id == NodeId{0, 99'999}; };
+    const auto faults_with_parent = [&](uint32_t parent) {
+        Bytes db = good.db;
+        set_word(db, good.at(good.object.block, good.record(2) + 16), parent);
+        good.file.write("db", db);
+        good.file.write("journal", good.journal);
+        const auto check = mdb::make_parent_check(root_only);
+        VerifyOptions options = good.options();
+        options.checks = {check.get()};
+        Expected found = good.faults(options);
+        // The index of parents notices too.
+        std::erase_if(found, [](const std::string& fault) { return fault.front() != 'P'; });
+        return found;
+    };
+    EXPECT_EQ(faults_with_parent(1), Expected{});
+    EXPECT_EQ(faults_with_parent(99'999), Expected{});
+    EXPECT_EQ(faults_with_parent(5000),
+              (Expected{place("P1", good.object.block, good.object.offset)}));
+    // 0.13 lies below 0.3, 0.17 below 0.7.
+    EXPECT_EQ(faults_with_parent(7),
+              (Expected{place("P2", good.object.block, good.object.offset)}));
+    EXPECT_EQ(faults_with_parent(17),
+              (Expected{place("P2", good.object.block, good.object.offset)}));
+}
+
+TEST(Verify, ManyFaultsAreBoundedAndCounted) {
+    const GoodDatabase good;
+    Bytes db = good.db;
+    set_word(db, good.at(good.roots[0], 4), 0);
+    set_word(db, good.at(good.roots[0], 8), 0);
+    good.file.write("db", db);
+    good.file.write("journal", good.journal);
+    platform::OverlayFiles files;
+    VerifyOptions options;
+    options.most_faults = 10;
+    std::vector<std::string> steps;
+    options.progress = [&](const mdb::VerifyProgress& progress) {
+        steps.emplace_back(progress.step);
+        EXPECT_LE(progress.done, progress.total);
+    };
+    const auto found =
+        mdb::verify_files(files, good.file.dir.file("db"), good.file.dir.file("journal"), options);
+    EXPECT_EQ(found.verification.faults.size(), 10U);
+    EXPECT_GE(found.verification.fault_count, 10U);
+    EXPECT_FALSE(found.verification.whole());
+    EXPECT_THAT(steps, testing::Contains("map"));
+}
+
+}  // namespace
