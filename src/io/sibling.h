@@ -101,6 +101,8 @@ class SiblingImplementation {
 
     [[nodiscard]] bool fifoOpen() const { return writer_.isOpen(); }
     [[nodiscard]] bool processFailed() const { return failed_; }
+    /// True from the moment at which the end of its stream was read until it comes back.
+    [[nodiscard]] bool endWasRead() const { return stream_ended_; }
 
   private:
     friend class SiblingMessenger;

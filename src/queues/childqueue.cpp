@@ -63,8 +63,8 @@ childqueue::~childqueue() {
 std::uint32_t childqueue::new_uid() {
     // Nobody answers the ids that mean "no reply", so the numbers go round without them.
     do ++last_uid_;
-    while (!wants_reply(last_uid_));
-    return last_uid_;
+    while (!wants_reply(static_cast<std::uint32_t>(last_uid_)));
+    return static_cast<std::uint32_t>(last_uid_);
 }
 
 childqueue::Peer& childqueue::peer_streams(queue_t peer) {
@@ -101,6 +101,7 @@ std::unique_ptr<event> childqueue::read_messenger() {
         received = streams.stream.read();
     } catch (const io::EEndOfStream&) {
         lost_peers_.set(sender, true);
+        last_uid_at_end_[sender] = last_uid_;
         // A peer that comes back starts anew: what was read of a broken event goes with its
         // streams' state.
         streams.handle->endSeen();
@@ -137,9 +138,26 @@ std::unique_ptr<event> childqueue::await(std::uint32_t uid, queue_t peer) {
         noblockings.increment();
         return take(found);
     }
-    if (lost_peers_.test(peer)) return nullptr;
+    if (asked_a_former_life(uid, peer)) return nullptr;
+    if (lost_peers_.test(peer)) {
+        if (!came_back(peer)) return nullptr;
+        lost_peers_.set(peer, false);
+    }
     const Operation operation(*this);
     return await_messenger(uid, peer);
+}
+
+// Everything asked before its end was read went to the life that ended: after that a send either
+// throws or goes to the next life.
+bool childqueue::asked_a_former_life(std::uint32_t uid, queue_t peer) const {
+    const auto ended = last_uid_at_end_.find(peer);
+    if (ended == last_uid_at_end_.end()) return false;
+    const std::uint32_t given_since = static_cast<std::uint32_t>(last_uid_) - uid;
+    return last_uid_ - given_since <= ended->second;
+}
+
+bool childqueue::came_back(queue_t peer) const {
+    return !messenger_.sibling(static_cast<std::uint32_t>(peer))->endWasRead();
 }
 
 std::unique_ptr<event> childqueue::await_messenger(std::uint32_t uid, queue_t peer) {

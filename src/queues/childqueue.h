@@ -87,8 +87,10 @@ class childqueue : public io::StackedSelectableBack {
     /// the sender.
     [[nodiscard]] std::unique_ptr<event> read();
 
-    /// The event with this uid from this peer, which may have arrived already. Waits without limit
-    /// and keeps what else arrives. None if the peer ended, or the parent, who would tell of that.
+    /// The event with this uid, the result of new_uid(), from this peer, which may have arrived
+    /// already. Waits without limit and keeps what else arrives. None if the peer ended, or the
+    /// parent, who would tell of that. A peer that came back answers what it is asked from then on;
+    /// what its former life was asked stays without answer.
     [[nodiscard]] std::unique_ptr<event> await(std::uint32_t uid, queue_t peer);
 
     [[nodiscard]] const lost_peers_t& lost_peers() const { return lost_peers_; }
@@ -124,6 +126,8 @@ class childqueue : public io::StackedSelectableBack {
     Peer& peer_streams(queue_t peer);
     std::unique_ptr<event> read_messenger();
     std::unique_ptr<event> await_messenger(std::uint32_t uid, queue_t peer);
+    [[nodiscard]] bool asked_a_former_life(std::uint32_t uid, queue_t peer) const;
+    [[nodiscard]] bool came_back(queue_t peer) const;
     std::unique_ptr<event> take(std::list<std::unique_ptr<event>>::iterator position);
     void keep(std::unique_ptr<event> received);
     void watch_messenger(bool on);
@@ -134,9 +138,10 @@ class childqueue : public io::StackedSelectableBack {
     InFront front_;
     std::map<queue_t, std::unique_ptr<Peer>> streams_;
     std::list<std::unique_ptr<event>> waiting_;
-    index_t index_;  ///< (uid, peer) of each event on the waiting list
-    std::uint32_t last_uid_ = 1;
+    index_t index_;               ///< (uid, peer) of each event on the waiting list
+    std::uint64_t last_uid_ = 1;  ///< its lower half is the uid
     lost_peers_t lost_peers_;
+    std::map<queue_t, std::uint64_t> last_uid_at_end_;  ///< of peers that ended at some time
     unsigned depth_ = 0;
     std::function<void()> on_free_;
     std::uint32_t await_limit_s_ = 0;

@@ -194,6 +194,36 @@ TEST_F(Queues, APeerThatCameBackIsNotLost) {
     EXPECT_EQ(next(tsdb->queue), DELETE_TIMESERIES);
 }
 
+// What was asked before the end gets no answer any more, and what is asked afterwards does, though
+// the peer has said nothing of its own accord.
+TEST_F(Queues, APeerThatCameBackAnswersWhatItIsAskedThen) {
+    const std::uint32_t before = dbms.queue.new_uid();
+    dbms.queue.send(devent<CREATE_TIMESERIES>(queue_t::tsdb, before));
+    parent.siblingGone(static_cast<std::uint32_t>(queue_t::tsdb));
+    EXPECT_EQ(next(dbms.queue), -1);
+    const std::uint32_t between = dbms.queue.new_uid();
+    EXPECT_EQ(dbms.queue.await(between, queue_t::tsdb), nullptr);
+    tsdb.reset();
+    settle();
+    while (main.front().isReady()) EXPECT_EQ(next(main), -1);
+    while (alrm->queue.front().isReady()) EXPECT_EQ(next(alrm->queue), -1);
+    settle();
+    tsdb = std::make_unique<Child>(queue_t::tsdb, parent.access(), clock);
+    settle();
+
+    const std::uint32_t after = dbms.queue.new_uid();
+    dbms.queue.send(devent<CREATE_TIMESERIES>(queue_t::tsdb, after));
+    alrm->queue.send(devent<SET_STATUS>(queue_t::dbms));
+    answer(*tsdb, after, 8);
+    EXPECT_EQ(dbms.queue.await(before, queue_t::tsdb), nullptr);
+    const auto reply = dbms.queue.await(after, queue_t::tsdb);
+    ASSERT_TRUE(reply);
+    EXPECT_EQ(data<RETURN_CREATE_TIMESERIES>(*reply), 8U);
+    EXPECT_FALSE(dbms.queue.lost_peers().test(queue_t::tsdb));
+    EXPECT_EQ(dbms.queue.await(before, queue_t::tsdb), nullptr);
+    EXPECT_EQ(next(dbms.queue), SET_STATUS);
+}
+
 TEST_F(Queues, WaitsCanBeLimited) {
     dbms.queue.limit_await(childqueue::kUsualAwaitLimit_s);
     struct Late final : platform::Clock {
