@@ -53,9 +53,11 @@ void Dispatcher::run_handler(EventContext& context, const EventRow& row, queues:
         timed_handler(context, row, received);
     } catch (const errors::stdanomaly& failure) {
         logger.warning("Database anomaly: {}", failure.text());
-        answer_anomaly(row, received, failure.text());
+        answer_failure(row, received, failure.text());
     } catch (const io::EEndOfStream& gone) {
         logger.info("Lost peer: {}", gone.text());
+        if (gone.peer_id() != static_cast<uint32_t>(received.peer))
+            answer_failure(row, received, gone.text());
     } catch (const error::Exception& failure) {
         logger.error("Exception during {} : {}", queues::event_name(&received), failure.text());
         throw;
@@ -84,7 +86,7 @@ void Dispatcher::timed_handler(EventContext& context, const EventRow& row,
     meters_.add(received.peer, received.number(), elapsed_us);
 }
 
-void Dispatcher::answer_anomaly(const EventRow& row, const queues::event& received,
+void Dispatcher::answer_failure(const EventRow& row, const queues::event& received,
                                 const std::string& text) {
     if ((row.reply_flags & kAnswered) == 0 || !queues::wants_reply(received.uid)) return;
     try {

@@ -2,10 +2,10 @@
 // throws into its consequence, and verifies after every event what must hold between two of them.
 //
 // What an exception out of a handler means:
-//   errors::stdanomaly   the request failed: logged, and answered with an exception event when the
-//   sender
-//                        waits; the process goes on
-//   io::EEndOfStream     the asker is gone: logged; the process goes on
+//   errors::stdanomaly   the request failed: logged, and answered by an exception event if the
+//                        sender waits; the process goes on
+//   io::EEndOfStream     a peer is gone: logged, and answered likewise unless it is the sender
+//                        itself that is gone; the process goes on
 //   error::Exception     anything else ends the process: logged and thrown on
 //   std::bad_alloc       likewise
 #pragma once
@@ -42,7 +42,7 @@ class Dispatcher {
   private:
     void run_handler(EventContext& context, const EventRow& row, queues::event& received);
     void timed_handler(EventContext& context, const EventRow& row, queues::event& received);
-    void answer_anomaly(const EventRow& row, const queues::event& received,
+    void answer_failure(const EventRow& row, const queues::event& received,
                         const std::string& text);
     void verify_nothing_left(const queues::event& handled) const;
 

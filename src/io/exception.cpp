@@ -16,8 +16,9 @@ std::string eos_text(std::string_view stream_name, std::string_view reason) {
 
 }  // namespace
 
-EEndOfStream::EEndOfStream(std::string_view stream_name, std::string_view reason)
-    : Exception(eos_text(stream_name, reason)), reason_(reason) {}
+EEndOfStream::EEndOfStream(std::string_view stream_name, std::string_view reason,
+                           std::optional<uint32_t> peer_id)
+    : Exception(eos_text(stream_name, reason)), reason_(reason), peer_id_(peer_id) {}
 
 ENotReady::ENotReady(std::string_view name)
     : Exception("Selectable " + std::string(name) + " not ready") {}

@@ -98,9 +98,11 @@ bool SiblingMessenger::writerReady(const SiblingOStream& stream) const {
 }
 
 size_t SiblingMessenger::writeBegin(SiblingOStream& stream, uint8_t*& out) {
-    if (stream.sibling_.failed_) throw EEndOfStream(stream.nameText(), "Write to failed process");
-    if (const char* reason = writeForbidden(stream.sibling_.id_))
-        throw EEndOfStream(stream.nameText(), reason);
+    const SiblingImplementation& receiver = stream.sibling_;
+    if (receiver.failed_)
+        throw EEndOfStream(stream.nameText(), "Write to failed process", receiver.id_);
+    if (const char* reason = writeForbidden(receiver.id_))
+        throw EEndOfStream(stream.nameText(), reason, receiver.id_);
     if (!area_.hasFreeBlock()) throw ENotReady(stream.nameText());
     // The same stream may begin again: what it did not commit is dropped.
     error::check(writing_ == nullptr || writing_ == &stream, "Multiple OStreams writing");
@@ -163,10 +165,11 @@ size_t SiblingMessenger::readBegin(SiblingIStream& stream, const uint8_t*& out) 
     const SiblingImplementation& sender = stream.sibling_;
     const detail::ReceivedMessage* message = sender.received_.first;
     if (message == nullptr && sender.failed_)
-        throw EEndOfStream(stream.nameText(), "readBegin had empty queue and process error");
+        throw EEndOfStream(stream.nameText(), "readBegin had empty queue and process error",
+                           sender.id_);
     if (message == nullptr && !sender.stream_ended_) throw ENotReady(stream.nameText());
     if (message == nullptr || message->isNull())
-        throw EEndOfStream(stream.nameText(), "readBegin encountered the null message");
+        throw EEndOfStream(stream.nameText(), "readBegin encountered the null message", sender.id_);
     error::check(message->sender == sender.id_, "curr_msg does not hold a message for us");
     error::check(message->length > stream.bytes_read_,
                  "Message not larger than number of bytes read {}", stream.bytes_read_);

@@ -26,7 +26,8 @@ struct Policy final : io::ParentPolicy {
 /// under.
 constexpr auto kAnomaly = queues::GET_TQL_CLASS_NAMES;
 constexpr auto kQuietAnomaly = queues::GET_TQL_PROPERTY_NAMES;
-constexpr auto kLostPeer = queues::GET_TQL_REPARENTABLE_CLASSES;
+constexpr auto kLostAsker = queues::GET_TQL_REPARENTABLE_CLASSES;
+constexpr auto kLostThird = queues::LIST_METRICS;
 constexpr auto kFatal = queues::FIND_OLDEST_RECORD;
 constexpr auto kSlow = queues::SOCKETIO_TIDY_CACHES;
 constexpr auto kRefused = queues::REQUEST_RESULT;
@@ -48,8 +49,14 @@ class DispatcherTest : public testing::Test {
                           nullptr, kAnswered};
         rows[kQuietAnomaly] = {
             [](EventContext&, queues::event&) { throw errors::db_anomaly("torn"); }, nullptr, 0};
-        rows[kLostPeer] = {[](EventContext&, queues::event&) { throw io::EEndOfStream("asker"); },
-                           nullptr, kAnswered};
+        rows[kLostAsker] = {
+            [](EventContext&, queues::event&) { throw io::EEndOfStream("asker", "", 0); }, nullptr,
+            kAnswered};
+        rows[kLostThird] = {[](EventContext& context, queues::event&) {
+                                context.services.queue.send(
+                                    queues::devent<queues::SUPPORTS_METRICS>(queue_t::alrm));
+                            },
+                            nullptr, kAnswered};
         rows[kFatal] = {[](EventContext&, queues::event&) { throw error::EFatal("disk on fire"); },
                         nullptr, kAnswered};
         rows[kSlow] = {[](EventContext& context, queues::event&) {
@@ -125,14 +132,26 @@ TEST_F(DispatcherTest, AnomalyIsAnsweredOnlyToOneWhoWaits) {
 }
 
 TEST_F(DispatcherTest, OnlyWhatIsNobodysFaultGoesOn) {
-    dispatch<kLostPeer>();
+    dispatch<kLostAsker>();
     EXPECT_NE(log.find("[info] Lost peer: EOS from asker"), std::string::npos) << log;
+    EXPECT_EQ(answer(), "");
     EXPECT_THROW(dispatch<kFatal>(), error::EFatal);
     EXPECT_NE(log.find("[error] Exception during FIND_OLDEST_RECORD : disk on fire"),
               std::string::npos)
         << log;
     EXPECT_EQ(answer(), "");
     EXPECT_EQ(dispatcher.last_event_sender(), queue_t::none);
+}
+
+// The asker lives and waits, whoever else has died.
+TEST_F(DispatcherTest, ALostThirdPeerIsToldToTheAsker) {
+    queue.send(queues::devent<queues::SUPPORTS_METRICS>(queue_t::alrm));
+    settle();  // the parent runs no such sibling
+    dispatch<kLostThird>();
+    EXPECT_EQ(answer(), "7 EOS from SiblingOStream[5]: Write to failed process");
+    EXPECT_NE(log.find("[info] Lost peer: EOS from SiblingOStream[5]"), std::string::npos) << log;
+    dispatch<kLostThird>(queues::kNoReply);
+    EXPECT_EQ(answer(), "");
 }
 
 TEST_F(DispatcherTest, UnhandledRefusedAndSlowEventsAreToldOf) {
