@@ -131,7 +131,8 @@ void Family::start(SupervisedSibling& sibling) {
                        .arguments = {},
                        .environment = access.toEnvironment(kMessengerName),
                        .inherited_fds = {access.map_fd},
-                       .own_process_group = true},
+                       .own_process_group = true,
+                       .ends_with_parent = true},
                       now_ms());
         selector_.add(sibling.end(), 0);
         messenger_.watchEnd(sibling_id(sibling.config().queue), sibling.pid());

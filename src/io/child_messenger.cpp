@@ -20,6 +20,9 @@ ChildMessenger::ChildMessenger(uint32_t own_id, const PoolAccess& access)
     SiblingImplementation& parent = peer(kParentId);
     openFifo(parent);
     send(parent, signal_t::IAmUp, id());
+    // Not before: with its parent gone, the FIFO at the parent's path may be that of the next
+    // family.
+    platform::outlive_parent();
 }
 
 void ChildMessenger::underlyingIsReady(Selectable& underlying) {

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -38,8 +39,12 @@ std::vector<std::string> merged_environment(const SpawnRequest& request) {
 
 // Runs in the new process: only calls that are safe between fork and exec.
 [[noreturn]] void run_child(const SpawnRequest& request, char* const* arguments,
-                            char* const* environment, int report_fd) {
+                            char* const* environment, int report_fd, pid_t parent) {
     if (request.own_process_group) ::setpgid(0, 0);
+    if (request.ends_with_parent) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(127);  // it ended before it could be tied to us
+    }
     for (int fd : request.inherited_fds) {
         const int flags = ::fcntl(fd, F_GETFD);
         if (flags >= 0) ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);
@@ -70,10 +75,12 @@ ChildProcess spawn(const SpawnRequest& request) {
     Fd report_write(report[1]);
 
     ChildProcess child;
+    const pid_t parent = ::getpid();
     child.pid = ::fork();
     if (child.pid < 0) throw error::ESystemError(failure_text, errno);
     if (child.pid == 0)
-        run_child(request, argument_pointers.data(), environment_pointers.data(), report[1]);
+        run_child(request, argument_pointers.data(), environment_pointers.data(), report[1],
+                  parent);
     report_write.reset();
     child.pidfd = open_pidfd(child.pid);
 
@@ -96,6 +103,10 @@ ExitStatus wait_for_end(const ChildProcess& child) {
         if (errno != EINTR) throw error::ESystemError("Cannot wait for process", errno);
     if (WIFSIGNALED(status)) return {true, WTERMSIG(status)};
     return {false, WEXITSTATUS(status)};
+}
+
+void outlive_parent() {
+    ::prctl(PR_SET_PDEATHSIG, 0);
 }
 
 Fd open_pidfd(pid_t pid) {

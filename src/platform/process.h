@@ -20,6 +20,9 @@ struct SpawnRequest {
     /// Put the child into a process group of its own, so that a Ctrl-C at the terminal doesn't
     /// reach it.
     bool own_process_group = false;
+    /// The child is ended by SIGKILL when the thread that started it ends, until it says that it
+    /// looks after that itself (outlive_parent()).
+    bool ends_with_parent = false;
 };
 
 /// How a process ended.
@@ -42,6 +45,10 @@ struct ChildProcess {
 /// Reaps an ended child; waits for it if it still runs. error::ESystemError if it is no child of
 /// ours.
 ExitStatus wait_for_end(const ChildProcess& child);
+
+/// In a child that was started with ends_with_parent: from now on it notices the end of its parent
+/// by itself. Does nothing in other processes.
+void outlive_parent();
 
 /// A descriptor that is readable once process `pid` has ended; error::ESystemError if there is
 /// none.

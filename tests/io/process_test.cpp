@@ -2,8 +2,10 @@
 #include "platform/process.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -228,6 +230,29 @@ TEST(Processes, AKilledSiblingReturnsWhatWasLentAndComesBack) {
     }
 }
 
+// It must not live to meet the next family of its parent's name.
+TEST(Processes, AChildThatIsNotUpEndsWithItsParent) {
+    int report[2];
+    ASSERT_EQ(::pipe(report), 0);
+    const Forked parent_process([&] {
+        const platform::ChildProcess child = platform::spawn(
+            {.program = "/bin/sleep", .arguments = {"600"}, .ends_with_parent = true});
+        EXPECT_EQ(::write(report[1], &child.pid, sizeof child.pid),
+                  static_cast<ssize_t>(sizeof child.pid));
+        ::pause();
+        return 0;
+    });
+    pid_t pid = -1;
+    ASSERT_EQ(::read(report[0], &pid, sizeof pid), static_cast<ssize_t>(sizeof pid));
+    const platform::Fd child_end = platform::open_pidfd(pid);
+    parent_process.kill();
+    pollfd end{.fd = child_end.get(), .events = POLLIN, .revents = 0};
+    EXPECT_EQ(::poll(&end, 1, 10'000), 1);
+    ::kill(pid, SIGKILL);
+    ::close(report[0]);
+    ::close(report[1]);
+}
+
 TEST(Processes, AChildLearnsOfItsParentsEnd) {
     int report[2];
     ASSERT_EQ(::pipe(report), 0);
@@ -235,6 +260,7 @@ TEST(Processes, AChildLearnsOfItsParentsEnd) {
         Scene scene(4096);
         const pid_t child = ::fork();
         if (child == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // as one that was started with ends_with_parent
             std::string result;
             io::ChildMessenger me(2, scene.parent.access());
             io::BareSelector selector;
