@@ -80,6 +80,12 @@ int Family::run() {
 
 // ---- supervision --------------------------------------------------------------------------------
 
+// Each process that was started here comes up once.
+bool Family::admits(uint32_t id) {
+    const SupervisedSibling* sibling = find(static_cast<queues::queue_t>(id));
+    return sibling != nullptr && sibling->has_process() && messenger_.isGone(id);
+}
+
 uint32_t Family::sliceSize(uint32_t id) {
     const SupervisedSibling* sibling = find(static_cast<queues::queue_t>(id));
     return sibling == nullptr ? kOwnSliceBytes : sibling->config().slice_size_bytes;

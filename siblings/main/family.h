@@ -41,6 +41,7 @@ class Family final : private io::ParentPolicy {
 
   private:
     // io::ParentPolicy
+    bool admits(uint32_t sibling_id) override;
     uint32_t sliceSize(uint32_t sibling_id) override;
     bool requestPeer(uint32_t asker, uint32_t wanted) override;
 

@@ -95,6 +95,10 @@ void ParentMessenger::handleControl(const SignalMessage& message) {
 // Coming up
 
 void ParentMessenger::onIAmUp(uint32_t sibling_id) {
+    if (sibling_id == kParentId || !policy_.admits(sibling_id)) {
+        logger.warning("A process that is none of ours says that it is sibling {}", sibling_id);
+        return;
+    }
     // A second process under a living id: the first one is as good as gone.
     if (liveLife(sibling_id) != nullptr) endLife(sibling_id);
     if (std::find(waiting_.begin(), waiting_.end(), sibling_id) == waiting_.end())

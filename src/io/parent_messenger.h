@@ -31,6 +31,9 @@ namespace io {
 class ParentPolicy {
   public:
     virtual ~ParentPolicy() = default;
+    /// A process says that it is sibling `sibling_id`, and is up. False: it is none of ours, and
+    /// gets neither an area nor an introduction.
+    [[nodiscard]] virtual bool admits(uint32_t) { return true; }
     /// Size of the area of a sibling (0: the parent's own) in bytes, a multiple of 8 and at
     /// least 64.
     [[nodiscard]] virtual uint32_t sliceSize(uint32_t sibling_id) = 0;

@@ -96,6 +96,8 @@ void SiblingMessenger::onMessageAt(SiblingImplementation& sender, uint32_t offse
     const uint64_t length = pool_layout::load_length(memory_.data(), offset);
     error::check(length <= pool_size - offset - pool_layout::kHeaderBytes,
                  "Offset out of range: {} !< {}", offset + length, pool_size);
+    // Whoever has an area was introduced here before its first message.
+    if (sender.newest_life_ == 0 && sender.id_ != kParentId) return;
     const bool newest_died =
         sender.next_lives_.empty() ? sender.failed_ : sender.next_lives_.back().died;
     if (newest_died) return;  // said before it died, and nobody promised to keep it

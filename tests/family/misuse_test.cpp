@@ -139,26 +139,11 @@ TEST(Misuse, ClientsThatSendNonsenseGetAnErrorAndHarmNobody) {
     EXPECT_EQ(family.stop().code, 0);
 }
 
-/// Joins a running family as a sibling that it doesn't know: the pool and the FIFOs are there for
-/// every process of the same user.
-io::PoolAccess access_of(const RunningFamily& family, platform::Fd& pool) {
-    const std::string fds = fmt::format("/proc/{}/fd", family.main_pid());
-    for (const auto& entry : std::filesystem::directory_iterator(fds)) {
-        if (std::filesystem::read_symlink(entry).string().find("memfd:") == std::string::npos)
-            continue;
-        pool = platform::Fd(::open(entry.path().c_str(), O_RDWR | O_CLOEXEC));
-        struct stat status {};
-        ::fstat(pool.get(), &status);
-        return {pool.get(), family.dir().file("run/fifo"), static_cast<uint64_t>(status.st_size)};
-    }
-    return {};
-}
-
 // The server ends, as it must when it cannot trust its peers any more, and comes back with
 // everything it had acknowledged.
 TEST(Misuse, ASiblingThatSendsNonsenseCostsNoData) {
     constexpr uint32_t kServer = 2, kSelect = queues::TQL_SELECT;
-    constexpr queues::queue_t kRogue = queues::queue_t::esxi;
+    constexpr queues::queue_t kRogue = queues::queue_t::extra;
     const auto send_words = [](const io::PoolAccess& access, const std::vector<uint32_t>& words) {
         Actor rogue(kRogue, access, -1, -1);
         auto server = rogue.messenger.sibling(kServer);
@@ -191,9 +176,12 @@ TEST(Misuse, ASiblingThatSendsNonsenseCostsNoData) {
          },
          "Caught: Malformed record in TQL_SELECT"},
     };
-    RunningFamily family;
+    // The rogue takes the place of a sibling that is started and never comes up.
+    const support::TempDir programs;
+    RunningFamily family(4U << 20, sleeping_sibling(programs, "extra"));
+    ASSERT_TRUE(family.logs("Started extra"));
     platform::Fd pool;
-    const io::PoolAccess access = access_of(family, pool);
+    const io::PoolAccess access = family.pool_access(pool);
     const pid_t gateway = family.child_pid("wapi");
     std::vector<std::string> domains;
     for (const Case& c : cases) {
@@ -212,6 +200,17 @@ TEST(Misuse, ASiblingThatSendsNonsenseCostsNoData) {
     for (const std::string& domain : domains) EXPECT_TRUE(has_domain(family, domain));
     EXPECT_EQ(family.child_pid("dbms"), server);
     EXPECT_EQ(family.child_pid("wapi"), gateway);
+    // One that nobody started is not let in, neither under an id of its own nor under the server's.
+    for (const auto id : {queues::queue_t::esxi, queues::queue_t::dbms}) {
+        const platform::Fd fifo = platform::open_fifo_for_writing(access.fifo_prefix + ".0", "");
+        const uint32_t i_am_up[] = {(static_cast<uint32_t>(id) << 8) | 16,
+                                    static_cast<uint32_t>(id)};
+        EXPECT_EQ(::write(fifo.get(), i_am_up, sizeof i_am_up), 8);
+        EXPECT_TRUE(family.logs(
+            fmt::format("none of ours says that it is sibling {}", static_cast<uint32_t>(id))));
+    }
+    for (const std::string& domain : domains) EXPECT_TRUE(has_domain(family, domain));
+    EXPECT_EQ(family.child_pid("dbms"), server);
     EXPECT_EQ(family.stop().code, 0);
 }
 

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <fcntl.h>
+#include <filesystem>
+#include <fmt/format.h>
 #include <fstream>
 #include <poll.h>
 #include <sstream>
@@ -53,6 +55,13 @@ std::string read_file(const std::string& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+std::string sleeping_sibling(const support::TempDir& programs, const std::string& name) {
+    const std::string program = programs.file(name);
+    std::ofstream(program) << "#!/bin/sh\nexec sleep 600\n";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    return fmt::format("[siblings.{}]\nprogram = \"{}\"\n", name, program);
 }
 
 platform::ChildProcess spawn_into_files(const platform::SpawnRequest& request,

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include "platform/process.h"
+#include "support/temp_dir.h"
 
 namespace family {
 
@@ -17,6 +18,11 @@ namespace family {
 [[nodiscard]] bool ends_within(int pidfd, int limit_s);
 
 [[nodiscard]] std::string read_file(const std::string& path);
+
+/// The lines of a configuration for sibling `name`, whose program, made in `programs`, never comes
+/// up.
+[[nodiscard]] std::string sleeping_sibling(const support::TempDir& programs,
+                                           const std::string& name);
 
 /// As platform::spawn, with standard output and error appended to the files given; an empty path
 /// leaves the stream as it is.

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
@@ -12,6 +13,7 @@
 #include <signal.h>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "processes.h"
@@ -62,11 +64,7 @@ RunningFamily::RunningFamily(uint64_t journal_bytes, const std::string& more_con
     const uint16_t port = free_port();
     url_ = fmt::format("http://127.0.0.1:{}", port);
     std::ofstream(dir_.file("tarmik.toml")) << fmt::format(
-        R"([family]
-log_dir = "{0}/log"
-restart_first_delay_ms = 10
-restart_longest_delay_ms = 50
-[server]
+        R"([server]
 dbms_odb_file_path = "{0}/world.odb"
 dbms_odbj_file_path = "{0}/world.odbj"
 dbms_buffer_blocks = 500
@@ -76,6 +74,10 @@ dbms_cache_kout = 100
 variable_file = "{0}/variables.json"
 smem_prefix = "{0}/run/fifo"
 wapi_port = {1}
+[family]
+log_dir = "{0}/log"
+restart_first_delay_ms = 10
+restart_longest_delay_ms = 50
 {2}
 )",
         dir_.path().string(), port, more_config);
@@ -110,6 +112,19 @@ pid_t RunningFamily::child_pid(const std::string& name) const {
     while (children >> pid)
         if (read_file(fmt::format("/proc/{}/comm", pid)) == name + "\n") return pid;
     return -1;
+}
+
+io::PoolAccess RunningFamily::pool_access(platform::Fd& pool) const {
+    const std::string fds = fmt::format("/proc/{}/fd", main_.pid);
+    for (const auto& entry : std::filesystem::directory_iterator(fds)) {
+        if (std::filesystem::read_symlink(entry).string().find("memfd:") == std::string::npos)
+            continue;
+        pool = platform::Fd(::open(entry.path().c_str(), O_RDWR | O_CLOEXEC));
+        struct stat status {};
+        ::fstat(pool.get(), &status);
+        return {pool.get(), dir_.file("run/fifo"), static_cast<uint64_t>(status.st_size)};
+    }
+    return {};
 }
 
 bool RunningFamily::wait_healthy(int limit_s) const {

@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/types.h>
 
+#include "io/shared_memory.h"
 #include "platform/process.h"
 #include "support/temp_dir.h"
 #include "tarmik/api_client.h"
@@ -31,7 +32,8 @@ struct Outcome {
 class RunningFamily {
   public:
     /// Formats a database (blocks of 1024 bytes, a journal of `journal_bytes`) and starts the
-    /// family, with `more_config` behind its configuration. Fails the test when it isn't up within
+    /// family, with `more_config` behind its configuration, which ends with the table [family].
+    /// Fails the test when it isn't up within
     /// a minute.
     explicit RunningFamily(uint64_t journal_bytes = 4U << 20, const std::string& more_config = {});
     /// Ends it by force if stop() was not called.
@@ -48,6 +50,10 @@ class RunningFamily {
     /// none.
     [[nodiscard]] pid_t main_pid() const { return main_.pid; }
     [[nodiscard]] pid_t child_pid(const std::string& program) const;
+
+    /// The way into its pool for one that nobody started: pool and FIFOs are there for every
+    /// process of the same user. `pool` keeps the descriptor.
+    [[nodiscard]] io::PoolAccess pool_access(platform::Fd& pool) const;
 
     /// True once GET /healthz gave 200, false after `limit_s` seconds.
     [[nodiscard]] bool wait_healthy(int limit_s = 60) const;

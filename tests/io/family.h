@@ -21,13 +21,14 @@ namespace io_test {
 class Policy final : public io::ParentPolicy {
   public:
     uint32_t sliceSize(uint32_t) override { return slice_bytes; }
+    bool admits(uint32_t id) override { return strangers.count(id) == 0; }
     bool requestPeer(uint32_t asker, uint32_t wanted) override {
         requests.emplace_back(asker, wanted);
         return granted.count(wanted) != 0;
     }
 
     uint32_t slice_bytes = 4096;
-    std::set<uint32_t> granted;
+    std::set<uint32_t> granted, strangers;
     std::vector<std::pair<uint32_t, uint32_t>> requests;
 };
 

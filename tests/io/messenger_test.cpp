@@ -335,6 +335,21 @@ TEST(Messenger, NonsenseSignalsEndTheProcessWithTheirText) {
         "Assertion failed: Read 3 bytes on input FIFO");
 }
 
+TEST(Messenger, AStrangerGetsNoAreaAndIsNotHeard) {
+    Family family;
+    family.start(2);
+    family.policy.strangers = {7};
+    family.start(7);
+    EXPECT_TRUE(family.parent().isGone(7));
+    EXPECT_EQ(family.parent().bytesInAreas(), 2 * 4096u);
+    EXPECT_FALSE(family.at(7).sibling(2)->out().isReady());
+    ASSERT_TRUE(say(family.at(2), 0, "not the stranger's"));
+    inject(family, 2, {8192 | 1}, 7);
+    inject(family, 0, {8192 | 1}, 7);
+    EXPECT_EQ(family.heard(2), "");
+    EXPECT_EQ(family.heard(0), "2:not the stranger's");
+}
+
 TEST(Messenger, MisuseOfTheShutdownIsFatal) {
     Family family;
     family.start(2);
