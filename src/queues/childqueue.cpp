@@ -6,6 +6,7 @@
 #include "io/sibling_messenger.h"
 #include "meter/meter.h"
 #include "platform/clock.h"
+#include "queues/wire_error.h"
 
 namespace queues {
 
@@ -17,6 +18,20 @@ meter::MicroSecondTiming blockings{&queues_group, "blockings",
 meter::IntegerCounter noblockings{
     &queues_group, "noblockings", "",
     "The number of times a reply from another process was immediately available"};
+
+/// What a reader of events takes for a fault of its own process, before it does.
+void check_header(const detail::RecordBuffer& record) {
+    if (!record.is_bounded())
+        throw EMalformedRecord(
+            fmt::format("Malformed record: more than {} bytes", detail::RecordBuffer::kMost_bytes));
+    const auto number = static_cast<event_t>(record.word(0).value_or(MESSAGE_EXCEPTION));
+    if (number <= INVALID_HEAD || number >= INVALID_TAIL)
+        throw EMalformedRecord(
+            fmt::format("Malformed record: event number {}", static_cast<std::int32_t>(number)));
+    constexpr std::size_t kExceptionWord = 3;
+    if (number == MESSAGE_EXCEPTION && record.word(kExceptionWord) == 0U)
+        throw EMalformedRecord("Malformed record: exception event without exception");
+}
 
 }  // namespace
 
@@ -98,7 +113,7 @@ std::unique_ptr<event> childqueue::read_messenger() {
     Peer& streams = peer_streams(sender);
     std::unique_ptr<event> received;
     try {
-        received = streams.stream.read();
+        received = collects_ ? read_whole(streams) : streams.stream.read();
     } catch (const io::EEndOfStream&) {
         lost_peers_.set(sender, true);
         last_uid_at_end_[sender] = last_uid_;
@@ -108,9 +123,42 @@ std::unique_ptr<event> childqueue::read_messenger() {
         streams_.erase(sender);
         return nullptr;
     }
+    if (!received) return nullptr;
     lost_peers_.set(sender, false);
     received->peer = sender;
     return received;
+}
+
+// One message at a time, so that the order over all peers stays.
+std::unique_ptr<event> childqueue::read_whole(Peer& peer) {
+    peer.begun.take_message(peer.handle->in());
+    peer.last_piece_us = clock_.monotonic_us();
+    if (peer.passed_over) {
+        peer.begun.clear();
+        return nullptr;
+    }
+    try {
+        check_header(peer.begun);
+        std::unique_ptr<event> received = fdio(peer.begun, peer.handle->out()).read();
+        if (!peer.begun.is_read())
+            throw EMalformedRecord(fmt::format("Malformed record in {}: more bytes than it has",
+                                               event_name(received.get())));
+        peer.begun.clear();
+        return received;
+    } catch (const io::ENotReady&) {
+        peer.begun.rewind();
+        return nullptr;
+    } catch (const EMalformedRecord&) {
+        peer.begun.clear();
+        peer.passed_over = true;
+        throw;
+    }
+}
+
+std::optional<std::uint64_t> childqueue::waits_for_rest_since_us(queue_t peer) const {
+    const auto streams = streams_.find(peer);
+    if (streams == streams_.end() || streams->second->begun.empty()) return std::nullopt;
+    return streams->second->last_piece_us;
 }
 
 std::unique_ptr<event> childqueue::take(std::list<std::unique_ptr<event>>::iterator position) {

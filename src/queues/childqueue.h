@@ -15,6 +15,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -23,6 +24,7 @@
 #include "io/selector.h"
 #include "io/sibling.h"
 #include "io/stack.h"
+#include "queues/detail/record_buffer.h"
 #include "queues/event.h"
 #include "queues/fdio.h"
 
@@ -84,8 +86,18 @@ class childqueue : public io::StackedSelectableBack {
 
     /// The next event: the first of the waiting list, else the next from the messenger, for which
     /// it waits. None after the end of some peer's stream; lost_peers() tells whose. Its peer is
-    /// the sender.
+    /// the sender. A record that cannot be one throws EMalformedRecord, or is a fatal assertion.
     [[nodiscard]] std::unique_ptr<event> read();
+
+    /// From now on read() never waits for the rest of a record. It takes what has arrived and gives
+    /// none until the record is whole, so that a peer that stops in the middle of one holds up
+    /// nobody. A record that cannot be one, whatever is wrong with it, throws EMalformedRecord, and
+    /// everything else of its peer is passed over until that ends. To be called before anything is
+    /// read; for a process that has no dialogs.
+    void never_wait_for_rest() { collects_ = true; }
+    /// Since when the rest of a record of `peer` is missing: the time of its last piece on the
+    /// queue's monotonic clock. None if no rest is missing. Only after never_wait_for_rest().
+    [[nodiscard]] std::optional<std::uint64_t> waits_for_rest_since_us(queue_t peer) const;
 
     /// The event with this uid, the result of new_uid(), from this peer, which may have arrived
     /// already. Waits without limit and keeps what else arrives. None if the peer ended, or the
@@ -120,11 +132,15 @@ class childqueue : public io::StackedSelectableBack {
             : handle(std::move(sibling)), stream(handle->in(), handle->out()) {}
         io::SiblingHandle handle;
         fdio stream;
+        detail::RecordBuffer begun;  ///< of a record whose rest is missing
+        std::uint64_t last_piece_us = 0;
+        bool passed_over = false;  ///< its place in the stream is lost
     };
     class Operation;
 
     Peer& peer_streams(queue_t peer);
     std::unique_ptr<event> read_messenger();
+    std::unique_ptr<event> read_whole(Peer& peer);
     std::unique_ptr<event> await_messenger(std::uint32_t uid, queue_t peer);
     [[nodiscard]] bool asked_a_former_life(std::uint32_t uid, queue_t peer) const;
     [[nodiscard]] bool came_back(queue_t peer) const;
@@ -145,6 +161,7 @@ class childqueue : public io::StackedSelectableBack {
     unsigned depth_ = 0;
     std::function<void()> on_free_;
     std::uint32_t await_limit_s_ = 0;
+    bool collects_ = false;
 };
 
 }  // namespace queues

@@ -3,6 +3,7 @@
 #include "queues/childqueue.h"
 
 #include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -16,6 +17,7 @@
 #include "queues/records/alarms.h"
 #include "queues/records/control.h"
 #include "queues/records/tsdb_requests.h"
+#include "queues/wire_error.h"
 #include "support/fake_clock.h"
 #include "support/temp_dir.h"
 
@@ -71,6 +73,18 @@ class Queues : public testing::Test {
         } catch (const io::ENotReady&) {
         }
         selector.remove(messenger.someSibling());
+    }
+
+    /// After its end was told.
+    void restart_tsdb() {
+        tsdb.reset();
+        settle();
+        // The others take note of the end as well; until then nothing else reaches them.
+        for (childqueue* queue : {&main, &dbms.queue, &alrm->queue})
+            while (queue->front().isReady()) EXPECT_EQ(next(*queue), -1);
+        settle();
+        tsdb = std::make_unique<Child>(queue_t::tsdb, parent.access(), clock);
+        settle();
     }
 
     /// The number of the next event, or -1 for an end of stream.
@@ -179,14 +193,7 @@ TEST_F(Queues, EndOfThePeerEndsTheDialogAndAnyOtherWithIt) {
 TEST_F(Queues, APeerThatCameBackIsNotLost) {
     parent.siblingGone(static_cast<std::uint32_t>(queue_t::tsdb));
     EXPECT_EQ(next(dbms.queue), -1);
-    tsdb.reset();
-    settle();
-    // The others take note of the end as well; until then nothing else reaches them.
-    while (main.front().isReady()) EXPECT_EQ(next(main), -1);
-    while (alrm->queue.front().isReady()) EXPECT_EQ(next(alrm->queue), -1);
-    settle();
-    tsdb = std::make_unique<Child>(queue_t::tsdb, parent.access(), clock);
-    settle();
+    restart_tsdb();
     answer(*tsdb, 0, 6);
     EXPECT_EQ(next(dbms.queue), RETURN_CREATE_TIMESERIES);
     EXPECT_FALSE(dbms.queue.lost_peers().test(queue_t::tsdb));
@@ -203,14 +210,7 @@ TEST_F(Queues, APeerThatCameBackAnswersWhatItIsAskedThen) {
     EXPECT_EQ(next(dbms.queue), -1);
     const std::uint32_t between = dbms.queue.new_uid();
     EXPECT_EQ(dbms.queue.await(between, queue_t::tsdb), nullptr);
-    tsdb.reset();
-    settle();
-    while (main.front().isReady()) EXPECT_EQ(next(main), -1);
-    while (alrm->queue.front().isReady()) EXPECT_EQ(next(alrm->queue), -1);
-    settle();
-    tsdb = std::make_unique<Child>(queue_t::tsdb, parent.access(), clock);
-    settle();
-
+    restart_tsdb();
     const std::uint32_t after = dbms.queue.new_uid();
     dbms.queue.send(devent<CREATE_TIMESERIES>(queue_t::tsdb, after));
     alrm->queue.send(devent<SET_STATUS>(queue_t::dbms));
@@ -222,6 +222,73 @@ TEST_F(Queues, APeerThatCameBackAnswersWhatItIsAskedThen) {
     EXPECT_FALSE(dbms.queue.lost_peers().test(queue_t::tsdb));
     EXPECT_EQ(dbms.queue.await(before, queue_t::tsdb), nullptr);
     EXPECT_EQ(next(dbms.queue), SET_STATUS);
+}
+
+/// Publishes `words` for the main process as one message.
+void say_words(io::SiblingMessenger& from, const std::vector<std::uint32_t>& words) {
+    const auto to = from.sibling(static_cast<std::uint32_t>(queue_t::main));
+    std::uint8_t* room = nullptr;
+    ASSERT_GE(to->out().writeBegin(room), words.size() * sizeof words[0]);
+    std::memcpy(room, words.data(), words.size() * sizeof words[0]);
+    to->out().writeCommit(words.size() * sizeof words[0]);
+}
+
+TEST_F(Queues, AReaderThatNeverWaitsGoesOnInTheMiddleOfARecord) {
+    main.never_wait_for_rest();
+    EXPECT_EQ(main.waits_for_rest_since_us(queue_t::tsdb), std::nullopt);
+    const std::uint32_t header[] = {RETURN_PSEUDO_RANDOM, 0, 77, 0};
+    for (const std::uint32_t word : header) {
+        clock.advance_us(5);
+        say_words(tsdb->messenger, {word});
+        alrm->queue.send(devent<SET_STATUS>(queue_t::main));
+        settle();
+        EXPECT_EQ(main.read(), nullptr);
+        EXPECT_EQ(main.waits_for_rest_since_us(queue_t::tsdb), clock.monotonic_us());
+        EXPECT_EQ(next(main), SET_STATUS);
+    }
+    EXPECT_EQ(main.waits_for_rest_since_us(queue_t::alrm), std::nullopt);
+    say_words(tsdb->messenger, {4, 0, 0x61626364});
+    settle();
+    const auto received = main.read();
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received->peer, queue_t::tsdb);
+    EXPECT_EQ(received->uid, 77U);
+    EXPECT_EQ(data<RETURN_PSEUDO_RANDOM>(*received), "dcba");
+    EXPECT_EQ(main.waits_for_rest_since_us(queue_t::tsdb), std::nullopt);
+
+    // What was begun ends with its sender.
+    say_words(tsdb->messenger, {RETURN_PSEUDO_RANDOM, 0});
+    settle();
+    EXPECT_EQ(main.read(), nullptr);
+    parent.siblingGone(static_cast<std::uint32_t>(queue_t::tsdb));
+    EXPECT_FALSE(main.lost_peers().test(queue_t::tsdb));
+    EXPECT_EQ(main.read(), nullptr);
+    EXPECT_TRUE(main.lost_peers().test(queue_t::tsdb));
+    EXPECT_EQ(main.waits_for_rest_since_us(queue_t::tsdb), std::nullopt);
+}
+
+TEST_F(Queues, AReaderThatNeverWaitsSurvivesWhatIsNoRecord) {
+    const std::vector<std::uint32_t> nonsense[] = {
+        {206},                                 // no event
+        {0},                                   //
+        {MESSAGE_EXCEPTION, 0, 1, 0},          // an exception without its mark
+        {LIST_METRICS, 0, 1, 0, 1, 2},         // more than the record has
+        {SET_LOG_LEVEL, 0, 1, 0, 0xFFFFFFFF},  // a list of 2^32 - 1
+    };
+    main.never_wait_for_rest();
+    for (const auto& words : nonsense) {
+        SCOPED_TRACE(words[0]);
+        say_words(tsdb->messenger, words);
+        say_words(tsdb->messenger, {LIST_METRICS, 0, 1, 0, 0});
+        alrm->queue.send(devent<SET_STATUS>(queue_t::main));
+        settle();
+        EXPECT_THROW((void)main.read(), EMalformedRecord);
+        EXPECT_EQ(main.read(), nullptr) << "its place in the stream is lost";
+        EXPECT_EQ(next(main), SET_STATUS);
+        parent.siblingGone(static_cast<std::uint32_t>(queue_t::tsdb));
+        EXPECT_EQ(main.read(), nullptr);
+        restart_tsdb();
+    }
 }
 
 TEST_F(Queues, WaitsCanBeLimited) {
