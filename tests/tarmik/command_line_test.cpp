@@ -186,6 +186,8 @@ TEST_F(ShellTest, ExitCodesTellWhatHappened) {
     EXPECT_TRUE(api.asked.empty());
     EXPECT_EQ(run("select Node[nmae]"), 2);
     EXPECT_THAT(err, testing::HasSubstr("\n  Node[nmae]\n       ^\n"));
+    EXPECT_EQ(run("nonsense 1"), 2);
+    EXPECT_THAT(err, testing::StartsWith("\"nonsense\" is no command\n"));
     EXPECT_EQ(run("create --help"), 0);
     EXPECT_THAT(out, testing::HasSubstr("5  version conflict"));
 }

@@ -195,6 +195,14 @@ std::optional<int> parse(CLI::App& app, std::vector<std::string> words, const Ou
     try {
         app.parse(std::move(words));
         return std::nullopt;
+    } catch (const CLI::RequiredError& missing) {
+        // What stands where a command should is the better thing to name.
+        const std::vector<std::string> left = app.remaining();
+        output.remark(app.get_subcommands().empty() && !left.empty()
+                          ? fmt::format("\"{}\" is no command\n", left.front())
+                          : fmt::format("{}\n", missing.what()));
+        output.remark("Run with --help for more information.\n");
+        return kUsage;
     } catch (const CLI::ParseError& ended) {
         std::ostringstream data;
         std::ostringstream remarks;

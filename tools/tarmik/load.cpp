@@ -26,7 +26,10 @@ json read_file(const std::string& path) {
     try {
         return json::parse(text);
     } catch (const json::exception& wrong) {
-        refuse(path, wrong.what());
+        // The parser's text begins with its own name for the fault, in brackets.
+        const std::string reason = wrong.what();
+        const size_t name_end = reason.find("] ");
+        refuse(path, name_end == std::string::npos ? reason : reason.substr(name_end + 2));
     }
 }
 
