@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <array>
 #include <concepts>
+#include <filesystem>
 #include <fstream>
 #include <limits>
 #include <toml++/toml.h>
 #include <type_traits>
 
 #include "error/exception.h"
+#include "io/pool_layout.h"
 
 namespace mainprocess {
 
@@ -92,10 +94,21 @@ void assign(Time& field, const toml::node& node, const std::string& key) {
     field = Time(1) * *value;
 }
 
+void assign_within(int64_t& field, const toml::node& node, const std::string& key, int64_t least,
+                   int64_t most) {
+    assign(field, node, key);
+    if (field < least || field > most)
+        refuse(node, key, fmt::format("a whole number from {} to {}", least, most));
+}
+
 void read_server_table(control::Server_Configuration_Fields& server, const toml::table& table) {
     using Record = control::Server_Configuration_Fields;
     for (const auto& [key, node] : table) {
         const std::string name{key.str()};
+        if (name == "wapi_port") {
+            int64_t port = 0;
+            assign_within(port, node, "server." + name, 1, 65'535);
+        }
         bool known = false;
         Record::fields(server, [&](std::string_view field_name, auto& field) {
             if (field_name != name) return;
@@ -105,13 +118,6 @@ void read_server_table(control::Server_Configuration_Fields& server, const toml:
         if (!known)
             throw error::EFatal(fmt::format("{}: server.{} is no setting", position(node), name));
     }
-}
-
-void assign_within(int64_t& field, const toml::node& node, const std::string& key, int64_t least,
-                   int64_t most) {
-    assign(field, node, key);
-    if (field < least || field > most)
-        refuse(node, key, fmt::format("a whole number from {} to {}", least, most));
 }
 
 void read_family_table(Config& config, const toml::table& table) {
@@ -193,6 +199,17 @@ void check_no_circle(const Config& config, const std::string& path) {
                 fmt::format("{}: siblings.{}.depend_on leads into a circle", path, sibling.name));
 }
 
+/// Refuses a pool in which the family could never come up.
+void check_pool_size(const Config& config, const std::string& path) {
+    uint64_t needed = io::pool_layout::kFirstAreaOffset + kOwnSliceBytes;
+    for (const SiblingConfig& sibling : config.siblings)
+        if (sibling.enabled) needed += sibling.slice_size_bytes;
+    if (config.server.smem_size < needed)
+        throw error::EFatal(
+            fmt::format("{}: server.smem_size must be at least {}, the write areas of all siblings",
+                        path, needed));
+}
+
 /// Settings that are neither empty nor zero to begin with.
 void set_defaults(control::Server_Configuration_Fields& server) {
     server.layout_conf_path = "conf/layout.conf";
@@ -272,7 +289,7 @@ Config default_config(const std::string& program_dir) {
 }
 
 Config read_config(const std::string& path, const std::string& program_dir) {
-    if (!std::ifstream(path))
+    if (!std::ifstream(path) || std::filesystem::is_directory(path))
         throw error::EFatal(fmt::format("Cannot read configuration {}", path));
     toml::table file;
     try {
@@ -303,6 +320,7 @@ Config read_config(const std::string& path, const std::string& program_dir) {
         if (sibling.queue == queues::queue_t::wapi)
             sibling.enabled = sibling.enabled && config.server.wapi_enabled;
     check_no_circle(config, path);
+    check_pool_size(config, path);
     return config;
 }
 

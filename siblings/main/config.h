@@ -17,6 +17,9 @@
 
 namespace mainprocess {
 
+/// The main process's own write area in the pool.
+inline constexpr uint32_t kOwnSliceBytes = 4U << 20;
+
 /// How one sibling is run.
 struct SiblingConfig {
     std::string name;                     ///< as in the file, for instance "dbms"

@@ -14,7 +14,10 @@ namespace mainprocess {
 
 namespace {
 
-constexpr uint32_t kOwnSliceBytes = 4U << 20;
+/// Who leaves more than this unread of what it was told would take the room for all others.
+constexpr uint64_t kMostUnreadBytes = 512U << 10;
+/// How often all siblings are looked at without any other reason.
+constexpr int64_t kLookEvery_ms = 5000;
 constexpr const char* kMessengerName = "smem";
 
 uint32_t sibling_id(queues::queue_t queue) {

@@ -61,11 +61,13 @@ slice_size_bytes = 65536
 }
 
 TEST(Config, FileThatIsNotThereIsRefusedByName) {
-    try {
-        (void)read_config("/nowhere/tarmik.toml", "/bin");
-        ADD_FAILURE() << "accepted";
-    } catch (const error::EFatal& failure) {
-        EXPECT_EQ(failure.text(), "Cannot read configuration /nowhere/tarmik.toml");
+    for (const std::string path : {"/nowhere/tarmik.toml", "/usr"}) {
+        try {
+            (void)read_config(path, "/bin");
+            ADD_FAILURE() << "accepted " << path;
+        } catch (const error::EFatal& failure) {
+            EXPECT_EQ(failure.text(), "Cannot read configuration " + path);
+        }
     }
 }
 
@@ -79,6 +81,9 @@ TEST(Config, WhatIsNoSettingIsRefusedWithItsPlace) {
         {"[server]\nmtu = \"big\"\n", ":2: server.mtu must be a whole number"},
         {"[server]\nmtu = -1\n", ":2: server.mtu must be a whole number"},
         {"[server]\nmtu = 4294967296\n", ":2: server.mtu must be a whole number"},
+        {"[server]\nwapi_port = 65536\n",
+         ":2: server.wapi_port must be a whole number from 1 to 65535"},
+        {"[server]\nsmem_size = 1000\n", "server.smem_size must be at least 37752832"},
         {"[server]\npassive = 1\n", ":2: server.passive must be true or false"},
         {"[server]\nhost_name = 1\n", ":2: server.host_name must be a text"},
         {"[server]\nsnmp_timeout_max = -1\n",
