@@ -130,6 +130,12 @@ void read_family_table(Config& config, const toml::table& table) {
             assign_within(config.restart.longest_delay_ms, node, full, 1, kLongestSpan_s * 1000);
         else if (name == "restart_stable_after_ms")
             assign_within(config.restart.stable_after_ms, node, full, 1, kLongestSpan_s * 1000);
+        else if (name == "start_warning_ms")
+            assign_within(config.patience.start_warning_ms, node, full, 1, kLongestSpan_s * 1000);
+        else if (name == "stuck_warning_ms")
+            assign_within(config.patience.stuck_warning_ms, node, full, 1, kLongestSpan_s * 1000);
+        else if (name == "stuck_limit_ms")
+            assign_within(config.patience.stuck_limit_ms, node, full, 1, kLongestSpan_s * 1000);
         else if (name == "stop_timeout_s")
             assign_within(config.stop_timeout_s, node, full, 1, kLongestSpan_s);
         else if (name == "log_dir")

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "main/patience.h"
 #include "main/restart_policy.h"
 #include "queues/event_types.h"
 #include "queues/records/control.h"
@@ -34,6 +35,7 @@ struct Config {
     control::Server_Configuration_Fields server;
     std::vector<SiblingConfig> siblings;
     RestartLimits restart;
+    PatienceLimits patience;
     /// After this time without an answer to an orderly stop a sibling is ended by force.
     int64_t stop_timeout_s = 30;
     /// Directory of the log files; empty for none.

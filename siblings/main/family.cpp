@@ -1,6 +1,7 @@
 #include "main/family.h"
 
 #include <algorithm>
+#include <iterator>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include "main/instance_lock.h"
 #include "platform/random.h"
 #include "queues/records/control.h"
+#include "queues/wire_error.h"
 
 namespace mainprocess {
 
@@ -40,7 +42,9 @@ Family::Family(Config config, const platform::Clock& clock, int stop_fd)
       timer_(span_clock_) {
     for (const SiblingConfig& sibling : config_.siblings)
         if (sibling.enabled)
-            siblings_.push_back(std::make_unique<SupervisedSibling>(sibling, config_.restart));
+            siblings_.push_back(
+                std::make_unique<SupervisedSibling>(sibling, config_.restart, config_.patience));
+    queue_.never_wait_for_rest();
     selector_.add(queue_.front(), 0);
     selector_.add(stop_order_, 0);
     selector_.add(timer_, 0);
@@ -172,32 +176,77 @@ void Family::note_end(SupervisedSibling& sibling) {
 }
 
 void Family::look_at_deadlines() {
-    const int64_t now = now_ms();
-    for (const auto& sibling : siblings_) {
-        if (sibling->state() == SupervisedSibling::state_t::stopping &&
-            *sibling->next_deadline_ms() <= now && sibling->has_process()) {
-            say(fmt::format("{} did not stop in {} s, ending it by force", sibling->config().name,
-                            config_.stop_timeout_s));
-            killed_ = true;
-            sibling->kill_now();
-            sibling->request_stop(now + config_.stop_timeout_s * 1000);
-        }
-        (void)sibling->due(now);
-    }
+    end_overdue_stops();
+    for (const auto& sibling : siblings_) look_at(*sibling);
+    next_look_ms_ = now_ms() + std::min(kLookEvery_ms, config_.patience.stuck_warning_ms);
     start_what_may_start();
 }
 
+void Family::look_at(SupervisedSibling& sibling) {
+    const int64_t now = now_ms();
+    if (const std::optional<int64_t> waited_ms = sibling.slow_start_ms(now))
+        say(fmt::format("{} is not up after {} s; siblings that depend on it wait",
+                        sibling.config().name, *waited_ms / 1000));
+    look_for_stuck(sibling);
+    (void)sibling.due(now);
+}
+
+// One that only waits until the others let go of it gets the time anew when it may be one of those
+// ended here that it waits for.
+void Family::end_overdue_stops() {
+    const int64_t now = now_ms();
+    std::vector<SupervisedSibling*> overdue, to_end;
+    for (const auto& sibling : siblings_)
+        if (sibling->state() == SupervisedSibling::state_t::stopping && sibling->has_process() &&
+            *sibling->next_deadline_ms() <= now)
+            overdue.push_back(sibling.get());
+    std::copy_if(overdue.begin(), overdue.end(), std::back_inserter(to_end),
+                 [&](const SupervisedSibling* sibling) {
+                     return !messenger_.isHeldByOthers(sibling_id(sibling->config().queue));
+                 });
+    if (to_end.empty()) to_end = overdue;
+    for (SupervisedSibling* sibling : to_end) {
+        say(fmt::format("{} did not stop in {} s, ending it by force", sibling->config().name,
+                        config_.stop_timeout_s));
+        killed_ = true;
+        sibling->kill_now();
+    }
+    for (SupervisedSibling* sibling : overdue)
+        sibling->request_stop(now + config_.stop_timeout_s * 1000);
+}
+
+void Family::look_for_stuck(SupervisedSibling& sibling) {
+    if (!sibling.has_process() || sibling.state() == SupervisedSibling::state_t::stopping) return;
+    const queues::queue_t queue = sibling.config().queue;
+    const char* what = "is silent in the middle of a record";
+    std::optional<uint64_t> since_us = queue_.waits_for_rest_since_us(queue);
+    if (!since_us) {
+        what = "does not read its signals";
+        since_us = messenger_.holdsUpOthersSince_us(sibling_id(queue));
+    }
+    const int64_t held_up_ms =
+        since_us ? static_cast<int64_t>((clock_.monotonic_us() - *since_us) / 1000) : 0;
+    const Patience::verdict_t verdict = sibling.judge(held_up_ms);
+    const std::string reason = fmt::format("{} for {} s", what, held_up_ms / 1000);
+    if (verdict == Patience::verdict_t::warn)
+        say(fmt::format("{} {}", sibling.config().name, reason));
+    else if (verdict == Patience::verdict_t::give_up)
+        give_up(queue, reason);
+}
+
+void Family::give_up(queues::queue_t queue, std::string_view reason) {
+    SupervisedSibling* sibling = find(queue);
+    say(fmt::format("{} {}, ending it by force",
+                    sibling == nullptr ? queues::queue_name(queue) : sibling->config().name,
+                    reason));
+    if (sibling != nullptr) sibling->kill_now();
+}
+
 void Family::arm_timer() {
-    std::optional<int64_t> earliest;
-    for (const auto& sibling : siblings_) {
-        const std::optional<int64_t> deadline = sibling->next_deadline_ms();
-        if (deadline && (!earliest || *deadline < *earliest)) earliest = deadline;
-    }
-    if (!earliest) {
-        timer_.set_expiry(Time::far_future());
-        return;
-    }
-    const int64_t left_ms = std::max<int64_t>(1, *earliest - now_ms());
+    int64_t earliest = next_look_ms_;
+    for (const auto& sibling : siblings_)
+        earliest = std::min(earliest, sibling->next_deadline_ms().value_or(earliest));
+    const int64_t left_ms = std::max<int64_t>(1, earliest - now_ms());
     timer_.set_expiry(Time::now(span_clock_) + Time(static_cast<int32_t>(left_ms / 1000),
                                                     static_cast<int32_t>(left_ms % 1000) * 1000));
 }
@@ -263,7 +312,7 @@ void Family::stop(SupervisedSibling& sibling) {
         return;
     }
     try {
-        queue_.send(queues::devent<queues::SYS_EXIT>(
+        send(queues::devent<queues::SYS_EXIT>(
             queue, 0, {.reason = 0, .requested_by = queues::queue_t::main, .error_msg = {}}));
     } catch (const io::EEndOfStream&) {
         // It is ending already; the end of its process comes as an event of its own.
@@ -279,12 +328,14 @@ bool Family::all_stopped() const {
 // ---- events from siblings -----------------------------------------------------------------------
 
 void Family::take_event() {
-    const std::unique_ptr<queues::event> received = queue_.read();
-    if (received == nullptr) return;
+    const auto sender = static_cast<queues::queue_t>(messenger_.nextSender());
     try {
-        dispatch(*received);
+        const std::unique_ptr<queues::event> received = queue_.read();
+        if (received != nullptr) dispatch(*received);
     } catch (const io::EEndOfStream& gone) {
         say(fmt::format("Lost peer: {}", gone.text()));
+    } catch (const queues::EMalformedRecord& broken) {
+        give_up(sender, fmt::format("cannot be understood: {}", broken.text()));
     }
 }
 
@@ -348,12 +399,12 @@ void Family::on_spawn_request(const queues::event& received) {
 
 void Family::send_random(const queues::event& received) {
     constexpr uint32_t kEntropyBytes = 256;
-    constexpr uint32_t kMostBytes = 1U << 20;
+    constexpr uint32_t kMostBytes = 1U << 16;
     const bool pure = received.number() == queues::GET_PURE_ENTROPY;
     const uint32_t wanted =
         pure ? kEntropyBytes : queues::data<queues::GET_PSEUDO_RANDOM>(received).bytes;
     if (wanted > kMostBytes) {
-        queue_.send(queues::exevent(
+        send(queues::exevent(
             received.peer, received.uid,
             fmt::format("{} random bytes asked for, at most {} are given", wanted, kMostBytes)));
         return;
@@ -369,7 +420,14 @@ void Family::send_random(const queues::event& received) {
 template <queues::event_t N, class Record>
 void Family::reply(const queues::event& request, Record record) {
     if (!queues::wants_reply(request.uid)) return;
-    queue_.send(queues::devent<N>(request.peer, request.uid, std::move(record)));
+    send(queues::devent<N>(request.peer, request.uid, std::move(record)));
+}
+
+void Family::send(const queues::event& sent) {
+    if (messenger_.lentBytes(sibling_id(sent.peer)) > kMostUnreadBytes)
+        give_up(sent.peer, "does not read what it is told");
+    else
+        queue_.send(sent);
 }
 
 void Family::say(std::string_view text) {

@@ -2,8 +2,9 @@
 // order of their dependencies, answers what they ask of it (configuration, variable fields,
 // randomness), writes their log lines, starts a crashed one again, and stops all of them in order.
 //
-// One thread, one selector. Nothing here waits for a sibling: a sibling that does not answer holds
-// up only its own stop, and that only for stop_timeout_s.
+// One thread, one selector. Nothing here waits for a sibling: one that does not answer, stops in
+// the middle of what it says, or does not read what it is told holds up nobody else, and is ended
+// by force when the patience with it is over (patience.h).
 #pragma once
 
 #include <cstdint>
@@ -50,6 +51,10 @@ class Family final : private io::ParentPolicy {
     void start(SupervisedSibling& sibling);
     void note_end(SupervisedSibling& sibling);
     void look_at_deadlines();
+    void look_at(SupervisedSibling& sibling);
+    void end_overdue_stops();
+    void look_for_stuck(SupervisedSibling& sibling);
+    void give_up(queues::queue_t queue, std::string_view reason);
     void arm_timer();
     [[nodiscard]] bool is_up(queues::queue_t queue) const;
     [[nodiscard]] SupervisedSibling* find(queues::queue_t queue);
@@ -72,6 +77,7 @@ class Family final : private io::ParentPolicy {
     void on_store_variables(const queues::event& received);
     void on_spawn_request(const queues::event& received);
     void send_random(const queues::event& received);
+    void send(const queues::event& sent);
     template <queues::event_t N, class Record>
     void reply(const queues::event& request, Record record);
     void say(std::string_view text);
@@ -91,6 +97,7 @@ class Family final : private io::ParentPolicy {
     platform::SpanClock span_clock_;
     io::Timer timer_;
     io::Selector<int> selector_;
+    int64_t next_look_ms_ = 0;
     bool stopping_ = false;
     bool killed_ = false;
 };

@@ -7,8 +7,9 @@
 
 namespace mainprocess {
 
-SupervisedSibling::SupervisedSibling(SiblingConfig config, RestartLimits limits)
-    : config_(std::move(config)), policy_(limits) {}
+SupervisedSibling::SupervisedSibling(SiblingConfig config, RestartLimits limits,
+                                     PatienceLimits patience)
+    : config_(std::move(config)), policy_(limits), limits_(patience), patience_(patience) {}
 
 void SupervisedSibling::start(const platform::SpawnRequest& request, int64_t now_ms) {
     error::check(state_ == state_t::waiting, "Sibling {} started twice", config_.name);
@@ -20,6 +21,9 @@ void SupervisedSibling::start(const platform::SpawnRequest& request, int64_t now
     }
     end_.emplace(process_.pidfd.get(), "end of " + config_.name);
     state_ = state_t::starting;
+    started_ms_ = now_ms;
+    deadline_ms_ = now_ms + limits_.start_warning_ms;
+    patience_ = Patience(limits_);
 }
 
 void SupervisedSibling::came_up(int64_t now_ms) {
@@ -57,8 +61,16 @@ void SupervisedSibling::kill_now() {
 }
 
 std::optional<int64_t> SupervisedSibling::next_deadline_ms() const {
-    if (state_ == state_t::delayed || state_ == state_t::stopping) return deadline_ms_;
-    return std::nullopt;
+    if (state_ == state_t::waiting || state_ == state_t::up || state_ == state_t::stopped)
+        return std::nullopt;
+    return deadline_ms_;
+}
+
+std::optional<int64_t> SupervisedSibling::slow_start_ms(int64_t now_ms) {
+    if (state_ != state_t::starting || now_ms < deadline_ms_) return std::nullopt;
+    const int64_t waited_ms = now_ms - started_ms_;
+    deadline_ms_ = now_ms + waited_ms;
+    return waited_ms;
 }
 
 bool SupervisedSibling::due(int64_t now_ms) {

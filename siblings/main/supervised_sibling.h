@@ -25,7 +25,7 @@ class SupervisedSibling {
   public:
     enum class state_t { waiting, starting, up, delayed, stopping, stopped };
 
-    SupervisedSibling(SiblingConfig config, RestartLimits limits);
+    SupervisedSibling(SiblingConfig config, RestartLimits limits, PatienceLimits patience);
 
     [[nodiscard]] const SiblingConfig& config() const noexcept { return config_; }
     [[nodiscard]] state_t state() const noexcept { return state_; }
@@ -50,8 +50,15 @@ class SupervisedSibling {
     /// Ends the process by force, if there is one.
     void kill_now();
 
-    /// When this sibling wants to be looked at again: the start after a delay, or the end of the
-    /// patience with its stop. Milliseconds of the monotonic clock.
+    /// What to do about it when it has held something up for `held_up_ms`.
+    [[nodiscard]] Patience::verdict_t judge(int64_t held_up_ms) {
+        return patience_.look(held_up_ms);
+    }
+    /// For how long it has been starting, when that is due for a warning.
+    [[nodiscard]] std::optional<int64_t> slow_start_ms(int64_t now_ms);
+
+    /// When this sibling wants to be looked at again: the start after a delay, the next warning of
+    /// a slow start, or the end of the patience with its stop. Milliseconds of the monotonic clock.
     [[nodiscard]] std::optional<int64_t> next_deadline_ms() const;
     /// Whether a delayed start is due; then the state is waiting again.
     [[nodiscard]] bool due(int64_t now_ms);
@@ -61,11 +68,14 @@ class SupervisedSibling {
 
     SiblingConfig config_;
     RestartPolicy policy_;
+    PatienceLimits limits_;
+    Patience patience_;
     state_t state_ = state_t::waiting;
     platform::ChildProcess process_;
     std::optional<io::FdSelectable> end_;
+    int64_t started_ms_ = 0;
     int64_t up_since_ms_ = 0;
-    int64_t deadline_ms_ = 0;
+    int64_t deadline_ms_ = 0;  ///< what it is for is told by the state
 };
 
 }  // namespace mainprocess

@@ -64,6 +64,11 @@ bool ParentMessenger::isGone(uint32_t sibling_id) const {
     return liveLife(sibling_id) == nullptr;
 }
 
+bool ParentMessenger::isHeldByOthers(uint32_t sibling_id) const {
+    const Life* life = liveLife(sibling_id);
+    return life != nullptr && life->stopping && !life->awaited.empty();
+}
+
 uint64_t ParentMessenger::bytesInAreas() const {
     uint64_t bytes = 0;
     for (const auto& [offset, area] : table_.areas()) bytes += area.size_bytes;

@@ -75,6 +75,8 @@ class ParentMessenger final : public SiblingMessenger {
     [[nodiscard]] bool isUp(uint32_t sibling_id) const;
     /// Said its last word, or was declared gone; true also for one that never was up.
     [[nodiscard]] bool isGone(uint32_t sibling_id) const;
+    /// True if it has asked to stop and others have not let go of it yet.
+    [[nodiscard]] bool isHeldByOthers(uint32_t sibling_id) const;
 
     /// The process of this sibling ended. Everyone is told; what waited for it waits no more. What
     /// it said before stays to be read. A second call does nothing, also after an orderly end. Call

@@ -82,6 +82,18 @@ uint32_t SiblingMessenger::nextSender() const {
     return first->sender;
 }
 
+uint64_t SiblingMessenger::lentBytes(uint32_t peer_id) const {
+    uint64_t bytes = 0;
+    for (const auto& [offset, receiver] : unacknowledged_)
+        if (receiver == peer_id) bytes += pool_layout::load_length(memory_.data(), offset);
+    return bytes;
+}
+
+std::optional<uint64_t> SiblingMessenger::holdsUpOthersSince_us(uint32_t peer_id) const {
+    if (unflushed_sibling_ == nullptr || unflushed_sibling_->id_ != peer_id) return std::nullopt;
+    return unflushed_since_us_;
+}
+
 std::string SiblingMessenger::check_area() const {
     std::vector<uint64_t> used;
     for (const auto& [offset, receiver] : unacknowledged_) used.push_back(offset);

@@ -92,6 +92,11 @@ class SiblingMessenger : public StackedSelectableBack {
 
     /// What an own message still lacks: blocks published and not acknowledged.
     [[nodiscard]] size_t unacknowledgedCount() const { return unacknowledged_.size(); }
+    /// Bytes of published messages that `peer_id` has not acknowledged. Walks all of them.
+    [[nodiscard]] uint64_t lentBytes(uint32_t peer_id) const;
+    /// Since when the FIFO of `peer_id` is full and holds up what is to be said to all others, on
+    /// the monotonic clock; none if it does not.
+    [[nodiscard]] std::optional<uint64_t> holdsUpOthersSince_us(uint32_t peer_id) const;
     /// Checks the own area against invariants A1 to A6; an empty text if all is well. Walks the
     /// whole area.
     [[nodiscard]] std::string check_area() const;
@@ -239,6 +244,7 @@ class SiblingMessenger : public StackedSelectableBack {
     std::vector<SiblingImplementation*> with_acks_;
     SiblingImplementation* unflushed_sibling_ =
         nullptr;  ///< its FIFO is full and the list goes on with it
+    uint64_t unflushed_since_us_ = 0;
     bool handling_signals_ = false;
     uint64_t last_announce_us_ = 0;
 };

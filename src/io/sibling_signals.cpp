@@ -176,7 +176,10 @@ void SiblingMessenger::flush() {
         SiblingImplementation& target = *outgoing_[outgoing_head_].peer;
         if (!target.writer_.hasPendingData()) writeTo(target);
         watchIfBlocked(target);
-        if (target.writer_.hasPendingData()) unflushed_sibling_ = &target;
+        if (target.writer_.hasPendingData()) {
+            unflushed_sibling_ = &target;
+            unflushed_since_us_ = clock_.monotonic_us();
+        }
     }
     // Acknowledges are in no order with the rest, so those to other peers need not wait for a
     // blocked one.

@@ -1,10 +1,8 @@
 // The orderly stop of a whole family when something goes wrong in the middle of it.
-#include <filesystem>
-#include <fmt/format.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include "processes.h"
 #include "running_family.h"
 
 namespace family {
@@ -28,12 +26,10 @@ TEST(Stop, AServerThatDiesMeanwhileIsNotWaitedFor) {
 
 TEST(Stop, SiblingsThatNeedEachOtherAreStoppedTogether) {
     const support::TempDir programs;
-    const std::string program = programs.file("series");
-    std::ofstream(program) << "#!/bin/sh\nexec sleep 600\n";
-    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     // The server says that it needs the store of series, which is started after the server.
-    RunningFamily family(4U << 20, fmt::format("[siblings.tsdb]\nprogram = \"{}\"\n", program));
+    RunningFamily family(4U << 20, "start_warning_ms = 50\n" + sleeping_sibling(programs, "tsdb"));
     ASSERT_TRUE(family.logs("Started tsdb"));
+    ASSERT_TRUE(family.logs("tsdb is not up after "));
     EXPECT_EQ(family.stop().code, 0);
     EXPECT_TRUE(family.logs("dbms stopped with exit code 0"));
 }

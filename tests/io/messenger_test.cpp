@@ -219,6 +219,22 @@ TEST(Messenger, AFullAreaStopsTheWriterUntilARead) {
     EXPECT_EQ(family.at(2).check_area(), "");
 }
 
+TEST(Messenger, AFullFifoIsToldOf) {
+    Family family(1 << 22, 1 << 20);
+    family.start(2);
+    family.start(3);
+    EXPECT_EQ(family.parent().lentBytes(2), 0u);
+    constexpr int kMoreThanAFifoTakes = 9000;
+    for (int i = 0; i < kMoreThanAFifoTakes; ++i) ASSERT_TRUE(say(family.parent(), 2, "12345"));
+    family.parent().flush();
+    EXPECT_EQ(family.parent().lentBytes(2), 5u * kMoreThanAFifoTakes);
+    EXPECT_TRUE(family.parent().holdsUpOthersSince_us(2));
+    EXPECT_FALSE(family.parent().holdsUpOthersSince_us(3));
+    family.settle();
+    EXPECT_FALSE(family.parent().holdsUpOthersSince_us(2));
+    EXPECT_EQ(family.parent().lentBytes(3), 0u);
+}
+
 TEST(Messenger, ShutdownInThreeSteps) {
     Family family;
     family.start(2);

@@ -24,9 +24,33 @@ TEST(RestartPolicy, DelayDoublesUpToTheLimitAndStartsAgainAfterStableTime) {
     for (int crash = 0; crash < 100; ++crash) EXPECT_LE(policy.delay_after_crash_ms(0), 500);
 }
 
+TEST(SupervisedSibling, ASlowStartIsToldOfAtGrowingIntervals) {
+    SupervisedSibling sibling({"sleeper", queues::queue_t::extra, "/bin/sleep", {}, 4096, true},
+                              RestartLimits{}, {.start_warning_ms = 100});
+    sibling.start({.program = "/bin/sleep", .arguments = {"600"}}, 1000);
+    std::vector<int64_t> told;
+    for (int64_t now_ms = 1000; now_ms < 2000; ++now_ms)
+        if (const auto waited_ms = sibling.slow_start_ms(now_ms)) told.push_back(*waited_ms);
+    EXPECT_EQ(told, (std::vector<int64_t>{100, 200, 400, 800}));
+    EXPECT_EQ(sibling.next_deadline_ms(), 2600);
+    sibling.came_up(2000);
+    EXPECT_EQ(sibling.next_deadline_ms(), std::nullopt);
+    EXPECT_EQ(sibling.slow_start_ms(9999), std::nullopt);
+    sibling.kill_now();
+    (void)sibling.ended(9999);
+}
+
+TEST(Patience, WarnsOnceEachTimeAndGivesUp) {
+    using enum Patience::verdict_t;
+    Patience patience({.stuck_warning_ms = 10, .stuck_limit_ms = 60});
+    const std::pair<int64_t, Patience::verdict_t> looks[] = {
+        {0, wait}, {9, wait}, {10, warn}, {59, wait}, {3, wait}, {12, warn}, {60, give_up}};
+    for (const auto& [held_up_ms, verdict] : looks) EXPECT_EQ(patience.look(held_up_ms), verdict);
+}
+
 TEST(SupervisedSibling, ALaterStopRequestMovesTheDeadline) {
     SupervisedSibling sibling({"sleeper", queues::queue_t::extra, "/bin/sleep", {}, 4096, true},
-                              RestartLimits{});
+                              RestartLimits{}, PatienceLimits{});
     sibling.start({.program = "/bin/sleep", .arguments = {"600"}}, 0);
     sibling.request_stop(10);
     sibling.request_stop(20);
