@@ -139,6 +139,18 @@ TEST(Misuse, ClientsThatSendNonsenseGetAnErrorAndHarmNobody) {
     EXPECT_EQ(family.stop().code, 0);
 }
 
+/// One that nobody started is not let in, neither under an id of its own nor under the server's.
+void expect_strangers_stay_out(const RunningFamily& family, const io::PoolAccess& access) {
+    for (const auto id : {queues::queue_t::esxi, queues::queue_t::dbms}) {
+        const platform::Fd fifo = platform::open_fifo_for_writing(access.fifo_prefix + ".0", "");
+        const uint32_t i_am_up[] = {(static_cast<uint32_t>(id) << 8) | 16,
+                                    static_cast<uint32_t>(id)};
+        EXPECT_EQ(::write(fifo.get(), i_am_up, sizeof i_am_up), 8);
+        EXPECT_TRUE(family.logs(
+            fmt::format("none of ours says that it is sibling {}", static_cast<uint32_t>(id))));
+    }
+}
+
 // The server ends, as it must when it cannot trust its peers any more, and comes back with
 // everything it had acknowledged.
 TEST(Misuse, ASiblingThatSendsNonsenseCostsNoData) {
@@ -200,15 +212,7 @@ TEST(Misuse, ASiblingThatSendsNonsenseCostsNoData) {
     for (const std::string& domain : domains) EXPECT_TRUE(has_domain(family, domain));
     EXPECT_EQ(family.child_pid("dbms"), server);
     EXPECT_EQ(family.child_pid("wapi"), gateway);
-    // One that nobody started is not let in, neither under an id of its own nor under the server's.
-    for (const auto id : {queues::queue_t::esxi, queues::queue_t::dbms}) {
-        const platform::Fd fifo = platform::open_fifo_for_writing(access.fifo_prefix + ".0", "");
-        const uint32_t i_am_up[] = {(static_cast<uint32_t>(id) << 8) | 16,
-                                    static_cast<uint32_t>(id)};
-        EXPECT_EQ(::write(fifo.get(), i_am_up, sizeof i_am_up), 8);
-        EXPECT_TRUE(family.logs(
-            fmt::format("none of ours says that it is sibling {}", static_cast<uint32_t>(id))));
-    }
+    expect_strangers_stay_out(family, access);
     for (const std::string& domain : domains) EXPECT_TRUE(has_domain(family, domain));
     EXPECT_EQ(family.child_pid("dbms"), server);
     EXPECT_EQ(family.stop().code, 0);
