@@ -256,10 +256,10 @@ void Family::arm_timer() {
 void Family::on_stop_signal() {
     signalfd_siginfo signal{};
     if (::read(stop_order_.fd(), &signal, sizeof signal) != sizeof signal) return;
-    if (stopping_)
-        kill_all();
-    else
+    if (!stopping_)
         begin_stop();
+    else if (signal.ssi_signo != SIGHUP)  // which a terminal and its shell both send
+        kill_all();
 }
 
 void Family::kill_all() {

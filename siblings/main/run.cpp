@@ -17,12 +17,16 @@ std::string program_directory() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
 }
 
-/// SIGINT and SIGTERM as a descriptor.
+/// The signals that stop the family as a descriptor: SIGINT and SIGTERM, and the end of the
+/// terminal, unless that is to be outlived (nohup).
 platform::Fd stop_signals() {
     sigset_t set;
     ::sigemptyset(&set);
     ::sigaddset(&set, SIGINT);
     ::sigaddset(&set, SIGTERM);
+    struct sigaction hangup {};
+    ::sigaction(SIGHUP, nullptr, &hangup);
+    if (hangup.sa_handler != SIG_IGN) ::sigaddset(&set, SIGHUP);
     ::sigprocmask(SIG_BLOCK, &set, nullptr);
     platform::Fd fd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd) throw error::ESystemError("Cannot watch for signals", errno);

@@ -10,8 +10,9 @@ struct RunOptions {
     std::string config_path;
 };
 
-/// Starts the family and returns when it has stopped, after SIGINT or SIGTERM; the result is the
-/// exit code. Failures of the start go to the error stream as "Caught: " and the text, exit code 1.
+/// Starts the family and returns when it has stopped, after SIGINT, SIGTERM or SIGHUP; the result
+/// is the exit code. Failures of the start go to the error stream as "Caught: " and the text, exit
+/// code 1.
 [[nodiscard]] int run(const RunOptions& options);
 
 }  // namespace mainprocess

@@ -34,5 +34,12 @@ TEST(Stop, SiblingsThatNeedEachOtherAreStoppedTogether) {
     EXPECT_TRUE(family.logs("dbms stopped with exit code 0"));
 }
 
+TEST(Stop, TheEndOfTheTerminalStopsTheFamilyInOrder) {
+    RunningFamily family;
+    for (int i = 0; i < 2; ++i) ::kill(family.main_pid(), SIGHUP);
+    EXPECT_EQ(family.wait_for_end().code, 0);
+    EXPECT_TRUE(family.logs("dbms stopped with exit code 0"));
+}
+
 }  // namespace
 }  // namespace family
