@@ -32,7 +32,7 @@ Family::Family(Config config, const platform::Clock& clock, int stop_fd)
     : config_(std::move(config)),
       clock_(clock),
       lock_(take_instance_lock(config_.server.smem_prefix)),
-      log_(config_.log_dir),
+      log_(config_.log_dir, config_.server.log_days),
       outlet_([this](logging::level_t, std::string_view line) { say(line); }),
       variables_(config_.server.variable_file),
       messenger_(config_.server.smem_prefix, config_.server.smem_size, *this),

@@ -1,5 +1,6 @@
 #include "main/log_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -23,6 +24,25 @@ std::string local_time(int64_t now_s, const char* format) {
     return {buffer, length};
 }
 
+constexpr int64_t kDay_s = 86'400;
+
+std::string local_day(int64_t now_s) {
+    return local_time(now_s, "%Y-%m-%d");
+}
+
+std::string file_name(const std::string& day) {
+    return fmt::format("tarmik-{}.log", day);
+}
+
+/// Whether a file of this name is one of these logs.
+bool is_file_name(const std::string& name) {
+    const std::string form = file_name("0000-00-00");
+    return std::equal(name.begin(), name.end(), form.begin(), form.end(),
+                      [](char sign, char formed) {
+                          return formed == '0' ? sign >= '0' && sign <= '9' : sign == formed;
+                      });
+}
+
 std::string on_one_line(std::string_view text) {
     std::string line;
     line.reserve(text.size());
@@ -37,7 +57,8 @@ std::string on_one_line(std::string_view text) {
 
 }  // namespace
 
-LogFiles::LogFiles(std::string directory) : directory_(std::move(directory)) {
+LogFiles::LogFiles(std::string directory, uint32_t days_kept)
+    : directory_(std::move(directory)), days_kept_(days_kept) {
     if (directory_.empty()) return;
     std::error_code failure;
     std::filesystem::create_directories(directory_, failure);
@@ -50,14 +71,29 @@ LogFiles::~LogFiles() {
 }
 
 void LogFiles::open_for_day(int64_t now_s) {
-    std::string day = local_time(now_s, "%Y-%m-%d");
+    std::string day = local_day(now_s);
     if (file_ != nullptr && day == day_) return;
     if (file_ != nullptr) std::fclose(file_);
     file_ = nullptr;
     day_ = std::move(day);
-    const std::string path = fmt::format("{}/tarmik-{}.log", directory_, day_);
+    remove_old(now_s);
+    const std::string path = fmt::format("{}/{}", directory_, file_name(day_));
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd >= 0) file_ = ::fdopen(fd, "a");
+}
+
+void LogFiles::remove_old(int64_t now_s) const {
+    if (days_kept_ == 0) return;
+    const std::string oldest = file_name(local_day(now_s - kDay_s * int64_t{days_kept_}));
+    std::error_code failure;
+    for (std::filesystem::directory_iterator entry(directory_, failure), end;
+         !failure && entry != end; entry.increment(failure)) {
+        const std::string name = entry->path().filename().string();
+        // Dates of this form stand in the order of time.
+        if (!is_file_name(name) || name >= oldest) continue;
+        std::error_code kept;
+        std::filesystem::remove(entry->path(), kept);
+    }
 }
 
 void LogFiles::write(int64_t now_s, std::string_view process, std::string_view text) {

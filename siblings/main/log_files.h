@@ -12,8 +12,9 @@ namespace mainprocess {
 class LogFiles {
   public:
     /// Writes to files in `directory`, which is made if it is missing; an empty name means terminal
-    /// only. Throws error::ESystemError when the directory cannot be made.
-    explicit LogFiles(std::string directory);
+    /// only. When a day begins, files of this kind that are older than `days_kept` days are
+    /// removed; 0 keeps all. Throws error::ESystemError when the directory cannot be made.
+    explicit LogFiles(std::string directory, uint32_t days_kept = 0);
     ~LogFiles();
     LogFiles(const LogFiles&) = delete;
     LogFiles& operator=(const LogFiles&) = delete;
@@ -25,8 +26,10 @@ class LogFiles {
 
   private:
     void open_for_day(int64_t now_s);
+    void remove_old(int64_t now_s) const;
 
     std::string directory_;
+    uint32_t days_kept_;
     std::FILE* file_ = nullptr;
     std::string day_;
     bool reported_failure_ = false;
