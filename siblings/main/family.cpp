@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -54,6 +55,7 @@ Family::~Family() {
     for (const auto& sibling : siblings_) {
         sibling->kill_now();
         if (sibling->has_process()) selector_.remove(sibling->end());
+        leave_errors(*sibling);
     }
     selector_.remove(timer_);
     selector_.remove(stop_order_);
@@ -74,15 +76,19 @@ int Family::run() {
         } else if (&ready == &timer_) {
             look_at_deadlines();
         } else {
-            for (const auto& sibling : siblings_)
-                if (sibling->has_process() && &ready == &sibling->end()) {
-                    note_end(*sibling);
-                    break;
-                }
+            look_after(ready);
         }
     }
     say("Family has stopped");
     return killed_ ? 1 : 0;
+}
+
+void Family::look_after(io::Selectable& ready) {
+    for (const auto& sibling : siblings_) {
+        if (sibling->has_process() && &ready == &sibling->end()) return note_end(*sibling);
+        if (sibling->errors() != nullptr && &ready == &sibling->errors()->readable())
+            return take_errors(*sibling);
+    }
 }
 
 // ---- supervision --------------------------------------------------------------------------------
@@ -148,6 +154,7 @@ void Family::start(SupervisedSibling& sibling) {
                        .ends_with_parent = true},
                       now_ms());
         selector_.add(sibling.end(), 0);
+        selector_.add(sibling.errors()->readable(), 0);
         messenger_.watchEnd(sibling_id(sibling.config().queue), sibling.pid());
         say(fmt::format("Started {}", sibling.config().name));
     } catch (const error::ESystemError& failure) {
@@ -160,6 +167,10 @@ void Family::start(SupervisedSibling& sibling) {
 void Family::note_end(SupervisedSibling& sibling) {
     const bool asked = sibling.state() == SupervisedSibling::state_t::stopping;
     selector_.remove(sibling.end());
+    if (sibling.errors() != nullptr)
+        for (const std::string& line : sibling.errors()->take_all())
+            log_.write(clock_.wall().seconds, sibling.config().name, line);
+    leave_errors(sibling);
     const std::string how = sibling.ended(now_ms());
     if (stopping_) sibling.request_stop(0);  // nobody starts it again
     messenger_.siblingGone(sibling_id(sibling.config().queue));
@@ -173,6 +184,18 @@ void Family::note_end(SupervisedSibling& sibling) {
                         sibling.config().name, how,
                         std::max<int64_t>(0, *sibling.next_deadline_ms() - now_ms())));
     if (stopping_) stop_what_may_stop();
+}
+
+void Family::take_errors(SupervisedSibling& sibling) {
+    for (const std::string& line : sibling.errors()->take())
+        log_.write(clock_.wall().seconds, sibling.config().name, line);
+    if (sibling.errors()->has_ended()) leave_errors(sibling);
+}
+
+void Family::leave_errors(SupervisedSibling& sibling) {
+    if (sibling.errors() == nullptr) return;
+    selector_.remove(sibling.errors()->readable());
+    sibling.leave_errors();
 }
 
 void Family::look_at_deadlines() {

@@ -49,7 +49,10 @@ class Family final : private io::ParentPolicy {
     // Supervision.
     void start_what_may_start();
     void start(SupervisedSibling& sibling);
+    void look_after(io::Selectable& ready);
     void note_end(SupervisedSibling& sibling);
+    void take_errors(SupervisedSibling& sibling);
+    void leave_errors(SupervisedSibling& sibling);
     void look_at_deadlines();
     void look_at(SupervisedSibling& sibling);
     void end_overdue_stops();

@@ -11,11 +11,15 @@ SupervisedSibling::SupervisedSibling(SiblingConfig config, RestartLimits limits,
                                      PatienceLimits patience)
     : config_(std::move(config)), policy_(limits), limits_(patience), patience_(patience) {}
 
-void SupervisedSibling::start(const platform::SpawnRequest& request, int64_t now_ms) {
+void SupervisedSibling::start(platform::SpawnRequest request, int64_t now_ms) {
     error::check(state_ == state_t::waiting, "Sibling {} started twice", config_.name);
     try {
+        errors_.emplace();
+        request.error_fd = errors_->writing_end();
         process_ = platform::spawn(request);
+        errors_->close_writing_end();
     } catch (const error::ESystemError&) {
+        errors_.reset();
         note_crash(now_ms, 0);
         throw;
     }
@@ -35,6 +39,7 @@ void SupervisedSibling::came_up(int64_t now_ms) {
 std::string SupervisedSibling::ended(int64_t now_ms) {
     const platform::ExitStatus status = platform::wait_for_end(process_);
     end_.reset();
+    errors_.reset();
     process_ = {};
     if (state_ == state_t::stopping)
         state_ = state_t::stopped;

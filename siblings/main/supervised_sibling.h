@@ -16,6 +16,7 @@
 
 #include "io/system_handle.h"
 #include "main/config.h"
+#include "main/error_lines.h"
 #include "main/restart_policy.h"
 #include "platform/process.h"
 
@@ -36,13 +37,20 @@ class SupervisedSibling {
     /// Readable when the process has ended; only while has_process().
     [[nodiscard]] io::FdSelectable& end() { return *end_; }
 
-    /// Starts the program. Throws error::ESystemError when that fails; the state is then delayed,
-    /// as after a crash.
-    void start(const platform::SpawnRequest& request, int64_t now_ms);
+    /// What the process writes to its error stream; null without a process, and once that stream
+    /// was left.
+    [[nodiscard]] ErrorLines* errors() { return errors_ ? &*errors_ : nullptr; }
+    /// No longer looks at the error stream. Take it out of its selector before.
+    void leave_errors() { errors_.reset(); }
+
+    /// Starts the program, with an error stream of its own. Throws error::ESystemError when that
+    /// fails; the state is then delayed, as after a crash.
+    void start(platform::SpawnRequest request, int64_t now_ms);
     /// It said that it is ready.
     void came_up(int64_t now_ms);
-    /// Its process ended; reaps it. The object of end() is gone afterwards, so take it out of its
-    /// selector before. Gives the words for the log: "exit code 1", "signal 9 (Killed)".
+    /// Its process ended; reaps it. The objects of end() and errors() are gone afterwards, so take
+    /// them out of their selector before. Gives the words for the log: "exit code 1", "signal 9
+    /// (Killed)".
     [[nodiscard]] std::string ended(int64_t now_ms);
     /// No more starts. A running process is asked to end by the caller, who says here how long
     /// that may take; a later call gives it another deadline.
@@ -73,6 +81,7 @@ class SupervisedSibling {
     state_t state_ = state_t::waiting;
     platform::ChildProcess process_;
     std::optional<io::FdSelectable> end_;
+    std::optional<ErrorLines> errors_;
     int64_t started_ms_ = 0;
     int64_t up_since_ms_ = 0;
     int64_t deadline_ms_ = 0;  ///< what it is for is told by the state

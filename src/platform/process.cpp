@@ -45,6 +45,7 @@ std::vector<std::string> merged_environment(const SpawnRequest& request) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent) ::_exit(127);  // it ended before it could be tied to us
     }
+    if (request.error_fd >= 0) ::dup2(request.error_fd, STDERR_FILENO);
     for (int fd : request.inherited_fds) {
         const int flags = ::fcntl(fd, F_GETFD);
         if (flags >= 0) ::fcntl(fd, F_SETFD, flags & ~FD_CLOEXEC);

@@ -23,6 +23,8 @@ struct SpawnRequest {
     /// The child is ended by SIGKILL when the thread that started it ends, until it says that it
     /// looks after that itself (outlive_parent()).
     bool ends_with_parent = false;
+    /// Becomes the child's standard error, unless it is -1.
+    int error_fd = -1;
 };
 
 /// How a process ended.
@@ -37,9 +39,9 @@ struct ChildProcess {
     Fd pidfd;  ///< readable once the process has ended
 };
 
-/// Starts the program with default signal handling, an empty signal mask and standard input, output
-/// and error as here; all other descriptors are close-on-exec by the house rule.
-/// error::ESystemError if it can't be started or executed.
+/// Starts the program with default signal handling, an empty signal mask and, unless asked
+/// otherwise, standard input, output and error as here; all other descriptors are close-on-exec by
+/// the house rule. error::ESystemError if it can't be started or executed.
 [[nodiscard]] ChildProcess spawn(const SpawnRequest& request);
 
 /// Reaps an ended child; waits for it if it still runs. error::ESystemError if it is no child of

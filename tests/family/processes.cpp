@@ -58,8 +58,13 @@ std::string read_file(const std::string& path) {
 }
 
 std::string sleeping_sibling(const support::TempDir& programs, const std::string& name) {
+    return scripted_sibling(programs, name, "exec sleep 600\n");
+}
+
+std::string scripted_sibling(const support::TempDir& programs, const std::string& name,
+                             const std::string& script) {
     const std::string program = programs.file(name);
-    std::ofstream(program) << "#!/bin/sh\nexec sleep 600\n";
+    std::ofstream(program) << "#!/bin/sh\n" << script;
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     return fmt::format("[siblings.{}]\nprogram = \"{}\"\n", name, program);
 }

@@ -19,8 +19,10 @@ namespace family {
 
 [[nodiscard]] std::string read_file(const std::string& path);
 
-/// The lines of a configuration for sibling `name`, whose program, made in `programs`, never comes
-/// up.
+/// The lines of a configuration for sibling `name`, whose program, a shell script made in
+/// `programs`, never comes up.
+[[nodiscard]] std::string scripted_sibling(const support::TempDir& programs,
+                                           const std::string& name, const std::string& script);
 [[nodiscard]] std::string sleeping_sibling(const support::TempDir& programs,
                                            const std::string& name);
 

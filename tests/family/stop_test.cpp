@@ -41,5 +41,20 @@ TEST(Stop, TheEndOfTheTerminalStopsTheFamilyInOrder) {
     EXPECT_TRUE(family.logs("dbms stopped with exit code 0"));
 }
 
+// The reason why a process ended stands in the log file, in front of its end.
+TEST(Errors, LastWordsAreInTheLog) {
+    const support::TempDir programs;
+    RunningFamily family(
+        4U << 20, scripted_sibling(programs, "extra",
+                                   "echo 'a whole line' >&2\nprintf 'and a rest' >&2\nexit 3\n"));
+    ASSERT_TRUE(family.logs("extra ended unexpectedly with exit code 3"));
+    const std::string log = family.log_text();
+    const size_t whole = log.find(" extra a whole line\n"), rest = log.find(" extra and a rest\n");
+    EXPECT_NE(whole, std::string::npos) << log;
+    EXPECT_LT(whole, rest);
+    EXPECT_LT(rest, log.find("extra ended unexpectedly"));
+    EXPECT_EQ(family.stop().code, 0);
+}
+
 }  // namespace
 }  // namespace family
