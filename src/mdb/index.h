@@ -81,12 +81,15 @@ class IndexTable {
     /// still empty.
     void init_required_indexes();
     /// Takes the root of index `n` from the header, or gives the header a new one when `n` is the
-    /// first number that it lacks. True when the index has just been created and must be built.
-    /// Commits on its own.
+    /// first number that it lacks. True when the index must be built: it has just been created, or
+    /// its building was cut off. Commits on its own.
     [[nodiscard]] bool ensure_index(uint32_t n);
-    /// Fills index `n`, 2 to 5, from the object at `root` and all below it. Each insertion is a
-    /// transaction.
+    /// Fills index `n`, 2 to 5, from the object at `root` and all below it, and finishes it. What
+    /// it holds already stays if it is right and goes if it isn't. Each change is a transaction.
     void build_index(block_handle_t root, uint32_t n);
+    /// Notes durably that nothing is missing from index `n`. Until then ensure_index() says at each
+    /// start that it has to be built, and changes of objects before that pass it by.
+    void finish_index(uint32_t n);
     /// True when the root's first child is a block that is no part of an index.
     [[nodiscard]] bool detect_aliasing(uint32_t n);
     /// Takes index `n` out of the header, without a walk of its tree, whose pointers need not be

@@ -10,6 +10,7 @@
 //   8         4      ptr0: block of the child left of key 0, 0 = none
 //   12+12i    8      key i
 //   20+12i    4      rptr i: block of the child right of key i
+//   size-4    4      of a root: "BLDG" as long as the index is being built, see N9; else 0
 //
 //   leaf      width  field                         (mark 6)
 //   0         4      magic "LEAF"
@@ -40,6 +41,9 @@
 //   N6 the left and right links join the leaves in key order
 //   N7 a leaf without entries is the only leaf
 //   N8 no two entries of an index have the same key and value
+//   N9 an index whose root says that it is being built may lack entries, or hold some of the past;
+//   nobody
+//      reads it, and the next start goes on with the building
 #pragma once
 
 #include <cstddef>
@@ -59,6 +63,11 @@ inline constexpr uint32_t rptr = 8;
 inline constexpr uint32_t kEntrySize = 12;
 static_assert(entries == ptr0 + sizeof(uint32_t) && kEntrySize == rptr + sizeof(uint32_t),
               "the table above and these offsets are one contract");
+/// What the last word of a root holds while its index is being built.
+inline constexpr uint32_t kBeingBuilt = 0x424C4447;  // "BLDG"
+constexpr uint32_t being_built(uint32_t block_size) {
+    return block_size - static_cast<uint32_t>(sizeof(uint32_t));
+}
 }  // namespace node_layout
 
 namespace leaf_layout {
@@ -87,5 +96,10 @@ constexpr uint32_t leaf_capacity(uint32_t block_size) {
 }
 static_assert(node_capacity(1024) == 84 && leaf_capacity(1024) == 63);
 static_assert(node_capacity(4096) == 340 && leaf_capacity(4096) == 255);
+/// Keys never reach the last word of a node: a power of two is no multiple of the entries' size.
+static_assert(node_layout::entries + node_capacity(1024) * node_layout::kEntrySize <=
+                  node_layout::being_built(1024) &&
+              node_layout::entries + node_capacity(2048) * node_layout::kEntrySize <=
+                  node_layout::being_built(2048));
 
 }  // namespace mdb

@@ -1,6 +1,7 @@
 // Making, building and dropping indexes.
 
 #include <fmt/format.h>
+#include <set>
 #include <unordered_set>
 #include <vector>
 
@@ -17,6 +18,12 @@ namespace {
 
 const logging::Logger logger{"objectio"};
 
+struct Entry {
+    NodeId key;
+    block_handle_t value;
+    friend auto operator<=>(const Entry&, const Entry&) = default;
+};
+
 }  // namespace
 
 void IndexTable::init_required_indexes() {
@@ -29,22 +36,25 @@ void IndexTable::init_required_indexes() {
     // An object stored before ensure_index() has seen the others must not be missing from them.
     for (uint32_t n = kRequiredIndexes; n < index_count(); ++n) {
         const uint32_t block = database_.header().index_root(n);
-        if (database_.allocator().query_mark(block) == mark_t::root_index) roots_[n] = block;
+        if (database_.allocator().query_mark(block) != mark_t::root_index) continue;
+        roots_[n] = block;
+        // One that is not built to its end is mended when that is done.
+        if (tree(n, "Index not known").being_built()) roots_[n] = kNoRoot;
     }
     logger.info("Node ID and Parent ID indexes are initialized");
 }
 
-/// Puts the root of index `n` in the table and makes its node if the block is still empty; true in
-/// this case.
+/// Puts the root of index `n` in the table and makes its node if the block is still empty. True in
+/// this case, and when the index isn't built to its end.
 bool IndexTable::open_root(uint32_t n, uint32_t block) {
     const mark_t mark = database_.allocator().query_mark(block);
     if (mark != mark_t::root_index && mark != mark_t::empty)
         throw error_fubar(fmt::format("Non-index node at index-block {}", block));
     roots_[n] = block;
-    if (mark == mark_t::root_index) return false;
+    if (mark == mark_t::root_index) return tree(n, "Index not known").being_built();
     database_.store().ensure_block(block);
     Transaction transaction(database_.journal());
-    tree_->create_root(block);
+    tree_->create_root(block, n >= kRequiredIndexes);
     transaction.commit(false);
     logger.info("Created root index node at block {}", block);
     return true;
@@ -86,13 +96,17 @@ void IndexTable::drop_index(uint32_t n) {
 void IndexTable::build_index(block_handle_t root, uint32_t n) {
     if (n < kRequiredIndexes || n >= kMaxIndexes)
         throw error_internal(fmt::format("Cannot reconstruct index {}", n));
+    // A build that was cut off has left entries. Objects may have changed since then.
+    std::set<Entry> left_over;
+    for (IndexIterator it = iterate_first(n); it.valid(); iterator_next(it))
+        left_over.insert({iterator_key(it), iterator_value(it)});
     std::unordered_set<NodeId> walked;
     std::vector<block_handle_t> open{root};
     while (!open.empty()) {
         const block_handle_t handle = open.back();
         open.pop_back();
-        const auto keys = detail::read_object_keys(detail::current_object(database_, handle));
-        if (keys[n]) {
+        const auto keys = detail::read_object_keys(detail::load_object(database_, handle));
+        if (keys[n] && left_over.erase({*keys[n], handle}) == 0) {
             Transaction transaction(database_.journal());
             non_unique_insert(n, *keys[n], handle);
             transaction.commit();
@@ -109,6 +123,20 @@ void IndexTable::build_index(block_handle_t root, uint32_t n) {
             open.push_back(iterator_value(it));
         std::reverse(open.begin() + static_cast<std::ptrdiff_t>(children), open.end());
     }
+    for (const Entry& entry : left_over) {
+        Transaction transaction(database_.journal());
+        non_unique_delete(n, entry.key, entry.value);
+        transaction.commit();
+    }
+    finish_index(n);
+}
+
+void IndexTable::finish_index(uint32_t n) {
+    detail::IndexTree& index = tree(n, "Index not known - cannot finish");
+    if (!index.being_built()) return;
+    Transaction transaction(database_.journal());
+    index.finish_building();
+    transaction.commit(false);
 }
 
 void start_indexes(IndexTable& indexes, block_handle_t root, uint32_t format_number) {
@@ -144,6 +172,7 @@ void start_indexes(IndexTable& indexes, block_handle_t root, uint32_t format_num
     if (!indexes.ensure_index(alert_notify_index)) return;
     if (format_number < kFormatWithAlertNotify) {
         logger.info("AlertNotifyObject index is missing from your database - creating empty");
+        indexes.finish_index(alert_notify_index);
         return;
     }
     logger.info("AlertNotifyObject index is missing from your database - will build...");

@@ -322,6 +322,26 @@ TEST_F(IndexTest, StartBuildsMissingIndexesFromADeepTree) {
     EXPECT_THROW(indexes->build_index(top, kRuns), mdb::error_internal);
 }
 
+TEST_F(IndexTest, ABuildThatWasCutOffIsGoneOnWith) {
+    const block_handle_t top = create({0, 1}, {});
+    const block_handle_t right = create({0, 2}, {0, 1});
+    create({0, 4}, {0, 1});
+    ASSERT_TRUE(indexes->ensure_index(2));
+    {
+        // One entry that is right, and one of an object that has changed since.
+        mdb::Transaction transaction(database->journal());
+        indexes->non_unique_insert(2, {0, 1}, right);
+        indexes->non_unique_insert(2, {0, 9}, right);
+        transaction.commit();
+    }
+    open();
+    create({0, 6}, {0, 1});
+    mdb::start_indexes(*indexes, top, 12);
+    EXPECT_EQ(verify_all(), "");
+    open();
+    EXPECT_FALSE(indexes->ensure_index(2)) << "it is built now";
+}
+
 TEST_F(IndexTest, ACycleOfParentsEndsTheBuild) {
     const block_handle_t first = create({0, 1}, {0, 2});
     create({0, 2}, {0, 1});
@@ -332,6 +352,8 @@ TEST_F(IndexTest, ACycleOfParentsEndsTheBuild) {
 TEST_F(IndexTest, SparseIndexesAreRefused) {
     EXPECT_THROW(static_cast<void>(indexes->ensure_index(3)), mdb::error_internal);
     EXPECT_TRUE(indexes->ensure_index(2));
+    EXPECT_TRUE(indexes->ensure_index(2)) << "it isn't built yet";
+    indexes->finish_index(2);
     EXPECT_FALSE(indexes->ensure_index(2));
     EXPECT_THROW(static_cast<void>(indexes->ensure_index(4)), mdb::error_internal);
 }

@@ -108,8 +108,10 @@ class ObjectStoreTest : public testing::Test {
         indexes->init_required_indexes();
         store.emplace(*database, *indexes);
         if (indexes->index_count() == mdb::kRequiredIndexes) {
-            for (uint32_t n = mdb::kRequiredIndexes; n < mdb::kMaxIndexes; ++n)
+            for (uint32_t n = mdb::kRequiredIndexes; n < mdb::kMaxIndexes; ++n) {
                 EXPECT_TRUE(indexes->ensure_index(n));
+                indexes->finish_index(n);
+            }
         }
     }
 

@@ -125,7 +125,9 @@ void NodeEditor::copy_head(const NodeEditor& from, uint32_t h) {
 }
 
 void NodeEditor::become_fork(uint32_t left, IndexKey key, uint32_t right) {
+    const bool unfinished = being_built();
     clear();
+    set_being_built(unfinished);
     set_ptr0(left);
     insert(0, key, right);
 }

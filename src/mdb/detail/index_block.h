@@ -123,6 +123,10 @@ class NodeView {
         return util::load_be32(p == 0 ? data_ + node_layout::ptr0
                                       : entry(p - 1) + node_layout::rptr);
     }
+    /// True in the root of an index whose building has not come to its end.
+    [[nodiscard]] bool being_built() const {
+        return util::load_be32(data_ + node_layout::being_built(size_)) == node_layout::kBeingBuilt;
+    }
     /// True when no leaf can be reached from here.
     [[nodiscard]] bool childless() const { return nkeys() == 0 && child(0) == 0; }
 
@@ -147,6 +151,10 @@ class NodeEditor : public NodeView {
     void clear() {
         std::memset(out_, 0, size_);
         util::store_be32(out_ + node_layout::magic, node_layout::kMagic);
+    }
+    void set_being_built(bool value) {
+        util::store_be32(out_ + node_layout::being_built(size_),
+                         value ? node_layout::kBeingBuilt : 0);
     }
     void set_ptr0(uint32_t block) { util::store_be32(out_ + node_layout::ptr0, block); }
     void set_key(uint32_t i, IndexKey key) { util::store_be64(entry(i) + node_layout::key, key); }

@@ -50,7 +50,10 @@ class IndexTree {
     /// The leftmost child of the root, 0 when there is none.
     [[nodiscard]] uint32_t root_child() { return node_view(root_).child(0); }
     /// Writes an empty node into `block` and marks it as a root; needs an open transaction.
-    void create_root(uint32_t block);
+    void create_root(uint32_t block, bool being_built);
+    [[nodiscard]] bool being_built() { return node_view(root_).being_built(); }
+    /// Takes the note out of the root; needs an open transaction.
+    void finish_building();
 
   private:
     /// Which child a search takes at a separator equal to its key.

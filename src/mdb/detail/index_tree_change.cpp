@@ -83,10 +83,18 @@ void IndexTree::free_block(uint32_t block) {
     database_.allocator().set_mark(block, mark_t::empty);
 }
 
-void IndexTree::create_root(uint32_t block) {
+void IndexTree::finish_building() {
+    BlockBuffer root = private_node(root_);
+    NodeEditor(bytes(root)).set_being_built(false);
+    journal_block(root, root_);
+}
+
+void IndexTree::create_root(uint32_t block, bool being_built) {
     database_.allocator().set_mark(block, mark_t::root_index);
     BlockBuffer root = database_.pool().acquire();
-    NodeEditor(bytes(root)).clear();
+    NodeEditor node(bytes(root));
+    node.clear();
+    node.set_being_built(being_built);
     journal_block(root, block);
 }
 
