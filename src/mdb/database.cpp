@@ -27,11 +27,12 @@ void Database::load_header() {
     if (store_.file_length() < Header::kSize)
         throw error_fubar("MDB file does not look like a Tarmik Meta Database");
     store_.byte_read(header_.data(), 0, Header::kSize);
-    header_.verify();
 }
 
 void Database::read_header(const std::string& journal_path) {
     load_header();
+    // A power cut may have torn a write of the layout area: the journal then holds it whole.
+    header_.verify_identity();
     store_.set_block_size(header_.block_size());
     logger.info("Using {} byte MDB blocks", block_size());
     if (header_.journal_type() == header_layout::kJournalInFile) {
@@ -69,15 +70,19 @@ void Database::check_not_shortened() {
     }
 }
 
-void Database::init_storage() {
+void Database::check_before_replay() {
+    journal_.overlay_unwritten(header_.data(), Header::kSize, 0);
+    header_.verify();
+    if (header_.block_size() != block_size())
+        throw error_consistency(fmt::format("Replay changes the block size from {} to {} bytes",
+                                            block_size(), header_.block_size()));
     check_not_shortened();
-    journal_.journal_start();
-    // What was replayed may have changed the header.
-    const uint32_t opened_with = block_size();
+}
+
+void Database::init_storage() {
+    journal_.journal_start([this] { check_before_replay(); });
     load_header();
-    if (header_.block_size() != opened_with)
-        throw error_consistency(fmt::format("Replay changed the block size from {} to {} bytes",
-                                            opened_with, header_.block_size()));
+    header_.verify();
     allocator_->load_map(header_.map_start(), header_.first_data_block());
     serializer_ = std::make_unique<Serializer>(block_size());
 }
@@ -85,6 +90,9 @@ void Database::init_storage() {
 void Database::write_header(const Header& header) {
     header.verify();
     journal_.checkpoint_and_flip();
+    Transaction transaction(journal_);
+    journal_.journal_update(header.data(), Header::kSize, 0);
+    transaction.commit(false);
     store_.byte_write(header.data(), 0, Header::kSize, false);
     store_.sync_store();
     header_ = header;

@@ -49,7 +49,7 @@ class Database {
     [[nodiscard]] const Header& header() const noexcept { return header_; }
     /// Writes the header straight to the file and syncs it. No transaction may be open. Everything
     /// committed is brought to the file and a new half begun first, so that no replay can put an
-    /// older header back.
+    /// older header back; in that half it is committed too, for a replay to mend a torn write.
     void write_header(const Header& header);
     /// Adds the header to the open transaction as an update of its 1024 bytes. An abort doesn't
     /// take back what header() says.
@@ -58,6 +58,7 @@ class Database {
   private:
     void load_header();
     void read_header(const std::string& journal_path);
+    void check_before_replay();
     void check_not_shortened();
     void init_storage();
 

@@ -22,6 +22,11 @@ void Header::set_word(uint32_t offset, uint32_t value) {
 }
 
 void Header::verify() const {
+    verify_identity();
+    verify_layout();
+}
+
+void Header::verify_identity() const {
     if (word(header_layout::magic) != header_layout::kMagic)
         throw error_fubar("MDB file does not look like a Tarmik Meta Database");
     const uint32_t version = word(header_layout::version);
@@ -37,7 +42,6 @@ void Header::verify() const {
     if (journal_type() != header_layout::kJournalInFile &&
         journal_type() != header_layout::kJournalApart)
         throw error_unsupported("Unknown journal type");
-    verify_layout();
 }
 
 void Header::verify_layout() const {

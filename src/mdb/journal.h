@@ -73,8 +73,10 @@ class Journal {
     void journal_open(const std::string& path, uint64_t offset, uint64_t length, bool exclusive);
     /// Checks the journal, brings every whole transaction it holds to the file and starts a new
     /// half. Throws error_fubar, error_unsupported, error_need_repair, error_range, error_internal
-    /// for a journal that can't be used; then the file is as before.
-    void journal_start();
+    /// for a journal that can't be used; then the file is as before. `before_writing` is called
+    /// when overlay_unwritten() already shows what the replay will bring to the file, and nothing
+    /// is written yet; it may throw to refuse the start.
+    void journal_start(const std::function<void()>& before_writing = [] {});
 
     /// Opens a transaction, or an inner one when one is open. At the outermost one a checkpoint may
     /// be due, which can take as long as writing and syncing what changed since the last one. See
@@ -159,7 +161,7 @@ class Journal {
     void check_state() const;
     void check_usable() const;
     void check_no_transaction() const;
-    void replay(uint32_t position, uint64_t serial);
+    void replay();
     void collect_replay(uint32_t position, uint64_t serial);
     void collect_transaction(uint32_t position, uint32_t end);
     [[nodiscard]] bool serial_is_current(uint32_t position) const;

@@ -79,7 +79,7 @@ uint32_t whole_transaction(std::span<const std::byte> journal, uint32_t position
 
 }  // namespace
 
-void Journal::journal_start() {
+void Journal::journal_start(const std::function<void()>& before_writing) {
     if (mapping_ == nullptr) throw error_internal("No journal mapped");
     if (store_.file_length() == 0) throw error_internal("Invalid backing store length");
     error::check(cache_ != nullptr && observer_ != nullptr,
@@ -108,14 +108,15 @@ void Journal::journal_start() {
     const IndexEntry& start = entries[static_cast<size_t>(picked)];
     logger.debug("Starting replay at journal offset {}", start.position);
     guarded([&] {
-        replay(start.position, start.serial);
+        collect_replay(start.position, start.serial);
+        before_writing();
+        replay();
         next_index_ = 1 - picked;
         flip(false);
     });
 }
 
-void Journal::replay(uint32_t position, uint64_t serial) {
-    collect_replay(position, serial);
+void Journal::replay() {
     // What a killed process wrote may stand in memory only. It must not reach the file ahead of the
     // journal.
     sync_journal();

@@ -210,6 +210,31 @@ void restarts(Script& script) {
     }
 }
 
+/// Indexes are dropped, the last one and all above the third, and made again by the next start.
+void indexes(Script& script) {
+    script.open();
+    for (uint32_t n = 6; n <= 8; ++n) script.create(number(n), child("more"));
+    script.drop_index(mdb::alert_notify_index);
+    script.update(number(6), child("changed while an index is missing"));
+    script.open();
+    script.create(number(9), child("yet more"));
+    for (uint32_t n = mdb::kMaxIndexes; n-- > mdb::active_parent_index;) script.drop_index(n);
+    script.remove(number(9));
+    script.open();
+    script.remove(number(8));
+}
+
+void few_objects(Script& script) {
+    start(script);
+    for (uint32_t n = 1; n <= 5; ++n)
+        script.create(number(n), {.parent = n > 3 ? number(1) : kRoot,
+                                  .active = n % 2 == 0,
+                                  .inherits = number(1),
+                                  .master = number(2),
+                                  .notify = number(3),
+                                  .text = std::string(30, 'i')});
+}
+
 /// A database is made where there was none.
 void format(Script& script) {
     script.format_recorded(false);
@@ -235,6 +260,8 @@ void reformat(Script& script) {
 std::vector<Workload> make_workloads() {
     // A quarter of a half has to have room for the largest transaction.
     const Setup usual;
+    Setup dropping;
+    dropping.drops_indexes = true;
     Setup two_indexes;
     two_indexes.journal_size = 32 * 1024;
     two_indexes.six_indexes = false;
@@ -252,6 +279,7 @@ std::vector<Workload> make_workloads() {
         {"checkpoints", usual, start, checkpoints},
         {"mixed_commits", usual, start, mixed_commits},
         {"restarts", usual, start, restarts},
+        {"indexes", dropping, few_objects, indexes},
         {"splits", large_journal, tree_before_root_split, splits},
         {"emptying", large_journal, tree_of_three_levels, emptying},
         {"format", usual, {}, format},
