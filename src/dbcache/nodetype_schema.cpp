@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "dbcache/property_kinds.h"
+#include "dbcache/sibling_key.h"
 #include "dbcache/special_kinds.h"
 #include "error/exception.h"
 #include "meter/meter.h"
@@ -216,18 +217,10 @@ void NodetypeSchema::check_primary_key(const SchemaObject& object, const WorkArr
                                        const std::vector<size_t>& keys,
                                        const NodeId& new_parent) const {
     const meter::TimingScope timing(key_check_time, object.clock());
-    const auto same_in = [&](const PropertyChain& sibling, size_t key) {
-        work_t other;
-        properties_[key].schema->load(sibling, other);
-        return !other.is_null() && properties_[key].schema->compare(work[key], other) == 0;
-    };
-    object.visit_siblings(new_parent, key_classes_,
-                          [&](const NodeId& id, uint32_t, const PropertyChain& sibling) {
-                              if (std::all_of(keys.begin(), keys.end(),
-                                              [&](size_t key) { return same_in(sibling, key); }))
-                                  fail_exists(id, "Duplicate value given for primary key");
-                              return true;
-                          });
+    SiblingKey key(key_classes_);
+    for (const size_t i : keys) key.add(*properties_[i].schema, work[i]);
+    if (const std::optional<NodeId> sibling = object.find_equal_sibling(new_parent, key))
+        fail_exists(*sibling, "Duplicate value given for primary key");
 }
 
 void NodetypeSchema::check_restrictions(const SchemaObject& object, const WorkArray& work,

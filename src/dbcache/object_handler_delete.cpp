@@ -78,6 +78,7 @@ class DeleteOperation {
 
     void leave() {
         handler_.leave_sibling_index();
+        handler_.store().sibling_keys().forget(handler_.node_id());
         handler_.location_ = {};
         handler_.deleted_ = true;
         handler_.store().resolver().note_tombstone();

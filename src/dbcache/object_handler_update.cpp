@@ -320,6 +320,16 @@ void UpdateOperation::store() {
     const mdb::block_handle_t location = store.objects().store_object(old_location);
     handler_.move_to(location);
     handler_.subtype_ = subtype_;
+    note_key();
+}
+
+/// In the transaction, before a hook can create a sibling of this object.
+void UpdateOperation::note_key() {
+    Store& store = handler_.store();
+    if (!store.sibling_keys().knows(handler_.parent_id())) return;
+    const InheritanceChain stored(store, handler_.node_id(), handler_.location());
+    store.sibling_keys().note(handler_.parent_id(), handler_.node_id(), handler_.class_number(),
+                              stored);
 }
 
 void UpdateOperation::renew_sibling_entry() {

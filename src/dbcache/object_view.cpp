@@ -1,6 +1,7 @@
 #include "dbcache/object_view.h"
 
 #include "dbcache/detail/child_walk.h"
+#include "dbcache/detail/sibling_search.h"
 #include "dbcache/inheritance.h"
 
 namespace dbcache {
@@ -31,9 +32,7 @@ bool ObjectView::visit_siblings(const NodeId& new_parent, const std::set<uint32_
                                 const SiblingVisit& visit) const {
     const ObjectHandlerRef above = parent(new_parent);
     if (!above) return false;
-    const auto group = above->schema().group_of_child(handler_.nodetype());
-    const std::set<uint32_t>& nodetypes =
-        group ? above->schema().groups().at(*group).children : above->schema().direct_children();
+    const std::set<uint32_t>& nodetypes = detail::sibling_nodetypes(handler_, *above);
     detail::walk_children(
         handler_.store(), above->node_id(), mdb::parent_id_index, [&](const ObjectHandlerRef& one) {
             if (one->node_id() == handler_.node_id() || !classes.contains(one->class_number()) ||
@@ -43,6 +42,15 @@ bool ObjectView::visit_siblings(const NodeId& new_parent, const std::set<uint32_
             return visit(one->node_id(), one->class_number(), chain);
         });
     return true;
+}
+
+std::optional<NodeId> ObjectView::find_equal_sibling(const NodeId& new_parent,
+                                                     const SiblingKey& key) const {
+    const ObjectHandlerRef above = parent(new_parent);
+    if (!above) return std::nullopt;
+    detail::SiblingSearch search(handler_, *above, key);
+    if (search.run()) return search.equal();
+    return SchemaObject::find_equal_sibling(new_parent, key);
 }
 
 uint32_t ObjectView::parent_class(const NodeId& new_parent) const {

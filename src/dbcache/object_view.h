@@ -22,6 +22,9 @@ class ObjectView final : public SchemaObject {
                       const std::function<void(const PropertyChain&)>& visit) const override;
     bool visit_siblings(const NodeId& new_parent, const std::set<uint32_t>& classes,
                         const SiblingVisit& visit) const override;
+    /// Asks the store's SiblingKeyIndex where there are many siblings.
+    [[nodiscard]] std::optional<NodeId> find_equal_sibling(const NodeId& new_parent,
+                                                           const SiblingKey& key) const override;
     [[nodiscard]] uint32_t parent_class(const NodeId& new_parent) const override;
     [[nodiscard]] NodeId translate_inherited(const NodeId& id, uint32_t property) const override;
     [[nodiscard]] std::vector<NodeId> translate_inherited_set(const std::vector<NodeId>& ids,

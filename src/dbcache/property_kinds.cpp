@@ -1,6 +1,7 @@
 #include "dbcache/property_kinds.h"
 
 #include <algorithm>
+#include <cctype>
 #include <strings.h>
 
 #include "dbcache/pattern_language.h"
@@ -88,6 +89,13 @@ void PropertyMarlSchema::validate(const SchemaObject& object, const PropertyChai
 
 int PropertyICaseStringSchema::compare_values(const std::string& a, const std::string& b) const {
     return compare_payloads(::strcasecmp(a.c_str(), b.c_str()), 0);
+}
+
+/// Folds as strcasecmp() does, and ends where it ends.
+uint64_t PropertyICaseStringSchema::hash_value(const std::string& value) const {
+    std::string folded(value.c_str());
+    for (char& c : folded) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return hash_payload(folded);
 }
 
 void PropertyIdentifierSchema::validate(const SchemaObject& object, const PropertyChain& chain,

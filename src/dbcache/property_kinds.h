@@ -129,6 +129,7 @@ class PropertyICaseStringSchema : public PropertyStringSchema {
 
   protected:
     [[nodiscard]] int compare_values(const std::string& a, const std::string& b) const override;
+    [[nodiscard]] uint64_t hash_value(const std::string& value) const override;
 };
 
 /// Letters, digits, blank, '-' and '_', at least one.

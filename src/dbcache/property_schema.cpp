@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "dbcache/sibling_key.h"
 #include "tql/names.h"
 
 namespace dbcache {
@@ -74,15 +75,11 @@ void PropertySchema::check_const(const SchemaObject& /*object*/, const PropertyC
 }
 
 void PropertySchema::check_unique(const SchemaObject& object, const work_t& work) const {
-    object.visit_siblings(
-        NodeId{}, {object.schema_class()},
-        [&](const NodeId& id, uint32_t, const PropertyChain& sibling) {
-            work_t other;
-            load(sibling, other);
-            if (!other.is_null() && compare(other, work) == 0)
-                fail_exists(id, fmt::format("Duplicate value given for property {}", name()));
-            return true;
-        });
+    const std::set<uint32_t> own_class{object.schema_class()};
+    SiblingKey key(own_class);
+    key.add(*this, work);
+    if (const std::optional<NodeId> sibling = object.find_equal_sibling(NodeId{}, key))
+        fail_exists(*sibling, fmt::format("Duplicate value given for property {}", name()));
 }
 
 void fail_illegal_value(const std::string& text) {

@@ -74,6 +74,8 @@ class PropertySchema {
     virtual void release(work_t& work) const { work.prop.reset(); }
     /// -1, 0 or 1 by payload; a null sorts before every value.
     [[nodiscard]] virtual int compare(const work_t& a, const work_t& b) const = 0;
+    /// Equal for values that compare() finds equal; 0 for all where a kind has nothing better.
+    [[nodiscard]] virtual uint64_t hash(const work_t& /*work*/) const { return 0; }
     /// Whether the value owns storage outside the object.
     [[nodiscard]] virtual bool has_backend() const { return false; }
     [[nodiscard]] virtual bool applies_now(const PropertyChain& chain) const {

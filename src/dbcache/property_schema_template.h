@@ -4,7 +4,10 @@
 #pragma once
 
 #include <concepts>
+#include <functional>
 #include <optional>
+#include <string>
+#include <type_traits>
 #include <utility>
 
 #include "dbcache/conversions.h"
@@ -35,6 +38,21 @@ template <class Value>
         return a < b ? -1 : b < a ? 1 : 0;
     else
         return a == b ? 0 : 1;  // no order: unequal is all that counts
+}
+
+/// Equal for payloads that compare_payloads() finds equal; 0 where that can't be told.
+template <class Value>
+[[nodiscard]] uint64_t hash_payload(const Value& value) {
+    if constexpr (std::is_integral_v<Value> || std::is_enum_v<Value> ||
+                  std::is_same_v<Value, std::string> || std::is_same_v<Value, NodeId>) {
+        return std::hash<Value>{}(value);
+    } else if constexpr (requires { hash_payload(*value.begin()); }) {
+        uint64_t hash = value.size();
+        for (const auto& element : value) hash = hash * 0x100000001B3U ^ hash_payload(element);
+        return hash;
+    } else {
+        return 0;  // of real numbers some are equal to all
+    }
 }
 
 template <class Stored, class Wire, class Conversion = Assign>
@@ -102,6 +120,10 @@ class PropertySchemaTemplate : public PropertySchema {
         return compare_values(payload(a), payload(b));
     }
 
+    [[nodiscard]] uint64_t hash(const work_t& work) const override {
+        return work.is_null() ? 0 : hash_value(payload(work));
+    }
+
     [[nodiscard]] std::unique_ptr<tql::property_t> to_tql(
         const work_t& work, const PropertyChain& /*chain*/) const override {
         const uint32_t flag_bits = flags | (work.is_inherited() ? kInherited : 0);
@@ -132,6 +154,10 @@ class PropertySchemaTemplate : public PropertySchema {
 
     [[nodiscard]] virtual int compare_values(const value_type& a, const value_type& b) const {
         return compare_payloads(a, b);
+    }
+    /// To be overwritten where compare_values() is.
+    [[nodiscard]] virtual uint64_t hash_value(const value_type& value) const {
+        return hash_payload(value);
     }
     /// For kinds that refuse values by more than their class; throws errors::tql with code 9.
     virtual void check_wire(const Wire& /*value*/) const {}

@@ -28,6 +28,8 @@ class Clock;
 
 namespace dbcache {
 
+class SiblingKey;
+
 /// An inheritance parent can't be reached: `inherits` is null or names no object. Never leaves this
 /// folder.
 class EInheritance : public error::Exception {
@@ -108,6 +110,10 @@ class SchemaObject {
     /// object under a group, only the group's children count. False when the object has no parent.
     virtual bool visit_siblings(const NodeId& new_parent, const std::set<uint32_t>& classes,
                                 const SiblingVisit& visit) const = 0;
+    /// The first of those siblings, of the classes that `key` names, whose values equal `key`. By
+    /// itself it compares with one after the other.
+    [[nodiscard]] virtual std::optional<NodeId> find_equal_sibling(const NodeId& new_parent,
+                                                                   const SiblingKey& key) const;
     static constexpr uint32_t kNoParent = 0xFFFFFFFF;
     /// The class of that parent; kNoParent without one.
     [[nodiscard]] virtual uint32_t parent_class(const NodeId& new_parent) const = 0;

@@ -1,6 +1,6 @@
-// Store: the object layer in one piece. It owns the cache of handlers, the sibling index and the
-// resolver, and ties them to the database, whose hooks it takes. Everything that works on stored
-// objects gets a reference to it.
+// Store: the object layer in one piece. It owns the cache of handlers, the indexes of siblings and
+// the resolver, and ties them to the database, whose hooks it takes. Everything that works on
+// stored objects gets a reference to it.
 //
 // One store works on one database. It must go before the database, its indexes and its schemas do.
 #pragma once
@@ -12,6 +12,7 @@
 
 #include "dbcache/object_cache.h"
 #include "dbcache/sibling_index.h"
+#include "dbcache/sibling_key_index.h"
 #include "mdb/block_layout.h"
 #include "mdb/journal.h"
 #include "tqlengine/object_handler.h"
@@ -62,6 +63,7 @@ class Store {
     [[nodiscard]] const platform::Clock& clock() const noexcept { return parts_.clock; }
     [[nodiscard]] ObjectCache& cache() noexcept { return cache_; }
     [[nodiscard]] SiblingIndex& sibling_index() noexcept { return sibling_index_; }
+    [[nodiscard]] SiblingKeyIndex& sibling_keys() noexcept { return sibling_keys_; }
     [[nodiscard]] DbcacheIdResolver& resolver() noexcept { return *resolver_; }
 
     /// Handlers of stored objects that somebody holds a reference to. After each event there must
@@ -96,6 +98,7 @@ class Store {
 
     Parts parts_;
     SiblingIndex sibling_index_;
+    SiblingKeyIndex sibling_keys_;
     uint32_t referenced_ = 0;
     uint32_t live_ = 0;
     uint64_t tree_epoch_ = 1;

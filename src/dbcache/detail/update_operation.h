@@ -44,6 +44,7 @@ class UpdateOperation {
     void serialise();
     void store_value(size_t index, RecordWriter& writer);
     void store();
+    void note_key();
     void renew_sibling_entry();
 
     void assign(size_t index, const tql::property_t& value);
