@@ -130,7 +130,15 @@ void Journal::transaction_end(bool asynchronous) {
 void Journal::commit(bool asynchronous) {
     const uint64_t second = current_second();
     const bool flush = !asynchronous || second >= last_sync_ + 1;
-    write_transaction(flush);
+    try {
+        write_transaction(flush);
+    } catch (const error_generic&) {
+        // Only the next start can tell whether it is in the journal. Readers see what was before it.
+        transaction_fill_ = 0;
+        open_updates_.clear();
+        observer_->transaction_aborted();
+        throw;
+    }
     observer_->transaction_committed();
     publish_transaction();
     if (!flush) return;

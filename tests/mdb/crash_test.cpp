@@ -259,6 +259,8 @@ TEST(FailingDisk, EndsAllFurtherWork) {
         EXPECT_TRUE(work.database->journal().failed());
         EXPECT_THROW(work.database->journal().transaction_begin(), error::EFatal);
         EXPECT_THROW(work.database->journal().journal_checkpoint(), error::EFatal);
+        // Whoever still reads sees the state before or after the step, not something between.
+        EXPECT_GE(work.shown(), work.committed);
         work.close();
         work.disk.restart();
         work.open();
