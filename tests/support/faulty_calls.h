@@ -50,6 +50,8 @@ class FaultyCalls final : public platform::SystemCalls {
     [[nodiscard]] bool struck() const { return struck_; }
     /// Calls of a sort so far; for call_t::sorts all of them.
     [[nodiscard]] uint64_t count(call_t sort) const { return counts_[static_cast<size_t>(sort)]; }
+    /// From now on a sync returns at once: for tests whose power is never cut.
+    void skip_syncs() { syncs_skipped_ = true; }
     /// Turns a durable write into EOPNOTSUPP, as file systems without the flag do.
     void refuse_durable_writes() { durable_refused_ = true; }
 
@@ -72,13 +74,15 @@ class FaultyCalls final : public platform::SystemCalls {
         if (nothing_) return 0;
         iovec part = *parts;
         part.iov_len = shortened(part.iov_len);
-        return SystemCalls::pwritev2(descriptor, &part, count, offset, flags);
+        return SystemCalls::pwritev2(descriptor, &part, count, offset, syncs_skipped_ ? 0 : flags);
     }
     int fdatasync(int descriptor) override {
-        return fails(call_t::fdatasync) ? -1 : SystemCalls::fdatasync(descriptor);
+        if (fails(call_t::fdatasync)) return -1;
+        return syncs_skipped_ ? 0 : SystemCalls::fdatasync(descriptor);
     }
     int fsync(int descriptor) override {
-        return fails(call_t::fsync) ? -1 : SystemCalls::fsync(descriptor);
+        if (fails(call_t::fsync)) return -1;
+        return syncs_skipped_ ? 0 : SystemCalls::fsync(descriptor);
     }
     int fstat(int descriptor, struct stat* status) override {
         return fails(call_t::fstat) ? -1 : SystemCalls::fstat(descriptor, status);
@@ -137,6 +141,7 @@ class FaultyCalls final : public platform::SystemCalls {
     bool disturb_all_ = false;
     bool interrupt_next_ = false;
     bool durable_refused_ = false;
+    bool syncs_skipped_ = false;
     bool half_ = false;
     bool nothing_ = false;
 };

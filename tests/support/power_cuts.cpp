@@ -40,6 +40,9 @@ void PowerCuts::apply(size_t number) {
         case DiskOp::kind_t::sync:
             settle_file(op.file);
             break;
+        case DiskOp::kind_t::failed_sync:
+            forget_file(op.file);
+            break;
         case DiskOp::kind_t::sync_folder:
             settle_names();
             break;
@@ -66,6 +69,7 @@ void PowerCuts::add_versions(size_t number) {
         default:
             break;
     }
+    remember(op);
     for (size_t at = 0; at < op.sectors.size(); at += kDiskSector)
         open_[{thing_t::sector, op.file, (op.sectors_from + at) / kDiskSector, {}}].push_back(
             {.op = number, .bytes = op.sectors.data() + at});
@@ -86,6 +90,7 @@ void PowerCuts::settle_write(const DiskOp& op) {
     for (uint64_t sector = op.offset / kDiskSector; sector * kDiskSector < op.offset + op.length;
          ++sector) {
         open_.erase({thing_t::sector, op.file, sector, {}});
+        forgotten_.erase({thing_t::sector, op.file, sector, {}});
         put_sector(stable_, op.file, sector,
                    op.sectors.data() + (sector * kDiskSector - op.sectors_from), kDiskSector);
     }
@@ -99,9 +104,31 @@ void PowerCuts::settle_file(uint32_t file) {
     }
     const auto first = open_.lower_bound({thing_t::sector, file, 0, {}});
     const auto last = open_.lower_bound({thing_t::sector, file + 1, 0, {}});
-    for (auto it = first; it != last; ++it)
+    for (auto it = first; it != last;) {
+        if (forgotten_.contains(it->first)) {
+            ++it;
+            continue;
+        }
         put_sector(stable_, file, it->first.sector, it->second.back().bytes, kDiskSector);
-    open_.erase(first, last);
+        it = open_.erase(it);
+    }
+}
+
+/// What is unsynced now is taken for written by the system: it stays open whatever is synced later.
+void PowerCuts::forget_file(uint32_t file) {
+    const auto first = open_.lower_bound({thing_t::sector, file, 0, {}});
+    const auto last = open_.lower_bound({thing_t::sector, file + 1, 0, {}});
+    for (auto it = first; it != last; ++it) forgotten_.insert(it->first);
+}
+
+/// A write to a page has the system write all of it, with the bytes that it had forgotten.
+void PowerCuts::remember(const DiskOp& op) {
+    if (forgotten_.empty()) return;
+    const uint64_t first = op.sectors_from / kDiskPage * kSectorsOfPage;
+    const uint64_t end =
+        (op.sectors_from + op.sectors.size() + kDiskPage - 1) / kDiskPage * kSectorsOfPage;
+    forgotten_.erase(forgotten_.lower_bound({thing_t::sector, op.file, first, {}}),
+                     forgotten_.lower_bound({thing_t::sector, op.file, end, {}}));
 }
 
 void PowerCuts::settle_names() {

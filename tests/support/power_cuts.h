@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,6 +84,8 @@ class PowerCuts {
     void add_versions(size_t op);
     void settle_write(const DiskOp& op);
     void settle_file(uint32_t file);
+    void forget_file(uint32_t file);
+    void remember(const DiskOp& op);
     void settle_names();
     void put_sector(DiskImage& image, uint32_t file, uint64_t sector, const std::byte* bytes,
                     size_t length) const;
@@ -102,6 +105,8 @@ class PowerCuts {
     size_t applied_ = 0;
     DiskImage stable_;
     std::map<Key, Versions> open_;
+    /// Sectors of open_ that a failed sync has left to themselves.
+    std::set<Key> forgotten_;
 };
 
 }  // namespace support

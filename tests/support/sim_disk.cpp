@@ -49,7 +49,12 @@ class SimDisk::OpenFile final : public platform::File {
         write(data, length, offset, DiskOp::kind_t::durable_write);
     }
     void sync_data() override {
-        disk_.begin_call("sync", true);
+        try {
+            disk_.begin_call("sync", true);
+        } catch (const error::ESystemError&) {
+            record_failed_sync();
+            throw;
+        }
         disk_.record({.kind = DiskOp::kind_t::sync,
                       .file = content_->number,
                       .file_length = content_->bytes.size()});
@@ -77,10 +82,17 @@ class SimDisk::OpenFile final : public platform::File {
     void write(const void* data, size_t length, uint64_t offset, DiskOp::kind_t kind) {
         const fate_t fate = disk_.begin_call("write", true);
         if (fate == fate_t::half) {
-            put(data, length / 2, offset, DiskOp::kind_t::write);
+            const bool durable = kind == DiskOp::kind_t::durable_write;
+            put(data, durable ? length : length / 2, offset, DiskOp::kind_t::write);
+            if (durable) record_failed_sync();
             throw error::ESystemError("write", disk_.failure_.code);
         }
         put(data, length, offset, kind);
+    }
+    void record_failed_sync() {
+        disk_.record({.kind = DiskOp::kind_t::failed_sync,
+                      .file = content_->number,
+                      .file_length = content_->bytes.size()});
     }
     void put(const void* data, size_t length, uint64_t offset, DiskOp::kind_t kind) {
         std::vector<std::byte>& bytes = content_->bytes;
@@ -147,14 +159,16 @@ SimDisk::fate_t SimDisk::begin_call(const char* name, bool changes) {
     ++all_calls_;
     if (changes) ++changing_calls_;
     if (failure_.call == 0 || (failure_.only_changing && !changes)) return fate_t::go_on;
+    if (!failure_.name.empty() && failure_.name != name) return fate_t::go_on;
     if (failure_.call > 1) {
         --failure_.call;
         return fate_t::go_on;
     }
     if (!failure_.lasting) failure_.call = 0;
     has_failed_ = true;
-    const std::string call = name;
-    if (failure_.partial && (call == "write" || call == "read")) return fate_t::half;
+    failed_call_ = name;
+    if (failure_.partial && (failed_call_ == "write" || failed_call_ == "read"))
+        return fate_t::half;
     throw error::ESystemError(name, failure_.code);
 }
 

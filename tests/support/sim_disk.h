@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,6 +37,9 @@ struct DiskOp {
         durable_write,
         resize,
         sync,
+        /// One that failed: the system may have forgotten what was unsynced, so that no later sync
+        /// brings it to the disk.
+        failed_sync,
         create,
         rename,
         remove,
@@ -63,11 +67,13 @@ struct DiskFailure {
     /// sync, rename, remove, folder sync), or the next one that changes or syncs. 0: none.
     uint64_t call = 0;
     bool only_changing = false;
+    /// Only calls of this name count; empty: of all.
+    std::string_view name = {};
     int code = 0;
     /// All calls from that one on fail, not only that one.
     bool lasting = false;
-    /// A write puts the first half of its bytes before it fails; a read gives half of them and
-    /// doesn't fail.
+    /// A write puts the first half of its bytes before it fails, a durable one all of them, but not
+    /// durably; a read gives half of them and doesn't fail.
     bool partial = false;
 };
 
@@ -103,6 +109,8 @@ class SimDisk final : public platform::FileSystem {
     void fail_at(uint64_t n);
     /// True when a call has failed by fail().
     [[nodiscard]] bool failed() const { return has_failed_; }
+    /// The name of that call.
+    [[nodiscard]] const std::string& failed_call() const { return failed_call_; }
 
     /// Calls so far that change or sync, failed ones included.
     [[nodiscard]] uint64_t calls() const { return changing_calls_; }
@@ -140,6 +148,7 @@ class SimDisk final : public platform::FileSystem {
     std::vector<DiskOp> log_;
     DiskFailure failure_;
     bool has_failed_ = false;
+    std::string failed_call_;
     uint64_t changing_calls_ = 0;
     uint64_t all_calls_ = 0;
     uint64_t cut_in_ = 0;

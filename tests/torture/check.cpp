@@ -171,6 +171,28 @@ std::string live_on(Script& script) {
 
 }  // namespace
 
+std::string check_going_on(Script& script) {
+    try {
+        std::string fault = verify(script);
+        const Model there = read_model(script);
+        if (there != script.model()) fault += differences(script.model(), there);
+        return fault.empty() ? live_on(script) : fault;
+    } catch (const error::Exception& failure) {
+        return fmt::format("The store throws: {}\n", failure.text());
+    }
+}
+
+std::string check_readable(Script& script, const History& history, History::Range allowed) {
+    try {
+        std::string fault = verify(script);
+        const std::optional<Model> there = read_model(script);
+        if (!find_state(history, allowed, there)) fault += wrong_state(history, allowed, there);
+        return fault;
+    } catch (const error::Exception& failure) {
+        return fmt::format("The store throws: {}\n", failure.text());
+    }
+}
+
 Check check_after_crash(const Workload& workload, support::SimDisk& disk, const History& history,
                         History::Range allowed) {
     Check check;

@@ -64,9 +64,11 @@ void Script::open() {
     }
     if (setup_.six_indexes)
         mdb::start_indexes(*indexes_, indexes_->unique_search(mdb::node_id_index, kRoot), 12);
+    ready_ = true;
 }
 
 void Script::close() {
+    ready_ = false;
     objects_.reset();
     indexes_.reset();
     database_.reset();

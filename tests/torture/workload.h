@@ -160,6 +160,8 @@ class Script {
     [[nodiscard]] mdb::IndexTable& indexes() { return *indexes_; }
     [[nodiscard]] mdb::ObjectStore& objects() { return *objects_; }
     [[nodiscard]] bool is_open() const { return database_ != nullptr; }
+    /// True when open() has come to its end.
+    [[nodiscard]] bool is_ready() const { return ready_; }
 
   private:
     [[nodiscard]] size_t now() const { return record_ == nullptr ? 0 : record_->log().size(); }
@@ -179,6 +181,7 @@ class Script {
     std::unique_ptr<mdb::Database> database_;
     std::unique_ptr<mdb::IndexTable> indexes_;
     std::unique_ptr<mdb::ObjectStore> objects_;
+    bool ready_ = false;
     /// The model as committed, and as each open transaction sees it.
     std::vector<Model> levels_;
 };
@@ -213,6 +216,14 @@ struct Check {
     /// Commits of the further work, on top of the state found.
     std::optional<History> after;
 };
+
+/// For a store that goes on after a call has failed: verifies it as it stands and compares it with
+/// the script's model, then goes on like check_after_crash(). A text as in Check.
+[[nodiscard]] std::string check_going_on(Script& script);
+/// For a store that can only be read any more: verifies it and compares it with the states that
+/// may be there.
+[[nodiscard]] std::string check_readable(Script& script, const History& history,
+                                         History::Range allowed);
 
 /// Starts the store on what a crash has left on `disk`, verifies all of it and compares it with
 /// the states that may be there. Then some commits follow, and two more starts: nothing of the
