@@ -99,7 +99,7 @@ void check_mark(VerifyContext& context, uint32_t map_block, uint32_t at, uint64_
         return;
     }
     context.set_mark(static_cast<uint32_t>(block), mark);
-    if (block >= context.database.allocator().first_data_block()) ++context.counts.marks[byte];
+    ++context.counts.marks[byte];
 }
 
 }  // namespace

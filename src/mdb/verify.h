@@ -119,7 +119,7 @@ struct VerifyCounts {
     };
 
     uint64_t blocks_in_file = 0;
-    /// Blocks of each mark, from first data block on.
+    /// Blocks of each mark; of empty ones only those that can be handed out.
     std::array<uint64_t, kGreatestMark + 1> marks{};
     uint64_t objects = 0;
     uint64_t records = 0;

@@ -84,6 +84,18 @@ std::string class_name(uint32_t class_number) {
     return name.empty() ? fmt::format("<unknown class: {}>", class_number) : std::string(name);
 }
 
+std::optional<uint32_t> find_nodetype_class(uint32_t nodetype) noexcept {
+    switch (nodetype) {
+#define TQL_NODETYPE(number, constant, class_constant) \
+    case number:                                       \
+        return cls::class_constant;
+#include "tql/detail/nodetype_names.inc"
+#undef TQL_NODETYPE
+        default:
+            return std::nullopt;
+    }
+}
+
 std::optional<uint32_t> find_property(std::string_view name) noexcept {
     const auto at = std::ranges::lower_bound(kPropertiesByName, name, {},
                                              [](uint16_t i) { return kProperties[i].name; });

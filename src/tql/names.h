@@ -66,6 +66,9 @@ struct property_row_t {
 /// The name of a class, or "<unknown class: N>".
 [[nodiscard]] std::string class_name(uint32_t class_number);
 
+/// The class of a nodetype; none for a number that is no nodetype.
+[[nodiscard]] std::optional<uint32_t> find_nodetype_class(uint32_t nodetype) noexcept;
+
 /// The number of a property by its exact name; none for an unknown one.
 [[nodiscard]] std::optional<uint32_t> find_property(std::string_view name) noexcept;
 /// As find_property(); throws errors::tql with code 7 for an unknown name.

@@ -209,7 +209,7 @@ void append_empty_leaf(const GoodDatabase& good, Bytes& db, uint32_t block) {
     set_word(db, good.at(root, 20 + 12 * nkeys), block);
 }
 
-TEST(Verify, NamesEachDamageOfTheIndexes) {
+TEST(Verify, NamesEachDamageOfTheTreesOfIndexes) {
     const std::vector<Row> rows = {
         {"a leaf with the mark of a node",
          [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
@@ -273,6 +273,12 @@ TEST(Verify, NamesEachDamageOfTheIndexes) {
              set_word(db, good.at(good.last_leaf(0), 8), good.child(0, 0));
              return {place("N6", good.last_leaf(0), 8)};
          }},
+    };
+    run(rows);
+}
+
+TEST(Verify, NamesEachDamageOfTheEntriesOfIndexes) {
+    const std::vector<Row> rows = {
         {"an empty leaf among others",
          [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
              append_empty_leaf(good, db, good.empty);
@@ -503,6 +509,12 @@ TEST(Verify, NamesDamageThatKeepsADatabaseShut) {
              db[good.mark(good.empty + 500)] = 3;
              return {place("M1", good.map_start, good.empty + 500)};
          }},
+    };
+    run(rows);
+}
+
+TEST(Verify, NamesDamageOfAJournalThatKeepsADatabaseShut) {
+    const std::vector<Row> rows = {
         {"an empty journal",
          [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
              journal.clear();

@@ -13,6 +13,7 @@
 #include "mdb/format.h"
 #include "platform/fifo.h"
 #include "tarmik/assignments.h"
+#include "tarmik/offline_commands.h"
 #include "tarmik/shell.h"
 #include "tarmik/words.h"
 
@@ -31,6 +32,7 @@ struct Parsed {
     std::string load_path;
     std::string config_path;
     mdb::FormatOptions format;
+    OfflineArguments offline;
     std::string block_size = "4096";
     std::string journal_size = "64M";
 };
@@ -103,6 +105,24 @@ void add_local_commands(CLI::App& app, Parsed& parsed) {
     command(app, "shell", "Reads commands line by line, with history and completion");
 }
 
+void add_offline_commands(CLI::App& app, Parsed& parsed) {
+    CLI::App* verify = command(app, "verify", "Checks the files of a database that no server uses");
+    CLI::App* dump =
+        command(app, "dump", "Prints each object of a database as a line of JSON, by id");
+    CLI::App* stat = command(app, "stat", "Tells what the files of a database are filled with");
+    for (CLI::App* offline : {verify, dump, stat}) {
+        offline->add_option("database", parsed.offline.database_path, "File of the database")
+            ->required();
+        offline->add_option("journal", parsed.offline.journal_path, "File of its journal")
+            ->required();
+    }
+    verify
+        ->add_option("--most-faults", parsed.offline.most_faults,
+                     "How many faults to look for before it ends")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+}
+
 /// Runs the command among those that ask the family; false if it is another one.
 bool run_api_command(const CLI::App& app, const Parsed& parsed, Commands& commands) {
     if (app.got_subcommand("select"))
@@ -158,6 +178,9 @@ int execute(const CLI::App& app, Parsed& parsed) {
         return kDone;
     }
     const Output output = make_output(parsed);
+    if (app.got_subcommand("verify")) return verify_command(parsed.offline, output);
+    if (app.got_subcommand("dump")) return dump_command(parsed.offline, output);
+    if (app.got_subcommand("stat")) return stat_command(parsed.offline, output);
     ApiClient api(parsed.url);
     if (app.got_subcommand("shell")) return run_shell(api, output);
     Commands commands(api, output);
@@ -228,6 +251,7 @@ int run_command_line(std::vector<std::string> arguments) {
     app.add_option("--url", parsed.url, "Address of the family's gateway")->capture_default_str();
     add_output_option(app, parsed);
     add_local_commands(app, parsed);
+    add_offline_commands(app, parsed);
     add_read_commands(app, parsed);
     add_write_commands(app, parsed);
     if (const auto ended = parse(app, std::move(arguments), Output())) return *ended;

@@ -1,0 +1,61 @@
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "tarmik/database_report.h"
+#include "tarmik/offline_commands.h"
+
+namespace cli {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+std::string counted(uint64_t count, const char* one, const char* many) {
+    return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
+void print_summary(const mdb::FileVerification& found, const Output& output) {
+    const mdb::VerifyCounts& counts = found.verification.counts;
+    uint64_t entries = 0;
+    for (const auto& tree : counts.trees) entries += tree.entries;
+    if (found.opened)
+        output.print(fmt::format(
+            "{}, {} with {}, {} with {}, {}, {} to replay\n",
+            counted(counts.blocks_in_file, "block", "blocks"),
+            counted(counts.objects, "object", "objects"),
+            counted(counts.records, "record", "records"),
+            counted(counts.index_count, "index", "indexes"), counted(entries, "entry", "entries"),
+            counted(counts.large_objects, "large object", "large objects"),
+            counted(found.journal.transactions, "transaction", "transactions")));
+    const uint64_t faults = found.verification.fault_count;
+    output.print(faults == 0 ? "no faults found\n"
+                             : counted(faults, "fault", "faults") + " found\n");
+}
+
+void print_json(const mdb::FileVerification& found, const Output& output) {
+    ordered_json faults = ordered_json::array();
+    for (const mdb::Fault& fault : found.verification.faults)
+        faults.push_back({{"rule", fault.rule},
+                          {"block", fault.block},
+                          {"offset", fault.offset},
+                          {"text", fault.text}});
+    ordered_json all{{"fault_count", found.verification.fault_count},
+                     {"faults", std::move(faults)},
+                     {"figures", figures_to_json(found)}};
+    output.print(all.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n");
+}
+
+}  // namespace
+
+exit_code_t verify_command(const OfflineArguments& arguments, const Output& output) {
+    const mdb::FileVerification found = verify_with_progress(arguments, output);
+    if (output.json) {
+        print_json(found, output);
+    } else {
+        output.print(found.verification.text());
+        print_summary(found, output);
+    }
+    return found.verification.whole() ? kDone : kFailed;
+}
+
+}  // namespace cli
