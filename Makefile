@@ -1,6 +1,6 @@
 # The words that people type. Everything else is CMake's.
 .DEFAULT_GOAL := build
-.PHONY: deps build run test asan asan-test bench lint format clean
+.PHONY: deps build run test asan asan-test bench fuzz coverage lint format clean
 
 JOBS ?= $(shell nproc)
 
@@ -30,6 +30,19 @@ bench:
 	@cmake --build --preset bench -j $(JOBS)
 	@scripts/bench
 
+# T: seconds for each target.
+fuzz:
+	@scripts/install-deps --fuzz
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j $(JOBS)
+	@scripts/fuzz $(or $(T),60)
+
+coverage:
+	@scripts/install-deps --coverage
+	@cmake --preset coverage >/dev/null
+	@cmake --build --preset coverage -j $(JOBS) --target test_mdb
+	@scripts/coverage
+
 lint: deps
 	@scripts/lint
 
@@ -37,4 +50,4 @@ format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
 
 clean:
-	@rm -rf build build-debug build-asan build-bench
+	@rm -rf build build-debug build-asan build-bench build-fuzz build-coverage
