@@ -243,7 +243,8 @@ void Family::look_for_stuck(SupervisedSibling& sibling) {
     const queues::queue_t queue = sibling.config().queue;
     const char* what = "is silent in the middle of a record";
     std::optional<uint64_t> since_us = queue_.waits_for_rest_since_us(queue);
-    if (!since_us) {
+    // One that is still starting may have to do before it reads anything.
+    if (!since_us && sibling.state() == SupervisedSibling::state_t::up) {
         what = "does not read its signals";
         since_us = messenger_.holdsUpOthersSince_us(sibling_id(queue));
     }
