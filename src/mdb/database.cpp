@@ -101,7 +101,6 @@ void Database::write_header(const Header& header) {
 void Database::journal_header(const Header& header) {
     header.verify();
     journal_.journal_update(header.data(), Header::kSize, 0);
-    header_ = header;
 }
 
 }  // namespace mdb

@@ -51,9 +51,11 @@ class Database {
     /// committed is brought to the file and a new half begun first, so that no replay can put an
     /// older header back; in that half it is committed too, for a replay to mend a torn write.
     void write_header(const Header& header);
-    /// Adds the header to the open transaction as an update of its 1024 bytes. An abort doesn't
-    /// take back what header() says.
+    /// Adds the header to the open transaction as an update of its 1024 bytes. header() stays as it
+    /// is until take_header() is called, after the commit.
     void journal_header(const Header& header);
+    /// Has header() say what `header` says, which was committed.
+    void take_header(const Header& header) { header_ = header; }
 
   private:
     void load_header();

@@ -88,9 +88,10 @@ void IndexTable::drop_index(uint32_t n) {
     header.remove_index(n);
     database_.journal_header(header);
     transaction.commit(false);
-    database_.journal().full_checkpoint();
+    database_.take_header(header);
     for (uint32_t i = n; i + 1 < kMaxIndexes; ++i) roots_[i] = roots_[i + 1];
     roots_[kMaxIndexes - 1] = kNoRoot;
+    database_.journal().full_checkpoint();
 }
 
 void IndexTable::build_index(block_handle_t root, uint32_t n) {

@@ -186,7 +186,10 @@ void Script::journal_checkpoint() {
 }
 
 void Script::drop_index(uint32_t n) {
+    // A server does this at its start only, which a failure ends.
+    ready_ = false;
     indexes_->drop_index(n);
+    ready_ = true;
     history_.durable(now());
 }
 
