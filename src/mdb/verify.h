@@ -15,7 +15,7 @@
 //   M3  a block marked as part of an index is part of one (and of only one: N1)
 //   M4  nothing lies in the blocks of header, map and journal
 //   C1  a cached block holds what file and journal say
-//   N1 to N8  the trees of the indexes: index_layout.h
+//   N1 to N9  the trees of the indexes: index_layout.h
 //   O1 to O8  object blocks and the indexes that name them: object_layout.h
 //   B1 to B6  large objects: large_object_layout.h
 //   P1 P2     parents: verify_parents.h

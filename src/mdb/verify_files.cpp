@@ -28,7 +28,8 @@ class FileVerifier {
             result_.database_bytes = file->size();
             if (!read_header(*file)) return finish();
             result_.block_size = header_.block_size();
-            if (uint64_t{header_.first_data_block()} * result_.block_size > file->size()) {
+            if (header_is_whole() &&
+                uint64_t{header_.first_data_block()} * result_.block_size > file->size()) {
                 check_marks(*file);
                 return finish();
             }
@@ -63,12 +64,22 @@ class FileVerifier {
         }
     }
 
+    /// A layout area that a power cut has torn is mended by the replay.
+    [[nodiscard]] bool header_is_whole() const {
+        try {
+            header_.verify();
+            return true;
+        } catch (const error_generic&) {
+            return false;
+        }
+    }
+
     bool read_header(platform::File& file) {
         size_t got = 0;
         try {
             got = file.read_at(header_.data(), Header::kSize, 0);
             if (got == Header::kSize) {
-                header_.verify();
+                header_.verify_identity();
                 return true;
             }
             report_.add("H1", 0, static_cast<uint32_t>(got),
@@ -128,17 +139,18 @@ class FileVerifier {
         return true;
     }
 
+    /// All that 32 bits can number when the header can't tell.
     [[nodiscard]] uint64_t blocks_in_map() const {
+        if (!header_is_whole()) return uint64_t{1} << 32;
         return uint64_t{header_.first_data_block() - header_.map_start()} * header_.block_size();
     }
 
     /// B4. The database has been replayed, so its marks are those after all the updates.
     void check_journal_against_marks(Database& database) {
-        for (uint64_t block = 0; block < scan_.touched.size(); ++block)
-            if (scan_.touched[block] &&
-                block / database.block_size() < database.allocator().map_blocks() &&
-                database.allocator().query_mark(static_cast<uint32_t>(block)) == mark_t::lob)
-                report_.add("B4", static_cast<uint32_t>(block), 0,
+        const uint64_t reach = uint64_t{database.allocator().map_blocks()} * database.block_size();
+        for (const uint32_t block : scan_.touched)
+            if (block < reach && database.allocator().query_mark(block) == mark_t::lob)
+                report_.add("B4", block, 0,
                             "belongs to a large object, but the journal has an update for it");
     }
 
@@ -147,11 +159,19 @@ class FileVerifier {
         const uint64_t before = report_.count();
         try {
             const auto file = files_.open(database_path);
-            if (read_header(*file)) check_marks(*file);
+            if (read_header(*file)) header_is_whole() ? check_marks(*file) : report_layout();
         } catch (const error::Exception&) {
             // The text of the first failure says enough.
         }
         if (report_.count() == before) report_.add("H4", 0, 0, text);
+    }
+
+    void report_layout() {
+        try {
+            header_.verify();
+        } catch (const error_generic& failure) {
+            report_.add("H1", 0, wrong_header_field(), failure.text());
+        }
     }
 
     /// The map as it lies in a file that may end within it.

@@ -22,8 +22,8 @@ class LogWalk {
         : journal_(journal),
           length_(static_cast<uint32_t>(journal.size())),
           block_size_(block_size),
+          reach_(block_count * block_size),
           report_(report) {
-        scan_.touched.resize(block_count);
         scan_.state.length = journal.size();
     }
 
@@ -41,6 +41,7 @@ class LogWalk {
         const bool first_sound = check_start(0);
         const bool second_sound = check_start(1);
         if (state.picked == 0 ? first_sound : second_sound) follow(from.position, from.serial);
+        sort_touched();
         return std::move(scan_);
     }
 
@@ -163,17 +164,30 @@ class LogWalk {
         if (word(position + layout::update_zero) != 0)
             fault(position + layout::update_zero, "update has {} where 0 must stand",
                   word(position + layout::update_zero));
-        const uint64_t reach = uint64_t{scan_.touched.size()} * block_size_;
-        if (update.file_offset > reach || update.length > reach - update.file_offset) {
+        if (update.file_offset > reach_ || update.length > reach_ - update.file_offset) {
             fault(position, "update of {} bytes at {} leads beyond the {} bytes that the map knows",
-                  update.length, update.file_offset, reach);
+                  update.length, update.file_offset, reach_);
             return update.end;
         }
         if (update.length == 0) return update.end;
         const uint64_t last = (update.file_offset + update.length - 1) / block_size_;
         for (uint64_t block = update.file_offset / block_size_; block <= last; ++block)
-            scan_.touched[block] = true;
+            touch(static_cast<uint32_t>(block));
         return update.end;
+    }
+
+    void touch(uint32_t block) {
+        if (!scan_.touched.empty() && scan_.touched.back() == block) return;
+        scan_.touched.push_back(block);
+        if (scan_.touched.size() >= sort_at_) sort_touched();
+    }
+
+    /// Keeps the list about as long as there are blocks in it.
+    void sort_touched() {
+        std::vector<uint32_t>& list = scan_.touched;
+        std::sort(list.begin(), list.end());
+        list.erase(std::unique(list.begin(), list.end()), list.end());
+        sort_at_ = std::max(kFirstSort, 2 * list.size());
     }
 
     void stop(uint32_t position, const char* reason) {
@@ -185,9 +199,14 @@ class LogWalk {
 
     std::span<const std::byte> journal_;
     uint32_t length_;
+    static constexpr size_t kFirstSort = 1 << 20;
+
     uint32_t block_size_;
+    /// Bytes of the file that the map knows of.
+    uint64_t reach_;
     FaultReport& report_;
     JournalScan scan_;
+    size_t sort_at_ = kFirstSort;
     int half_ = 0;
 };
 

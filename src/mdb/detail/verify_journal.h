@@ -13,8 +13,8 @@ namespace mdb::detail {
 
 struct JournalScan {
     JournalState state;
-    /// For each block that the map knows: whether a replay writes to it.
-    std::vector<bool> touched;
+    /// The blocks that a replay writes to, ascending.
+    std::vector<uint32_t> touched;
 };
 
 /// Follows the log of a journal for a database with `block_count` blocks. Adds faults of rule J.
