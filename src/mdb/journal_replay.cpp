@@ -77,6 +77,19 @@ uint32_t whole_transaction(std::span<const std::byte> journal, uint32_t position
     return end + layout::kEndSize;
 }
 
+/// How far the serial of what a half still holds may be ahead; more is no serial but damage.
+constexpr uint64_t kGreatestLead = uint64_t{1} << 32;
+
+/// The serial that the next filling of `half` must be above, `current` being that of the log. An
+/// index entry that was damaged takes its half out of the replay, but the transactions are still
+/// there: under their own serial they would come back at a later start, behind newer ones.
+uint64_t serial_to_pass(std::span<const std::byte> journal, int half, uint64_t current) {
+    const uint32_t start = layout::half_start(static_cast<uint32_t>(journal.size()), half);
+    if (detail::entry_word(journal, start) != layout::kBegin) return current;
+    const uint64_t left = util::load_be64(journal.data() + start + layout::begin_serial);
+    return left > current && left - current < kGreatestLead ? left : current;
+}
+
 }  // namespace
 
 void Journal::journal_start(const std::function<void()>& before_writing) {
@@ -112,6 +125,7 @@ void Journal::journal_start(const std::function<void()>& before_writing) {
         before_writing();
         replay();
         next_index_ = 1 - picked;
+        current_serial_ = serial_to_pass(journal, next_index_, current_serial_);
         flip(false);
     });
 }

@@ -302,6 +302,34 @@ TEST(Replay, PicksTheIndexEntry) {
     }
 }
 
+TEST(Replay, WhatADamagedIndexEntryDroppedStaysDropped) {
+    TestDatabase test;
+    const auto commit = [](mdb::Database& database, const std::string& text) {
+        database.store().ensure_block(kData / TestDatabase::kBlockSize);
+        mdb::Transaction transaction(database.journal());
+        put(database, kData, text);
+        transaction.commit(false);
+    };
+    for (const int half : {0, 1}) {
+        SCOPED_TRACE(half);
+        mdb::Database& database = test.open();
+        const int current =
+            database.journal().write_pos() < layout::half_start(64 * 1024, 1) ? 0 : 1;
+        if (current != half) database.journal().checkpoint_and_flip();
+        commit(database, "first one");
+        commit(database, "dropped 1");
+        commit(database, "dropped 2");
+        test.close();
+        Bytes journal = test.read("journal");
+        journal[layout::index_entries + layout::kIndexEntrySize * static_cast<size_t>(half)] ^= 1;
+        test.write("journal", journal);
+        // As long as the first of those that were dropped.
+        commit(test.open(), "newer one");
+        EXPECT_EQ(see(test.open(), kData, 9), "newer one");
+        EXPECT_EQ(see(test.open(), kData, 9), "newer one");
+    }
+}
+
 TEST(Replay, FollowsOneRedirection) {
     const Bytes redirect_to_second = hex("54524544 000003E8");
     struct Case {
