@@ -64,6 +64,7 @@ void BackingStore::byte_write(const void* data, uint64_t offset, size_t length, 
     const bool past_end = offset > file_length_ || length > file_length_ - offset;
     if (past_end && !may_extend)
         throw error_range("Write beyond end of object backing store attempted");
+    if (observer_ != nullptr) observer_->before_write(offset, length);
     try {
         file_->write_at(data, length, offset);
     } catch (const error::ESystemError& failure) {
@@ -76,6 +77,7 @@ void BackingStore::block_write(const void* data, uint32_t block, uint32_t count)
     const uint64_t length = uint64_t{count} * block_size_;
     if (block_offset(block) + length > file_length_)
         throw error_range("Write beyond end of object backing store attempted");
+    if (observer_ != nullptr) observer_->before_write(block_offset(block), length);
     try {
         file_->write_at(data, static_cast<size_t>(length), block_offset(block));
     } catch (const error::ESystemError& failure) {

@@ -12,6 +12,15 @@
 
 namespace mdb {
 
+/// Hears of every write to the file just before it is done, while the old bytes can still be read.
+class WriteObserver {
+  public:
+    virtual ~WriteObserver() = default;
+    /// `length` bytes at `offset` are about to be overwritten, or added where the file ends before
+    /// them. Must not write to the store; what it throws fails the write.
+    virtual void before_write(uint64_t offset, uint64_t length) = 0;
+};
+
 class BackingStore {
   public:
     /// Opens the file at `path` and takes its lock. Throws error_open when it can't be opened or
@@ -60,11 +69,17 @@ class BackingStore {
     [[nodiscard]] const std::string& path() const noexcept { return path_; }
     [[nodiscard]] platform::File& file() noexcept { return *file_; }
 
+    /// Has `observer` hear of writes from now on; null for nobody. Zero blocks of a growing file
+    /// aren't told. It must outlive its place here.
+    void set_write_observer(WriteObserver* observer) noexcept { observer_ = observer; }
+    [[nodiscard]] bool observed() const noexcept { return observer_ != nullptr; }
+
   private:
     void read(void* buffer, uint64_t offset, size_t length, const char* what);
     void write_zero_blocks(uint64_t new_length);
     void give_back_partial_block();
 
+    WriteObserver* observer_ = nullptr;
     std::string path_;
     std::unique_ptr<platform::File> file_;
     uint64_t file_length_ = 0;
