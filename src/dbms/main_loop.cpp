@@ -14,18 +14,24 @@ const logging::Logger logger{"dbms"};
 }
 
 MainLoop::MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journal& journal,
-                   Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks)
+                   Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks,
+                   ControlSocket* control)
     : services_(services),
       messenger_(messenger),
       journal_(journal),
       dispatcher_(dispatcher),
       tasks_(std::move(tasks)),
+      control_(control),
       deferred_evaluations_(services.clock) {
     selector_.add(services_.queue.front(), 0);
     selector_.add(deferred_evaluations_, 0);
+    if (control_ == nullptr) return;
+    control_->join(selector_);
+    tasks_.push_back(control_);
 }
 
 MainLoop::~MainLoop() {
+    if (control_ != nullptr) control_->leave();
     selector_.remove(deferred_evaluations_);
     selector_.remove(services_.queue.front());
 }
@@ -49,6 +55,7 @@ bool MainLoop::idle_work_waits() const {
 void MainLoop::turn() {
     io::Selectable& ready =
         selector_.select(idle_work_waits() ? io::wait_t::non_blocking : io::wait_t::blocking);
+    if (control_ != nullptr && control_->handle(ready)) return;
     if (&ready != &services_.queue.front())
         error::fail_assertion("dbms got unexpected selectable: " + ready.nameText());
     try {
@@ -56,9 +63,18 @@ void MainLoop::turn() {
     } catch (const io::EEndOfStream& gone) {
         logger.info("Lost peer: {}", gone.text());
     }
+    push_copy();
+}
+
+void MainLoop::push_copy() {
+    if (control_ == nullptr || !control_->has_work()) return;
+    if (++events_without_copy_step_ < kEventsPerCopyStep) return;
+    events_without_copy_step_ = 0;
+    control_->doWork();
 }
 
 void MainLoop::do_idle_work() {
+    events_without_copy_step_ = 0;
     for (idle::IdleTask* task : tasks_)
         if (task->has_work()) task->doWork();
 }
@@ -94,6 +110,7 @@ void MainLoop::begin_shutdown() {
     if (shutting_down_) return;
     logger.info("Initiating shutdown");
     shutting_down_ = true;
+    if (control_ != nullptr) control_->stop("The server is stopping");
     // With the main process gone meanwhile the consent counts as given.
     if (!messenger_.shutdownInitiated()) messenger_.initiateShutdown();
 }

@@ -8,6 +8,7 @@
 
 #include <vector>
 
+#include "dbms/control_socket.h"
 #include "dbms/dispatcher.h"
 #include "io/selector.h"
 #include "io/sibling_messenger.h"
@@ -19,12 +20,16 @@ namespace dbms {
 
 class MainLoop {
   public:
-    /// All references outlive the loop. `tasks` are asked in their order.
+    /// All references outlive the loop. `tasks` are asked in their order. `control` may be null.
     MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journal& journal,
-             Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks);
+             Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks, ControlSocket* control);
     ~MainLoop();
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
+
+    /// While events never stop, one step of a copy is taken for this many of them: a backup has to
+    /// end some time, and what changes meanwhile is kept in memory.
+    static constexpr unsigned kEventsPerCopyStep = 4;
 
     /// Runs until the main process's stream has ended. Throws what ends the process.
     void run();
@@ -33,6 +38,7 @@ class MainLoop {
     [[nodiscard]] bool idle_work_waits() const;
     void turn();
     void do_idle_work();
+    void push_copy();
     void take_event();
     void run_periodic_step();
     [[nodiscard]] bool consumed(const queues::event& received);
@@ -43,8 +49,10 @@ class MainLoop {
     mdb::Journal& journal_;
     Dispatcher& dispatcher_;
     std::vector<idle::IdleTask*> tasks_;
+    ControlSocket* control_;
     io::Timer deferred_evaluations_;
     io::Selector<int> selector_;
+    unsigned events_without_copy_step_ = 0;
     bool stop_ = false;
     bool shutting_down_ = false;
 };

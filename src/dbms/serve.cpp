@@ -81,6 +81,17 @@ void announce(queues::childqueue& queue) {
         queues::queue_t::main, 0, {.depend_on = {queues::queue_t::brdc, queues::queue_t::tsdb}}));
 }
 
+/// A server that can't be asked for backups is better than none.
+std::unique_ptr<ControlSocket> make_control_socket(mdb::Database& database,
+                                                   const platform::Clock& clock) {
+    try {
+        return std::make_unique<ControlSocket>(database, clock);
+    } catch (const error::ESystemError& failure) {
+        logger.error("No backups until the next start: {}", failure.text());
+        return nullptr;
+    }
+}
+
 /// The settings objects of the cluster, under a version of their own.
 void ensure_cluster_objects(Services& services) {
     tqlengine::RequestContext context{.engine = services.engine,
@@ -147,7 +158,8 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
         return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
     });
     ensure_cluster_objects(services);
-    MainLoop loop(services, messenger, database.journal(), dispatcher, {});
+    const auto control = make_control_socket(database, clock);
+    MainLoop loop(services, messenger, database.journal(), dispatcher, {}, control.get());
     loop.run();
 
     database.journal().journal_checkpoint();

@@ -32,14 +32,15 @@ std::string Selectable::nameText() const {
     return text;
 }
 
-FdSelectable::FdSelectable(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
+FdSelectable::FdSelectable(int fd, std::string name, direction_t direction)
+    : fd_(fd), name_(std::move(name)), direction_(direction) {}
 
 short FdSelectable::interest() const {
-    return POLLIN;
+    return direction_ == direction_t::reading ? POLLIN : POLLOUT;
 }
 
 bool FdSelectable::isReady() const {
-    pollfd descriptor{fd_, POLLIN, 0};
+    pollfd descriptor{fd_, interest(), 0};
     int count = 0;
     do {
         count = ::poll(&descriptor, 1, 0);

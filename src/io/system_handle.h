@@ -27,11 +27,14 @@ class SystemHandle : public virtual Selectable {
     SystemHandle* systemHandle() override { return this; }
 };
 
-/// A descriptor owned by somebody else, handed out whenever it is readable (level triggered).
+enum class direction_t { reading, writing };
+
+/// A descriptor owned by somebody else, handed out whenever it is readable, or writable if it was
+/// made for that (level triggered).
 class FdSelectable : public SystemHandle {
   public:
     /// `fd` stays with the caller and must outlive this object's memberships.
-    FdSelectable(int fd, std::string name);
+    FdSelectable(int fd, std::string name, direction_t direction = direction_t::reading);
 
     void name(std::string& out) const override { out += name_; }
     /// Asks the system; one system call.
@@ -42,6 +45,7 @@ class FdSelectable : public SystemHandle {
   private:
     int fd_;
     std::string name_;
+    direction_t direction_;
 };
 
 }  // namespace io
