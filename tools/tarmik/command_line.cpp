@@ -13,6 +13,7 @@
 #include "mdb/format.h"
 #include "platform/fifo.h"
 #include "tarmik/assignments.h"
+#include "tarmik/backup.h"
 #include "tarmik/offline_commands.h"
 #include "tarmik/shell.h"
 #include "tarmik/words.h"
@@ -33,6 +34,7 @@ struct Parsed {
     std::string config_path;
     mdb::FormatOptions format;
     OfflineArguments offline;
+    BackupArguments backup;
     std::string block_size = "4096";
     std::string journal_size = "64M";
 };
@@ -102,6 +104,13 @@ void add_local_commands(CLI::App& app, Parsed& parsed) {
     format->add_option("--journal-size", parsed.journal_size, "Bytes of the journal, as 64M")
         ->capture_default_str();
     format->add_flag("--force", parsed.format.force, "Replace files that exist");
+    CLI::App* backup =
+        command(app, "backup", "Copies the database of a running family to a folder");
+    backup->add_option("target", parsed.backup.target, "Folder of the copy, made if there is none")
+        ->required();
+    backup->add_option("--config", parsed.backup.config_path,
+                       "Configuration file of the family; none: the defaults");
+    backup->add_flag("--force", parsed.backup.force, "Replace a copy that is there");
     command(app, "shell", "Reads commands line by line, with history and completion");
 }
 
@@ -181,6 +190,10 @@ int execute(const CLI::App& app, Parsed& parsed) {
     if (app.got_subcommand("verify")) return verify_command(parsed.offline, output);
     if (app.got_subcommand("dump")) return dump_command(parsed.offline, output);
     if (app.got_subcommand("stat")) return stat_command(parsed.offline, output);
+    if (app.got_subcommand("backup")) {
+        backup(parsed.backup, output);
+        return kDone;
+    }
     ApiClient api(parsed.url);
     if (app.got_subcommand("shell")) return run_shell(api, output);
     Commands commands(api, output);
