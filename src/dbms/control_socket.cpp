@@ -18,6 +18,9 @@ namespace {
 const logging::Logger logger{"dbms"};
 
 constexpr std::string_view kBackupRequest = "backup 1";
+/// Pieces of a copy that are sent after an event, if the socket has room for them. Beside an event
+/// that waited for the disk they cost little.
+constexpr int kPiecesAfterEvent = 4;
 /// No request is longer.
 constexpr size_t kMostLine = 64;
 
@@ -145,6 +148,13 @@ void ControlSocket::begin_copy(platform::Fd connection) {
     logger.info("Backup of {} bytes begins", copy_->stream.snapshot().file_length());
 }
 
+void ControlSocket::push() {
+    for (int pieces = 0; pieces < kPiecesAfterEvent && copy_ != nullptr; ++pieces) {
+        doWork();
+        if (!has_work()) return;
+    }
+}
+
 void ControlSocket::doWork() {
     if (copy_->sent == copy_->bytes.size()) {
         copy_->bytes.clear();
@@ -164,21 +174,25 @@ void ControlSocket::doWork() {
 bool ControlSocket::send_bytes() {
     const ssize_t done = ::send(copy_->connection.get(), copy_->bytes.data() + copy_->sent,
                                 copy_->bytes.size() - copy_->sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const int code = errno;
     if (done >= 0) {
         copy_->sent += static_cast<size_t>(done);
+        set_blocked(false);
         return true;
     }
-    if (errno == EINTR) return true;
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (code == EINTR) return true;
+    if (code == EAGAIN || code == EWOULDBLOCK) {
         set_blocked(true);
         return true;
     }
+    set_blocked(false);
     logger.warning("Backup failed: its asker is gone");
     copy_.reset();
     return false;
 }
 
 void ControlSocket::set_blocked(bool blocked) {
+    if (copy_->blocked == blocked) return;
     copy_->blocked = blocked;
     if (blocked) {
         const platform::WallTime now = clock_.wall();
@@ -194,7 +208,7 @@ void ControlSocket::set_blocked(bool blocked) {
 void ControlSocket::end_copy(const std::string& failure) {
     if (copy_ == nullptr) return;
     logger.warning("Backup failed: {}", failure);
-    if (copy_->blocked) set_blocked(false);
+    set_blocked(false);
     // Between two records the asker can be told; in the middle of one the end says enough.
     if (copy_->sent == copy_->bytes.size()) refuse(copy_->connection, failure);
     copy_.reset();

@@ -72,6 +72,10 @@ class ControlSocket final : public idle::IdleTask {
     [[nodiscard]] bool has_work() const override { return copy_ != nullptr && !copy_->blocked; }
     /// Sends one piece.
     void doWork() override;
+    /// The same if there is a copy, also while its socket was full when last looked at. To be
+    /// called after each event: while events never stop there is no idle time and seldom a look at
+    /// the system, and what changes before it is given out is kept in memory.
+    void push();
 
     /// Ends the copy, telling its asker why if that is possible at once, and closes everything
     /// else. New askers are refused with the same text.

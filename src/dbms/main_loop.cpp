@@ -63,18 +63,10 @@ void MainLoop::turn() {
     } catch (const io::EEndOfStream& gone) {
         logger.info("Lost peer: {}", gone.text());
     }
-    push_copy();
-}
-
-void MainLoop::push_copy() {
-    if (control_ == nullptr || !control_->has_work()) return;
-    if (++events_without_copy_step_ < kEventsPerCopyStep) return;
-    events_without_copy_step_ = 0;
-    control_->doWork();
+    if (control_ != nullptr) control_->push();
 }
 
 void MainLoop::do_idle_work() {
-    events_without_copy_step_ = 0;
     for (idle::IdleTask* task : tasks_)
         if (task->has_work()) task->doWork();
 }

@@ -27,10 +27,6 @@ class MainLoop {
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
 
-    /// While events never stop, one step of a copy is taken for this many of them: a backup has to
-    /// end some time, and what changes meanwhile is kept in memory.
-    static constexpr unsigned kEventsPerCopyStep = 4;
-
     /// Runs until the main process's stream has ended. Throws what ends the process.
     void run();
 
@@ -38,7 +34,6 @@ class MainLoop {
     [[nodiscard]] bool idle_work_waits() const;
     void turn();
     void do_idle_work();
-    void push_copy();
     void take_event();
     void run_periodic_step();
     [[nodiscard]] bool consumed(const queues::event& received);
@@ -52,7 +47,6 @@ class MainLoop {
     ControlSocket* control_;
     io::Timer deferred_evaluations_;
     io::Selector<int> selector_;
-    unsigned events_without_copy_step_ = 0;
     bool stop_ = false;
     bool shutting_down_ = false;
 };

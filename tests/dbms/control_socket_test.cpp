@@ -225,6 +225,22 @@ TEST_F(ControlSocketTest, DoesNotWaitForAnAskerThatTakesNothing) {
     EXPECT_EQ(outcome(next), "");
 }
 
+TEST_F(ControlSocketTest, GoesOnAfterEachEventWithoutALookAtTheSystem) {
+    serve();
+    Asker asker(path);
+    asker.say("backup 1\n");
+    settle();
+    control->push();
+    EXPECT_FALSE(control->has_work()) << "there still is no room";
+    std::vector<std::byte> bytes;
+    for (size_t before = 1; bytes.size() != before;) {
+        before = bytes.size();
+        EXPECT_TRUE(asker.take(bytes));
+    }
+    control->push();
+    EXPECT_TRUE(control->has_work());
+}
+
 TEST_F(ControlSocketTest, GivesUpAnAskerThatTakesNothingForLong) {
     serve({.stall_s = 60});
     Asker asker(path);
