@@ -1,6 +1,6 @@
 # The words that people type. Everything else is CMake's.
 .DEFAULT_GOAL := build
-.PHONY: deps build run test asan asan-test bench fuzz coverage lint format clean
+.PHONY: deps build run test asan asan-test seeded-faults bench fuzz coverage lint format clean
 
 JOBS ?= $(shell nproc)
 
@@ -23,6 +23,9 @@ asan: deps
 
 asan-test: asan
 	@ctest --preset asan
+
+seeded-faults: deps
+	@scripts/seeded-faults
 
 bench:
 	@scripts/install-deps --bench

@@ -91,7 +91,10 @@ class FailingCalls {
         } catch (const error::Exception& failure) {
             thrown = failure.text();
         }
-        if (!disk_.failed()) return false;
+        if (!disk_.failed()) {
+            EXPECT_EQ(thrown, "nothing") << "without a call that fails";
+            return false;
+        }
         ++tally.failures;
         ++tally.by_call[name];
         disk_.fail({});
@@ -200,7 +203,7 @@ TEST_P(FailingCall, LosesNothing) {
                      GetParam(), calls.tally.failures, by_call, calls.tally.at_start,
                      calls.tally.refused, calls.tally.went_on, calls.tally.states)
               << std::endl;
-    EXPECT_GT(calls.tally.failures, 100U);
+    EXPECT_GT(calls.tally.failures, 50U);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, FailingCall, testing::ValuesIn([] {

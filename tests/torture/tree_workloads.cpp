@@ -25,13 +25,22 @@ uint32_t keys_of_root(Script& script) {
     return util::load_be32(script.database().cache().cached_block(root) + mdb::node_layout::nkeys);
 }
 
+/// What a split leaves behind of a leaf that grows at its end.
+constexpr uint32_t kHalfLeaf = (kLeafEntries + 1) / 2;
+
+/// Adds an id between those of the second leaf of a tree of few leaves.
+void add_between(Script& script) {
+    uint32_t next = 10 * (kHalfLeaf + 2) + 1;
+    while (script.model().contains(number(next))) ++next;
+    add(script, next);
+}
+
 /// Adds ascending ids until the root is full, and takes most of them away again as soon as their
 /// leaf has been left behind. Returns the next id.
 uint32_t fill_root(Script& script) {
     script.format();
     script.open();
-    // What a split leaves behind of a leaf that grows at its end.
-    constexpr uint32_t kLeft = (kLeafEntries + 1) / 2;
+    constexpr uint32_t kLeft = kHalfLeaf;
     uint32_t next = 1;
     while (keys_of_root(script) < kNodeKeys) {
         add(script, next++);
@@ -66,6 +75,29 @@ void splits(Script& script) {
     add(script, next++);
     script.commit(false);
     for (int n = 0; n < 4; ++n) script.remove(script.model().rbegin()->first);
+}
+
+void tree_of_few_leaves(Script& script) {
+    script.format();
+    script.open();
+    for (uint32_t n = 1; n <= 100; ++n) add(script, 10 * n);
+    // Leaves of ascending keys are left half full: the second one is filled but for two entries.
+    for (uint32_t entries = kHalfLeaf; entries + 2 < kLeafEntries; ++entries) add_between(script);
+}
+
+void middle_splits(Script& script) {
+    script.open();
+    for (int n = 0; n < 4; ++n) {
+        script.begin();
+        add_between(script);
+        script.commit(n % 2 == 0);
+    }
+    // The first entry of the second leaf, as far as it hasn't gone on to the new one.
+    const NodeId first = number(10 * kHalfLeaf);
+    script.begin();
+    script.remove(first);
+    script.abort();
+    script.remove(first);
 }
 
 void tree_of_three_levels(Script& script) {

@@ -12,6 +12,11 @@ void tree_before_root_split(Script& script);
 /// The roots split, and entries go again; then one that is taken back.
 void splits(Script& script);
 
+/// Few leaves, of which one in the middle is nearly full.
+void tree_of_few_leaves(Script& script);
+/// That leaf is split between its neighbours, and loses an entry again.
+void middle_splits(Script& script);
+
 /// The same one level deeper, and all leaves with few entries.
 void tree_of_three_levels(Script& script);
 /// All objects go, some at a time: leaves and nodes leave the trees, down to the empty one.

@@ -281,6 +281,7 @@ std::vector<Workload> make_workloads() {
         {"restarts", usual, start, restarts},
         {"indexes", dropping, few_objects, indexes},
         {"splits", large_journal, tree_before_root_split, splits},
+        {"middle_splits", large_journal, tree_of_few_leaves, middle_splits},
         {"emptying", large_journal, tree_of_three_levels, emptying},
         {"format", usual, {}, format},
         {"reformat", usual, start, reformat},
