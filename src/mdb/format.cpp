@@ -53,8 +53,7 @@ Plan make_plan(const FormatOptions& options) {
     return plan;
 }
 
-void write_database(platform::FileSystem& files, const FormatOptions& options, const Plan& plan,
-                    const std::string& path) {
+Header make_header(const FormatOptions& options, const Plan& plan) {
     Header::Blank blank;
     blank.block_size = options.block_size;
     blank.journal_path = options.journal_path;
@@ -63,7 +62,11 @@ void write_database(platform::FileSystem& files, const FormatOptions& options, c
     blank.first_data_block = plan.first_data_block();
     const Header header = Header::make(blank);
     header.verify();
+    return header;
+}
 
+void write_database(platform::FileSystem& files, const FormatOptions& options, const Plan& plan,
+                    const Header& header, const std::string& path) {
     files.remove(path);
     const auto file = files.create(path);
     // The map is written, not left a hole: a mark must never fail for want of disk space.
@@ -72,20 +75,34 @@ void write_database(platform::FileSystem& files, const FormatOptions& options, c
     file->sync_data();
 }
 
+/// What a failure has left; the next attempt would remove it too.
+void remove_temporaries(platform::FileSystem& files, const detail::FilePair& pair) {
+    for (const std::string& path : {pair.new_journal(), pair.new_database()}) {
+        try {
+            files.remove(path);
+        } catch (const error::ESystemError&) {
+            continue;  // the disk that failed may fail here as well; the first failure is told
+        }
+    }
+}
+
 }  // namespace
 
 void format_database(platform::FileSystem& files, const FormatOptions& options) {
     check_options(options);
     const Plan plan = make_plan(options);
+    // Refuses a path that the header can't hold before anything is written.
+    const Header header = make_header(options, plan);
+    const detail::FilePair pair{options.database_path, options.journal_path, ".format"};
     try {
         const auto old_database =
             detail::lock_existing(files, options.database_path, options.force);
         const auto old_journal = detail::lock_existing(files, options.journal_path, options.force);
-        const detail::FilePair pair{options.database_path, options.journal_path, ".format"};
         detail::write_fresh_journal(files, pair.new_journal(), options.journal_size_bytes);
-        write_database(files, options, plan, pair.new_database());
+        write_database(files, options, plan, header, pair.new_database());
         detail::publish(files, pair);
     } catch (const error::ESystemError& failure) {
+        remove_temporaries(files, pair);
         throw error_io(
             fmt::format("Cannot format \"{}\": {}", options.database_path, failure.text()));
     }
