@@ -36,10 +36,12 @@ void IndexTable::init_required_indexes() {
     // An object stored before ensure_index() has seen the others must not be missing from them.
     for (uint32_t n = kRequiredIndexes; n < index_count(); ++n) {
         const uint32_t block = database_.header().index_root(n);
-        if (database_.allocator().query_mark(block) != mark_t::root_index) continue;
-        roots_[n] = block;
-        // One that is not built to its end is mended when that is done.
-        if (tree(n, "Index not known").being_built()) roots_[n] = kNoRoot;
+        const mark_t mark = database_.allocator().query_mark(block);
+        if (mark != mark_t::root_index && mark != mark_t::empty) continue;
+        // A root that was named but not made, as a crash between the two leaves one, is made before
+        // its block, which is empty, can be handed out. One that is not built to its end is mended
+        // when that is done.
+        if (open_root(n, block)) roots_[n] = kNoRoot;
     }
     logger.info("Node ID and Parent ID indexes are initialized");
 }
