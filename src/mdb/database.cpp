@@ -79,11 +79,35 @@ void Database::check_before_replay() {
     check_not_shortened();
 }
 
+// A journal inside the file has nothing but the marks of its blocks to keep others out of them.
+void Database::check_journal_region() {
+    if (header_.journal_type() != header_layout::kJournalInFile) return;
+    const uint64_t first = header_.journal_first_block();
+    const uint64_t end = first + header_.journal_block_count();
+    const auto refuse = [&](uint64_t block, const char* what) {
+        throw error_fubar(
+            fmt::format("Block {} of the journal in blocks {} to {} {}", block, first, end, what));
+    };
+    for (uint64_t block = first; block < end; ++block) {
+        const auto number = static_cast<uint32_t>(block);
+        if (block == 0 || (block >= header_.map_start() && block < header_.first_data_block()))
+            refuse(block, "is one of the header or the map");
+        for (uint32_t n = 0; n < header_.index_count(); ++n)
+            if (header_.index_root(n) == block) refuse(block, "is the root of an index");
+        if (block < header_.first_data_block() || block / block_size() >= allocator_->map_blocks())
+            continue;
+        const mark_t mark = allocator_->query_mark(number);
+        if (mark == mark_t::empty || mark == mark_t::used || mark == mark_t::full)
+            refuse(block, "has a mark by which it could be handed out");
+    }
+}
+
 void Database::init_storage() {
     journal_.journal_start([this] { check_before_replay(); });
     load_header();
     header_.verify();
     allocator_->load_map(header_.map_start(), header_.first_data_block());
+    check_journal_region();
     serializer_ = std::make_unique<Serializer>(block_size());
 }
 
@@ -93,8 +117,10 @@ void Database::write_header(const Header& header) {
     Transaction transaction(journal_);
     journal_.journal_update(header.data(), Header::kSize, 0);
     transaction.commit(false);
-    store_.byte_write(header.data(), 0, Header::kSize, false);
-    store_.sync_store();
+    journal_.guarded([&] {
+        store_.byte_write(header.data(), 0, Header::kSize, false);
+        store_.sync_store();
+    });
     header_ = header;
 }
 

@@ -62,6 +62,7 @@ class Database {
     void read_header(const std::string& journal_path);
     void check_before_replay();
     void check_not_shortened();
+    void check_journal_region();
     void init_storage();
 
     BackingStore store_;
