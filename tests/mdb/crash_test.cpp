@@ -268,4 +268,22 @@ TEST(FailingDisk, EndsAllFurtherWork) {
     }
 }
 
+TEST(FailingDisk, AHeaderThatCouldNotBeWrittenEndsAllFurtherWork) {
+    for (uint64_t n = 1;; ++n) {
+        SCOPED_TRACE(n);
+        Workload work(2);
+        work.open();
+        work.run_one(1);
+        work.disk.fail_at(n);
+        try {
+            work.database->write_header(work.database->header());
+        } catch (const mdb::error_io&) {
+            EXPECT_TRUE(work.database->journal().failed());
+            continue;
+        }
+        EXPECT_GT(n, 6U) << "a checkpoint, a flip, the header and its sync";
+        break;
+    }
+}
+
 }  // namespace

@@ -1,5 +1,6 @@
 #include "mdb/database.h"
 
+#include <filesystem>
 #include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -84,6 +85,36 @@ TEST(Format, RefusesToReplaceUnlessForced) {
     EXPECT_EQ(test.read("journal").size(), 8192U);
 }
 
+TEST(Format, AFailureLeavesNoFilesBehind) {
+    TestDatabase test;
+    const auto leftovers = [&] {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(
+                 std::filesystem::path(test.dir.file(""))))
+            if (entry.path().extension() == ".format") names.push_back(entry.path());
+        return names;
+    };
+    mdb::FormatOptions options;
+    options.database_path = test.dir.file("new");
+    options.journal_size_bytes = 8192;
+    // Longer than the place in the header, and yet a path that files can have.
+    std::string folder = test.dir.file("");
+    while (folder.size() < 500) {
+        folder += "/" + std::string(100, 'x');
+        std::filesystem::create_directory(folder);
+    }
+    options.journal_path = folder + "/journal";
+    const auto format = [&] {
+        return failure_of([&] { mdb::format_database(test.files, options); });
+    };
+    EXPECT_THAT(format(), HasSubstr("Path of the journal is longer than 491 bytes"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+    options.journal_path = test.dir.file("fresh");
+    options.database_path = test.dir.file("no such folder/db");
+    EXPECT_THAT(format(), HasSubstr("Cannot format"));
+    EXPECT_THAT(leftovers(), testing::IsEmpty());
+}
+
 TEST(Open, SecondProcessIsRefused) {
     TestDatabase test;
     test.open();
@@ -161,6 +192,37 @@ TEST(Open, JournalMayBeARegionOfTheFile) {
     }
 }
 
+TEST(Open, RefusesAJournalInTheFileWhoseBlocksOthersMayTake) {
+    TestDatabase test(64 * 1024);
+    Bytes file = test.read("db");
+    const Bytes layout(file.begin() + 512, file.begin() + 512 + 60);
+    overwrite(file, 513, layout);
+    overwrite(file, 12, hex("00000001 00000201 00000040"));
+    file.resize((513 + 64) * 1024);
+    overwrite(file, 513 * 1024, test.read("journal"));
+    test.files.remove(test.dir.file("journal"));
+    struct Case {
+        size_t count;
+        uint8_t mark;
+        size_t root_at;
+        const char* text;
+    };
+    const Case cases[] = {
+        {64, 7, 0, "none"},
+        {63, 7, 0, "Block 576 of the journal in blocks 513 to 577 has a mark"},
+        {64, 2, 0, "Block 513 of the journal in blocks 513 to 577 has a mark"},
+        {64, 7, 541, "Block 520 of the journal in blocks 513 to 577 is the root of an index"},
+    };
+    for (const Case& c : cases) {
+        Bytes bad = file;
+        std::fill_n(bad.begin() + 3 * 1024 + 513, c.count, c.mark);
+        if (c.root_at != 0) overwrite(bad, c.root_at, hex("00000208"));
+        test.write("db", bad);
+        EXPECT_THAT(failure_of([&] { test.open(); }), HasSubstr(c.text)) << c.text;
+        test.close();
+    }
+}
+
 TEST(Header, IndexesComeAndGo) {
     TestDatabase test;
     mdb::Database& db = test.open();
@@ -180,8 +242,10 @@ TEST(Header, IndexesComeAndGo) {
         test.part("db", 532, 36),
         hex("00000005 00000001 00000002 00000015 00000016 00000017 00000000 00000003 00000004"));
     // A header that was written past the journal must win over one that the journal still holds.
+    EXPECT_EQ(see(db, 535, 1), "\5") << "cached";
     header.add_index(40);
     db.write_header(header);
+    EXPECT_EQ(see(db, 535, 1), "\6");
     EXPECT_EQ(test.open().header().index_root(5), 40U);
 }
 

@@ -396,6 +396,46 @@ TEST(Replay, RefusesWhatIsNoJournal) {
     expect_open_fails<mdb::error_open>(test, "Cannot open journal in");
 }
 
+TEST(Halves, OfAnyLengthAreFilledToTheLastByte) {
+    // Lengths whose half is no multiple of 8, and both halves; the last usable byte is that of an
+    // end entry, behind which a redirection still fits.
+    for (const uint32_t length : {1024U, 1025U, 1030U, 2002U, 2003U, 2010U, 2047U}) {
+        TestDatabase test;
+        Bytes journal = test.read("journal");
+        journal.resize(length);
+        test.write("journal", journal);
+        mdb::Database* db = &test.open();
+        db->store().ensure_block(12);
+        for (int round = 0; round < 6; ++round) {
+            SCOPED_TRACE(testing::Message() << "length " << length << " round " << round);
+            const uint32_t free = db->journal().free_space();
+            const uint32_t end = db->journal().write_pos() + free;
+            EXPECT_EQ(end % 8, 0U);
+            EXPECT_LE(end + layout::kRedirectSize, round % 2 == 1 ? length / 2 : length);
+            const std::string text(free - 16 - 20 - 8, static_cast<char>('a' + round));
+            for (const bool too_long : {true, false}) {
+                mdb::Transaction transaction(db->journal());
+                if (too_long) {
+                    EXPECT_THROW(put(*db, kData, text + "x"), mdb::error_transact);
+                    continue;
+                }
+                put(*db, kData, text);
+                transaction.commit(false);
+            }
+            EXPECT_EQ(db->journal().free_space(), 0U);
+            // The next filling of the half finds this redirection behind an equally long one.
+            if (round >= 2) db->journal().flip(true);
+            if (round == 3) {
+                db = &test.open();
+                db->journal().flip(false);
+            }
+            if (round < 2) db->journal().flip(false);
+            EXPECT_EQ(see(*db, kData, text.size()), text);
+        }
+        EXPECT_EQ(see(test.open(), kData, 1), "f");
+    }
+}
+
 TEST(Flip, KeepsCommitsAndSerialsGrow) {
     TestDatabase test;
     for (const bool redirect : {false, true}) {
