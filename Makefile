@@ -1,6 +1,6 @@
 # The words that people type. Everything else is CMake's.
 .DEFAULT_GOAL := build
-.PHONY: deps build run test asan asan-test seeded-faults bench fuzz coverage lint format clean
+.PHONY: deps build run test torture asan asan-test seeded-faults bench fuzz coverage lint format clean
 
 JOBS ?= $(shell nproc)
 
@@ -16,6 +16,11 @@ run: build
 
 test: build
 	@ctest --preset release
+
+# T: minutes; SEED: of the first round.
+torture: build
+	@TORTURE_MINUTES=$(or $(T),10) TORTURE_SEED=$(or $(SEED),1) \
+	  build/bin/test_torture --gtest_filter=Torture.LongRun
 
 asan: deps
 	@cmake --preset asan >/dev/null

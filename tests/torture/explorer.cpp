@@ -62,9 +62,10 @@ void Explorer::explore_point(const support::PowerCuts& cuts) {
     const uint64_t states = states_at(cuts, effort_.draws);
     for (uint64_t state = 0; state < states && !over(); ++state) {
         const Address address{cuts.point(), state};
+        const uint64_t lot = mix(effort_.seed, mix(cuts.point(), state));
+        if (state != 0 && lot % effort_.share != 0) continue;
         const Check life = explore_state(cuts, address);
-        const bool chosen = effort_.second_every != 0 &&
-                            mix(effort_.seed, mix(cuts.point(), state)) % effort_.second_every == 0;
+        const bool chosen = effort_.second_every != 0 && lot % effort_.second_every == 0;
         if (life.fault.empty() && chosen) explore_second_life(address, life);
     }
 }

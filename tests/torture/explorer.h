@@ -26,6 +26,8 @@ struct Effort {
     uint64_t seed = 1;
     /// States drawn at a point where there are too many to take all.
     uint64_t draws = 200;
+    /// Of so many states one is taken, besides the death of the process.
+    uint64_t share = 1;
     /// Of so many states one is gone into for second crashes; 0: none.
     uint64_t second_every = 0;
     /// States drawn at a point of the second life, also where few are possible.

@@ -1,4 +1,7 @@
+#include <span>
+
 #include "error/exception.h"
+#include "mdb/large_object.h"
 #include "mdb/property_types.h"
 #include "workload.h"
 
@@ -165,8 +168,29 @@ void Script::update(NodeId id, const Values& values) {
 
 void Script::remove(NodeId id) {
     one([&] {
+        if (const uint32_t block = large_block(id)) mdb::free_lob(*database_, block);
         objects_->delete_object(place(id), true);
         levels_.back().erase(id);
+    });
+}
+
+void Script::set_large(NodeId id, const std::optional<std::string>& bytes) {
+    one([&] {
+        const uint32_t old = large_block(id);
+        const auto free_old = [&] {
+            if (old != 0) mdb::free_lob(*database_, old);
+        };
+        // Near a block that the transaction has freed none is found: with one map block the new
+        // one comes first.
+        const bool one_map_block =
+            setup_.capacity <= uint64_t{setup_.block_size} * setup_.block_size;
+        if (!one_map_block) free_old();
+        uint32_t block = 0;
+        if (bytes) block = mdb::write_lob(*database_, std::as_bytes(std::span(*bytes)));
+        if (one_map_block) free_old();
+        Values& values = levels_.back().at(id);
+        values.large = bytes;
+        put(id, values, block);
     });
 }
 

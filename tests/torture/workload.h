@@ -97,12 +97,14 @@ class History {
 struct Setup {
     uint32_t block_size = 1024;
     uint64_t journal_size = 128 * 1024;
-    uint64_t capacity = 1024;
+    /// Bytes of blocks that the map describes; one map block describes 1 MiB.
+    uint64_t capacity = 1 << 20;
     uint32_t buffer_blocks = 16;
     /// All six, made at each start where they are missing; otherwise the two required ones.
     bool six_indexes = true;
     /// Dropping an index leaves the blocks of its tree behind.
     bool drops_indexes = false;
+    bool large_objects = false;
 };
 
 class Script;

@@ -210,6 +210,66 @@ void restarts(Script& script) {
     }
 }
 
+/// Content that differs in each block, so that a block of the past is seen.
+std::string large(size_t length, char salt) {
+    std::string bytes(length, salt);
+    for (size_t at = 0; at < length; at += 7) bytes[at] = static_cast<char>('A' + at / 500 % 26);
+    return bytes;
+}
+
+/// Large objects come, are replaced and go; their blocks are used again for others, for objects and
+/// for the indexes, and blocks of these for large objects.
+void large_objects(Script& script) {
+    script.open();
+    script.create(number(1), child("with an image"));
+    script.set_large(number(1), large(500, '1'));
+    script.set_large(number(1), large(3000, '2'));
+    script.create(number(2), child("another", number(1)));
+    script.begin();
+    script.set_large(number(1), large(1008, '3'));
+    script.commit(false);
+    script.set_large(number(2), large(1009, '4'));
+    script.begin();
+    script.set_large(number(2), large(2200, '5'));
+    script.abort();
+    script.begin();
+    script.begin();
+    script.set_large(number(1), large(4000, '6'));
+    script.abort();
+    script.set_large(number(2), large(0, '7'));
+    script.commit();
+    script.set_large(number(1), {});
+    for (uint32_t n = 10; n < 16; ++n) script.create(number(n), child(std::string(800, 'o')));
+    script.set_large(number(2), large(2500, '8'));
+    script.begin();
+    for (uint32_t n = 10; n < 16; ++n) script.remove(number(n));
+    script.commit(false);
+    script.set_large(number(1), large(5000, '9'));
+    script.pass_time(1200);
+    script.remove(number(2));
+    script.flip(false);
+    script.set_large(number(1), large(2600, 'x'));
+    script.begin();
+    script.set_large(number(1), large(2600, 'y'));
+    script.commit(false);
+}
+
+/// The old one goes before the new one is written, which then lies far away, and back again.
+void large_objects_freed_first(Script& script) {
+    script.open();
+    script.create(number(1), child("with an image"));
+    for (uint32_t round = 0; round < 6; ++round) {
+        script.begin();
+        script.set_large(number(1), large(1500 + 400 * round, static_cast<char>('a' + round)));
+        script.commit(round % 3 != 2);
+    }
+    script.begin();
+    script.set_large(number(1), large(2000, 'z'));
+    script.abort();
+    script.update(number(1), child(std::string(600, 'u')));
+    script.remove(number(1));
+}
+
 /// Indexes are dropped, the last one and all above the third, and made again by the next start.
 void indexes(Script& script) {
     script.open();
@@ -262,6 +322,10 @@ std::vector<Workload> make_workloads() {
     const Setup usual;
     Setup dropping;
     dropping.drops_indexes = true;
+    Setup with_large;
+    with_large.large_objects = true;
+    Setup two_map_blocks = with_large;
+    two_map_blocks.capacity = 2048 * 1024;
     Setup two_indexes;
     two_indexes.journal_size = 32 * 1024;
     two_indexes.six_indexes = false;
@@ -280,6 +344,8 @@ std::vector<Workload> make_workloads() {
         {"mixed_commits", usual, start, mixed_commits},
         {"restarts", usual, start, restarts},
         {"indexes", dropping, few_objects, indexes},
+        {"large_objects", with_large, start, large_objects},
+        {"large_objects_freed_first", two_map_blocks, start, large_objects_freed_first},
         {"splits", large_journal, tree_before_root_split, splits},
         {"middle_splits", large_journal, tree_of_few_leaves, middle_splits},
         {"emptying", large_journal, tree_of_three_levels, emptying},
