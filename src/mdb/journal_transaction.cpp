@@ -108,6 +108,7 @@ void Journal::add_pieces(detail::BlockUpdates& updates, uint64_t file_offset, ui
 
 void Journal::transaction_end(bool asynchronous) {
     if (!transaction_active()) throw error_internal("End of non-existing transaction");
+    check_usable();
     if (stack_.size() > 1) {
         error::check(asynchronous, "Syncronous nested transactions not supported");
         // The objects it touched and the marks it changed stay on the flat lists, now as the outer
@@ -116,7 +117,6 @@ void Journal::transaction_end(bool asynchronous) {
         observer_->transaction_merged();
         return;
     }
-    check_usable();
     stack_.pop_back();
     touched_.clear();
     if (transaction_fill_ == layout::kBeginSize) {
