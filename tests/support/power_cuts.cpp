@@ -49,7 +49,6 @@ void PowerCuts::apply(size_t number) {
         default:
             add_versions(number);
     }
-    applied_ = number + 1;
 }
 
 void PowerCuts::add_versions(size_t number) {

@@ -102,7 +102,6 @@ class PowerCuts {
     const std::vector<DiskOp>& log_;
     std::vector<Point> points_;
     size_t point_ = 0;
-    size_t applied_ = 0;
     DiskImage stable_;
     std::map<Key, Versions> open_;
     /// Sectors of open_ that a failed sync has left to themselves.
