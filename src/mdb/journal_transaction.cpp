@@ -133,7 +133,8 @@ void Journal::commit(bool asynchronous) {
     try {
         write_transaction(flush);
     } catch (const error_generic&) {
-        // Only the next start can tell whether it is in the journal. Readers see what was before it.
+        // Only the next start can tell whether it is in the journal. Readers see what was before
+        // it.
         transaction_fill_ = 0;
         open_updates_.clear();
         observer_->transaction_aborted();
