@@ -102,10 +102,6 @@ void check_mark(VerifyContext& context, uint32_t map_block, uint32_t at, uint64_
     ++context.counts.marks[byte];
 }
 
-}  // namespace
-
-namespace {
-
 void compare_with_memory(VerifyContext& context, uint32_t map_block, uint64_t first,
                          std::span<const std::byte> marks, std::span<const uint8_t> resident) {
     if (std::memcmp(marks.data(), resident.data(), marks.size()) == 0) return;
@@ -141,18 +137,15 @@ bool is_index_mark(mark_t mark) {
     return mark == mark_t::root_index || mark == mark_t::non_root_index || mark == mark_t::leaf;
 }
 
-const char* owner_name(uint8_t owner) {
-    return owner == owner_header ? "the header" : owner == owner_map ? "the map" : "the journal";
-}
-
 void verify_owner(VerifyContext& context, uint32_t block) {
     const mark_t mark = context.mark(block);
     const uint8_t owner = context.owner(block);
     const bool reserved = owner == owner_header || owner == owner_map || owner == owner_journal;
     const bool data = block >= context.database.allocator().first_data_block();
-    if (reserved && data && mark != mark_t::empty)
-        context.fault("M4", block, 0, "has mark {} and belongs to {}", static_cast<unsigned>(mark),
-                      owner_name(owner));
+    // Only a journal can lie among the data, and only marks that nobody takes keep others out.
+    if (reserved && data && (mark == mark_t::empty || mark == mark_t::used || mark == mark_t::full))
+        context.fault("M4", block, 0, "has mark {} and belongs to the journal",
+                      static_cast<unsigned>(mark));
     if (reserved || !data || !is_index_mark(mark) || owner >= owner_tree) return;
     ++context.counts.lost_index_blocks;
     if (!context.options.lost_index_blocks)

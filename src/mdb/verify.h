@@ -13,7 +13,7 @@
 //   M1  every byte of the map is a mark that a block can have
 //   M2  the marks in memory are those in the file
 //   M3  a block marked as part of an index is part of one (and of only one: N1)
-//   M4  nothing lies in the blocks of header, map and journal
+//   M4  a journal among the data has marks that keep others out of its blocks
 //   C1  a cached block holds what file and journal say
 //   N1 to N9  the trees of the indexes: index_layout.h
 //   O1 to O8  object blocks and the indexes that name them: object_layout.h

@@ -25,7 +25,6 @@ constexpr uint32_t kLastBlock = 2000;
 
 std::unique_ptr<mdb::Database> make_database(const std::string& path, platform::FileSystem& files,
                                              const platform::Clock& clock) {
-    logging::set_all_levels(logging::level_t::off);
     mdb::FormatOptions options;
     options.database_path = path;
     options.journal_path = path + "j";
@@ -108,6 +107,7 @@ class ControlSocketTest : public testing::Test {
         transaction.commit(false);
     }
 
+    logging::OutletScope quiet{[](logging::level_t, std::string_view) {}};
     support::TempDir dir;
     support::FakeClock clock;
     platform::SystemFiles files;

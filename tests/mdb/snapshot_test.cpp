@@ -10,6 +10,7 @@
 #include "mdb/snapshot_layout.h"
 #include "mdb/snapshot_receiver.h"
 #include "mdb/snapshot_stream.h"
+#include "mdb/verify.h"
 #include "support/faulty_calls.h"
 #include "support/rng.h"
 #include "test_database.h"
@@ -248,6 +249,8 @@ void move_journal_into_file(TestDatabase& store) {
     file.resize(kJournalBlock * kBlock);
     const Bytes journal = store.read("journal");
     file.insert(file.end(), journal.begin(), journal.end());
+    constexpr uint32_t kMapStart = 3;
+    std::fill_n(file.begin() + kMapStart * kBlock + kJournalBlock, 64, uint8_t{7});
     store.write("db", file);
     std::filesystem::remove(store.dir.file("journal"));
 }
@@ -273,6 +276,7 @@ TEST(Snapshot, HasAnEmptyJournalInsideTheFile) {
 
     mdb::Database opened({copy.folder.file("db"), "", 8}, files, store.clock);
     EXPECT_EQ(mdb_test::see(opened, kFirst * kBlock, 6), "before");
+    EXPECT_EQ(mdb::verify(opened).text(), "");
 }
 
 /// The stream of a small database, and where its records begin.

@@ -120,8 +120,9 @@ template <class Visit>
 void for_each_large_object_block(VerifyContext& context, Visit&& visit) {
     for (uint64_t block = context.database.allocator().first_data_block();
          block < context.block_count() && !context.report.full(); ++block)
-        if (context.mark(static_cast<uint32_t>(block)) == mark_t::lob)
-            visit(static_cast<uint32_t>(block));
+        if (const auto number = static_cast<uint32_t>(block);
+            context.mark(number) == mark_t::lob && context.owner(number) != owner_journal)
+            visit(number);
 }
 
 void check_references(VerifyContext& context, std::vector<LargeObjectReference>& references,
