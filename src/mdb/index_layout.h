@@ -42,8 +42,7 @@
 //   N7 a leaf without entries is the only leaf
 //   N8 no two entries of an index have the same key and value
 //   N9 an index whose root says that it is being built may lack entries, or hold some of the past;
-//   nobody
-//      reads it, and the next start goes on with the building
+//      nobody reads it, and the next start goes on with the building
 #pragma once
 
 #include <cstddef>

@@ -29,10 +29,8 @@
 //   54 45 4E 44  CRC-32 of the 40 bytes
 //
 // Invariants:
-//   J1 the serial counts halves: every filling of a half has a serial one above the other half's,
-//   so what a half
-//      still holds from its last use has a serial smaller by at least 1 than that of its index
-//      entry
+//   J1 the serial counts fillings of halves: each has a serial above that of the other half, so
+//      what a half still holds from its last use has a smaller serial than its index entry
 //   J2 a transaction lies in one half, with its end
 //   J3 an index entry is durable before the first transaction of its half is written
 //   J4 what a half held is in the database file, durably, before the index entry of the other half
