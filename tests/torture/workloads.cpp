@@ -270,6 +270,19 @@ void large_objects_freed_first(Script& script) {
     script.remove(number(1));
 }
 
+/// A large object takes a block whose first life the journal still has, unless that is guarded.
+void large_objects_after_others(Script& script) {
+    script.open();
+    script.create(number(1), child("with an image"));
+    for (uint32_t round = 0; round < 3; ++round) {
+        script.flip(false);
+        script.create(number(10), child(std::string(800, 'o')));
+        script.remove(number(10));
+        script.set_large(number(1), large(900 + 700 * round, static_cast<char>('p' + round)));
+        script.update(number(1), child("image " + std::to_string(round)));
+    }
+}
+
 /// Indexes are dropped, the last one and all above the third, and made again by the next start.
 void indexes(Script& script) {
     script.open();
@@ -346,6 +359,7 @@ std::vector<Workload> make_workloads() {
         {"indexes", dropping, few_objects, indexes},
         {"large_objects", with_large, start, large_objects},
         {"large_objects_freed_first", two_map_blocks, start, large_objects_freed_first},
+        {"large_objects_after_others", with_large, start, large_objects_after_others},
         {"splits", large_journal, tree_before_root_split, splits},
         {"middle_splits", large_journal, tree_of_few_leaves, middle_splits},
         {"emptying", large_journal, tree_of_three_levels, emptying},
