@@ -108,7 +108,7 @@ void IndexTable::build_index(block_handle_t root, uint32_t n) {
     while (!open.empty()) {
         const block_handle_t handle = open.back();
         open.pop_back();
-        const auto keys = detail::read_object_keys(detail::load_object(database_, handle));
+        const auto keys = detail::read_object_keys(detail::current_object(database_, handle));
         if (keys[n] && left_over.erase({*keys[n], handle}) == 0) {
             Transaction transaction(database_.journal());
             non_unique_insert(n, *keys[n], handle);

@@ -169,19 +169,26 @@ TEST(Open, RefusesWhatIsNoDatabase) {
     EXPECT_EQ(failure_of([&] { test.open(); }), "none") << "and nothing was spoiled meanwhile";
 }
 
-TEST(Open, JournalMayBeARegionOfTheFile) {
-    TestDatabase test(64 * 1024);
-    // The word that says where the layout area begins is the first block of the journal too: 513.
+/// The bytes of the database with its journal, whose own file goes, in blocks 513 to 576: the word
+/// that says where the layout area begins is the first block of the journal too. Their marks are
+/// left to the caller.
+Bytes with_journal_inside(TestDatabase& test) {
     Bytes file = test.read("db");
     const Bytes layout(file.begin() + 512, file.begin() + 512 + 60);
     overwrite(file, 513, layout);
     overwrite(file, 12, hex("00000001 00000201 00000040"));
     file.resize((513 + 64) * 1024);
     overwrite(file, 513 * 1024, test.read("journal"));
+    test.files.remove(test.dir.file("journal"));
+    return file;
+}
+
+TEST(Open, JournalMayBeARegionOfTheFile) {
+    TestDatabase test(64 * 1024);
+    Bytes file = with_journal_inside(test);
     std::fill_n(file.begin() + 3 * 1024 + 513, 64, uint8_t{7});
     file[kData] = '0';
     test.write("db", file);
-    test.files.remove(test.dir.file("journal"));
     for (int round = 0; round < 3; ++round) {
         mdb::Database& db = test.open();
         EXPECT_EQ(db.journal().journal_length(), 64 * 1024U);
@@ -194,13 +201,7 @@ TEST(Open, JournalMayBeARegionOfTheFile) {
 
 TEST(Open, RefusesAJournalInTheFileWhoseBlocksOthersMayTake) {
     TestDatabase test(64 * 1024);
-    Bytes file = test.read("db");
-    const Bytes layout(file.begin() + 512, file.begin() + 512 + 60);
-    overwrite(file, 513, layout);
-    overwrite(file, 12, hex("00000001 00000201 00000040"));
-    file.resize((513 + 64) * 1024);
-    overwrite(file, 513 * 1024, test.read("journal"));
-    test.files.remove(test.dir.file("journal"));
+    Bytes file = with_journal_inside(test);
     struct Case {
         size_t count;
         uint8_t mark;

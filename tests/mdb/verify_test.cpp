@@ -9,11 +9,10 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <string>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
-#include "log/log.h"
+#include "good_database.h"
 #include "mdb/errors.h"
 #include "mdb/index_layout.h"
 #include "mdb/journal_layout.h"
@@ -24,7 +23,6 @@
 #include "mdb/verify_files.h"
 #include "mdb/verify_parents.h"
 #include "platform/overlay_files.h"
-#include "test_database.h"
 #include "util/byte_order.h"
 #include "util/crc32.h"
 
@@ -34,141 +32,13 @@ using mdb::block_handle_t;
 using mdb::mark_t;
 using mdb::VerifyOptions;
 using mdb_test::Bytes;
+using mdb_test::GoodDatabase;
+using mdb_test::kBlockSize;
+using mdb_test::kLobProperty;
+using mdb_test::kObjects;
+using mdb_test::set_word;
 using mdb_test::TestDatabase;
-
-constexpr uint32_t kBlockSize = TestDatabase::kBlockSize;
-/// Enough for four leaves of index 0.
-constexpr uint32_t kObjects = 200;
-constexpr uint32_t kLobProperty = 60;
-
-uint32_t word(const Bytes& bytes, uint64_t at) {
-    return util::load_be32(reinterpret_cast<const std::byte*>(bytes.data()) + at);
-}
-void set_word(Bytes& bytes, uint64_t at, uint32_t value) {
-    util::store_be32(reinterpret_cast<std::byte*>(bytes.data()) + at, value);
-}
-
-/// A database with 200 objects in six indexes and a large object of two blocks, nothing of it in
-/// the journal, and the places of what is in it.
-class GoodDatabase {
-  public:
-    GoodDatabase() {
-        logging::set_all_levels(logging::level_t::off);
-        file.clock.advance_us(5'000'000);
-        fill(file.open());
-        file.close();
-        db = file.read("db");
-        journal = file.read("journal");
-    }
-
-    void fill(mdb::Database& database) {
-        mdb::IndexTable indexes(database);
-        indexes.init_required_indexes();
-        mdb::ObjectStore store(database, indexes);
-        lob = write_large_object(database);
-        create(database, store, 1);
-        mdb::start_indexes(indexes, indexes.unique_search(mdb::node_id_index, {0, 1}), 12);
-        for (uint32_t i = 2; i <= kObjects; ++i) create(database, store, i);
-        database.journal().checkpoint_and_flip();
-        for (uint32_t n = 0; n < mdb::kMaxIndexes; ++n)
-            roots.push_back(database.header().index_root(n));
-        object = indexes.unique_search(mdb::node_id_index, {0, 7});
-        owner = indexes.unique_search(mdb::node_id_index, {0, 5});
-        map_start = database.allocator().map_start();
-        empty = database.allocator().allocate_empty_block(0, true);
-    }
-
-    /// Object 1 is the root and has no parent, 2 to 7 lie below it, the others below these.
-    void create(mdb::Database& database, mdb::ObjectStore& store, uint32_t i) const {
-        mdb::Serializer& serializer = database.serializer();
-        serializer.serial_reset();
-        serializer.serial_add(mdb::PropertyNodeId(0, {0, i}));
-        if (i > 1) serializer.serial_add(mdb::PropertyNodeId(2, {0, i < 8 ? 1 : 2 + i % 6}));
-        serializer.serial_add(mdb::PropertyBool(502, i % 2 == 0));
-        serializer.serial_add(mdb::PropertyNodeId(59, {0, 3}));
-        if (i == 5) serializer.serial_add(mdb::PropertyUint32(kLobProperty, lob));
-        serializer.serial_add(mdb::PropertyUint32(52, i));
-        serializer.serial_add(mdb::PropertyString(51, std::string(7, 'x')));
-        static_cast<void>(store.store_object({}));
-    }
-
-    static uint32_t write_large_object(mdb::Database& database) {
-        mdb::Transaction transaction(database.journal());
-        std::vector<uint32_t> blocks;
-        for (int i = 0; i < 2; ++i) {
-            blocks.push_back(database.allocator().allocate_empty_block(0, true));
-            database.allocator().set_mark(blocks.back(), mark_t::lob);
-        }
-        transaction.commit();
-        Bytes block(kBlockSize, 'L');
-        set_word(block, 0, mdb::lob_layout::kFirstMagic);
-        set_word(block, mdb::lob_layout::version, 1);
-        set_word(block, mdb::lob_layout::length, 2000);
-        set_word(block, mdb::lob_layout::first_next, blocks[1]);
-        database.store().block_write(block.data(), blocks[0], 1);
-        set_word(block, 0, mdb::lob_layout::kFurtherMagic);
-        set_word(block, mdb::lob_layout::further_next, 0);
-        database.store().block_write(block.data(), blocks[1], 1);
-        return blocks[0];
-    }
-
-    [[nodiscard]] static uint64_t at(uint32_t block, uint32_t offset = 0) {
-        return uint64_t{block} * kBlockSize + offset;
-    }
-    /// Child `p` of the root of an index.
-    [[nodiscard]] uint32_t child(uint32_t n, uint32_t p) const {
-        return word(db, at(roots[n], p == 0 ? 8 : 20 + 12 * (p - 1)));
-    }
-    [[nodiscard]] uint32_t last_leaf(uint32_t n) const {
-        return child(n, word(db, at(roots[n], 4)));
-    }
-    [[nodiscard]] uint32_t entries(uint32_t leaf) const { return word(db, at(leaf, 12)); }
-    /// Where in its block the record of a property of `object` begins.
-    [[nodiscard]] uint32_t record(uint32_t property) const {
-        uint32_t offset = object.offset + 4;
-        while (word(db, at(object.block, offset)) != property)
-            offset += word(db, at(object.block, offset + 4));
-        return offset;
-    }
-    [[nodiscard]] uint64_t mark(uint32_t block) const { return at(map_start, block); }
-
-    void restore() const {
-        file.write("db", db);
-        file.write("journal", journal);
-    }
-    /// Faults as "RULE BLOCK OFFSET", those of several rules in the order in which they were found,
-    /// each rule once.
-    [[nodiscard]] std::vector<std::string> faults(const VerifyOptions& options) const {
-        platform::OverlayFiles files;
-        const auto found =
-            mdb::verify_files(files, file.dir.file("db"), file.dir.file("journal"), options);
-        std::vector<std::string> lines;
-        std::string last;
-        for (const mdb::Fault& fault : found.verification.faults) {
-            if (fault.rule != last)
-                lines.push_back(fmt::format("{} {} {}", fault.rule, fault.block, fault.offset));
-            last = fault.rule;
-        }
-        return lines;
-    }
-    [[nodiscard]] VerifyOptions options() const {
-        VerifyOptions made;
-        made.large_object_properties = {kLobProperty};
-        return made;
-    }
-
-    TestDatabase file;
-    Bytes db;
-    Bytes journal;
-    std::vector<uint32_t> roots;
-    /// Object 0.7, and 0.5, which names the large object.
-    block_handle_t object;
-    block_handle_t owner;
-    uint32_t map_start = 0;
-    uint32_t lob = 0;
-    /// A block that holds nothing.
-    uint32_t empty = 0;
-};
+using mdb_test::word;
 
 struct Row {
     const char* what;
@@ -554,182 +424,6 @@ TEST(Verify, NamesDamageOfAJournalThatKeepsADatabaseShut) {
          }},
     };
     run(rows);
-}
-
-/// The files of a database that was killed with transactions in its journal.
-class KilledDatabase : public testing::Test {
-  protected:
-    KilledDatabase() {
-        good_.restore();
-        mdb::Database& database = good_.file.open();
-        mdb::IndexTable indexes(database);
-        indexes.init_required_indexes();
-        for (uint32_t n = 2; n < mdb::kMaxIndexes; ++n) static_cast<void>(indexes.ensure_index(n));
-        mdb::ObjectStore store(database, indexes);
-        for (uint32_t i = 0; i < kAdded; ++i) good_.create(database, store, 1000 + i);
-        start_ = mdb::journal_layout::half_start(
-            database.journal().journal_length(),
-            database.journal().write_pos() > database.journal().journal_length() / 2 ? 1 : 0);
-        good_.file.close();
-        db_ = good_.file.read("db");
-        journal_ = good_.file.read("journal");
-    }
-
-    void add_objects(mdb::Database& database) const {
-        mdb::IndexTable indexes(database);
-        indexes.init_required_indexes();
-        mdb::ObjectStore store(database, indexes);
-        for (uint32_t i = 0; i < kAdded; ++i) good_.create(database, store, 1000 + i);
-    }
-    mdb::FileVerification verify() const {
-        platform::OverlayFiles files;
-        return mdb::verify_files(files, good_.file.dir.file("db"), good_.file.dir.file("journal"),
-                                 good_.options());
-    }
-    /// Gives the first transaction of the journal another content, with its right CRC.
-    void change_first_transaction(const std::function<void(Bytes&)>& change) {
-        change(journal_);
-        uint32_t end = start_ + 16;
-        while (word(journal_, end) == mdb::journal_layout::kUpdate)
-            end += static_cast<uint32_t>(mdb::journal_layout::update_size(word(journal_, end + 4)));
-        security::Crc32 crc;
-        crc.update(end - start_, reinterpret_cast<const std::byte*>(journal_.data()) + start_);
-        set_word(journal_, end + 4, crc.value());
-        good_.file.write("journal", journal_);
-    }
-
-    static constexpr uint32_t kAdded = 5;
-    GoodDatabase good_;
-    Bytes db_;
-    Bytes journal_;
-    /// First position of the half in use.
-    uint32_t start_ = 0;
-};
-
-TEST_F(KilledDatabase, IsVerifiedAsItsNextStartWouldSeeItAndLeftAsItIs) {
-    struct Status {
-        explicit Status(const std::string& path) { ::stat(path.c_str(), &status); }
-        bool operator==(const Status& other) const {
-            return status.st_mtim.tv_sec == other.status.st_mtim.tv_sec &&
-                   status.st_mtim.tv_nsec == other.status.st_mtim.tv_nsec &&
-                   status.st_size == other.status.st_size;
-        }
-        struct stat status {};
-    };
-    const std::string db = good_.file.dir.file("db");
-    const std::string journal = good_.file.dir.file("journal");
-    const Status db_before(db);
-    const Status journal_before(journal);
-    // Nobody could write to them.
-    ASSERT_EQ(::chmod(db.c_str(), 0400), 0);
-    ASSERT_EQ(::chmod(journal.c_str(), 0400), 0);
-
-    const mdb::FileVerification found = verify();
-    EXPECT_EQ(found.verification.text(), "");
-    EXPECT_TRUE(found.opened);
-    EXPECT_EQ(found.verification.counts.objects, kObjects + kAdded);
-    EXPECT_EQ(found.verification.counts.trees[0].entries, kObjects + kAdded);
-    EXPECT_EQ(found.verification.counts.trees[0].height, 2U);
-    EXPECT_EQ(found.verification.counts.large_objects, 1U);
-    EXPECT_EQ(found.verification.counts.large_object_bytes, 2000U);
-    EXPECT_EQ(found.journal.transactions, kAdded);
-    EXPECT_EQ(found.database_bytes, db_.size());
-    EXPECT_GT(found.journal.update_bytes, 0U);
-    EXPECT_THAT(found.journal.end_reason,
-                testing::AnyOf("no further entry", "a transaction of another filling of the half"));
-
-    EXPECT_EQ(good_.file.read("db"), db_);
-    EXPECT_EQ(good_.file.read("journal"), journal_);
-    EXPECT_TRUE(Status(db) == db_before);
-    EXPECT_TRUE(Status(journal) == journal_before);
-}
-
-TEST_F(KilledDatabase, NamesDamageOfTheJournal) {
-    change_first_transaction([&](Bytes& journal) { set_word(journal, start_ + 16 + 16, 5); });
-    EXPECT_THAT(verify().verification.text(),
-                testing::HasSubstr(fmt::format("journal offset {}: J update has 5", start_ + 32)));
-
-    // A later update of the same bytes makes the block whole again, but not the large object safe.
-    change_first_transaction([&](Bytes& journal) {
-        set_word(journal, start_ + 16 + 16, 0);
-        set_word(journal, start_ + 16 + 8, 0);
-        set_word(journal, start_ + 16 + 12,
-                 static_cast<uint32_t>(good_.at(good_.lob, kBlockSize - 100)));
-    });
-    EXPECT_THAT(verify().verification.text(),
-                testing::HasSubstr(fmt::format("block {} offset 0: B4", good_.lob)));
-
-    change_first_transaction([&](Bytes& journal) { set_word(journal, start_ + 16 + 8, 1); });
-    EXPECT_THAT(verify().verification.text(),
-                testing::HasSubstr(fmt::format("journal offset {}: J update of", start_ + 16)));
-}
-
-TEST_F(KilledDatabase, ATornTransactionEndsTheLogAndIsNoFault) {
-    journal_[start_ + 37] ^= 1;
-    good_.file.write("journal", journal_);
-    const mdb::FileVerification found = verify();
-    EXPECT_EQ(found.verification.text(), "");
-    EXPECT_EQ(found.journal.transactions, 0U);
-    EXPECT_EQ(found.journal.end, start_);
-    EXPECT_EQ(found.journal.end_reason, "a transaction with another CRC");
-    EXPECT_EQ(found.verification.counts.objects, kObjects);
-}
-
-TEST_F(KilledDatabase, ATornHeaderIsMendedByTheReplay) {
-    {
-        mdb::Database& database = good_.file.open();
-        mdb::Transaction transaction(database.journal());
-        database.journal_header(database.header());
-        transaction.commit();
-    }
-    good_.file.close();
-    Bytes torn = good_.file.read("db");
-    std::fill(torn.begin() + 512, torn.begin() + 560, uint8_t{0});
-    good_.file.write("db", torn);
-    const mdb::FileVerification found = verify();
-    EXPECT_EQ(found.verification.text(), "");
-    EXPECT_TRUE(found.opened);
-}
-
-TEST_F(KilledDatabase, IsRefusedWhileAServerHasIt) {
-    good_.file.open();
-    try {
-        static_cast<void>(verify());
-        FAIL() << "verified a running database";
-    } catch (const mdb::error_open& refused) {
-        EXPECT_THAT(refused.text(), testing::HasSubstr("is in use by a running server"));
-    }
-    good_.file.close();
-    // And the other way round: no server starts meanwhile.
-    platform::OverlayFiles files;
-    const auto file = files.open(good_.file.dir.file("db"));
-    ASSERT_TRUE(file->try_lock());
-    EXPECT_THROW(good_.file.open(), mdb::error_open);
-    EXPECT_EQ(verify().verification.text(), "") << "readers don't exclude each other";
-}
-
-TEST(Verify, FilesThatCannotBeOpenedAreNamed) {
-    const GoodDatabase good;
-    good.restore();
-    const auto& dir = good.file.dir;
-    ASSERT_EQ(::mkfifo(dir.file("fifo").c_str(), 0600), 0);
-    const std::pair<std::string, std::string> rows[] = {
-        {dir.file("none"), "No such file or directory"},
-        {dir.path().string(), "Is a directory"},
-        {dir.file("fifo"), "Invalid argument"},
-        {dir.file("db") + "/x", "Not a directory"},
-    };
-    for (const auto& [path, reason] : rows)
-        for (const bool as_journal : {false, true}) {
-            platform::OverlayFiles files;
-            try {
-                static_cast<void>(mdb::verify_files(files, as_journal ? dir.file("db") : path,
-                                                    as_journal ? path : dir.file("journal"), {}));
-                ADD_FAILURE() << path << " was opened";
-            } catch (const mdb::error_open& failure) {
-                EXPECT_EQ(failure.text(), fmt::format("Cannot open \"{}\": {}", path, reason));
-            }
-        }
 }
 
 TEST(Verify, WhatAProcessHoldsInMemoryIsComparedWithTheFile) {
