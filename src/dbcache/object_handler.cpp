@@ -12,6 +12,7 @@
 #include "log/log.h"
 #include "mdb/errors.h"
 #include "mdb/index.h"
+#include "mdb/object_store.h"
 #include "meter/meter.h"
 #include "tql/errors.h"
 #include "tql/names.h"
@@ -258,6 +259,24 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
     watcher.close();
     error::check(child->reference_count() > 0, "New object {} lost its reference", id);
     return status;
+}
+
+// ---- records that the system keeps --------------------------------------------------------------
+
+void ObjectHandler::rewrite_records(const ImageChange& change) {
+    mdb::ObjectStore& objects = store_.objects();
+    const mdb::block_handle_t before = location_;
+    move_to({});  // the store refuses to touch an object that the cache holds
+    try {
+        mdb::dobj image = objects.begin_object_update(before);
+        change(objects, image);
+        move_to(objects.commit_object_update(image));
+    } catch (const error::Exception&) {
+        move_to(before);
+        throw;
+    }
+    ++rewrites_;
+    store_.touch(*this);
 }
 
 // ---- validating again --------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 
@@ -21,6 +22,11 @@
 #include "dbcache/store.h"
 #include "mdb/property_types.h"
 #include "tqlengine/object_handler.h"
+
+namespace mdb {
+struct dobj;
+class ObjectStore;
+}  // namespace mdb
 
 namespace dbcache {
 
@@ -93,6 +99,16 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void list_children(const std::set<uint32_t>& nodetypes, const tql::pattern_t& pattern,
                        tqlengine::HandlerList& out);
 
+    /// Gets the image of a stored object; changes it by update_property() and remove_property().
+    using ImageChange = std::function<void(mdb::ObjectStore&, mdb::dobj&)>;
+    /// Changes records that the system keeps, marks and counters, beside any update of the object:
+    /// writes what `change` makes of it in the open transaction, which the caller has, and puts the
+    /// handler back into the cache at its new place. Versions, class and names stay. The caller
+    /// holds a reference to the handler; an abort brings it back to what is stored then. While
+    /// `change` runs the handler is in no cache, so it must look for no object. Throws
+    /// mdb::error_generic.
+    void rewrite_records(const ImageChange& change);
+
     [[nodiscard]] uint32_t cache_references() const noexcept override { return reference_count(); }
 
   protected:
@@ -138,6 +154,10 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     const NodetypeSchema* schema_ = nullptr;
     uint32_t subtype_ = kAllSubtypes;
     bool deleted_ = false;
+    /// A write to the object has a transaction open, and takes back the fields itself on an abort.
+    bool in_write_ = false;
+    /// Grows with each rewrite_records().
+    uint32_t rewrites_ = 0;
     SiblingIndex::Entry sibling_entry_;
     /// The store's tree epoch in which the object was last seen to hang together with the root.
     uint64_t attached_epoch_ = 0;

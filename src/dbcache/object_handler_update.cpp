@@ -63,7 +63,8 @@ UpdateOperation::UpdateOperation(ObjectHandler& handler, const tqlengine::WriteA
       rollback_(handler),
       view_(handler, arguments.context.user),
       chain_(handler.store(), handler.node_id(), handler.location()),
-      work_(schema_.properties().size()) {}
+      work_(schema_.properties().size()),
+      rewrites_(handler.rewrites_) {}
 
 uint32_t UpdateOperation::run() {
     check_version();
@@ -80,6 +81,7 @@ uint32_t UpdateOperation::run() {
     open_transaction();
     take_versions();
     schema_.afterUpdate(handler_, arguments_.new_version, work_);
+    refresh_kept_values();
     serialise();
     store();
     schema_.afterStore(handler_);
@@ -291,6 +293,16 @@ void UpdateOperation::move() {
 void UpdateOperation::take_versions() {
     handler_.version_ = arguments_.new_version;
     if (!sets_copy_version_) handler_.copy_version_ = arguments_.new_version;
+}
+
+/// What a hook has written may have changed the marks and counters of this object too.
+void UpdateOperation::refresh_kept_values() {
+    if (is_new() || handler_.rewrites_ == rewrites_) return;
+    const InheritanceChain stored(handler_.store(), handler_.node_id(), handler_.location());
+    const auto entries = schema_.properties();
+    for (size_t i = 0; i < entries.size(); ++i)
+        if (entries[i].schema->kept_by_system() && entries[i].applies_to(handler_.subtype()))
+            entries[i].schema->load(stored, work_[i]);
 }
 
 void UpdateOperation::serialise() {

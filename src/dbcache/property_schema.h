@@ -78,6 +78,8 @@ class PropertySchema {
     [[nodiscard]] virtual uint64_t hash(const work_t& /*work*/) const { return 0; }
     /// Whether the value owns storage outside the object.
     [[nodiscard]] virtual bool has_backend() const { return false; }
+    /// Whether the value changes by writes to other objects, in ObjectHandler::rewrite_records().
+    [[nodiscard]] virtual bool kept_by_system() const { return false; }
     [[nodiscard]] virtual bool applies_now(const PropertyChain& chain) const {
         return !applies || applies(chain);
     }

@@ -110,6 +110,7 @@ class PropertyCountSchema
                                  Defaults<common::count_t>::both(0)) {}
     void assign(const tql::property_t& value, const SchemaObject& object,
                 const PropertyChain& chain, work_t& work) const override;
+    [[nodiscard]] bool kept_by_system() const override { return true; }
 };
 
 /// Whether an object, with the values in the work array, is a member of a mark's list.
@@ -141,6 +142,7 @@ class PropertyMarkIndexSchema
     /// No record is no damage here.
     void encode(const PropertyChain& chain, const NodeId& id,
                 tql::property_map_t& out) const override;
+    [[nodiscard]] bool kept_by_system() const override { return true; }
 
   private:
     MarkPredicate predicate_;

@@ -69,7 +69,7 @@ void Store::reload_touched(const std::set<NodeId>& ids) {
         if (!handler)
             if (const auto kept = touched_.find(id); kept != touched_.end()) handler = kept->second;
         error::check(static_cast<bool>(handler), "Should abort {}, but not found", id);
-        handler->leave_sibling_index();
+        if (!handler->in_write_) handler->leave_sibling_index();
         handler->move_to({});
         handlers.push_back(std::move(handler));
     }
@@ -78,6 +78,11 @@ void Store::reload_touched(const std::set<NodeId>& ids) {
 
 void Store::reload(ObjectHandler& handler) {
     const auto location = indexes().unique_find(mdb::node_id_index, handler.node_id());
+    if (handler.in_write_) {
+        // Something nested was aborted, or the write itself: then its fields are taken back by it.
+        handler.move_to(location.value_or(mdb::block_handle_t{}));
+        return;
+    }
     error::check(location.has_value(), "Object {} no longer exists after transaction abort",
                  handler.node_id());
     handler.deleted_ = false;

@@ -12,6 +12,7 @@
 using namespace dbcache_test;
 using dbcache::kRootId;
 using dbcache::ObjectHandler;
+using dbcache::ObjectHandlerRef;
 
 namespace {
 
@@ -154,6 +155,51 @@ TEST_F(FaultTest, AnAbortedTransactionTakesBackUpdatesAndDeletes) {
     EXPECT_EQ(world.fault(), "");
     world.open();
     EXPECT_EQ(dump(), before);
+}
+
+TEST_F(FaultTest, RecordsRewrittenBesideAWriteGoWithIt) {
+    const NodeId a = folder(kRootId, "a");
+    const NodeId b = folder(a, "b");
+    const std::string before = dump();
+    const std::string in_memory = memory();
+    bool fails = true;
+    const auto label = [&](const NodeId& id, size_t length) {
+        const ObjectHandlerRef handler = world.store->resolver().find_stored(id);
+        handler->rewrite_records([&](mdb::ObjectStore& objects, mdb::dobj& image) {
+            objects.update_property(
+                image, mdb::PropertyString(prop::label, std::string(length, 'k')), true, false);
+        });
+    };
+    // The parent first, the object that is being written, and the parent again in another place.
+    const auto rewrite = [&](ObjectHandler& handler) {
+        label(handler.parent_id(), 200);
+        if (handler.is_stored()) label(handler.node_id(), 300);
+        label(handler.parent_id(), 500);
+        if (fails) throw errors::tql(errors::ERR_ILLEGAL_VALUE, "hook");
+    };
+    const std::function<void()> writes[] = {
+        [&] { folder(b, "new"); },
+        [&] { world.update(b, {number(prop::order, 6)}); },
+        [&] { world.update(b, {object(prop::parentId, kRootId)}); },
+    };
+    for (auto* hook : {&hooks.after_update, &hooks.after_store})
+        for (const auto& write : writes) {
+            *hook = rewrite;
+            EXPECT_EQ(failure(write), "10 hook");
+            *hook = {};
+            EXPECT_EQ(dump(), before);
+            EXPECT_EQ(memory(), in_memory);
+            EXPECT_EQ(world.fault(), "");
+        }
+    fails = false;
+    hooks.after_store = rewrite;
+    world.update(b, {number(prop::order, 6)});
+    EXPECT_EQ(world.fault(), "");
+    const std::string after = dump();
+    world.open();
+    EXPECT_EQ(dump(), after);
+    EXPECT_EQ(world.value(a, prop::label).size(), 502U);
+    EXPECT_EQ(world.value(b, prop::label).size(), 302U);
 }
 
 TEST_F(FaultTest, AMoveThatBreaksAReferenceBelowIsRefused) {

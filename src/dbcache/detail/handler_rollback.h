@@ -24,11 +24,17 @@ class HandlerRollback {
     HandlerRollback(const HandlerRollback&) = delete;
     HandlerRollback& operator=(const HandlerRollback&) = delete;
 
-    void begin() { transaction_.emplace(handler_.store_); }
+    void begin() {
+        // A hook may have made the object move since.
+        location_ = handler_.location_;
+        transaction_.emplace(handler_.store_);
+        handler_.in_write_ = true;
+    }
     /// Commits, synchronously if this is the outermost transaction. Nothing is undone any more.
     void commit() {
         transaction_->commit();
         done_ = true;
+        handler_.in_write_ = false;
         transaction_.reset();
         handler_.store_.touch(handler_);
     }
@@ -40,6 +46,7 @@ class HandlerRollback {
         const bool moved = transaction_.has_value();
         if (moved) handler_.move_to({});
         transaction_.reset();
+        handler_.in_write_ = false;
         handler_.parent_.value = parent_;
         handler_.version_ = version_;
         handler_.copy_version_ = copy_version_;

@@ -41,6 +41,7 @@ class UpdateOperation {
     void open_transaction();
     void move();
     void take_versions();
+    void refresh_kept_values();
     void serialise();
     void store_value(size_t index, RecordWriter& writer);
     void store();
@@ -57,6 +58,8 @@ class UpdateOperation {
     ObjectView view_;
     InheritanceChain chain_;
     WorkArray work_;
+    /// Tells whether another write has changed the object since its values were loaded.
+    const uint32_t rewrites_;
     uint32_t subtype_ = kAllSubtypes;
     bool ignored_ = false;
     bool sets_copy_version_ = false;
