@@ -78,10 +78,10 @@ class DeleteOperation {
 
     void leave() {
         handler_.leave_sibling_index();
-        handler_.store().sibling_keys().forget(handler_.node_id());
         handler_.location_ = {};
         handler_.deleted_ = true;
         handler_.store().resolver().note_tombstone();
+        handler_.store().sibling_keys().forget(handler_.node_id());
     }
 
     ObjectHandler& handler_;

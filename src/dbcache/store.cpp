@@ -1,5 +1,6 @@
 #include "dbcache/store.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "dbcache/inheritance.h"
@@ -41,27 +42,45 @@ void Store::read_record(mdb::block_handle_t handle, ObjectRecord& out) {
 void Store::discard_stored(mdb::block_handle_t handle) {
     const ObjectHandlerRef handler(
         static_cast<ObjectHandler*>(cache_.cache_find_by_handle(handle)));
-    if (handler) handler->move_to({});
     StoreTransaction transaction(*this);
+    if (handler) {
+        touch(*handler);
+        handler->move_to({});
+    }
     objects().delete_object(handle, true);
     transaction.commit(true);
-    if (handler) handler->deleted_ = true;
+    if (!handler) return;
+    handler->leave_sibling_index();
+    handler->deleted_ = true;
 }
 
 void Store::touch(ObjectHandler& handler) {
     if (!journal().transaction_active()) return;
-    journal().transaction_touch(handler.node_id());
     touched_.try_emplace(handler.node_id(), ObjectHandlerRef(&handler));
+    journal().transaction_touch(handler.node_id());
+}
+
+void Store::touch_created(ObjectHandler& handler) {
+    if (innermost_ != nullptr) created_.push_back(handler.node_id());
+    touch(handler);
+}
+
+bool Store::created_in_innermost(const NodeId& id) const noexcept {
+    if (innermost_ == nullptr) return false;
+    const auto first = created_.begin() + static_cast<std::ptrdiff_t>(innermost_->first_created_);
+    return std::find(first, created_.end(), id) != created_.end();
 }
 
 void Store::release_touched() noexcept {
     // Moved out first: a handler that goes with its last reference may come back here.
     const auto released = std::move(touched_);
     touched_.clear();
+    created_.clear();
 }
 
-/// Brings the handlers of the aborted transaction's objects back to what is stored. All leave the
-/// cache before the first one returns to it, since one may lie where another has been.
+/// Brings the handlers of the aborted transaction's objects back to what is stored; that of an
+/// object which the transaction had made goes. All leave the cache before the first one returns to
+/// it, since one may lie where another has been.
 void Store::reload_touched(const std::set<NodeId>& ids) {
     std::vector<ObjectHandlerRef> handlers;
     for (const NodeId& id : ids) {
@@ -78,13 +97,18 @@ void Store::reload_touched(const std::set<NodeId>& ids) {
 
 void Store::reload(ObjectHandler& handler) {
     const auto location = indexes().unique_find(mdb::node_id_index, handler.node_id());
+    if (!location) touched_.erase(handler.node_id());
     if (handler.in_write_) {
         // Something nested was aborted, or the write itself: then its fields are taken back by it.
         handler.move_to(location.value_or(mdb::block_handle_t{}));
         return;
     }
-    error::check(location.has_value(), "Object {} no longer exists after transaction abort",
-                 handler.node_id());
+    if (!location) {
+        error::check(created_in_innermost(handler.node_id()),
+                     "Object {} no longer exists after transaction abort", handler.node_id());
+        handler.deleted_ = true;
+        return;
+    }
     handler.deleted_ = false;
     handler.load(*location);
     handler.move_to(*location);
@@ -95,15 +119,24 @@ void Store::reload(ObjectHandler& handler) {
 StoreTransaction::StoreTransaction(Store& store)
     : store_(store),
       nested_(store.journal().transaction_active()),
-      transaction_(std::make_unique<mdb::Transaction>(store.journal())) {}
+      transaction_(std::make_unique<mdb::Transaction>(store.journal())),
+      outer_(store.innermost_),
+      first_created_(store.created_.size()) {
+    store_.innermost_ = this;
+}
 
 StoreTransaction::~StoreTransaction() {
-    transaction_.reset();
+    if (store_.innermost_ == this) {
+        transaction_.reset();
+        store_.created_.resize(first_created_);
+        store_.innermost_ = outer_;
+    }
     if (!nested_) store_.release_touched();
 }
 
 void StoreTransaction::commit(bool asynchronous) {
     transaction_->commit(nested_ || asynchronous);
+    store_.innermost_ = outer_;
     if (!nested_) store_.release_touched();
 }
 

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <vector>
 
 #include "dbcache/object_cache.h"
 #include "dbcache/sibling_index.h"
@@ -34,6 +35,7 @@ class DbcacheIdResolver;
 class ObjectHandler;
 class ObjectRecord;
 class SchemaTable;
+class StoreTransaction;
 
 using ObjectHandlerRef = tqlengine::BasicHandlerRef<ObjectHandler>;
 
@@ -89,12 +91,15 @@ class Store {
     friend class ObjectHandler;
     friend class StoreTransaction;
 
-    /// Notes in the open transaction that `handler` was changed, and keeps it in memory until the
-    /// outermost one has ended: an abort has to bring it back to what is stored then.
+    /// Notes in the open transaction that `handler` was changed, or made, and keeps it in memory
+    /// until the outermost one has ended: an abort has to bring it back to what is stored then.
     void touch(ObjectHandler& handler);
+    void touch_created(ObjectHandler& handler);
     void release_touched() noexcept;
     void reload_touched(const std::set<NodeId>& ids);
     void reload(ObjectHandler& handler);
+    /// Whether `id` was created in the innermost open transaction.
+    [[nodiscard]] bool created_in_innermost(const NodeId& id) const noexcept;
 
     Parts parts_;
     SiblingIndex sibling_index_;
@@ -105,11 +110,18 @@ class Store {
     ObjectCache cache_;
     std::unique_ptr<DbcacheIdResolver> resolver_;
     std::map<NodeId, ObjectHandlerRef> touched_;
+    /// Objects created in the open transactions, those of an outer one first.
+    std::vector<NodeId> created_;
+    StoreTransaction* innermost_ = nullptr;
 };
 
 /// A transaction of the object layer for the length of a scope; aborted unless committed. Nested in
 /// another one it ends asynchronously whatever was asked for: only the outermost end is
 /// synchronous.
+///
+/// An abort brings everything in memory back to what is stored: handlers of changed and deleted
+/// objects are loaded again, those of objects created in the transaction leave the cache and the
+/// index of siblings, and whoever still holds one finds it deleted.
 class StoreTransaction {
   public:
     explicit StoreTransaction(Store& store);
@@ -122,9 +134,14 @@ class StoreTransaction {
     void commit(bool asynchronous = false);
 
   private:
+    friend class Store;
+
     Store& store_;
     const bool nested_;
     std::unique_ptr<mdb::Transaction> transaction_;
+    StoreTransaction* const outer_;
+    /// Where its own part of the store's list of created objects begins.
+    const size_t first_created_;
 };
 
 }  // namespace dbcache

@@ -138,6 +138,51 @@ TEST_F(FaultTest, WhatAHookHasWrittenGoesWithTheOuterWrite) {
     EXPECT_EQ(world.value(b, prop::name), "\"renamed\"");
 }
 
+TEST_F(FaultTest, WhatAHookHasMadeGoesWithTheOuterWrite) {
+    const NodeId a = folder(kRootId, "a");
+    const std::string before = dump();
+    const std::string in_memory = memory();
+    const NodeId made{1, 77};
+    tqlengine::HandlerRef held;
+    bool deletes = false;
+    int depth = 0;
+    const auto make_one = [&] {
+        world.create(a, cls::Domain, {text(prop::name, "made")}, 0, made);
+        world.update(made, {text(prop::name, "renamed")});
+        held = world.get(made);
+        if (deletes) world.remove(made);
+    };
+    const auto make_and_fail = [&](ObjectHandler& handler) {
+        if (handler.node_id() != a || depth > 0) return;
+        ++depth;
+        for (int i = 0; i < 2; ++i) {
+            const dbcache::StoreTransaction inner(*world.store);
+            make_one();
+        }
+        make_one();  // nothing is left of the others
+        --depth;
+        throw errors::tql(errors::ERR_ILLEGAL_VALUE, "after all");
+    };
+    for (auto* hook : {&hooks.after_update, &hooks.after_store})
+        for (const bool with_delete : {false, true}) {
+            deletes = with_delete;
+            *hook = make_and_fail;
+            EXPECT_EQ(failure([&] { world.update(a, {text(prop::label, "x")}); }), "10 after all");
+            *hook = {};
+            tqlengine::RequestContext request = world.context();
+            EXPECT_EQ(failure([&] {
+                          held->tqlDelete({{}, {}, false, request});
+                      }),
+                      "1 1.77 not found")
+                << "whoever holds it finds it deleted";
+            held.reset();
+            EXPECT_EQ(dump(), before);
+            EXPECT_EQ(memory(), in_memory);
+            EXPECT_EQ(world.fault(), "");
+        }
+    EXPECT_EQ(world.create(a, cls::Domain, {text(prop::name, "made")}, 0, made), made);
+}
+
 TEST_F(FaultTest, AnAbortedTransactionTakesBackUpdatesAndDeletes) {
     const NodeId a = folder(kRootId, "a");
     const NodeId b = folder(kRootId, "b");

@@ -30,16 +30,23 @@ class HandlerRollback {
         transaction_.emplace(handler_.store_);
         handler_.in_write_ = true;
     }
-    /// Commits, synchronously if this is the outermost transaction. Nothing is undone any more.
+    /// Commits, synchronously if this is the outermost transaction. Nothing is undone any more,
+    /// unless an outer transaction is aborted, which the store sees to.
     void commit() {
+        if (transaction_->nested()) note_in_store();
         transaction_->commit();
         done_ = true;
         handler_.in_write_ = false;
         transaction_.reset();
-        handler_.store_.touch(handler_);
     }
 
   private:
+    void note_in_store() {
+        if (location_.is_null())
+            handler_.store_.touch_created(handler_);
+        else
+            handler_.store_.touch(handler_);
+    }
     void undo() noexcept {
         // Out of the cache first: the abort brings back other handlers, one of which may lie where
         // this one has been put.
