@@ -7,6 +7,7 @@
 #include "log/log.h"
 #include "mdb/errors.h"
 #include "mdb/index.h"
+#include "mdb/large_object.h"
 #include "tql/names.h"
 
 namespace dbcache {
@@ -121,8 +122,11 @@ void InheritanceChain::override_parent(const NodeId& parent) {
     parent_failure_.reset();
 }
 
-std::vector<uint8_t> InheritanceChain::read_lob(uint32_t) const {
-    throw mdb::error_unsupported("Large objects are not supported");
+std::vector<uint8_t> InheritanceChain::read_lob(uint32_t block) const {
+    std::vector<std::byte> bytes;
+    mdb::read_lob(store_.database(), block, bytes);
+    const auto* first = reinterpret_cast<const uint8_t*>(bytes.data());
+    return {first, first + bytes.size()};
 }
 
 const ObjectRecord& InheritanceChain::level(unsigned number) const {

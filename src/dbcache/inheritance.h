@@ -77,7 +77,7 @@ class InheritanceChain final : public PropertyChain {
 
     found_t read(unsigned level, mdb::Property& property) const override;
     [[nodiscard]] bool hasParent() const override;
-    /// Large objects are not kept yet: throws mdb::error_unsupported.
+    /// Reads the file, whatever the cache holds.
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override;
 
     /// The value of `inherits`, stored or overridden; null when there is none.

@@ -19,6 +19,12 @@ meter::Group schema_group{"schema"};
 meter::MicroSecondTiming key_check_time{&schema_group, "primarykey",
                                         "Time spent checking primary keys among siblings"};
 
+/// Keeps the list ascending and without doubles.
+void insert_number(std::vector<uint32_t>& numbers, uint32_t number) {
+    const auto place = std::lower_bound(numbers.begin(), numbers.end(), number);
+    if (place == numbers.end() || *place != number) numbers.insert(place, number);
+}
+
 std::pair<uint32_t, uint32_t> key_of(const NodetypeSchema::Entry& entry) {
     return {entry.property, entry.subtype};
 }
@@ -78,12 +84,11 @@ void NodetypeSchema::addPropertySchema(std::shared_ptr<PropertySchema> schema, u
     error::check(place == properties_.end() || key_of(*place) != key_of(entry),
                  "Property schema registered twice");
     const uint32_t number = entry.property;
-    const bool is_counter = dynamic_cast<PropertyCountSchema*>(entry.schema.get()) != nullptr;
+    if (dynamic_cast<const PropertyCountSchema*>(entry.schema.get()) != nullptr)
+        insert_number(counter_properties_, number);
+    if (dynamic_cast<const PropertyLobSchema*>(entry.schema.get()) != nullptr)
+        insert_number(large_object_properties_, number);
     properties_.insert(place, std::move(entry));
-    const auto counter =
-        std::lower_bound(counter_properties_.begin(), counter_properties_.end(), number);
-    if (is_counter && (counter == counter_properties_.end() || *counter != number))
-        counter_properties_.insert(counter, number);
 }
 
 void NodetypeSchema::addPropertySchemaSpecialization(uint32_t number, uint32_t subtype,
@@ -186,6 +191,12 @@ size_t NodetypeSchema::findProperty(uint32_t number, uint32_t subtype) const {
 std::optional<size_t> NodetypeSchema::subtypeProperty(uint32_t number) const noexcept {
     const std::optional<size_t> index = lookupProperty(number, kAllSubtypes);
     return index && properties_[*index].determines_subtype ? index : std::nullopt;
+}
+
+bool NodetypeSchema::is_large_object(uint32_t number, uint32_t subtype) const noexcept {
+    const std::optional<size_t> index = lookupProperty(number, subtype);
+    return index &&
+           dynamic_cast<const PropertyLobSchema*>(properties_[*index].schema.get()) != nullptr;
 }
 
 std::optional<int32_t> NodetypeSchema::group_of_child(uint32_t child_nodetype) const {

@@ -112,6 +112,12 @@ class NodetypeSchema {
     [[nodiscard]] const std::vector<uint32_t>& counter_properties() const noexcept {
         return counter_properties_;
     }
+    /// The numbers of the properties that are large objects, in some subtype at least; ascending.
+    [[nodiscard]] const std::vector<uint32_t>& large_object_properties() const noexcept {
+        return large_object_properties_;
+    }
+    /// Whether the property is one in objects of this subtype.
+    [[nodiscard]] bool is_large_object(uint32_t number, uint32_t subtype) const noexcept;
     /// Class to nodetype of all children, those in groups included.
     [[nodiscard]] const std::map<uint32_t, uint32_t>& child_classes() const noexcept {
         return child_classes_;
@@ -202,6 +208,7 @@ class NodetypeSchema {
 
     std::vector<Entry> properties_;
     std::vector<uint32_t> counter_properties_;
+    std::vector<uint32_t> large_object_properties_;
     std::map<uint32_t, uint32_t> child_classes_;
     std::set<uint32_t> direct_children_;
     std::set<uint32_t> all_children_;

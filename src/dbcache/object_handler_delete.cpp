@@ -32,6 +32,7 @@ class DeleteOperation {
         handler_.schema().beforeDelete(handler_);
         rollback_.begin();
         handler_.store().cache().cache_remove(handler_.location(), false);
+        handler_.store().free_large_objects(handler_.location());
         read_master();
         take_versions();
         serialise_tombstone();

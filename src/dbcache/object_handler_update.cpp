@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include "dbcache/detail/child_walk.h"
+#include "dbcache/detail/large_objects.h"
 #include "dbcache/detail/record_writer.h"
 #include "dbcache/detail/update_operation.h"
 #include "dbcache/detail/write_faults.h"
@@ -306,12 +307,14 @@ void UpdateOperation::refresh_kept_values() {
 }
 
 void UpdateOperation::serialise() {
-    RecordWriter writer(handler_.store().database().serializer());
+    RecordWriter writer(handler_.store().database());
     writer.add_head(handler_.node_id(), handler_.parent_id(), handler_.version(), schema_.nodetype);
     const auto entries = schema_.properties();
     for (size_t i = 0; i < entries.size(); ++i)
         if (entries[i].applies_to(subtype_) && entries[i].property != prop::parentId)
             store_value(i, writer);
+    if (!is_new())
+        detail::free_large_objects(handler_.store().database(), schema_, chain_, subtype_);
 }
 
 void UpdateOperation::store_value(size_t index, RecordWriter& writer) {

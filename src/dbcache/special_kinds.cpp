@@ -29,6 +29,15 @@ std::vector<uint8_t> lob_bytes(const work_t& work, const PropertyChain& chain) {
     return value.fresh_bytes ? *value.fresh_bytes : chain.read_lob(value.value);
 }
 
+/// Whether `work` has these bytes already. What can't be read is to be replaced.
+bool holds(const work_t& work, const PropertyChain& chain, const std::vector<uint8_t>& bytes) {
+    try {
+        return !work.is_null() && lob_bytes(work, chain) == bytes;
+    } catch (const mdb::error_internal&) {
+        return false;
+    }
+}
+
 }  // namespace
 
 PropertyStateActionSchema::PropertyStateActionSchema(uint32_t number, uint32_t flag_bits,
@@ -125,18 +134,20 @@ void PropertyLobSchema::load(const PropertyChain& chain, work_t& out) const {
 }
 
 void PropertyLobSchema::assign(const tql::property_t& value, const SchemaObject& /*object*/,
-                               const PropertyChain& /*chain*/, work_t& work) const {
+                               const PropertyChain& chain, work_t& work) const {
     if ((value.flags & kStateMask) == kStateInherited) {
         work.prop.reset();
         work.set_inherited(true);  // refused by validate
         return;
     }
     if (value.type() != tql::property_lob_t::kType) detail::fail_type_mismatch(property);
+    const auto& bytes = static_cast<const tql::property_lob_t&>(value).value;
     work.set_inherited(false);
+    if (!value.is_null && holds(work, chain, bytes)) return;
     work.prop.reset();
     if (value.is_null) return;
     auto fresh = std::make_unique<LargeValue>(property);
-    fresh->fresh_bytes = static_cast<const tql::property_lob_t&>(value).value;
+    fresh->fresh_bytes = bytes;
     work.prop = std::move(fresh);
 }
 

@@ -197,6 +197,7 @@ class PropertyLobSchema : public PropertySchema {
         : PropertySchema(number, flag_bits | kNoInheritance) {}
     void initial(work_t& out) const override { out = {}; }
     void load(const PropertyChain& chain, work_t& out) const override;
+    /// The bytes that are stored already are no change, so their blocks stay.
     void assign(const tql::property_t& value, const SchemaObject& object,
                 const PropertyChain& chain, work_t& work) const override;
     /// Writes fresh bytes, and frees the chain of `old` when another value takes its place.

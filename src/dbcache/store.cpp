@@ -3,13 +3,16 @@
 #include <algorithm>
 #include <vector>
 
+#include "dbcache/detail/large_objects.h"
 #include "dbcache/inheritance.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/resolver.h"
+#include "dbcache/schema_table.h"
 #include "mdb/database.h"
 #include "mdb/index.h"
 #include "mdb/object_slots.h"
 #include "mdb/object_store.h"
+#include "tql/names.h"
 
 namespace dbcache {
 
@@ -39,10 +42,19 @@ void Store::read_record(mdb::block_handle_t handle, ObjectRecord& out) {
     out.assign(mdb::object_slot(object), handle);
 }
 
+void Store::free_large_objects(mdb::block_handle_t handle) {
+    const InheritanceChain chain(*this, {}, handle);
+    PropertyNodeType type(prop::nodeType);
+    if (chain.read(0, type) != found_t::value) return;
+    if (const NodetypeSchema* schema = schemas().find(static_cast<uint32_t>(type.value)))
+        detail::free_large_objects(database(), *schema, chain);
+}
+
 void Store::discard_stored(mdb::block_handle_t handle) {
     const ObjectHandlerRef handler(
         static_cast<ObjectHandler*>(cache_.cache_find_by_handle(handle)));
     StoreTransaction transaction(*this);
+    free_large_objects(handle);
     if (handler) {
         touch(*handler);
         handler->move_to({});

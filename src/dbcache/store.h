@@ -77,6 +77,11 @@ class Store {
     /// Copies the object at `handle` as the open transaction sees it. Throws mdb::error_generic.
     void read_record(mdb::block_handle_t handle, ObjectRecord& out);
 
+    /// Frees the large objects of the object stored at `handle`. To be called by whoever deletes
+    /// the object or makes a tombstone of it, before that, in the same transaction; nothing to do
+    /// for a tombstone. Throws mdb::error_generic.
+    void free_large_objects(mdb::block_handle_t handle);
+
     /// Deletes the stored object at `handle` without a trace, out of the cache too, in a
     /// transaction of its own. For leftovers that stand in no tree. Throws mdb::error_generic.
     void discard_stored(mdb::block_handle_t handle);

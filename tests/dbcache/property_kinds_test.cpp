@@ -544,13 +544,22 @@ TEST_F(Kinds, LargeObjectsAreWrittenOnceAndFreedWhenReplaced) {
     tree.lobs = sink.lobs;
     EXPECT_EQ(static_cast<const tql::property_lob_t&>(*read(*image)).value, png);
 
-    work_t old;
+    std::vector<uint8_t> other = png;
+    other.push_back(2);
+    const auto fixed = make_property({.number = prop::largeImage, .kind = kind_t::lob, .flags = C});
+    work_t old, kept;
+    fixed->load(chain, kept);
+    EXPECT_EQ(take(*fixed, tql::property_lob_t(prop::largeImage, png), kept), "");
+    EXPECT_EQ(take(*fixed, tql::property_lob_t(prop::largeImage, other), kept),
+              "8: Cannot update const property largeImage: 0 vs. 0");
     image->load(chain, old);
-    work_t kept;
     image->load(chain, kept);
     image->store(kSelf, chain, kept, old, sink);  // nothing given: the chain of blocks stays
     EXPECT_EQ(sink.lobs.size(), 1U);
     ASSERT_EQ(take(*image, tql::property_lob_t(prop::largeImage, png), kept), "");
+    image->store(kSelf, chain, kept, old, sink);  // nor for the same bytes once more
+    EXPECT_TRUE(sink.lobs.contains(101));
+    ASSERT_EQ(take(*image, tql::property_lob_t(prop::largeImage, other), kept), "");
     image->store(kSelf, chain, kept, old, sink);
     EXPECT_EQ(sink.lobs.size(), 1U);
     EXPECT_TRUE(sink.lobs.contains(102));

@@ -3,6 +3,7 @@
 
 #include "dbcache/object_handler.h"
 #include "dbcache/schema_object.h"
+#include "mdb/database.h"
 #include "mdb/serializer.h"
 
 namespace dbcache {
@@ -10,6 +11,11 @@ namespace dbcache {
 class RecordWriter final : public RecordSink {
   public:
     /// Forgets what the serialization cache holds.
+    explicit RecordWriter(mdb::Database& database)
+        : serializer_(database.serializer()), database_(&database) {
+        serializer_.serial_reset();
+    }
+    /// For records without fresh large objects.
     explicit RecordWriter(mdb::Serializer& serializer) : serializer_(serializer) {
         serializer_.serial_reset();
     }
@@ -19,12 +25,14 @@ class RecordWriter final : public RecordSink {
                   uint32_t nodetype);
     void add(const mdb::Property& property) override { serializer_.serial_add(property); }
     void add_null(const mdb::Property& property) override { serializer_.serial_add_null(property); }
-    /// Large objects are not kept yet: throws errors::tql with code 12.
+    /// Both are a fatal assertion on a writer without a database.
     [[nodiscard]] uint32_t write_lob(std::span<const uint8_t> bytes) override;
+    /// A damaged chain is left alone; see large_objects.h.
     void free_lob(uint32_t block) override;
 
   private:
     mdb::Serializer& serializer_;
+    mdb::Database* database_ = nullptr;
 };
 
 }  // namespace dbcache
