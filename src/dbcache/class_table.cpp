@@ -20,12 +20,16 @@ std::optional<std::string> OrderSiblingEncoder::siblingName(const PropertyChain&
 template <class Base>
 TableSchema<Base>::TableSchema(const ClassTable& table)
     : Base(table.nodetype, table.tql_class, table.origin_type), table_(table) {
-    for (const PropertyRow& row : table.properties) {
-        const std::shared_ptr<PropertySchema> schema = make_property(row);
-        if (row.subtypes.empty())
-            this->addPropertySchema(schema, kAllSubtypes, row.determines_subtype);
-        for (const uint32_t subtype : row.subtypes)
-            this->addPropertySchema(schema, subtype, row.determines_subtype);
+    for (PropertyRow row : table.properties) {
+        const uint32_t end =
+            row.number + (row.kind == kind_t::state_action ? prop::kStateActionCount : 1);
+        for (; row.number < end; ++row.number) {
+            const std::shared_ptr<PropertySchema> schema = make_property(row);
+            if (row.subtypes.empty())
+                this->addPropertySchema(schema, kAllSubtypes, row.determines_subtype);
+            for (const uint32_t subtype : row.subtypes)
+                this->addPropertySchema(schema, subtype, row.determines_subtype);
+        }
     }
     for (const ChildRow& child : table.children)
         this->addChildClass(child.tql_class, child.nodetype);

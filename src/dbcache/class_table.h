@@ -43,11 +43,13 @@ enum class kind_t : uint8_t {
     big_number,
     ipv4,
     oid,
+    oid_from_text,  ///< older objects hold the text
     blob,
     png,
     lob,
     large_png,
     unit,
+    unit_from_text,  ///< older objects hold the text
     string,
     bounded_string,
     non_empty_string,
@@ -66,12 +68,15 @@ enum class kind_t : uint8_t {
     acyclic_set,
     user,
     last_user,
-    enumeration,  ///< `enumeration` is its id
+    enumeration,   ///< `enumeration` is its id
+    state_action,  ///< `states` says which there are; the row of stateAction0 stands for all 32
     action,
     count,
     mark,  ///< `member` is the predicate
     series,
 };
+
+class StateEnumeration;
 
 /// The name of a kind as it stands in the dump of the catalogue.
 [[nodiscard]] std::string_view kind_text(kind_t kind);
@@ -101,6 +106,7 @@ struct PropertyRow {
     std::span<const NodeId> exempt{};
     uint32_t enumeration = 0;
     uint32_t companion = 0;
+    const StateEnumeration* states = nullptr;
     bool (*member)(const NodetypeSchema&, const WorkArray&) = nullptr;
     /// Empty: all subtypes.
     std::span<const uint32_t> subtypes{};

@@ -6,6 +6,7 @@
 #include "dbcache/property_schema.h"
 #include "tql/names.h"
 #include "util/text.h"
+#include "util/unit_expression.h"
 
 namespace dbcache {
 
@@ -105,6 +106,16 @@ std::vector<uint32_t> string_to_oid_conversion_t::parse(const std::string& text)
         numbers.push_back(util::parse_number<uint32_t>(piece));
     }
     return numbers;
+}
+
+void UnitStringToUnitBlobAssign::to_stored(const tql::property_string_t& wire,
+                                           mdb::PropertyBlob& stored, uint32_t) {
+    stored.value = UnitExpression(std::string_view(wire.value)).to_blob();
+}
+
+void UnitStringToUnitBlobAssign::convert(const mdb::PropertyString& old_form,
+                                         mdb::PropertyBlob& new_form) {
+    new_form.value = UnitExpression(std::string_view(old_form.value)).to_blob();
 }
 
 }  // namespace dbcache

@@ -89,6 +89,12 @@ struct string_to_oid_conversion_t {
     }
 };
 
+/// The text of a unit expression, stored in its binary form. Every text is one.
+struct UnitStringToUnitBlobAssign {
+    static void to_stored(const tql::property_string_t& wire, mdb::PropertyBlob& stored, uint32_t);
+    static void convert(const mdb::PropertyString& old_form, mdb::PropertyBlob& new_form);
+};
+
 /// For PropertyConversionSchemaTemplate: the old payload is the new one, widened.
 struct OldToNewAssign {
     template <class Old, class New>

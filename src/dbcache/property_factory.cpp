@@ -24,11 +24,13 @@ constexpr std::string_view kKindTexts[] = {
     "bignum",
     "ipv4",
     "oid",
+    "oid from text",
     "blob",
     "png",
     "lob",
     "large png",
     "unit",
+    "unit from text",
     "string",
     "bounded string",
     "non-empty string",
@@ -48,6 +50,7 @@ constexpr std::string_view kKindTexts[] = {
     "user",
     "last user",
     "enum",
+    "state action",
     "action",
     "count",
     "mark",
@@ -180,6 +183,21 @@ Made enumeration(const PropertyRow& row) {
         row.number, row.flags, row.enumeration, row_defaults<enum_value_t>(row));
 }
 
+Made state_action(const PropertyRow& row) {
+    error::check(row.states != nullptr, "Row of property {} names no states",
+                 tql::property_name(row.number));
+    return std::make_shared<PropertyStateActionSchema>(row.number, row.flags, *row.states,
+                                                       row_defaults<enum_value_t>(row));
+}
+
+/// A kind that older objects hold as text under the same number.
+template <class Schema>
+Made from_text(const PropertyRow& row) {
+    using Value = typename Schema::value_type;
+    return std::make_shared<Schema>(row.number, row.number, row.flags,
+                                    row_defaults<Value>(row, Value{}));
+}
+
 Made make_text(const PropertyRow& row) {
     switch (row.kind) {
         case kind_t::bounded_string:
@@ -244,6 +262,8 @@ Made make_special(const PropertyRow& row) {
             return plain<PropertyPNGDataSchema, false>(row);
         case kind_t::unit:
             return plain<PropertyUnitSchema, true>(row);
+        case kind_t::unit_from_text:
+            return from_text<PropertyUnitConvSchema>(row);
         case kind_t::lob:
             return std::make_shared<PropertyLobSchema>(row.number, row.flags);
         case kind_t::large_png:
@@ -279,8 +299,12 @@ Made make_number(const PropertyRow& row) {
             return plain<PropertyIPv4Schema, false>(row);
         case kind_t::oid:
             return plain<PropertySnmpOidSchema, true>(row);
+        case kind_t::oid_from_text:
+            return from_text<PropertySnmpOidConvSchema>(row);
         case kind_t::enumeration:
             return enumeration(row);
+        case kind_t::state_action:
+            return state_action(row);
         default:
             return make_special(row);
     }

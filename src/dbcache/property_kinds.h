@@ -83,6 +83,11 @@ class PropertyUI32WithActiveSchema : public PropertyUI32Schema {
 using PropertyRealIntConvSchema =
     PropertyConversionSchemaTemplate<mdb::PropertyUint32, PropertyRealSchema, OldToNewAssign>;
 
+/// An OID that older objects hold as text.
+using PropertySnmpOidConvSchema =
+    PropertyConversionSchemaTemplate<mdb::PropertyString, PropertySnmpOidSchema,
+                                     string_to_oid_conversion_t>;
+
 // ---- texts
 // ---------------------------------------------------------------------------------------------------------
 

@@ -47,8 +47,9 @@ void PropertySchema::fetch_inherited(const SchemaObject& object, const PropertyC
     try {
         switch (read(chain, 1, *stored)) {
             case found_t::value:
+                if (stands_for_null(*stored)) stored.reset();
                 work.prop = std::move(stored);
-                if (translate_inherited) translate(object, work);
+                if (translate_inherited && !work.is_null()) translate(object, work);
                 return;
             case found_t::explicit_null:
                 work.prop.reset();

@@ -108,6 +108,10 @@ class PropertySchema {
     }
     /// A record to read into; null for kinds without one, which can't be inherited.
     [[nodiscard]] virtual std::unique_ptr<mdb::Property> make_stored() const { return nullptr; }
+    /// Whether a stored value stands for null.
+    [[nodiscard]] virtual bool stands_for_null(const mdb::Property& /*stored*/) const {
+        return false;
+    }
     /// Puts the end of the inheritance chain into `work`: a default, or null when there is none.
     virtual void use_inherit_default(work_t& work) const { work.prop.reset(); }
     /// Replaces ids in an inherited value; for kinds that hold ids.

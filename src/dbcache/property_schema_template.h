@@ -74,7 +74,7 @@ class PropertySchemaTemplate : public PropertySchema {
         bool inherited = false;
         const resolved_t result = resolve(chain, *stored, inherited);
         out.flags = inherited ? kStateInherited : 0;
-        if (result == resolved_t::value && !reads_as_null(*stored))
+        if (result == resolved_t::value && !stands_for_null(*stored))
             out.prop = std::move(stored);
         else if (result == resolved_t::fallback)
             use_inherit_default(out);
@@ -173,6 +173,10 @@ class PropertySchemaTemplate : public PropertySchema {
     [[nodiscard]] std::unique_ptr<mdb::Property> make_stored() const override {
         return std::make_unique<Stored>(property);
     }
+    [[nodiscard]] bool stands_for_null(const mdb::Property& stored) const override {
+        return defaults_.null_value &&
+               compare_values(static_cast<const Stored&>(stored).value, *defaults_.null_value) == 0;
+    }
     void use_inherit_default(work_t& work) const override {
         work.prop = holding(defaults_.inherit_default.get());
     }
@@ -180,9 +184,6 @@ class PropertySchemaTemplate : public PropertySchema {
   private:
     [[nodiscard]] std::unique_ptr<Stored> holding(const value_type* value) const {
         return value == nullptr ? nullptr : std::make_unique<Stored>(property, *value);
-    }
-    [[nodiscard]] bool reads_as_null(const Stored& stored) const {
-        return defaults_.null_value && compare_values(stored.value, *defaults_.null_value) == 0;
     }
     /// Takes the payload out of `stored`.
     [[nodiscard]] std::unique_ptr<Wire> wire(Stored& stored, uint32_t flag_bits) const {
@@ -200,7 +201,7 @@ class PropertySchemaTemplate : public PropertySchema {
         try {
             const resolved_t result = resolve(chain, stored, inherited);
             const uint32_t flag_bits = flags | (inherited ? kInherited : 0);
-            if (result == resolved_t::value && !reads_as_null(stored))
+            if (result == resolved_t::value && !stands_for_null(stored))
                 return wire(stored, flag_bits);
             if (result == resolved_t::fallback && defaults_.inherit_default != nullptr) {
                 stored.value = *defaults_.inherit_default;
@@ -272,7 +273,8 @@ class BoundablePropertySchemaTemplate : public PropertySchemaTemplate<Stored, Wi
 /// A property whose stored class changed between versions of the database. A record of the new
 /// class is read first; where there is none of it, one of the old class, under `old_number`, is
 /// read and converted. Only the new class is written, so objects convert one by one as they are
-/// updated. `Schema` is the schema class of the new form.
+/// updated. `Schema` is the schema class of the new form. An old value that can't be converted
+/// (error::EParseError) is damage, as a record of a wrong class is: error_wrongtype.
 template <class Old, class Schema, class Convert>
 class PropertyConversionSchemaTemplate : public Schema {
     using New = typename Schema::stored_t;
@@ -294,7 +296,13 @@ class PropertyConversionSchemaTemplate : public Schema {
         Old old_form(old_number_);
         const found_t found = chain.read(level, old_form);
         into.inherited = old_form.inherited;
-        if (found == found_t::value) Convert::convert(old_form, static_cast<New&>(into));
+        try {
+            if (found == found_t::value) Convert::convert(old_form, static_cast<New&>(into));
+        } catch (const error::EParseError& fault) {
+            throw mdb::error_wrongtype(
+                fault.text(),
+                {.property = old_number_, .found = old_form.type_id(), .wanted = into.type_id()});
+        }
         return found;
     }
 

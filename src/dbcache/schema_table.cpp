@@ -58,6 +58,8 @@ NodetypeSchema& SchemaTable::registerSchema(std::unique_ptr<NodetypeSchema> sche
     error::check(made.is_singleton() || has_key, "No primary key declared for class {}",
                  made.class_name());
     error::check(made.nodetype < schemas_.size(), "Nodetype out of range");
+    error::check(made.tql_class < cls::kCount, "Class {} of nodetype {} out of range",
+                 made.tql_class, made.nodetype);
     error::check(schemas_[made.nodetype] == nullptr, "Duplicate nodetype registration for {}",
                  made.nodetype);
     if (made.lookupProperty(prop::parentId, kAllSubtypes))

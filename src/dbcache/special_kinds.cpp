@@ -5,6 +5,7 @@
 
 #include "tql/enumerations.h"
 #include "tql/names.h"
+#include "util/unit_expression.h"
 
 namespace dbcache {
 
@@ -29,6 +30,14 @@ std::vector<uint8_t> lob_bytes(const work_t& work, const PropertyChain& chain) {
     return value.fresh_bytes ? *value.fresh_bytes : chain.read_lob(value.value);
 }
 
+void check_unit(const std::vector<uint8_t>& bytes, uint32_t property) {
+    try {
+        static_cast<void>(UnitExpression::from_blob(bytes));
+    } catch (const error::EParseError& fault) {
+        detail::fail_property(property, ": Not a valid unit: " + fault.text());
+    }
+}
+
 /// Whether `work` has these bytes already. What can't be read is to be replaced.
 bool holds(const work_t& work, const PropertyChain& chain, const std::vector<uint8_t>& bytes) {
     try {
@@ -41,17 +50,17 @@ bool holds(const work_t& work, const PropertyChain& chain, const std::vector<uin
 }  // namespace
 
 PropertyStateActionSchema::PropertyStateActionSchema(uint32_t number, uint32_t flag_bits,
-                                                     std::shared_ptr<const StateEnumeration> states,
+                                                     const StateEnumeration& states,
                                                      Defaults<enum_value_t> defaults)
     : PropertyEnumSchema(number, flag_bits, tql::enumeration::StateAction, std::move(defaults)),
-      states_(std::move(states)) {
+      states_(states) {
     error::check(
         number >= prop::stateAction0 && number - prop::stateAction0 < prop::kStateActionCount,
         "Property {} is no state action", number);
 }
 
 bool PropertyStateActionSchema::applies_now(const PropertyChain& chain) const {
-    return states_->exists(chain, property - prop::stateAction0) &&
+    return states_.exists(chain, property - prop::stateAction0) &&
            PropertyEnumSchema::applies_now(chain);
 }
 
@@ -108,6 +117,7 @@ void PropertyMarkIndexSchema::validate(const SchemaObject& /*object*/,
 
 void PropertyMarkIndexSchema::encode(const PropertyChain& chain, const NodeId& /*id*/,
                                      tql::property_map_t& out) const {
+    if (!applies_now(chain)) return;
     work_t work;
     load(chain, work);
     out.insert_or_assign(out.end(), property, tql::value_t(to_tql(work, chain)));
@@ -123,6 +133,23 @@ void PropertyPNGDataSchema::validate(const SchemaObject& object, const PropertyC
                                      work_t& work) const {
     PropertySchemaTemplate::validate(object, chain, work);
     if (!work.is_null()) check_png(payload(work), property);
+}
+
+void PropertyUnitSchema::assign(const tql::property_t& value, const SchemaObject& object,
+                                const PropertyChain& chain, work_t& work) const {
+    const bool inherit = (value.flags & kStateMask) == kStateInherited;
+    if (inherit || value.type() != tql::property_string_t::kType) {
+        if (!inherit && !value.is_null && value.type() == tql::property_blob_t::kType)
+            check_unit(static_cast<const tql::property_blob_t&>(value).value, property);
+        return PropertySchemaTemplate::assign(value, object, chain, work);
+    }
+    work.set_inherited(false);
+    work.prop.reset();
+    if (value.is_null) return;
+    auto stored = std::make_unique<mdb::PropertyBlob>(property);
+    UnitStringToUnitBlobAssign::to_stored(static_cast<const tql::property_string_t&>(value),
+                                          *stored, property);
+    work.prop = std::move(stored);
 }
 
 void PropertyLobSchema::load(const PropertyChain& chain, work_t& out) const {

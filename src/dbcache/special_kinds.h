@@ -59,7 +59,7 @@ class PropertyEnumSchema
     uint32_t enumeration_;
 };
 
-/// Which of the 32 states a check has.
+/// Which of the 32 states a check has. Lives as long as the process.
 class StateEnumeration {
   public:
     virtual ~StateEnumeration() = default;
@@ -71,13 +71,12 @@ class StateEnumeration {
 class PropertyStateActionSchema : public PropertyEnumSchema<enum_value_t> {
   public:
     /// `number` is that of stateAction0 plus the state.
-    PropertyStateActionSchema(uint32_t number, uint32_t flag_bits,
-                              std::shared_ptr<const StateEnumeration> states,
+    PropertyStateActionSchema(uint32_t number, uint32_t flag_bits, const StateEnumeration& states,
                               Defaults<enum_value_t> defaults = {});
     [[nodiscard]] bool applies_now(const PropertyChain& chain) const override;
 
   private:
-    std::shared_ptr<const StateEnumeration> states_;
+    const StateEnumeration& states_;
 };
 
 /// Nothing is stored: assigning any value requests the action (kStateRequested), which the class's
@@ -170,13 +169,18 @@ class PropertyPNGDataSchema
                   work_t& work) const override;
 };
 
-/// A stored unit expression. Which bytes are one is not checked here; units come as a type of their
-/// own, and with them the conversion from text of older objects (PropertyUnitConvSchema over
-/// PropertyConversionSchemaTemplate).
+/// A unit expression in its binary form. A client gives the bytes, which must be one, or its text.
 class PropertyUnitSchema : public PropertySchemaTemplate<mdb::PropertyBlob, tql::property_blob_t> {
   public:
     using PropertySchemaTemplate::PropertySchemaTemplate;
+    void assign(const tql::property_t& value, const SchemaObject& object,
+                const PropertyChain& chain, work_t& work) const override;
 };
+
+/// A unit that older objects hold as text.
+using PropertyUnitConvSchema =
+    PropertyConversionSchemaTemplate<mdb::PropertyString, PropertyUnitSchema,
+                                     UnitStringToUnitBlobAssign>;
 
 /// The working form of a large object: its first block, and its bytes while they have not been
 /// written.

@@ -522,6 +522,141 @@ TEST_F(Kinds, CompanionAndConversionReadMoreThanOneRecord) {
     EXPECT_THROW(string_to_oid_conversion_t::parse("1.x"), error::EParseError);
 }
 
+TEST_F(Kinds, UnitsAreGivenAsBytesOrAsText) {
+    using Blob = std::vector<uint8_t>;
+    const Blob rate{0x51, 1, 0x11, 1, 0x11, 9, 0x01, 9, 0x21, 1, 0x21, 2};  // kB/s
+    const Blob newer{0x51, 2, 0xFF};
+    const uint32_t p = prop::preferredUnit;
+    const auto blob = [](const Blob& bytes) {
+        return tql::value_t(std::make_unique<tql::property_blob_t>(prop::preferredUnit, bytes));
+    };
+    const auto text = [](const char* value) {
+        return tql::value_t(std::make_unique<tql::property_string_t>(prop::preferredUnit, value));
+    };
+    const struct {
+        tql::value_t value;
+        std::string failure;
+        Blob stored;
+    } cases[] = {
+        {blob(rate), "", rate},
+        {blob(newer), "", newer},
+        {blob({}), "", {}},
+        {blob({0x51, 1, 0x11}),
+         "10: Property preferredUnit: Not a valid unit: entryFromBlob met eod",
+         {}},
+        {blob({0x51, 1, 0x11, 1, 0x11, 1}),
+         "10: Property preferredUnit: Not a valid unit: Error parsing blob, extra input",
+         {}},
+        {text("kB/s"), "", rate},
+        {text(""), "", {0x51, 1}},
+        {tql::value_t(std::make_unique<tql::property_uint_t>(p, 1)),
+         "9: Type mismatch for property preferredUnit",
+         {}},
+    };
+    const auto schema = make_property({.number = p, .kind = kind_t::unit, .flags = N});
+    for (const auto& one : cases) {
+        work_t work;
+        EXPECT_EQ(take(*schema, *one.value, work), one.failure);
+        if (!one.failure.empty()) continue;
+        store(*schema, work);
+        EXPECT_EQ(static_cast<const tql::property_blob_t&>(*read(*schema)).value, one.stored);
+    }
+    work_t work;
+    ASSERT_EQ(take(*schema, tql::property_string_t::null(p), work), "");
+    EXPECT_TRUE(work.is_null());
+    // Bytes that were stored before they were checked don't stand in the way of other changes.
+    tree.put(kSelf, mdb::PropertyBlob(p, Blob{0x11}));
+    schema->load(chain, work);
+    EXPECT_EQ(failure_of([&] { schema->validate(object, chain, work); }), "");
+    tree.objects[kSelf].inherits = kSource;
+    tree.put(kSource, mdb::PropertyBlob(p, rate));
+    tql::property_string_t request(p, "ignored");
+    request.flags = kStateInherited;
+    ASSERT_EQ(take(*schema, request, work), "");
+    store(*schema, work);
+    EXPECT_EQ(static_cast<const tql::property_blob_t&>(*read(*schema)).value, rate);
+    EXPECT_EQ(shown(*schema).substr(0, 10), "inherited ");
+}
+
+TEST_F(Kinds, TextOfOlderObjectsReadsInItsNewForm) {
+    const auto unit =
+        make_property({.number = prop::unit, .kind = kind_t::unit_from_text, .flags = N | X});
+    const auto oid = make_property(
+        {.number = prop::containingTable, .kind = kind_t::oid_from_text, .flags = N | X});
+    EXPECT_EQ(shown(*unit), "null");
+    tree.put(kSelf, mdb::PropertyString(prop::unit, "rpm"));
+    tree.put(kSelf, mdb::PropertyString(prop::containingTable, "1.3.6"));
+    const std::vector<uint8_t> rpm{0x51, 1, 0x11, 21};
+    for (const bool written_again : {false, true}) {
+        EXPECT_EQ(static_cast<const tql::property_blob_t&>(*read(*unit)).value, rpm);
+        EXPECT_EQ(shown(*oid), "00:00:00:01, 00:00:00:03, 00:00:00:06");
+        if (written_again) break;
+        for (const auto& schema : {unit, oid}) {
+            work_t work;
+            schema->load(chain, work);
+            store(*schema, work);
+        }
+    }
+    mdb::PropertyBlob blob(prop::unit);
+    mdb::PropertySnmpOid numbers(prop::containingTable);
+    EXPECT_EQ(chain.read(0, blob), found_t::value);
+    EXPECT_EQ(chain.read(0, numbers), found_t::value);
+    // What isn't one is damage, and stays for who can mend it.
+    tree.put(kSelf, mdb::PropertyString(prop::containingTable, "1.x"));
+    EXPECT_EQ(shown(*oid), "null");
+    work_t work;
+    EXPECT_THROW(oid->load(chain, work), mdb::error_wrongtype);
+}
+
+TEST_F(Kinds, ActionsOfStatesThatThereAre) {
+    class EvenOnes final : public StateEnumeration {
+      public:
+        [[nodiscard]] bool exists(const PropertyChain&, uint32_t state) const override {
+            return state % 2 == 0;
+        }
+    };
+    static const EvenOnes states;
+    static const PropertyRow rows[] = {
+        {.number = prop::name, .kind = kind_t::string, .flags = K},
+        {.number = prop::stateAction0,
+         .kind = kind_t::state_action,
+         .flags = N,
+         .initial = int64_t{1},
+         .states = &states},
+    };
+    const TableSchema<NodetypeSchema> schema(
+        {.nodetype = nodetype::View, .tql_class = cls::View, .properties = rows});
+    tql::property_map_t out;
+    for (const auto& entry : schema.properties())
+        if (entry.schema->kind == "state action") entry.schema->encode(chain, kSelf, out);
+    ASSERT_EQ(out.size(), 16U);
+    EXPECT_EQ(out.begin()->first, prop::stateAction0);
+    EXPECT_EQ(out.rbegin()->first, prop::stateAction0 + 30);
+    EXPECT_EQ(out.begin()->second->print(), "enum(65538, 1)");
+    EXPECT_DEATH(make_property({.number = prop::name, .kind = kind_t::state_action}),
+                 "Row of property name names no states");
+}
+
+TEST_F(Kinds, AValueThatStandsForNullIsNullWhereverItIsRead) {
+    const auto port = make_property(
+        {.number = prop::port, .kind = kind_t::u32, .flags = N, .null_value = int64_t{9}});
+    const auto required =
+        make_property({.number = prop::port, .kind = kind_t::u32, .null_value = int64_t{9}});
+    tree.put(kSelf, mdb::PropertyUint32(prop::port, 9));
+    EXPECT_EQ(shown(*port), "null");
+    work_t work;
+    port->load(chain, work);
+    EXPECT_TRUE(work.is_null());
+    tree.objects[kSelf] = {cls::Node, kRoot, kSource, {}};
+    tree.put(kSource, mdb::PropertyUint32(prop::port, 9));
+    EXPECT_EQ(shown(*port), "inherited null");
+    tql::property_uint_t request(prop::port, 1);
+    request.flags = kStateInherited;
+    EXPECT_EQ(take(*port, request, work), "");
+    EXPECT_TRUE(work.is_null());
+    EXPECT_EQ(take(*required, request, work), "10: Null given for property port");
+}
+
 TEST_F(Kinds, DamagedValuesAreReadAsNullOrEmpty) {
     const auto port = make_property({.number = prop::port, .kind = kind_t::u32});
     EXPECT_EQ(shown(*port), "0");  // must have a value and hasn't
