@@ -84,8 +84,9 @@ class IndexTable {
     /// first number that it lacks. True when the index must be built: it has just been created, or
     /// its building was cut off. Commits on its own.
     [[nodiscard]] bool ensure_index(uint32_t n);
-    /// Fills index `n`, 2 to 5, from the object at `root` and all below it, and finishes it. What
-    /// it holds already stays if it is right and goes if it isn't. Each change is a transaction.
+    /// Fills index `n`, 2 to 5, and finishes it: in the order of the tree from the object at `root`
+    /// and all below it, then from all other objects, in the order of their ids. What it holds
+    /// already stays if it is right and goes if it isn't. Each change is a transaction.
     void build_index(block_handle_t root, uint32_t n);
     /// Notes durably that nothing is missing from index `n`. Until then ensure_index() says at each
     /// start that it has to be built, and changes of objects before that pass it by.

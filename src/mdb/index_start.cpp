@@ -103,17 +103,21 @@ void IndexTable::build_index(block_handle_t root, uint32_t n) {
     std::set<Entry> left_over;
     for (IndexIterator it = iterate_first(n); it.valid(); iterator_next(it))
         left_over.insert({iterator_key(it), iterator_value(it)});
-    std::unordered_set<NodeId> walked;
-    std::vector<block_handle_t> open{root};
-    while (!open.empty()) {
-        const block_handle_t handle = open.back();
-        open.pop_back();
+    const auto enter = [&](block_handle_t handle) {
         const auto keys = detail::read_object_keys(detail::current_object(database_, handle));
         if (keys[n] && left_over.erase({*keys[n], handle}) == 0) {
             Transaction transaction(database_.journal());
             non_unique_insert(n, *keys[n], handle);
             transaction.commit();
         }
+        return keys;
+    };
+    std::unordered_set<NodeId> walked;
+    std::vector<block_handle_t> open{root};
+    while (!open.empty()) {
+        const block_handle_t handle = open.back();
+        open.pop_back();
+        const auto keys = enter(handle);
         if (!keys[node_id_index]) continue;
         const NodeId id = *keys[node_id_index];
         if (!walked.insert(id).second)
@@ -126,6 +130,10 @@ void IndexTable::build_index(block_handle_t root, uint32_t n) {
             open.push_back(iterator_value(it));
         std::reverse(open.begin() + static_cast<std::ptrdiff_t>(children), open.end());
     }
+    // What hangs on no object is changed and deleted through the same indexes: tombstones, what
+    // still stands below them, leftovers of an aborted create.
+    for (IndexIterator it = iterate_first(node_id_index); it.valid(); iterator_next(it))
+        if (!walked.contains(iterator_key(it))) enter(iterator_value(it));
     for (const Entry& entry : left_over) {
         Transaction transaction(database_.journal());
         non_unique_delete(n, entry.key, entry.value);

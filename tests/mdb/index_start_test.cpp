@@ -20,6 +20,8 @@ namespace {
 using mdb::mark_t;
 using support::SimDisk;
 
+constexpr uint32_t kInTree = 120;
+/// With those that hang on no object.
 constexpr uint32_t kObjects = 150;
 constexpr uint32_t kFormat = 12;
 
@@ -35,14 +37,18 @@ class Store {
         options.capacity_bytes = 1 << 20;
         mdb::format_database(disk, options);
         open();
-        for (uint32_t n = 1; n <= kObjects; ++n) create(n);
+        for (uint32_t n = 1; n <= kInTree; ++n) create(n);
+        // As tombstones do, and what is below them.
+        for (uint32_t n = kInTree + 1; n <= kObjects; ++n)
+            create(n, n <= kInTree + 10 ? NodeId{7, n % 2} : NodeId{0, n - 10});
     }
 
-    void create(uint32_t n) {
+    void create(uint32_t n) { create(n, {0, n / 2}); }
+    void create(uint32_t n, NodeId parent) {
         mdb::Serializer& serializer = database->serializer();
         serializer.serial_reset();
         serializer.serial_add(mdb::PropertyNodeId(0, {0, n}));
-        serializer.serial_add(mdb::PropertyNodeId(2, {0, n / 2}));
+        serializer.serial_add(mdb::PropertyNodeId(2, parent));
         serializer.serial_add(mdb::PropertyBool(502, n % 3 == 0));
         serializer.serial_add(mdb::PropertyNodeId(59, {0, 7}));
         serializer.serial_add(mdb::PropertyNodeId(3800, {9, n}));
