@@ -27,6 +27,7 @@ Overloaded(Cases...) -> Overloaded<Cases...>;
 
 DbcacheIdResolver::DbcacheIdResolver(Store& store, uint32_t first_word, uint32_t second_word)
     : store_(store), first_word_(first_word), second_word_(second_word) {
+    error::check(store_.resolver_ == nullptr, "Constructing more than one DbcacheIdResolver");
     deletes_pending_ = store_.indexes()
                            .non_unique_search(mdb::parent_id_index, kFreshTombstones)
                            .at_searched_key();
@@ -152,6 +153,10 @@ void DbcacheIdResolver::note_tombstone() noexcept {
 }
 
 void DbcacheIdResolver::erase(tqlengine::HandlerRef handler) {
+    if (stack_.empty()) {
+        logger.debug("Initiating background cascading delete");
+        start_walk();
+    }
     error::check(dynamic_cast<ObjectHandler*>(handler.get()) != nullptr,
                  "DbcacheIdResolver::erase got something besides ObjectHandler");
     handler.reset();

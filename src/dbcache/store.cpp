@@ -8,6 +8,8 @@
 #include "dbcache/object_handler.h"
 #include "dbcache/resolver.h"
 #include "dbcache/schema_table.h"
+#include "dbcache/special_kinds.h"
+#include "log/log.h"
 #include "mdb/database.h"
 #include "mdb/index.h"
 #include "mdb/object_slots.h"
@@ -15,6 +17,12 @@
 #include "tql/names.h"
 
 namespace dbcache {
+
+namespace {
+
+const logging::Logger logger{"dbcache"};
+
+}  // namespace
 
 Store::Store(const Parts& parts, uint32_t id_first_word, uint32_t id_second_word)
     : parts_(parts), cache_(parts.clock) {
@@ -50,11 +58,30 @@ void Store::free_large_objects(mdb::block_handle_t handle) {
         detail::free_large_objects(database(), *schema, chain);
 }
 
+void Store::drop_backend_blocks(mdb::block_handle_t handle) {
+    const InheritanceChain chain(*this, {}, handle);
+    PropertyNodeType type(prop::nodeType);
+    if (chain.read(0, type) != found_t::value) return;
+    const NodetypeSchema* schema = schemas().find(static_cast<uint32_t>(type.value));
+    if (schema == nullptr) return;
+    uint32_t last_read = 0;
+    for (const NodetypeSchema::Entry& entry : schema->properties()) {
+        // One property may have an entry for each subtype.
+        if (!entry.schema->has_backend() || entry.property == last_read) continue;
+        last_read = entry.property;
+        mdb::PropertySeries series(entry.property);
+        if (chain.read(0, series) == found_t::value &&
+            series.value != PropertyTSDBBlockSchema::kNoSeries)
+            blocks_to_drop_.push_back(series.value);
+    }
+}
+
 void Store::discard_stored(mdb::block_handle_t handle) {
     const ObjectHandlerRef handler(
         static_cast<ObjectHandler*>(cache_.cache_find_by_handle(handle)));
     StoreTransaction transaction(*this);
     free_large_objects(handle);
+    drop_backend_blocks(handle);
     if (handler) {
         touch(*handler);
         handler->move_to({});
@@ -64,6 +91,21 @@ void Store::discard_stored(mdb::block_handle_t handle) {
     if (!handler) return;
     handler->leave_sibling_index();
     handler->deleted_ = true;
+}
+
+/// The objects are gone by now whatever becomes of their blocks.
+void Store::drop_named_blocks() {
+    const std::vector<uint32_t> blocks = std::move(blocks_to_drop_);
+    blocks_to_drop_.clear();
+    if (!parts_.drop_backend_block) return;
+    for (const uint32_t block : blocks) {
+        try {
+            parts_.drop_backend_block(block);
+        } catch (const error::Exception& failure) {
+            logger.error("Time series {} of a deleted object stays behind: {}", block,
+                         failure.text());
+        }
+    }
 }
 
 void Store::touch(ObjectHandler& handler) {
@@ -133,7 +175,8 @@ StoreTransaction::StoreTransaction(Store& store)
       nested_(store.journal().transaction_active()),
       transaction_(std::make_unique<mdb::Transaction>(store.journal())),
       outer_(store.innermost_),
-      first_created_(store.created_.size()) {
+      first_created_(store.created_.size()),
+      first_block_(store.blocks_to_drop_.size()) {
     store_.innermost_ = this;
 }
 
@@ -141,6 +184,7 @@ StoreTransaction::~StoreTransaction() {
     if (store_.innermost_ == this) {
         transaction_.reset();
         store_.created_.resize(first_created_);
+        store_.blocks_to_drop_.resize(first_block_);
         store_.innermost_ = outer_;
     }
     if (!nested_) store_.release_touched();
@@ -149,7 +193,9 @@ StoreTransaction::~StoreTransaction() {
 void StoreTransaction::commit(bool asynchronous) {
     transaction_->commit(nested_ || asynchronous);
     store_.innermost_ = outer_;
-    if (!nested_) store_.release_touched();
+    if (nested_) return;
+    store_.release_touched();
+    store_.drop_named_blocks();
 }
 
 }  // namespace dbcache

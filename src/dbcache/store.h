@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -48,6 +49,9 @@ class Store {
         mdb::IndexTable& indexes;
         const SchemaTable& schemas;
         const platform::Clock& clock;
+        /// Gives a block back to the store of time series, which no object needs any more. An
+        /// error::Exception is logged, and the block stays there. Without it nothing is done.
+        std::function<void(uint32_t block)> drop_backend_block = {};
     };
 
     /// New objects get ids with `id_first_word`, counting down from `id_second_word`, a random
@@ -82,6 +86,10 @@ class Store {
     /// for a tombstone. Throws mdb::error_generic.
     void free_large_objects(mdb::block_handle_t handle);
 
+    /// The same for the blocks of its time series, which are dropped when the outermost transaction
+    /// has committed, and stay when this one is aborted.
+    void drop_backend_blocks(mdb::block_handle_t handle);
+
     /// Deletes the stored object at `handle` without a trace, out of the cache too, in a
     /// transaction of its own. For leftovers that stand in no tree. Throws mdb::error_generic.
     void discard_stored(mdb::block_handle_t handle);
@@ -92,6 +100,7 @@ class Store {
     void advance_tree_epoch() noexcept { ++tree_epoch_; }
 
   private:
+    friend class DbcacheIdResolver;
     friend class HandlerRollback;
     friend class ObjectHandler;
     friend class StoreTransaction;
@@ -105,6 +114,7 @@ class Store {
     void reload(ObjectHandler& handler);
     /// Whether `id` was created in the innermost open transaction.
     [[nodiscard]] bool created_in_innermost(const NodeId& id) const noexcept;
+    void drop_named_blocks();
 
     Parts parts_;
     SiblingIndex sibling_index_;
@@ -118,6 +128,8 @@ class Store {
     /// Objects created in the open transactions, those of an outer one first.
     std::vector<NodeId> created_;
     StoreTransaction* innermost_ = nullptr;
+    /// Named in the open transaction.
+    std::vector<uint32_t> blocks_to_drop_;
 };
 
 /// A transaction of the object layer for the length of a scope; aborted unless committed. Nested in
@@ -147,6 +159,8 @@ class StoreTransaction {
     StoreTransaction* const outer_;
     /// Where its own part of the store's list of created objects begins.
     const size_t first_created_;
+    /// The same for the blocks to drop.
+    const size_t first_block_;
 };
 
 }  // namespace dbcache

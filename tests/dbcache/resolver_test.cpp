@@ -90,7 +90,8 @@ TEST_F(ResolverTest, IndexesAnswerTheStepsThatTheyCan) {
 }
 
 TEST_F(ResolverTest, NewIdsDescendAroundZeroPastThoseInUse) {
-    dbcache::DbcacheIdResolver resolver(*world.store, 1, 1);
+    world.open(1);
+    dbcache::DbcacheIdResolver& resolver = world.store->resolver();
     world.create(kRootId, cls::Domain, {text(prop::name, "one")}, 0, NodeId{1, 1});
     world.create(kRootId, cls::Domain, {text(prop::name, "last")}, 0, NodeId{1, 0xFFFFFFFF});
     EXPECT_EQ(resolver.new_node_id(), (NodeId{1, 0}));

@@ -24,7 +24,6 @@
 #include "mdb/object_store.h"
 #include "mdb/verify.h"
 #include "support/fake_clock.h"
-#include "support/faulty_calls.h"
 #include "support/temp_dir.h"
 #include "tql/errors.h"
 #include "tql/names.h"
@@ -73,7 +72,8 @@ class TestStore {
     }
     ~TestStore() { close(); }
 
-    void open() {
+    /// The second words of new ids descend from `first_new_id`.
+    void open(uint32_t first_new_id = 4'000'000'000U) {
         close();
         mdb::Settings settings;
         settings.database_path = dir.file("db");
@@ -82,7 +82,11 @@ class TestStore {
         indexes = std::make_unique<mdb::IndexTable>(*database);
         indexes->init_required_indexes();
         objects = std::make_unique<mdb::ObjectStore>(*database, *indexes);
-        const dbcache::Store::Parts parts{*database, *objects, *indexes, schemas, clock};
+        const dbcache::Store::Parts parts{
+            *database, *objects, *indexes, schemas, clock, [this](uint32_t block) {
+                if (drop_fails) throw error::EFatal("away");
+                dropped.push_back(block);
+            }};
         dbcache::Sequence sequence =
             dbcache::read_sequence(parts, [] { return std::optional<uint64_t>(7); });
         dbcache::ensure_root(parts);
@@ -90,7 +94,7 @@ class TestStore {
         ++sequence.ring_sequence;
         dbcache::store_sequence(parts, sequence);
         versions.emplace(sequence.ring_sequence);
-        store = std::make_unique<dbcache::Store>(parts, 1, 4'000'000'000U);
+        store = std::make_unique<dbcache::Store>(parts, 1, first_new_id);
         engine = std::make_unique<tqlengine::Engine>();
         engine->add_resolver(store->resolver());
     }
@@ -199,15 +203,14 @@ class TestStore {
     logging::OutletScope outlet{
         [this](logging::level_t, std::string_view line) { log.emplace_back(line); }};
     support::TempDir dir;
-    /// Nobody cuts the power here, and syncs are what costs most.
-    struct Calls final : support::FaultyCalls {
-        Calls() { skip_syncs(); }
-    };
-    platform::SystemFiles files{std::make_shared<Calls>()};
+    platform::SystemFiles files;
     support::FakeClock clock;
     dbcache::SchemaTable schemas;
     NodeId user;
     uint32_t status = 0;
+    /// Blocks that the store has given back.
+    std::vector<uint32_t> dropped;
+    bool drop_fails = false;
     std::unique_ptr<mdb::Database> database;
     std::unique_ptr<mdb::IndexTable> indexes;
     std::unique_ptr<mdb::ObjectStore> objects;
