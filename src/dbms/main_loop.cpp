@@ -67,6 +67,7 @@ void MainLoop::turn() {
 }
 
 void MainLoop::do_idle_work() {
+    if (shutting_down_) return;
     for (idle::IdleTask* task : tasks_)
         if (task->has_work()) task->doWork();
 }

@@ -128,7 +128,9 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
                            files, clock);
     mdb::IndexTable indexes(database);
     mdb::ObjectStore objects(database, indexes);
-    const dbcache::Store::Parts parts{database, objects, indexes, schemas, clock};
+    const dbcache::Store::Parts parts{
+        database, objects, indexes,
+        schemas,  clock,   [&](uint32_t block) { queues::delete_time_series(&queue, block); }};
     indexes.init_required_indexes();
     dbcache::Sequence sequence =
         dbcache::read_sequence(parts, [&] { return last_ring_sequence(queue); });
@@ -148,6 +150,7 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     engine.add_resolver(store.resolver());
     engine.set_reparentable_classes(schemas.reparentable_classes());
     dbcache::check_format(sequence.format);
+    store.resolver().resume();
     database.journal().journal_checkpoint();
     logger.info("Caches primed");
 
@@ -159,10 +162,12 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     });
     ensure_cluster_objects(services);
     const auto control = make_control_socket(database, clock);
-    MainLoop loop(services, messenger, database.journal(), dispatcher, {}, control.get());
+    MainLoop loop(services, messenger, database.journal(), dispatcher, {&store.resolver()},
+                  control.get());
     loop.run();
 
     database.journal().journal_checkpoint();
+    store.resolver().pause();
     if (messenger.shutdownInitiated()) messenger.completeShutdown();
 }
 

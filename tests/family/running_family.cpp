@@ -60,7 +60,8 @@ std::string RunningFamily::program(const std::string& name) {
     return fmt::format("{}/{}", directory == nullptr ? "build/bin" : directory, name);
 }
 
-RunningFamily::RunningFamily(uint64_t journal_bytes, const std::string& more_config) {
+RunningFamily::RunningFamily(uint64_t journal_bytes, const std::string& more_config,
+                             uint32_t log_mask) {
     const uint16_t port = free_port();
     url_ = fmt::format("http://127.0.0.1:{}", port);
     std::ofstream(dir_.file("tarmik.toml")) << fmt::format(
@@ -74,13 +75,14 @@ dbms_cache_kout = 100
 variable_file = "{0}/variables.json"
 smem_prefix = "{0}/run/fifo"
 wapi_port = {1}
+log_mask = {3}
 [family]
 log_dir = "{0}/log"
 restart_first_delay_ms = 10
 restart_longest_delay_ms = 50
 {2}
 )",
-        dir_.path().string(), port, more_config);
+        dir_.path().string(), port, more_config, log_mask);
     run_to_end({.program = program("tarmik"),
                 .arguments = {"format", database_path(), journal_path(), "--block-size", "1024",
                               "--journal-size", std::to_string(journal_bytes)}});
