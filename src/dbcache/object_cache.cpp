@@ -172,6 +172,12 @@ void ObjectCache::evict(ObjectQueue& queue, uint32_t limit, const CachedObject& 
     }
 }
 
+void ObjectCache::for_each(
+    const std::function<void(const NodeId&, const mdb::block_handle_t&, CachedObject&)>& visit) {
+    by_id_.for_each(
+        [&](const NodeId& id, ById& entry) { visit(id, entry.handle, *entry.handler); });
+}
+
 std::string ObjectCache::verify() {
     std::string fault = by_id_.verify();
     if (fault.empty()) fault = by_handle_.verify();

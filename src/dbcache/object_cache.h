@@ -21,6 +21,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -126,6 +127,11 @@ class ObjectCache {
     /// handler is deleted, and one with references is a fatal assertion; otherwise it belongs to
     /// the caller again.
     void cache_remove(mdb::block_handle_t handle, bool destroy);
+
+    /// Calls `visit` with id, handle and handler of each object, in no order; counts nothing and
+    /// moves nothing. `visit` must not call the cache.
+    void for_each(
+        const std::function<void(const NodeId&, const mdb::block_handle_t&, CachedObject&)>& visit);
 
     [[nodiscard]] uint32_t length(CachedObject::queue_t queue) const noexcept {
         return queues_[queue - 1].length();

@@ -1,5 +1,6 @@
 // Deleting an object: it becomes a tombstone, and what stands below it stays for the background.
 #include <fmt/format.h>
+#include <optional>
 
 #include "dbcache/detail/handler_rollback.h"
 #include "dbcache/detail/record_writer.h"
@@ -29,6 +30,7 @@ class DeleteOperation {
 
     void run() {
         check_version();
+        whole_.emplace(handler_.store());
         handler_.schema().beforeDelete(handler_);
         rollback_.begin();
         handler_.store().cache().cache_remove(handler_.location(), false);
@@ -39,6 +41,7 @@ class DeleteOperation {
         serialise_tombstone();
         store_tombstone();
         rollback_.commit();
+        whole_->commit();
         leave();
     }
 
@@ -88,6 +91,8 @@ class DeleteOperation {
 
     ObjectHandler& handler_;
     const tqlengine::DeleteArguments& arguments_;
+    /// Around what the hook before the delete writes too; goes after the rollback.
+    std::optional<StoreTransaction> whole_;
     HandlerRollback rollback_;
     mdb::PropertyNodeId master_id_{prop::masterId};
     mdb::PropertyVersion master_version_{prop::masterVersion};

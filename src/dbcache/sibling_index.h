@@ -40,6 +40,7 @@ class SiblingIndex {
     [[nodiscard]] ObjectHandler* find(const NodeId& parent, uint32_t class_number,
                                       std::string_view name) const;
     [[nodiscard]] size_t size() const noexcept { return entries_.size(); }
+    [[nodiscard]] const Map& entries() const noexcept { return entries_; }
 
   private:
     Map entries_;

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <set>
@@ -90,6 +91,10 @@ class SiblingKeyIndex {
     [[nodiscard]] size_t max_entries() const noexcept { return max_entries_; }
     /// Takes effect at once.
     void set_max_entries(size_t max_entries);
+    /// Calls `visit` with all that is kept, most recently used first.
+    void for_each(const std::function<void(const ParentKeys&)>& visit) const {
+        for (const Kept& kept : recent_) visit(kept.keys);
+    }
     /// Over all parents.
     [[nodiscard]] size_t entries() const noexcept { return entries_; }
 

@@ -30,7 +30,7 @@ enum class call_t {
     sorts,
 };
 
-class FaultyCalls final : public platform::SystemCalls {
+class FaultyCalls : public platform::SystemCalls {
   public:
     /// What becomes of a call: its errno, or kHalf or kNothing for a transfer.
     static constexpr int kHalf = -1;

@@ -24,6 +24,7 @@
 #include "mdb/object_store.h"
 #include "mdb/verify.h"
 #include "support/fake_clock.h"
+#include "support/faulty_calls.h"
 #include "support/temp_dir.h"
 #include "tql/errors.h"
 #include "tql/names.h"
@@ -203,7 +204,11 @@ class TestStore {
     logging::OutletScope outlet{
         [this](logging::level_t, std::string_view line) { log.emplace_back(line); }};
     support::TempDir dir;
-    platform::SystemFiles files;
+    /// Nobody cuts the power here, and syncs are what costs most.
+    struct Calls final : support::FaultyCalls {
+        Calls() { skip_syncs(); }
+    };
+    platform::SystemFiles files{std::make_shared<Calls>()};
     support::FakeClock clock;
     dbcache::SchemaTable schemas;
     NodeId user;
