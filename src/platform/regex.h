@@ -28,8 +28,14 @@ class Regex {
         std::size_t end = 0;
     };
 
-    /// Throws ERegex for a malformed pattern. A pattern of nested large repetitions takes time and
-    /// memory beyond proportion to compile; don't compile patterns of unknown origin.
+    /// What a pattern may come to with its repetitions written out, and how deep it may nest. The
+    /// system compiles repetitions by copying and groups by recursion, so that without a limit a
+    /// short pattern takes all memory or the whole stack.
+    static constexpr std::size_t kMostPieces = 10'000;
+    static constexpr std::size_t kDeepestGroup = 200;
+
+    /// Throws ERegex for a malformed pattern and for one beyond these limits, "Regular expression
+    /// too big".
     explicit Regex(const std::string& pattern);
     ~Regex();
     Regex(Regex&&) noexcept;

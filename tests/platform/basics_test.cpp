@@ -76,6 +76,47 @@ TEST(Regex, FindsTheLeftmostMatchWithItsGroups) {
     EXPECT_TRUE(platform::Regex("").matches(""));
 }
 
+/// What would take all memory or the whole stack to compile is refused before; all else passes.
+TEST(Regex, IsRefusedWhenItComesToTooMuch) {
+    const auto times = [](size_t count, const std::string& piece) {
+        std::string text;
+        for (size_t i = 0; i < count; ++i) text += piece;
+        return text;
+    };
+    const struct {
+        const char* name;
+        std::string pattern;
+        bool fits;
+    } rows[] = {
+        {"long text", times(4000, "a"), true},
+        {"longer text", times(20'000, "a"), false},
+        {"repetition", "(a{1,255}){1,15}", true},
+        {"repetition of repetitions", "((a{1,255}){1,255}){1,255}", false},
+        {"row of repetitions", "a{100}{100}{100}{100}", false},
+        {"open repetitions", "((((a{20,}){20,}){20,}){20,}){20,}", false},
+        {"copies of copies", times(150, "(") + "a" + times(150, ")+"), false},
+        {"deep groups", times(100, "(") + "a" + times(100, ")"), true},
+        {"deeper groups", times(100'000, "(") + "a" + times(100'000, ")"), false},
+        {"groups that stay open", times(100'000, "("), false},
+        {"brackets", times(500, "[]({][^](][[:alpha:]({]"), true},
+        {"bracket with repetition", "([]){1,9}]{255}){255}", false},
+        {"escaped", times(2000, "\\(\\{"), true},
+        {"choices", times(1500, "(a|b)?"), true},
+        {"empty choices", times(4000, "|"), true},
+        {"signs in a row", times(4000, "a*"), true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        try {
+            const platform::Regex regex(row.pattern);
+            EXPECT_TRUE(row.fits);
+        } catch (const platform::ERegex& e) {
+            EXPECT_FALSE(row.fits) << e.text();
+            EXPECT_EQ(e.text(), "Regular expression too big");
+        }
+    }
+}
+
 TEST(Regex, RefusesWithTheSystemsMessage) {
     for (const char* wrong : {"(", "[a", "a{2,1}", "*("}) {
         try {
