@@ -290,6 +290,7 @@ std::unique_ptr<Target> make_target(std::string_view name, const std::string& fo
     if (name == "index") return make_index_target(folder);
     if (name == "property") return make_property_target();
     if (name == "lob") return make_lob_target(folder);
+    if (name == "unit") return make_unit_target();
     throw std::runtime_error("There is no target " + std::string(name));
 }
 

@@ -1,5 +1,6 @@
-// What is fuzzed: functions that take any bytes and drive the store with them. They stand apart
-// from the fuzzer, so that the ordinary tests replay the kept corpus through the same code.
+// What is fuzzed: functions that take any bytes and drive the store with them, or the reading of
+// what objects hold. They stand apart from the fuzzer, so that the ordinary tests replay the kept
+// corpus through the same code.
 //
 // A target lets nothing out but Violation: what the store answers to damage is an mdb::error_*, and
 // everything else (another exception, an assertion, a sanitizer's finding, no end) is a fault.
@@ -28,7 +29,7 @@ class Target {
 };
 
 /// Names of all targets.
-inline constexpr std::string_view kTargets[] = {"store", "index", "property", "lob"};
+inline constexpr std::string_view kTargets[] = {"store", "index", "property", "lob", "unit"};
 
 /// The target `name`, one of kTargets. `folder` is the source folder "fuzz", for the images of
 /// databases that the targets start from. Throws std::runtime_error when they can't be read.
@@ -39,5 +40,6 @@ inline constexpr std::string_view kTargets[] = {"store", "index", "property", "l
 [[nodiscard]] std::unique_ptr<Target> make_index_target(const std::string& folder);
 [[nodiscard]] std::unique_ptr<Target> make_property_target();
 [[nodiscard]] std::unique_ptr<Target> make_lob_target(const std::string& folder);
+[[nodiscard]] std::unique_ptr<Target> make_unit_target();
 
 }  // namespace fuzz

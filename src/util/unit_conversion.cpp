@@ -208,7 +208,7 @@ UnitValue convert_units(const UnitExpression& from, double value, const UnitExpr
 
 std::string format_units(const UnitExpression& unit, double value, const UnitExpression& display) {
     if (!std::isfinite(value)) return not_finite(value);
-    const bool fits = value < static_cast<double>(std::numeric_limits<int32_t>::max());
+    const bool fits = value < -static_cast<double>(std::numeric_limits<int32_t>::min());
     if (value >= kShortestDuration && fits && shows_seconds(display) && shows_seconds(unit))
         return duration(static_cast<int>(value));
     const UnitExpression target = display.without_prefixes();

@@ -336,6 +336,8 @@ TEST(UnitFormat, SuitsPeople) {
         {3661, "s", "s", "1h 1m"},
         {86400, "s", "s", "24h 0m"},
         {90061, "s", "s", "1 days, 1h 1m"},
+        {2147483647, "s", "s", "24855 days, 3h 14m"},
+        {2147483648, "s", "s", "2147483648 s"},
         {3e9, "s", "s", "3000000000 s"},
         {90, "s", "min", "1.50 min"},
         {90, "min", "s", "5400 s"},
@@ -353,6 +355,15 @@ TEST(UnitFormat, SuitsPeople) {
         // The prefix of the display unit doesn't count.
         {1500, "B", "MB", "1.50 kB"},
         {12'500'000, "b/s", "b/s", "12.5 Mb/s"},
+        {0.05, "m", "cm", "50.0 mm"},
+        {1500, "min", "min", "1500 min"},
+        // One per cent is a hundredth of what it is shown in.
+        {50, "%", "%", "0.500 %"},
+        {150, "%", "%", "1.50 %"},
+        {50, "%", "pct", "0.500 %"},
+        {50, "pct", "%", "50.0 %"},
+        // Nothing leads from volts to seconds.
+        {5, "V", "s", "5.00 V"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(
