@@ -107,7 +107,7 @@ struct PropertyRow {
     uint32_t enumeration = 0;
     uint32_t companion = 0;
     const StateEnumeration* states = nullptr;
-    bool (*member)(const NodetypeSchema&, const WorkArray&) = nullptr;
+    bool (*member)(const ObjectHandler&, const WorkArray&) = nullptr;
     /// Empty: all subtypes.
     std::span<const uint32_t> subtypes{};
     bool determines_subtype = false;

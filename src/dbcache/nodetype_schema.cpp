@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "dbcache/mark_index.h"
 #include "dbcache/property_kinds.h"
 #include "dbcache/sibling_key.h"
 #include "dbcache/special_kinds.h"
@@ -186,6 +187,11 @@ size_t NodetypeSchema::findProperty(uint32_t number, uint32_t subtype) const {
         throw errors::tql(errors::ERR_NO_SUCH_PROPERTY,
                           fmt::format("Unknown property \"{}\"", tql::property_name(number)));
     return *index;
+}
+
+bool NodetypeSchema::has_marks() const noexcept {
+    return std::any_of(properties_.begin(), properties_.end(),
+                       [](const Entry& entry) { return is_mark(entry.property); });
 }
 
 std::optional<size_t> NodetypeSchema::subtypeProperty(uint32_t number) const noexcept {

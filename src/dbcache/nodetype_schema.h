@@ -105,6 +105,8 @@ class NodetypeSchema {
     /// The same; none where findProperty() throws.
     [[nodiscard]] std::optional<size_t> lookupProperty(uint32_t number,
                                                        uint32_t subtype) const noexcept;
+    /// Whether objects of the class are made to stand in mark lists.
+    [[nodiscard]] bool has_marks() const noexcept;
     /// Index of the entry of `number` that determines the subtype; none if it doesn't.
     [[nodiscard]] std::optional<size_t> subtypeProperty(uint32_t number) const noexcept;
 

@@ -6,6 +6,7 @@
 #include "dbcache/fixed_ids.h"
 #include "dbcache/group_handler.h"
 #include "dbcache/inheritance.h"
+#include "dbcache/mark_index.h"
 #include "dbcache/object_view.h"
 #include "dbcache/resolver.h"
 #include "dbcache/schema_table.h"
@@ -202,6 +203,10 @@ void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::patt
         }
         if (entry.applies_to(subtype_)) entry.schema->encode(chain, id_.value, out);
     }
+    if (pattern.wants(prop::hasInherits) &&
+        schema_->lookupProperty(prop::inherits, subtype_).has_value())
+        tql::add<tql::property_boolean_t>(out, prop::hasInherits, !chain.inherits().is_null(),
+                                          kComputed);
     if (pattern.wants(prop::anyOverridden))
         tql::add<tql::property_boolean_t>(out, prop::anyOverridden, any_overridden(chain),
                                           kComputed);
@@ -237,6 +242,11 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
         throw errors::tql(errors::ERR_ILLEGAL_VALUE,
                           fmt::format("Illegal id for a new object: \"{}\"", new_id.to_string()));
     const NodeId id = new_id.to_node_id();
+    if (id.first > kMaxMarkFirstWord && child_schema.has_marks())
+        throw errors::tql(errors::ERR_ILLEGAL_VALUE,
+                          fmt::format("Illegal id for a new object: \"{}\", its first number must "
+                                      "not be above {}",
+                                      new_id.to_string(), kMaxMarkFirstWord));
     detail::with_faults_as_failures([&] {
         if (store_.indexes().unique_find(mdb::node_id_index, id))
             throw errors::tql_exists(new_id, new_id.to_string() + " exists already");

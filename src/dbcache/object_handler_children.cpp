@@ -4,6 +4,7 @@
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/group_handler.h"
+#include "dbcache/mark_index.h"
 #include "dbcache/object_handler.h"
 #include "error/exception.h"
 #include "log/log.h"
@@ -114,7 +115,12 @@ void ObjectHandler::discard_strays(const std::vector<ObjectHandlerRef>& strays) 
         logger.warning("Deleting {} {}, which can't stand under {} {}",
                        tql::class_name(stray->class_number()), stray->node_id(),
                        tql::class_name(class_number()), id_.value);
-        detail::with_faults_as_failures([&] { store_.discard_stored(stray->location()); });
+        detail::with_faults_as_failures([&] {
+            StoreTransaction transaction(store_);
+            leave_mark_lists(*stray);
+            store_.discard_stored(stray->location());
+            transaction.commit(true);
+        });
     }
 }
 

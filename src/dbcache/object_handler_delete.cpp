@@ -7,6 +7,7 @@
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/inheritance.h"
+#include "dbcache/mark_index.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/resolver.h"
 #include "mdb/database.h"
@@ -33,6 +34,7 @@ class DeleteOperation {
         whole_.emplace(handler_.store());
         handler_.schema().beforeDelete(handler_);
         rollback_.begin();
+        leave_mark_lists(handler_);
         handler_.store().cache().cache_remove(handler_.location(), false);
         handler_.store().free_large_objects(handler_.location());
         handler_.store().drop_backend_blocks(handler_.location());

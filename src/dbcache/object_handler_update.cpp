@@ -79,10 +79,13 @@ uint32_t UpdateOperation::run() {
     validate();
     subtype_ = schema_.subtypeFromWork(work_);
 
+    const NodeId old_parent = handler_.parent_id();
     open_transaction();
+    update_marks_now(old_parent);
     take_versions();
     schema_.afterUpdate(handler_, arguments_.new_version, work_);
     refresh_kept_values();
+    update_marks(handler_.parent_id());
     serialise();
     store();
     schema_.afterStore(handler_);
@@ -291,6 +294,40 @@ void UpdateOperation::move() {
                           fmt::format("MOVE_ERR{{{}}}", failures_text(failures)));
 }
 
+/// Brings the object's places in the mark lists up to date, from `marks_` as stored.
+void UpdateOperation::update_marks(const NodeId& old_parent) {
+    for (size_t i = 0; i < kMarks.size(); ++i)
+        MarkIndex(handler_.store(), kMarks[i])
+            .update(is_member(kMarks[i]), handler_.parent_id(), old_parent, marks_[i],
+                    handler_.node_id());
+}
+
+/// The same for an object that others can already find: its own records are written at once, so
+/// that the hooks and what they write meet whole lists.
+void UpdateOperation::update_marks_now(const NodeId& old_parent) {
+    if (is_new()) return;
+    marks_ = read_marks(handler_.store(), handler_.location());
+    const MarkRecords before = marks_;
+    update_marks(old_parent);
+    if (marks_ == before) return;
+    handler_.rewrite_records([this](mdb::ObjectStore& objects, mdb::dobj& image) {
+        for (size_t i = 0; i < kMarks.size(); ++i)
+            if (marks_[i])
+                objects.update_property(image, mdb::PropertyMarkIndex(kMarks[i], *marks_[i]), true,
+                                        false);
+            else
+                objects.remove_property(image, kMarks[i], true);
+    });
+}
+
+bool UpdateOperation::is_member(uint32_t mark) const {
+    const std::optional<size_t> index = schema_.lookupProperty(mark, subtype_);
+    if (!index) return false;
+    const auto* entry =
+        dynamic_cast<const PropertyMarkIndexSchema*>(schema_.properties()[*index].schema.get());
+    return entry != nullptr && entry->is_member(handler_, work_);
+}
+
 void UpdateOperation::take_versions() {
     handler_.version_ = arguments_.new_version;
     if (!sets_copy_version_) handler_.copy_version_ = arguments_.new_version;
@@ -299,6 +336,7 @@ void UpdateOperation::take_versions() {
 /// What a hook has written may have changed the marks and counters of this object too.
 void UpdateOperation::refresh_kept_values() {
     if (is_new() || handler_.rewrites_ == rewrites_) return;
+    marks_ = read_marks(handler_.store(), handler_.location());
     const InheritanceChain stored(handler_.store(), handler_.node_id(), handler_.location());
     const auto entries = schema_.properties();
     for (size_t i = 0; i < entries.size(); ++i)
@@ -311,10 +349,13 @@ void UpdateOperation::serialise() {
     writer.add_head(handler_.node_id(), handler_.parent_id(), handler_.version(), schema_.nodetype);
     const auto entries = schema_.properties();
     for (size_t i = 0; i < entries.size(); ++i)
-        if (entries[i].applies_to(subtype_) && entries[i].property != prop::parentId)
+        if (entries[i].applies_to(subtype_) && entries[i].property != prop::parentId &&
+            !is_mark(entries[i].property))
             store_value(i, writer);
     if (!is_new())
         detail::free_large_objects(handler_.store().database(), schema_, chain_, subtype_);
+    for (size_t i = 0; i < kMarks.size(); ++i)
+        if (marks_[i]) writer.add(mdb::PropertyMarkIndex(kMarks[i], *marks_[i]));
 }
 
 void UpdateOperation::store_value(size_t index, RecordWriter& writer) {

@@ -2,6 +2,7 @@
 
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
+#include "dbcache/mark_index.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/schema_table.h"
 #include "log/log.h"
@@ -97,7 +98,7 @@ bool DbcacheIdResolver::is_detached(ObjectHandler& handler) {
 
 // ---- finding by index --------------------------------------------------------------------------
 
-bool DbcacheIdResolver::obviousMatches(tqlengine::HandlerList& out, const tql::id_t&,
+bool DbcacheIdResolver::obviousMatches(tqlengine::HandlerList& out, const tql::id_t& origin,
                                        const tql::pattern_t& pattern) {
     const uint32_t indexes = store_.indexes().index_count();
     return std::visit(Overloaded{
@@ -114,6 +115,13 @@ bool DbcacheIdResolver::obviousMatches(tqlengine::HandlerList& out, const tql::i
                           [&](const tqlengine::ByAlertNotifyObject& by) {
                               if (indexes <= mdb::alert_notify_index) return false;
                               push_indexed(out, mdb::alert_notify_index, by.id);
+                              return true;
+                          },
+                          [&](const tqlengine::ByMark& by) {
+                              // Of a group the object that has it: too many, but none missed.
+                              const NodeId id = origin.to_node_id_lenient();
+                              detail::with_faults_as_failures(
+                                  [&] { MarkIndex(store_, by.mark).traverse(out, id); });
                               return true;
                           },
                           [&](const tqlengine::ByMasterId& by) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "dbcache/object_handler.h"
 #include "tql/enumerations.h"
 #include "tql/names.h"
 #include "util/unit_expression.h"
@@ -22,6 +23,11 @@ void check_png(const std::vector<uint8_t>& bytes, uint32_t property) {
 [[noreturn]] void fail_computed(uint32_t property) {
     throw errors::tql(errors::ERR_CONST_PROPERTY, fmt::format("Cannot update computed property {}",
                                                               tql::property_name(property)));
+}
+
+const work_t& work_of(const ObjectHandler& handler, const WorkArray& work, uint32_t property) {
+    const NodetypeSchema& schema = handler.schema();
+    return work[schema.findProperty(property, schema.subtypeFromWork(work))];
 }
 
 /// The bytes of a large object: those given, or those in the file.
@@ -98,6 +104,19 @@ void PropertyActionSchema::encode(const PropertyChain& chain, const NodeId& /*id
 void PropertyCountSchema::assign(const tql::property_t& /*value*/, const SchemaObject& /*object*/,
                                  const PropertyChain& /*chain*/, work_t& /*work*/) const {
     fail_computed(property);
+}
+
+bool marks_active(const ObjectHandler& handler, const WorkArray& work) {
+    const work_t& active = work_of(handler, work, prop::active);
+    return !active.is_null() && static_cast<const mdb::PropertyBool&>(*active.prop).value;
+}
+
+bool marks_inheriting(const ObjectHandler& handler, const WorkArray& work) {
+    return !work_of(handler, work, prop::inherits).is_null();
+}
+
+bool marks_always(const ObjectHandler& /*handler*/, const WorkArray& /*work*/) {
+    return true;
 }
 
 PropertyMarkIndexSchema::PropertyMarkIndexSchema(uint32_t number, MarkPredicate predicate)

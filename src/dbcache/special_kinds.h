@@ -11,6 +11,8 @@
 
 namespace dbcache {
 
+class ObjectHandler;
+
 class NodetypeSchema;
 
 /// The payload of a stored enumeration whose values have no names in code.
@@ -112,8 +114,13 @@ class PropertyCountSchema
     [[nodiscard]] bool kept_by_system() const override { return true; }
 };
 
-/// Whether an object, with the values in the work array, is a member of a mark's list.
-using MarkPredicate = std::function<bool(const NodetypeSchema&, const WorkArray&)>;
+/// Whether an object, with the values in the work array of its class, is a member of a mark's list.
+using MarkPredicate = std::function<bool(const ObjectHandler&, const WorkArray&)>;
+/// The usual ones. `active`, which the class must have, is true.
+[[nodiscard]] bool marks_active(const ObjectHandler& handler, const WorkArray& work);
+/// `inherits`, which the class must have, is set.
+[[nodiscard]] bool marks_inheriting(const ObjectHandler& handler, const WorkArray& work);
+[[nodiscard]] bool marks_always(const ObjectHandler& handler, const WorkArray& work);
 
 struct MarkConversion {
     static void to_stored(const tql::property_index_t&, mdb::PropertyMarkIndex&, uint32_t) {}
@@ -122,16 +129,16 @@ struct MarkConversion {
     }
 };
 
-/// A mark: the object's place in a list threaded through the tree. The record is carried from
-/// version to version as it is; the code of the lists alone changes it. A query sees 1 for a
-/// member, 0 for a mere link, null for neither.
+/// A mark: the object's place in a list threaded through the tree (mark_index.h). The record is
+/// carried from version to version by the code of the lists alone, not by store(). A query sees 1
+/// for a member, 0 for a mere link, null for neither.
 class PropertyMarkIndexSchema
     : public PropertySchemaTemplate<mdb::PropertyMarkIndex, tql::property_index_t, MarkConversion> {
   public:
     /// A null predicate means never.
     PropertyMarkIndexSchema(uint32_t number, MarkPredicate predicate);
-    [[nodiscard]] bool is_member(const NodetypeSchema& schema, const WorkArray& work) const {
-        return predicate_ && predicate_(schema, work);
+    [[nodiscard]] bool is_member(const ObjectHandler& handler, const WorkArray& work) const {
+        return predicate_ && predicate_(handler, work);
     }
     void assign(const tql::property_t& value, const SchemaObject& object,
                 const PropertyChain& chain, work_t& work) const override;
@@ -141,7 +148,6 @@ class PropertyMarkIndexSchema
     /// No record is no damage here.
     void encode(const PropertyChain& chain, const NodeId& id,
                 tql::property_map_t& out) const override;
-    [[nodiscard]] bool kept_by_system() const override { return true; }
 
   private:
     MarkPredicate predicate_;

@@ -17,14 +17,19 @@ const Kind* find_condition(const tql::pattern_t& pattern, uint32_t property, tql
     return nullptr;
 }
 
+/// A condition says that this property is true.
+bool demands(const tql::pattern_t& pattern, uint32_t property) {
+    const auto* value =
+        find_condition<tql::property_boolean_t>(pattern, property, tql::relop_t::eq);
+    return value != nullptr && !value->is_null && value->value;
+}
+
 }  // namespace
 
 Shortcut choose_shortcut(const tql::pattern_t& pattern) {
     using tql::property_object_set_t;
     using tql::property_object_t;
     using tql::relop_t;
-    if (pattern.where.empty()) return NoShortcut{};
-
     if (const auto* id = find_condition<property_object_t>(pattern, prop::id, relop_t::eq)) {
         if (id->is_null) return MatchesNothing{};
         return ById{id->value};
@@ -39,7 +44,10 @@ Shortcut choose_shortcut(const tql::pattern_t& pattern) {
         if (object->value.size() != 2) return MatchesNothing{};
         return ByAlertNotifyObject{object->value};
     }
-    // The rules for objects that the store keeps in lists of marks belong here, before the last.
+    if (pattern.class_ == cls::TagRuleMatch) return ByMark{prop::activeMark};
+    const bool checks = pattern.class_ == cls::Check || pattern.class_ == cls::MultiCheck;
+    if (checks && demands(pattern, prop::active)) return ByMark{prop::activeMark};
+    if (demands(pattern, prop::hasInherits)) return ByMark{prop::inheritsMark};
     const auto* master = find_condition<property_object_t>(pattern, prop::masterId, relop_t::eq);
     if (master && !master->is_null) return ByMasterId{master->value};
     return NoShortcut{};

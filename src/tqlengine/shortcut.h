@@ -26,6 +26,10 @@ struct ByIds {
 struct ByAlertNotifyObject {
     tql::id_t id;
 };
+/// Only objects with this mark can match: a list that the store threads through the tree.
+struct ByMark {
+    uint32_t mark;
+};
 /// Only the object with this id at the master server can match (index of `masterId`); a third
 /// component names a child of it.
 struct ByMasterId {
@@ -33,7 +37,7 @@ struct ByMasterId {
 };
 
 using Shortcut =
-    std::variant<NoShortcut, MatchesNothing, ById, ByIds, ByAlertNotifyObject, ByMasterId>;
+    std::variant<NoShortcut, MatchesNothing, ById, ByIds, ByAlertNotifyObject, ByMark, ByMasterId>;
 
 /// The first rule that fits decides; each looks through all conditions in order. Conditions whose
 /// value is of an unexpected kind fit no rule.

@@ -271,16 +271,18 @@ TEST_P(AtomicTest, AStoreThatRefusesAChangeUndoesIt) {
 
 /// Takes room in the journal until `room` bytes are left, by updates that change nothing.
 void fill_journal(TestStore& store, uint32_t room) {
-    // Of 20 bytes and these; a multiple of 8.
+    // An update takes a head of 20 bytes and what it writes, together a multiple of 8.
     constexpr uint32_t kHead = 20;
-    constexpr uint32_t kMostBytes = 1020;
+    constexpr uint32_t kMost = kHead + 1020;
     const auto place = store.indexes->unique_find(mdb::node_id_index, kRootId);
     const mdb::dobj root = store.objects->load_object(*place);
     mdb::Journal& journal = store.database->journal();
     while (journal.free_space() > room) {
-        const uint32_t rest = journal.free_space() - room - kHead;
-        const uint32_t length = rest > 2 * kMostBytes ? kMostBytes : std::min(rest, kMostBytes / 2);
-        journal.journal_update(root.data, length, store.database->store().block_offset(root.block));
+        const uint32_t rest = journal.free_space() - room;
+        // Two for the end, so that none is left with less than a head.
+        const uint32_t whole = rest > 2 * kMost ? kMost : rest > kMost ? rest / 2 & ~7U : rest;
+        journal.journal_update(root.data, whole - kHead,
+                               store.database->store().block_offset(root.block));
     }
 }
 

@@ -8,6 +8,7 @@
 #include "dbcache/class_table.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/schema_table.h"
+#include "dbcache/special_kinds.h"
 #include "tql/names.h"
 
 namespace dbcache_test {
@@ -23,6 +24,7 @@ inline constexpr dbcache::PropertyRow kFolderRows[] = {
     {.number = prop::parentId, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X},
     {.number = prop::name, .kind = dbcache::kind_t::string, .flags = dbcache::K | dbcache::X},
     {.number = prop::inherits, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X, .classes = kFolderOnly},
+    {.number = prop::inheritsMark, .kind = dbcache::kind_t::mark, .member = dbcache::marks_inheriting},
     {.number = prop::label, .kind = dbcache::kind_t::string, .flags = dbcache::N},
     {.number = prop::order, .kind = dbcache::kind_t::u32, .initial = 5},
     {.number = prop::alertGroup, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X, .classes = kFolderOnly, .own_domains_only = true},

@@ -112,11 +112,13 @@ inline bool is_set(const dbcache::NodetypeSchema& schema, const dbcache::WorkArr
     if (!index || work[*index].is_null()) return false;
     return static_cast<const mdb::PropertyBool&>(*work[*index].prop).value;
 }
-inline bool is_active(const dbcache::NodetypeSchema& schema, const dbcache::WorkArray& work) {
+inline bool is_active(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
+    const dbcache::NodetypeSchema& schema = handler.schema();
     dynamic_cast<const Trying&>(schema).trials.step();
     return is_set(schema, work, prop::active);
 }
-inline bool does_inherit(const dbcache::NodetypeSchema& schema, const dbcache::WorkArray& work) {
+inline bool does_inherit(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
+    const dbcache::NodetypeSchema& schema = handler.schema();
     dynamic_cast<const Trying&>(schema).trials.step();
     const auto index = schema.lookupProperty(prop::inherits, dbcache::kAllSubtypes);
     return index && !work[*index].is_null();

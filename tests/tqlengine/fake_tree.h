@@ -115,6 +115,7 @@ class Tree : public tqlengine::TqlIdResolver {
 
   private:
     void push_with(tqlengine::HandlerList& out, uint32_t property, const tql::id_t& value);
+    void push_true(tqlengine::HandlerList& out, uint32_t property);
 
     std::vector<std::unique_ptr<Object>> objects_;
     std::map<tql::id_t, Object*> by_id_;
@@ -189,6 +190,15 @@ inline void Tree::push_with(tqlengine::HandlerList& out, uint32_t property,
     }
 }
 
+inline void Tree::push_true(tqlengine::HandlerList& out, uint32_t property) {
+    for (const auto& object : objects_) {
+        const auto found = object->properties.find(property);
+        if (found != object->properties.end() && !found->second->is_null &&
+            static_cast<const tql::property_boolean_t&>(*found->second).value)
+            out.emplace_back(object.get());
+    }
+}
+
 inline bool Tree::obviousMatches(tqlengine::HandlerList& out, const tql::id_t&,
                                  const tql::pattern_t& pattern) {
     using namespace tqlengine;
@@ -203,6 +213,8 @@ inline bool Tree::obviousMatches(tqlengine::HandlerList& out, const tql::id_t&,
         for (const tql::id_t& id : *by_ids->ids) push(id);
     if (const auto* by_object = std::get_if<ByAlertNotifyObject>(&shortcut))
         push_with(out, prop::alertNotifyObject, by_object->id);
+    if (const auto* by_mark = std::get_if<ByMark>(&shortcut))
+        push_true(out, by_mark->mark == prop::activeMark ? prop::active : prop::hasInherits);
     if (const auto* by_master = std::get_if<ByMasterId>(&shortcut))
         push_with(out, prop::masterId, by_master->id);
     return true;

@@ -5,6 +5,7 @@
 
 #include "dbcache/detail/handler_rollback.h"
 #include "dbcache/inheritance.h"
+#include "dbcache/mark_index.h"
 #include "dbcache/object_view.h"
 
 namespace dbcache {
@@ -40,6 +41,9 @@ class UpdateOperation {
 
     void open_transaction();
     void move();
+    [[nodiscard]] bool is_member(uint32_t mark) const;
+    void update_marks(const NodeId& old_parent);
+    void update_marks_now(const NodeId& old_parent);
     void take_versions();
     void refresh_kept_values();
     void serialise();
@@ -58,6 +62,7 @@ class UpdateOperation {
     ObjectView view_;
     InheritanceChain chain_;
     WorkArray work_;
+    MarkRecords marks_;
     /// Tells whether another write has changed the object since its values were loaded.
     const uint32_t rewrites_;
     uint32_t subtype_ = kAllSubtypes;
