@@ -103,10 +103,6 @@ found_t InheritanceChain::read(unsigned number, mdb::Property& property) const {
     return level(number).read(property);
 }
 
-bool InheritanceChain::hasParent() const {
-    return !inherits().is_null();
-}
-
 NodeId InheritanceChain::inherits() const {
     if (override_) return *override_;
     if (!inherits_) {

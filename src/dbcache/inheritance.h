@@ -76,12 +76,10 @@ class InheritanceChain final : public PropertyChain {
     InheritanceChain& operator=(const InheritanceChain&) = delete;
 
     found_t read(unsigned level, mdb::Property& property) const override;
-    [[nodiscard]] bool hasParent() const override;
+    [[nodiscard]] NodeId inherits() const override;
     /// Reads the file, whatever the cache holds.
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override;
 
-    /// The value of `inherits`, stored or overridden; null when there is none.
-    [[nodiscard]] NodeId inherits() const;
     /// From now on level 1 is this object; the null id means that there is none.
     void override_parent(const NodeId& parent);
 

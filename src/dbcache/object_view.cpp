@@ -1,10 +1,27 @@
 #include "dbcache/object_view.h"
 
+#include <fmt/format.h>
+
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/sibling_search.h"
+#include "dbcache/id_translation.h"
 #include "dbcache/inheritance.h"
+#include "log/log.h"
+#include "tql/names.h"
 
 namespace dbcache {
+
+namespace {
+
+const logging::Logger logger{"dbcache"};
+
+[[noreturn]] void fail_ambiguous(const NodeId& id, uint32_t property) {
+    fail_illegal_value(
+        fmt::format("More than one object corresponding to {} translating property {}", id,
+                    tql::property_name(property)));
+}
+
+}  // namespace
 
 ObjectHandlerRef ObjectView::parent(const NodeId& new_parent) const {
     return new_parent.is_null() ? handler_.parent_object()
@@ -58,14 +75,31 @@ uint32_t ObjectView::parent_class(const NodeId& new_parent) const {
     return above ? above->class_number() : kNoParent;
 }
 
-// Node classes don't exist yet, so every id stands for itself.
-NodeId ObjectView::translate_inherited(const NodeId& id, uint32_t) const {
-    return id;
+NodeId ObjectView::translate_inherited(const NodeId& inherits, const NodeId& id,
+                                       uint32_t property) const {
+    logger.write(logging::level_t::trace, "Translating id {} in object {}:{} inheriting from {}",
+                 id, tql::class_name(schema_class()), node_id(), inherits);
+    const IdTranslation translation(handler_.store(), handler_, inherits);
+    const std::vector<NodeId> candidates = translation.candidates(id);
+    if (candidates.size() == 1) return candidates.front();
+    if (!candidates.empty()) fail_ambiguous(id, property);
+    fail_illegal_value(fmt::format("No object corresponding to {} translating property {}", id,
+                                   tql::property_name(property)));
 }
 
-std::vector<NodeId> ObjectView::translate_inherited_set(const std::vector<NodeId>& ids,
-                                                        uint32_t) const {
-    return ids;
+std::vector<NodeId> ObjectView::translate_inherited_set(const NodeId& inherits,
+                                                        const std::vector<NodeId>& ids,
+                                                        uint32_t property) const {
+    logger.write(logging::level_t::trace, "Translating id set in object {}:{} inheriting from {}",
+                 tql::class_name(schema_class()), node_id(), inherits);
+    const IdTranslation translation(handler_.store(), handler_, inherits);
+    std::vector<NodeId> translated;
+    for (const NodeId& id : ids) {
+        const std::vector<NodeId> candidates = translation.candidates(id);
+        if (candidates.size() > 1) fail_ambiguous(id, property);
+        if (!candidates.empty()) translated.push_back(candidates.front());
+    }
+    return translated;
 }
 
 const platform::Clock& ObjectView::clock() const {

@@ -26,8 +26,10 @@ class ObjectView final : public SchemaObject {
     [[nodiscard]] std::optional<NodeId> find_equal_sibling(const NodeId& new_parent,
                                                            const SiblingKey& key) const override;
     [[nodiscard]] uint32_t parent_class(const NodeId& new_parent) const override;
-    [[nodiscard]] NodeId translate_inherited(const NodeId& id, uint32_t property) const override;
-    [[nodiscard]] std::vector<NodeId> translate_inherited_set(const std::vector<NodeId>& ids,
+    [[nodiscard]] NodeId translate_inherited(const NodeId& inherits, const NodeId& id,
+                                             uint32_t property) const override;
+    [[nodiscard]] std::vector<NodeId> translate_inherited_set(const NodeId& inherits,
+                                                              const std::vector<NodeId>& ids,
                                                               uint32_t property) const override;
     [[nodiscard]] const platform::Clock& clock() const override;
     [[nodiscard]] std::optional<tql::origin_t> parent_origin() const override;

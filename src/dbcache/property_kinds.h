@@ -216,7 +216,7 @@ class PropertyNodeIdSchema
     [[nodiscard]] const ReferenceRules& rules() const noexcept { return rules_; }
 
   protected:
-    void translate(const SchemaObject& object, work_t& work) const override;
+    void translate(const SchemaObject& object, const NodeId& inherits, work_t& work) const override;
 
   private:
     ReferenceRules rules_;
@@ -243,7 +243,7 @@ class PropertyNodeIdSetSchema
     [[nodiscard]] std::string describe() const override;
 
   protected:
-    void translate(const SchemaObject& object, work_t& work) const override;
+    void translate(const SchemaObject& object, const NodeId& inherits, work_t& work) const override;
 
   private:
     ReferenceRules rules_;

@@ -49,7 +49,8 @@ void PropertySchema::fetch_inherited(const SchemaObject& object, const PropertyC
             case found_t::value:
                 if (stands_for_null(*stored)) stored.reset();
                 work.prop = std::move(stored);
-                if (translate_inherited && !work.is_null()) translate(object, work);
+                if (translate_inherited && !work.is_null())
+                    translate(object, chain.inherits(), work);
                 return;
             case found_t::explicit_null:
                 work.prop.reset();

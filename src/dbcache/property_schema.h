@@ -115,7 +115,8 @@ class PropertySchema {
     /// Puts the end of the inheritance chain into `work`: a default, or null when there is none.
     virtual void use_inherit_default(work_t& work) const { work.prop.reset(); }
     /// Replaces ids in an inherited value; for kinds that hold ids.
-    virtual void translate(const SchemaObject& /*object*/, work_t& /*work*/) const {}
+    virtual void translate(const SchemaObject& /*object*/, const NodeId& /*inherits*/,
+                           work_t& /*work*/) const {}
 
   private:
     void fetch_inherited(const SchemaObject& object, const PropertyChain& chain,

@@ -67,9 +67,10 @@ std::string PropertyNodeIdSchema::describe() const {
     return joined(PropertySchemaTemplate::describe(), rules_.describe());
 }
 
-void PropertyNodeIdSchema::translate(const SchemaObject& object, work_t& work) const {
+void PropertyNodeIdSchema::translate(const SchemaObject& object, const NodeId& inherits,
+                                     work_t& work) const {
     auto& stored = static_cast<mdb::PropertyNodeId&>(*work.prop);
-    stored.value = object.translate_inherited(stored.value, property);
+    stored.value = object.translate_inherited(inherits, stored.value, property);
 }
 
 void PropertyNodeIdSetSchema::validate(const SchemaObject& object, const PropertyChain& chain,
@@ -83,9 +84,10 @@ std::string PropertyNodeIdSetSchema::describe() const {
     return joined(PropertySchemaTemplate::describe(), rules_.describe());
 }
 
-void PropertyNodeIdSetSchema::translate(const SchemaObject& object, work_t& work) const {
+void PropertyNodeIdSetSchema::translate(const SchemaObject& object, const NodeId& inherits,
+                                        work_t& work) const {
     auto& stored = static_cast<mdb::PropertyNodeIdList&>(*work.prop);
-    stored.value = object.translate_inherited_set(stored.value, property);
+    stored.value = object.translate_inherited_set(inherits, stored.value, property);
 }
 
 void PropertyDACEdgeSchema::validate(const SchemaObject& object, const PropertyChain& chain,

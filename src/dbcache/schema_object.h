@@ -51,8 +51,9 @@ class PropertyChain {
     /// mdb::error_wrongtype for a record of another type.
     virtual found_t read(unsigned level, mdb::Property& property) const = 0;
 
-    /// Whether `inherits` is set, by the object or by an update in progress.
-    [[nodiscard]] virtual bool hasParent() const = 0;
+    /// The value of `inherits`, of the object or of an update in progress; null when there is none.
+    [[nodiscard]] virtual NodeId inherits() const = 0;
+    [[nodiscard]] bool hasParent() const { return !inherits().is_null(); }
 
     /// The whole large object that begins at `block`; throws mdb::error_generic when it can't be
     /// read.
@@ -118,13 +119,14 @@ class SchemaObject {
     /// The class of that parent; kNoParent without one.
     [[nodiscard]] virtual uint32_t parent_class(const NodeId& new_parent) const = 0;
 
-    /// What an id in an inherited value means for this object: the id itself, or the corresponding
-    /// object under this node. Throws errors::tql with code 10 where none or more than one
-    /// corresponds; `property` is for the text.
-    [[nodiscard]] virtual NodeId translate_inherited(const NodeId& id, uint32_t property) const = 0;
+    /// What an id in a value inherited from the object `inherits` means for this object: the id
+    /// itself, or the corresponding object under this node. Throws errors::tql with code 10 where
+    /// none or more than one corresponds; `property` is for the text.
+    [[nodiscard]] virtual NodeId translate_inherited(const NodeId& inherits, const NodeId& id,
+                                                     uint32_t property) const = 0;
     /// The same for a set, from which ids without correspondence are dropped.
     [[nodiscard]] virtual std::vector<NodeId> translate_inherited_set(
-        const std::vector<NodeId>& ids, uint32_t property) const = 0;
+        const NodeId& inherits, const std::vector<NodeId>& ids, uint32_t property) const = 0;
 
     /// For measuring how long a check takes.
     [[nodiscard]] virtual const platform::Clock& clock() const = 0;

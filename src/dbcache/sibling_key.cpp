@@ -28,7 +28,7 @@ class OwnRecordWatch final : public PropertyChain {
         read_above_ = read_above_ || level > 0;
         return chain_.read(level, property);
     }
-    [[nodiscard]] bool hasParent() const override { return chain_.hasParent(); }
+    [[nodiscard]] NodeId inherits() const override { return chain_.inherits(); }
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override {
         return chain_.read_lob(block);
     }

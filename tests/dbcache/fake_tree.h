@@ -90,9 +90,9 @@ class FakeChain final : public PropertyChain {
         property.read_record(record, {});
         return found_t::value;
     }
-    [[nodiscard]] bool hasParent() const override {
+    [[nodiscard]] NodeId inherits() const override {
         const FakeTree::Stored* object = find(id_);
-        return object != nullptr && !object->inherits.is_null();
+        return object == nullptr ? NodeId{} : object->inherits;
     }
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override {
         const auto found = tree_.lobs.find(block);
@@ -164,14 +164,17 @@ class FakeObject final : public SchemaObject {
         const auto found = tree_.objects.find(new_parent.is_null() ? parent_ : new_parent);
         return found == tree_.objects.end() ? kNoParent : found->second.class_number;
     }
-    [[nodiscard]] NodeId translate_inherited(const NodeId& id, uint32_t) const override {
+    [[nodiscard]] NodeId translate_inherited(const NodeId&, const NodeId& id,
+                                             uint32_t) const override {
         const auto found = translations.find(id);
         return found == translations.end() ? id : found->second;
     }
-    [[nodiscard]] std::vector<NodeId> translate_inherited_set(const std::vector<NodeId>& ids,
+    [[nodiscard]] std::vector<NodeId> translate_inherited_set(const NodeId& inherits,
+                                                              const std::vector<NodeId>& ids,
                                                               uint32_t number) const override {
         std::vector<NodeId> translated;
-        for (const NodeId& id : ids) translated.push_back(translate_inherited(id, number));
+        for (const NodeId& id : ids)
+            translated.push_back(translate_inherited(inherits, id, number));
         return translated;
     }
     [[nodiscard]] std::optional<tql::origin_t> parent_origin() const override {
