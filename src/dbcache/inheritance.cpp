@@ -126,6 +126,7 @@ std::vector<uint8_t> InheritanceChain::read_lob(uint32_t block) const {
 }
 
 const ObjectRecord& InheritanceChain::level(unsigned number) const {
+    error::check(!empty_, "Handles list empty");
     if (number == 0) return object_;
     error::check(number == kParentLevel, "No level {} in an inheritance chain", number);
     if (!parent_ && !parent_failure_) open_parent();

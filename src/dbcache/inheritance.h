@@ -72,6 +72,9 @@ class InheritanceChain final : public PropertyChain {
     /// Opens the object `id` at `handle`, as the open transaction sees it; the null handle stands
     /// for an object that isn't stored yet. Throws mdb::error_generic.
     InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle);
+    /// The empty chain, of something that is no object, as a template: there is nothing to inherit,
+    /// and asking for a level is a fatal assertion.
+    explicit InheritanceChain(Store& store) : store_(store), empty_(true) {}
     InheritanceChain(const InheritanceChain&) = delete;
     InheritanceChain& operator=(const InheritanceChain&) = delete;
 
@@ -90,6 +93,7 @@ class InheritanceChain final : public PropertyChain {
 
     Store& store_;
     NodeId id_;
+    bool empty_ = false;
     ObjectRecord object_;
     mutable std::unique_ptr<ObjectRecord> parent_;
     /// The reason why level 1 can't be opened, once that is known.

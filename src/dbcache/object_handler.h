@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 
@@ -94,6 +95,11 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// Creates a child of the class with `child_schema`; for an object and its groups.
     uint32_t create_child(const tql::id_t& new_id, const NodetypeSchema& child_schema,
                           const tqlengine::WriteArguments& arguments);
+    /// Lists the templates of `child_classes`, nodetypes by class, that `pattern` can match, as
+    /// children of `place`: of this object or one of its groups.
+    void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
+                        tqlengine::TqlObjectHandler& place, const tql::pattern_t& pattern,
+                        tqlengine::HandlerList& out);
     /// Lists the children whose nodetype is in `nodetypes` and that `pattern` can match. Children
     /// of a class that no longer stands under this one are deleted from the store on the way.
     void list_children(const std::set<uint32_t>& nodetypes, const tql::pattern_t& pattern,

@@ -1,11 +1,12 @@
 // Listing the children of an object.
-#include <algorithm>
-
 #include "dbcache/detail/child_walk.h"
+#include "dbcache/detail/level_classes.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/group_handler.h"
 #include "dbcache/mark_index.h"
 #include "dbcache/object_handler.h"
+#include "dbcache/object_view.h"
+#include "dbcache/template_handler.h"
 #include "error/exception.h"
 #include "log/log.h"
 #include "tql/names.h"
@@ -16,32 +17,6 @@ namespace dbcache {
 namespace {
 
 const logging::Logger logger{"dbcache"};
-
-/// The classes that a step, and with the recursive flag what follows it, can match at one level.
-class LevelClasses {
-  public:
-    explicit LevelClasses(const tql::pattern_t& pattern) { collect(pattern); }
-
-    /// False when only templates can match.
-    [[nodiscard]] bool any_stored() const noexcept { return all_ || !classes_.empty(); }
-    [[nodiscard]] bool admits(uint32_t class_number) const noexcept {
-        return all_ || std::find(classes_.begin(), classes_.end(), class_number) != classes_.end();
-    }
-
-  private:
-    void collect(const tql::pattern_t& pattern) {
-        if ((pattern.flags & tql::kPatternTemplates) == 0) {
-            if (pattern.class_ == cls::Any) all_ = true;
-            classes_.push_back(pattern.class_);
-        }
-        if ((pattern.flags & tql::kPatternRecursive) == 0) return;
-        for (const tql::pattern_t& next : pattern.next) collect(next);
-        for (const tql::pattern_t& next : pattern.cond_next) collect(next);
-    }
-
-    bool all_ = false;
-    std::vector<uint32_t> classes_;
-};
 
 /// The value of the step's condition that `property` equals it; null without one. Of a recursive
 /// step the conditions don't hold for all that it leads to.
@@ -68,22 +43,39 @@ void ObjectHandler::tqlChildrenHandlers(tqlengine::HandlerList& out,
     error::check(out.empty(), "Output list not empty upon entry in tqlChildrenHandlres()");
     if (schema_->childrenHook(*this, pattern, out)) return;
     list_groups(pattern, out);
-    // Templates of the admitted classes go here.
+    list_templates(schema_->child_classes(), *this, pattern, out);
     list_children(schema_->direct_children(), pattern, out);
 }
 
 void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
     if (schema_->groups().empty()) return;
-    const LevelClasses classes(pattern);
+    const detail::LevelClasses classes(pattern);
     for (const auto& [group_id, group] : schema_->groups())
-        if (classes.admits(group.tql_class))
+        if (classes.objects().admits(group.tql_class))
             out.emplace_back(new GroupHandler(ObjectHandlerRef(this), group_id));
+}
+
+void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_classes,
+                                   tqlengine::TqlObjectHandler& place,
+                                   const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
+    const detail::LevelClasses classes(pattern);
+    if (classes.templates().empty() || !is_stored()) return;
+    detail::with_faults_as_failures([&] {
+        TemplateHandler::list(
+            {tqlengine::HandlerRef(&place), ObjectHandlerRef(this), store_}, child_classes,
+            classes.templates(),
+            [view = ObjectView(*this)](const NodetypeSchema& schema,
+                                       std::vector<TemplateValues>& templates) {
+                schema.listTemplates(view, templates);
+            },
+            out);
+    });
 }
 
 void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
                                   const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
-    const LevelClasses classes(pattern);
-    if (!classes.any_stored() || !is_stored()) return;
+    const detail::LevelClasses classes(pattern);
+    if (classes.objects().empty() || !is_stored()) return;
     const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
     if (name != nullptr && pattern.class_ != cls::Any) {
         ObjectHandler* found = store_.sibling_index().find(id_.value, pattern.class_, name->value);
@@ -99,7 +91,7 @@ void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
     const auto sort_child = [&](ObjectHandlerRef child) {
         const uint32_t child_nodetype = child->nodetype();
         if (nodetypes.contains(child_nodetype)) {
-            if (classes.admits(child->class_number())) out.push_back(std::move(child));
+            if (classes.objects().admits(child->class_number())) out.push_back(std::move(child));
         } else if (!schema_->all_children().contains(child_nodetype)) {
             strays.push_back(std::move(child));
         }

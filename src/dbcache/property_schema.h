@@ -86,6 +86,17 @@ class PropertySchema {
     /// The value as a query sees it, with the schema's flags and bit 31 for an inherited one.
     [[nodiscard]] virtual std::unique_ptr<tql::property_t> to_tql(
         const work_t& work, const PropertyChain& chain) const = 0;
+    /// The same for a value that a template suggests: a null where none is allowed is logged and
+    /// becomes zero, as in encode().
+    [[nodiscard]] virtual std::unique_ptr<tql::property_t> to_template_tql(
+        const work_t& work, const PropertyChain& chain) const {
+        return to_tql(work, chain);
+    }
+    /// Whether objects that inherit can have the value from their parent; false too for kinds that
+    /// store none.
+    [[nodiscard]] bool is_inheritable() const {
+        return !has(kNoInheritance) && make_stored() != nullptr;
+    }
     /// Adds the object's value to `out`, unless it doesn't apply. `id` is for log lines. A damaged
     /// value is logged and reads as null or zero. Cheapest when `out` has no higher number yet.
     virtual void encode(const PropertyChain& chain, const NodeId& id,

@@ -132,6 +132,15 @@ class PropertySchemaTemplate : public PropertySchema {
         return wire(copy, flag_bits);
     }
 
+    [[nodiscard]] std::unique_ptr<tql::property_t> to_template_tql(
+        const work_t& work, const PropertyChain& chain) const override {
+        if (!work.is_null() || has(kNullable | kComputed)) return to_tql(work, chain);
+        detail::log_missing_value(property, {});
+        Stored zero(property);
+        zero.value = value_type{};
+        return wire(zero, flags);
+    }
+
     void encode(const PropertyChain& chain, const NodeId& id,
                 tql::property_map_t& out) const override {
         if (!applies_now(chain)) return;

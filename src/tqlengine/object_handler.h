@@ -47,6 +47,12 @@ class BasicHandlerRef {
     explicit BasicHandlerRef(Handler* handler) : handler_(handler) {
         if (handler_) handler_->add_reference();
     }
+    /// Takes over a reference to `handler` that is counted already.
+    [[nodiscard]] static BasicHandlerRef adopt(Handler* handler) noexcept {
+        BasicHandlerRef made;
+        made.handler_ = handler;
+        return made;
+    }
     BasicHandlerRef(const BasicHandlerRef& other) : BasicHandlerRef(other.handler_) {}
     BasicHandlerRef(BasicHandlerRef&& other) noexcept
         : handler_(std::exchange(other.handler_, nullptr)) {}
@@ -201,6 +207,11 @@ class TqlObjectHandler {
 
   protected:
     explicit TqlObjectHandler(uint32_t class_number) : class_(class_number) {}
+    struct referenced_t {};
+    static constexpr referenced_t kReferenced{};
+    /// With one reference already, for BasicHandlerRef::adopt(); tqlAddRef isn't called for it.
+    TqlObjectHandler(uint32_t class_number, referenced_t)
+        : class_(class_number), reference_count_(1) {}
     /// For handlers that learn their class while they load.
     void set_class_number(uint32_t class_number) noexcept { class_ = class_number; }
 

@@ -1,0 +1,52 @@
+// Which classes a step of a pattern can match among the children of one object.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "tql/names.h"
+#include "tql/pattern.h"
+
+namespace dbcache::detail {
+
+/// Some classes, or all.
+class ClassSet {
+  public:
+    void insert(uint32_t class_number) {
+        if (class_number == cls::Any) all_ = true;
+        classes_.push_back(class_number);
+    }
+    [[nodiscard]] bool empty() const noexcept { return classes_.empty(); }
+    [[nodiscard]] bool admits(uint32_t class_number) const noexcept {
+        return all_ || std::find(classes_.begin(), classes_.end(), class_number) != classes_.end();
+    }
+
+  private:
+    bool all_ = false;
+    std::vector<uint32_t> classes_;
+};
+
+/// The classes that a step, and with the recursive flag what follows it, can match at one level:
+/// those of objects, and those of templates.
+class LevelClasses {
+  public:
+    explicit LevelClasses(const tql::pattern_t& pattern) { collect(pattern); }
+
+    [[nodiscard]] const ClassSet& objects() const noexcept { return objects_; }
+    [[nodiscard]] const ClassSet& templates() const noexcept { return templates_; }
+
+  private:
+    void collect(const tql::pattern_t& pattern) {
+        const bool of_templates = (pattern.flags & tql::kPatternTemplates) != 0;
+        (of_templates ? templates_ : objects_).insert(pattern.class_);
+        if ((pattern.flags & tql::kPatternRecursive) == 0) return;
+        for (const tql::pattern_t& next : pattern.next) collect(next);
+        for (const tql::pattern_t& next : pattern.cond_next) collect(next);
+    }
+
+    ClassSet objects_;
+    ClassSet templates_;
+};
+
+}  // namespace dbcache::detail
