@@ -210,6 +210,8 @@ void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::patt
     if (pattern.wants(prop::anyOverridden))
         tql::add<tql::property_boolean_t>(out, prop::anyOverridden, any_overridden(chain),
                                           kComputed);
+    if (pattern.wants(prop::hasInherits) && schema_->lookupProperty(prop::inherits, subtype_))
+        tql::add<tql::property_boolean_t>(out, prop::hasInherits, chain.hasParent(), kComputed);
 }
 
 bool ObjectHandler::any_overridden(const InheritanceChain& chain) const {
@@ -218,7 +220,8 @@ bool ObjectHandler::any_overridden(const InheritanceChain& chain) const {
         if (!entry.applies_to(subtype_) || entry.schema->has(kConst | kNoInheritance)) continue;
         work_t work;
         entry.schema->load(chain, work);
-        if (!work.is_inherited()) return true;
+        // What stores no value has none of its own either.
+        if (!work.is_inherited() && entry.schema->is_inheritable()) return true;
     }
     return false;
 }

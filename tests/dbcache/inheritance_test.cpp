@@ -1,3 +1,6 @@
+#include "dbcache/inheritance.h"
+
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include "support/test_store.h"
@@ -39,11 +42,13 @@ TEST_F(InheritanceTest, TakingAParentInheritsAllThatIsNotGivenInTheSameRequest) 
     const NodeId model = folder("model", {text(prop::label, "M"), number(prop::order, 9)});
     const NodeId heir = folder("heir", {text(prop::label, "H"), number(prop::order, 1)});
     EXPECT_EQ(shown(heir, prop::anyOverridden), "false") << "without a parent";
+    EXPECT_EQ(shown(heir, prop::hasInherits), "false");
     world.update(heir, {object(prop::inherits, model), number(prop::order, 2)});
     EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
     EXPECT_EQ(shown(heir, prop::order), "2");
     EXPECT_EQ(shown(heir, prop::name), "\"heir\"");
     EXPECT_EQ(shown(heir, prop::anyOverridden), "true");
+    EXPECT_EQ(shown(heir, prop::hasInherits), "true");
     world.update(heir, {inherit(prop::order)});
     EXPECT_EQ(shown(heir, prop::order), "9 inherited");
     EXPECT_EQ(shown(heir, prop::anyOverridden), "false");
@@ -107,7 +112,55 @@ TEST_F(InheritanceTest, RefusalsAndAMissingParent) {
     world.remove(model);
     // The copies stay readable; only what needs the parent anew can't be had.
     EXPECT_EQ(shown(heir, prop::label), "\"M\" inherited");
-    EXPECT_EQ(failure([&] { world.update(heir, {}); }).substr(0, 3), "10 ");
+    world.log.clear();
+    EXPECT_EQ(failure([&] { world.update(heir, {}); }),
+              "10 afterUpdate cannot set property label to be inherited");
+    EXPECT_EQ(world.log.at(0),
+              fmt::format("[dbcache] [warning] Error locating inheritance parent {} to object {}: "
+                          "Object was deleted",
+                          model, heir));
     world.update(heir, {null_object(prop::inherits)});
     EXPECT_EQ(shown(heir, prop::label), "\"M\"");
+}
+
+TEST_F(InheritanceTest, AFieldWithoutRecordReadsThroughToTheParent) {
+    const NodeId nowhere{7, 7};
+    const NodeId heir = folder("heir");
+    // What the class has gained since an object was written has no record in it: as if the object
+    // were not stored yet.
+    dbcache::InheritanceChain chain(*world.store, heir, {});
+    const dbcache::NodetypeSchema& schema = world.schemas.get(nodetype::Domain);
+    const auto read = [&](uint32_t property) {
+        tql::property_map_t out;
+        schema.properties()[schema.findProperty(property, 0)].schema->encode(chain, heir, out);
+        const tql::property_t& value = *out.at(property);
+        return (value.is_null ? "null" : value.print()) +
+               ((value.flags & tql::kFlagInherited) != 0 ? " inherited" : "");
+    };
+    EXPECT_EQ(read(prop::label), "null");
+    EXPECT_EQ(read(prop::order), "5");
+    chain.override_parent(folder("model", {text(prop::label, "M"), number(prop::order, 9)}));
+    EXPECT_EQ(read(prop::label), "\"M\" inherited");
+    EXPECT_EQ(read(prop::order), "9 inherited");
+    EXPECT_EQ(read(prop::type), "1") << "not inheritable";
+    world.log.clear();
+    chain.override_parent(nowhere);
+    EXPECT_EQ(read(prop::order), "5");
+    EXPECT_EQ(read(prop::label), "null");
+    mdb::PropertyString label(prop::label);
+    const auto failure_at_level_1 = [&] {
+        try {
+            static_cast<void>(chain.read(1, label));
+        } catch (const dbcache::EInheritance& failure) {
+            return failure.text();
+        }
+        return std::string();
+    };
+    EXPECT_EQ(failure_at_level_1(), "No parent: No object with id 7.7");
+    EXPECT_EQ(world.log, std::vector<std::string>{fmt::format(
+                             "[dbcache] [warning] Error locating inheritance parent 7.7 to object "
+                             "{}: No object with id 7.7",
+                             heir)});
+    chain.override_parent({});
+    EXPECT_EQ(failure_at_level_1(), "No inheritance parent: Inherits is null");
 }

@@ -28,6 +28,7 @@ inline constexpr dbcache::PropertyRow kFolderRows[] = {
     {.number = prop::label, .kind = dbcache::kind_t::string, .flags = dbcache::N},
     {.number = prop::order, .kind = dbcache::kind_t::u32, .initial = 5},
     {.number = prop::alertGroup, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X, .classes = kFolderOnly, .own_domains_only = true},
+    {.number = prop::resetScore, .kind = dbcache::kind_t::action},
     {.number = prop::type, .kind = dbcache::kind_t::u32, .flags = dbcache::C | dbcache::X, .initial = 1},
 };
 inline constexpr dbcache::PropertyRow kLeafRows[] = {
