@@ -16,6 +16,7 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr uint32_t kIgnoredSomething = 16;  // status of a create or update that worked
+constexpr uint32_t kTemplate = 2;           // flag of an object that could be created
 /// Results are walked by recursion; a tree of objects deeper than this is not told.
 constexpr size_t kMaxResultDepth = 2000;
 
@@ -47,6 +48,9 @@ ordered_json node_to_json(const tql::result_t& node, size_t depth) {
     if (!node.tags.empty()) object["tags"] = node.tags;
     if (node.origin != tql::origin_t()) object["origin"] = origin_to_json(node.origin);
     object["properties"] = values_to_json(node.properties);
+    if (ordered_json inherited = inherited_to_json(node.properties); !inherited.empty())
+        object["inherited"] = std::move(inherited);
+    if ((node.flags & kTemplate) != 0) object["settable"] = settable_to_json(node.properties);
     if (!node.children.empty()) {
         ordered_json& children = object["children"] = ordered_json::array();
         for (const tql::result_t& child : node.children)

@@ -163,6 +163,33 @@ tql::value_t read_form(uint32_t property, const json& form) {
     return read_as(property, kind, *value);
 }
 
+/// {"inherit": true}
+tql::value_t read_inherit_request(uint32_t property, const json& form) {
+    const json& wish = form.at("inherit");
+    if (form.size() != 1 || !wish.is_boolean() || !wish.get<bool>())
+        refuse_form(property, "\"inherit\" must be true and stand alone");
+    // The request has no payload, so any kind will do where none is usual.
+    const tql::property_row_t* row = tql::find_property_row(property);
+    value_kind_t kind = row == nullptr ? value_kind_t{} : row->usual_kind;
+    if (kind.type == property_type_t::none) kind.type = property_type_t::string;
+    tql::value_t request = tql::make_null(property, kind);
+    request->flags = tql::kFlagInherited;
+    return request;
+}
+
+std::string name_of(uint32_t property) {
+    const tql::property_row_t* row = tql::find_property_row(property);
+    return row == nullptr ? std::to_string(property) : std::string(row->name);
+}
+
+template <class Predicate>
+ordered_json names_where(const tql::property_map_t& values, Predicate&& holds) {
+    ordered_json names = ordered_json::array();
+    for (const auto& [property, value] : values)
+        if (holds(*value)) names.push_back(name_of(property));
+    return names;
+}
+
 ordered_json payload_to_json(const tql::property_t& value) {
     if (value.is_null) return nullptr;
     return tql::visit_kind(value, [&]<class Kind>(const Kind& kind) -> ordered_json {
@@ -192,6 +219,8 @@ ordered_json payload_to_json(const tql::property_t& value) {
 }  // namespace
 
 tql::value_t value_from_json(uint32_t property, const json& json_value) {
+    if (json_value.is_object() && json_value.contains("inherit"))
+        return read_inherit_request(property, json_value);
     if (json_value.is_object()) return read_form(property, json_value);
     const tql::property_row_t* row = tql::find_property_row(property);
     if (row == nullptr || row->usual_kind.type == property_type_t::none)
@@ -229,12 +258,21 @@ ordered_json value_to_json(const tql::property_t& value) {
 
 ordered_json values_to_json(const tql::property_map_t& values) {
     ordered_json object = ordered_json::object();
-    for (const auto& [number, value] : values) {
-        const tql::property_row_t* row = tql::find_property_row(number);
-        object[row == nullptr ? std::to_string(number) : std::string(row->name)] =
-            value_to_json(*value);
-    }
+    for (const auto& [number, value] : values) object[name_of(number)] = value_to_json(*value);
     return object;
+}
+
+ordered_json inherited_to_json(const tql::property_map_t& values) {
+    return names_where(values, [](const tql::property_t& value) {
+        return (value.flags & tql::kFlagInherited) != 0;
+    });
+}
+
+ordered_json settable_to_json(const tql::property_map_t& values) {
+    return names_where(values, [](const tql::property_t& value) {
+        return (value.flags & tql::kFlagComputed) == 0 && value.property != prop::parentId &&
+               value.type() != property_type_t::action;
+    });
 }
 
 }  // namespace wapi

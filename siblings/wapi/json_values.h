@@ -13,7 +13,8 @@
 //
 // Each property has a usual kind. A value of another one has the form {"type": "uint", "value": 5},
 // an enumeration {"type": "enum", "enumeration": "Status", "value": "Alert"}. On the way in a text
-// in the form of the command line will do for every kind. Nothing here knows requests or answers.
+// in the form of the command line will do for every kind, and {"inherit": true} asks for the value
+// of the inheritance parent. Nothing here knows requests or answers.
 #pragma once
 
 #include <cstdint>
@@ -38,5 +39,12 @@ namespace wapi {
 
 /// Values by name, in order of their numbers. A number without name is its own name.
 [[nodiscard]] nlohmann::ordered_json values_to_json(const tql::property_map_t& values);
+
+/// The names of the values that are inherited, in order of their numbers.
+[[nodiscard]] nlohmann::ordered_json inherited_to_json(const tql::property_map_t& values);
+
+/// The names of those values of a template that a create takes: not what the server computes, not
+/// actions, and not the parent, which a create tells in a field of its own.
+[[nodiscard]] nlohmann::ordered_json settable_to_json(const tql::property_map_t& values);
 
 }  // namespace wapi

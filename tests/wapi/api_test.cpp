@@ -141,14 +141,17 @@ TEST(ApiAnswers, AResultIsATree) {
     node.children[0].id = {1, 18};
     // What isn't UTF-8 must not spoil the whole answer.
     tql::add<tql::property_string_t>(node.children[0].properties, prop::name, "gw\xff");
+    tql::add<tql::property_string_t>(node.properties, prop::label, "L", tql::kFlagInherited);
     dbms::Return_Tql_Select_Data returned;
     returned.res.push_back(node);
     const wapi::Response answer = wapi::answer(returned);
     EXPECT_EQ(answer.status, 200U);
-    EXPECT_EQ(answer.body,
-              R"({"results":[{"id":"1.17","class":"Domain","version":"5.6","properties":{},)"
-              R"("children":[{"id":"1.18","class":"Node","version":"0.0","flags":2,"tags":[7],)"
-              "\"properties\":{\"name\":\"gw\xEF\xBF\xBD\"}}]}]}");
+    EXPECT_EQ(
+        answer.body,
+        R"({"results":[{"id":"1.17","class":"Domain","version":"5.6","properties":{"label":"L"},)"
+        R"("inherited":["label"],)"
+        R"("children":[{"id":"1.18","class":"Node","version":"0.0","flags":2,"tags":[7],)"
+        "\"properties\":{\"name\":\"gw\xEF\xBF\xBD\"},\"settable\":[\"name\"]}]}]}");
 }
 
 TEST(ApiAnswers, WritesTellIdAndVersion) {

@@ -107,6 +107,36 @@ TEST(JsonValues, TheUsualKindNeedsNoForm) {
     EXPECT_TRUE(wapi::value_from_json(prop::label, nullptr)->is_null);
 }
 
+TEST(JsonValues, InheritedValuesAreToldAndAskedFor) {
+    tql::property_map_t map;
+    tql::add<tql::property_string_t>(map, prop::label, "Lab", tql::kFlagInherited);
+    tql::add<tql::property_uint_t>(map, prop::checkinFrequency, 30, tql::kFlagNullable);
+    tql::add_null<tql::property_uint_t>(map, 9999, tql::kFlagInherited | tql::kFlagNullable);
+    EXPECT_EQ(wapi::inherited_to_json(map).dump(), R"(["label","9999"])");
+
+    const auto values = wapi::values_from_json(
+        json::parse(R"({"label": {"inherit": true}, "checkinFrequency": {"inherit": true},
+                        "inherits": "1.7"})"));
+    for (const tql::value_t& value : values) {
+        SCOPED_TRACE(tql::property_name(value->property));
+        const bool asks = value->property != prop::inherits;
+        EXPECT_EQ(value->flags, asks ? tql::kFlagInherited : 0U);
+        EXPECT_EQ(value->is_null, asks);
+    }
+    // A property without a usual kind can be inherited as well.
+    EXPECT_EQ(wapi::value_from_json(9999, {{"inherit", true}})->flags, tql::kFlagInherited);
+}
+
+TEST(JsonValues, OfATemplateACreateTakesWhatTheServerDoesNotMake) {
+    tql::property_map_t map;
+    tql::add_null<tql::property_object_t>(map, prop::parentId, tql::kFlagNullable);
+    tql::add<tql::property_string_t>(map, prop::name, "", tql::kFlagPrimaryKey);
+    tql::add<tql::property_string_t>(map, prop::treeLabel, "Add Node", tql::kFlagComputed);
+    tql::add_null<tql::property_action_t>(map, prop::resetScore);
+    tql::add<tql::property_uint_t>(map, prop::snmpPort, 161);
+    EXPECT_EQ(wapi::settable_to_json(map).dump(), R"(["name","snmpPort"])");
+}
+
 TEST(JsonValues, WrongValuesNameTheProperty) {
     struct Wrong {
         const char* text;
@@ -143,6 +173,10 @@ TEST(JsonValues, WrongValuesNameTheProperty) {
          "label: a value of type \"enum\" also needs \"enumeration\""},
         {R"({"label": {"type": "enum", "enumeration": "Mood", "value": 1}})",
          errors::ERR_ILLEGAL_TYPE, "label: \"Mood\" is no enumeration"},
+        {R"({"label": {"inherit": false}})", errors::ERR_ILLEGAL_TYPE,
+         "label: \"inherit\" must be true and stand alone"},
+        {R"({"label": {"inherit": true, "value": "a"}})", errors::ERR_ILLEGAL_TYPE,
+         "label: \"inherit\" must be true and stand alone"},
     };
     for (const Wrong& row : rows) {
         SCOPED_TRACE(row.text);
