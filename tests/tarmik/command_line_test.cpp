@@ -35,13 +35,15 @@ TEST(TreeView, PrintsATreeForPeople) {
             {"id": "1.18", "class": "Node", "properties": {"name": "a\n\u001b[31m"}, "children": [
                 {"id": "", "class": "Info", "properties": {}}]},
             {"id": "1.19", "class": "Node", "properties": {"label": null, "ids": ["1.2", "1.3"],
-                "x": {"type": "uint", "value": 5}}}]},
+                "x": {"type": "uint", "value": 5}}, "inherited": ["label", "x"]},
+            {"id": "1.17", "class": "Node", "flags": 2, "properties": {}}]},
         {"id": "1.20", "class": "View"}])");
     EXPECT_EQ(cli::tree_text(results, false),
               "Domain 1.17  name=\"branch\" active=true\n"
               "├─ Node 1.18  name=\"a\\n\\u001b[31m\"\n"
               "│  └─ Info\n"
-              "└─ Node 1.19  label=null ids=[\"1.2\", \"1.3\"] x=5\n"
+              "├─ Node 1.19  label=null (inherited) ids=[\"1.2\", \"1.3\"] x=5 (inherited)\n"
+              "└─ Node# 1.17\n"
               "View 1.20\n");
     EXPECT_EQ(cli::tree_text(ordered_json::parse(R"([{"id": "1.2", "class": "View"}])"), true),
               "\x1b[1mView\x1b[0m \x1b[2m1.2\x1b[0m\n");
@@ -144,6 +146,81 @@ TEST_F(ShellTest, CommandsAskTheGateway) {
             R"(/api/v1/delete {"id":"1.5"})",
             R"(/api/v1/select {"pattern":"Domain{name = \"a\"} > Node","roots":["1.5","1.6"]})",
             "/api/v1/classes null"));
+}
+
+TEST_F(ShellTest, InheritanceIsTakenAndGivenBack) {
+    EXPECT_EQ(run("create Check --parent 1.5 --inherits 1.7 name=a"), 0);
+    api.answers = {{200, R"({"id": "1.5", "version": "2.4"})"}};
+    EXPECT_EQ(run("update 1.5 --reset label --reset port frequency=60 --inherits 1.8"), 0);
+    EXPECT_THAT(
+        api.asked,
+        testing::ElementsAre(
+            R"(/api/v1/create {"class":"Check","parent":"1.5","properties":{"inherits":"1.7","name":"a"}})",
+            R"(/api/v1/update {"id":"1.5","properties":{"frequency":"60","inherits":"1.8","label":{"inherit":true},"port":{"inherit":true}}})"));
+    api.asked.clear();
+    for (const char* wrong : {"update 1.5 --reset label label=a", "update 1.5 --reset a --reset a",
+                              "update 1.5 --inherits 1.7 inherits=1.8", "update 1.5 --reset"}) {
+        SCOPED_TRACE(wrong);
+        EXPECT_EQ(run(wrong), 2);
+        EXPECT_NE(err, "");
+    }
+    EXPECT_TRUE(api.asked.empty());
+}
+
+/// What the gateway tells of two templates of paths under a user, and with `plan` of another one.
+std::string templates_answer(const std::string& plan = "") {
+    return R"({"results": [{"id": "1.5", "class": "User", "properties": {}, "children": [
+        {"id": "1.5", "class": "AlertPath", "flags": 2,
+         "properties": {"name": "mail", "method": "Email", "order": {"type": "int", "value": 1},
+                        "siblingName": "template:1", "treeLabel": "Add path"},
+         "settable": ["name", "method", "order"]},
+        {"id": "1.5", "class": "AlertPath", "flags": 2,
+         "properties": {"name": "sms", "siblingName": "template:2", "treeLabel": "Add path"},
+         "settable": ["name"]})" +
+           plan + "]}]}";
+}
+
+TEST_F(ShellTest, TemplatesAreListedAndCreatedFrom) {
+    const std::string plan = R"(, {"id": "1.5", "class": "Plan", "flags": 2,
+        "properties": {"name": null, "treeLabel": "Add\u001b plan"}, "settable": ["name"]})";
+    api.answers.assign(3, {200, templates_answer()});
+    api.answers.front().second = templates_answer(plan);
+    EXPECT_EQ(run("templates 1.5"), 0);
+    EXPECT_EQ(out, "AlertPath 1  Add path\nAlertPath 2  Add path\nPlan 1  Add\\u001b plan\n");
+    EXPECT_EQ(run("templates 1.5 AlertPath"), 0);
+    EXPECT_THAT(out, testing::StartsWith("AlertPath 1  Add path\n  name=\"mail\"\n  "
+                                         "method=\"Email\"\n  order=1\nAlertPath 2"));
+    EXPECT_EQ(api.asked[0], R"(/api/v1/select {"pattern":".$ > .#!","roots":["1.5"]})");
+    EXPECT_EQ(api.asked[1], R"(/api/v1/select {"pattern":".$ > AlertPath#!","roots":["1.5"]})");
+    api.asked.clear();
+
+    EXPECT_EQ(run("create AlertPath --parent 1.5 --template template:1 name=x"), 0);
+    ASSERT_EQ(api.asked.size(), 2U);
+    EXPECT_EQ(api.asked[1], R"(/api/v1/create {"class":"AlertPath","parent":"1.5","properties":)"
+                            R"({"method":"Email","name":"x","order":{"type":"int","value":1}}})");
+    api.answers.assign(1, {200, templates_answer()});
+    // A number is that within the class, unless a template has it for a name.
+    EXPECT_EQ(run("create AlertPath --parent 1.5 --template 1 --output json"), 0);
+    EXPECT_THAT(api.asked[3], testing::HasSubstr("\"mail\""));
+}
+
+TEST_F(ShellTest, TemplatesThatAreNotThereAreTold) {
+    api.answers.assign(2, {200, templates_answer()});
+    EXPECT_EQ(run("create AlertPath --parent 1.5 --template 3"), 2);
+    EXPECT_EQ(err,
+              "tarmik: There is no template \"3\" here; there are:\nAlertPath 1  Add path\n"
+              "AlertPath 2  Add path\n");
+    EXPECT_EQ(run("create AlertPath --parent 1.5 --template 'Add path'"), 2);
+    EXPECT_THAT(err, testing::StartsWith("tarmik: More than one template \"Add path\" here;"));
+    EXPECT_EQ(api.asked.size(), 2U) << "nothing was created";
+    api.answers = {{200, R"({"results": []})"},
+                   {200, R"({"results": [{"id": "1.5", "class": "User", "properties": {}}]})"}};
+    EXPECT_EQ(run("templates 1.6"), 4);
+    EXPECT_EQ(err, "tarmik: There is no object 1.6\n");
+    EXPECT_EQ(run("templates 1.5"), 0);
+    EXPECT_EQ(out + err, "There are no templates here\n");
+    EXPECT_EQ(run("templates 1.5 Nonsense"), 2);
+    EXPECT_EQ(api.asked.size(), 4U);
 }
 
 TEST_F(ShellTest, ExitCodesTellWhatHappened) {

@@ -29,6 +29,7 @@ struct Parsed {
     std::string url = kDefaultUrl;
     std::string output = "text";
     SelectArguments select;
+    TemplatesArguments templates;
     ChangeArguments change;
     std::string load_path;
     std::string config_path;
@@ -61,6 +62,12 @@ void add_read_commands(CLI::App& app, Parsed& parsed) {
         ->add_option("--root", parsed.select.roots,
                      "Object to begin at instead of the root of the tree")
         ->allow_extra_args(false);
+    CLI::App* templates =
+        command(app, "templates", "Lists what the server suggests to create under an object");
+    templates->add_option("parent", parsed.templates.parent, "Object under which it would stand")
+        ->required();
+    templates->add_option("class", parsed.templates.class_name,
+                          "Class of templates to show with their values");
     command(app, "classes", "Lists the classes of objects");
     command(app, "properties", "Lists the properties with their types");
 }
@@ -71,8 +78,15 @@ void add_write_commands(CLI::App& app, Parsed& parsed) {
     create->add_option("--parent", parsed.change.parent, "Object under which it stands")
         ->required();
     create->add_option("--id", parsed.change.id, "Id of the new object instead of a fresh one");
+    create->add_option("--template", parsed.change.template_name,
+                       "Template to take the other values from: its name, label or number as "
+                       "\"templates\" lists it");
     CLI::App* update = command(app, "update", "Changes an object and prints its new version");
     update->add_option("id", parsed.change.id, "Object to change")->required();
+    update
+        ->add_option("--reset", parsed.change.reset,
+                     "Property that takes the inherited value again; may stand several times")
+        ->allow_extra_args(false);
     CLI::App* remove = command(app, "delete", "Deletes an object and all below it");
     remove->add_option("id", parsed.change.id, "Object to delete")->required();
     for (CLI::App* change : {update, remove})
@@ -80,6 +94,8 @@ void add_write_commands(CLI::App& app, Parsed& parsed) {
                            "Version that the object must still have; without it, the present one");
     for (CLI::App* change : {create, update}) {
         change->add_option("values", parsed.change.assignments, kAssignmentHelp);
+        change->add_option("--inherits", parsed.change.inherits,
+                           "Object to inherit from: values that are not given come from there");
         change->add_flag("--ignore-unknown", parsed.change.ignore_unknown,
                          "Pass over properties that the class does not have");
     }
@@ -136,6 +152,8 @@ void add_offline_commands(CLI::App& app, Parsed& parsed) {
 bool run_api_command(const CLI::App& app, const Parsed& parsed, Commands& commands) {
     if (app.got_subcommand("select"))
         commands.select(parsed.select);
+    else if (app.got_subcommand("templates"))
+        commands.templates(parsed.templates);
     else if (app.got_subcommand("create"))
         commands.create(parsed.change);
     else if (app.got_subcommand("update"))
@@ -292,8 +310,8 @@ int run_shell_command(std::vector<std::string> words, Api& api, const Output& ou
 }
 
 std::vector<std::string> shell_commands() {
-    return {"classes", "create",     "delete", "exit",  "help",
-            "load",    "properties", "select", "update"};
+    return {"classes", "create",     "delete", "exit",      "help",
+            "load",    "properties", "select", "templates", "update"};
 }
 
 }  // namespace cli

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tarmik/assignments.h"
+#include "tarmik/templates.h"
 #include "tarmik/tree_view.h"
 #include "tql/query_text.h"
 
@@ -43,6 +44,20 @@ void print_names(const Output& output, const ordered_json& answer, const char* l
     }
 }
 
+void add_value(json& values, const std::string& name, json value) {
+    if (values.contains(name))
+        throw CommandError(kUsage, fmt::format("Property {} is given twice", name));
+    values[name] = std::move(value);
+}
+
+/// The assignments, and what the options say of inheritance.
+json read_values(const ChangeArguments& arguments) {
+    json values = read_assignments(arguments.assignments);
+    if (arguments.inherits) add_value(values, "inherits", *arguments.inherits);
+    for (const std::string& name : arguments.reset) add_value(values, name, {{"inherit", true}});
+    return values;
+}
+
 void remark_ignored(const Output& output, const ordered_json& answer) {
     if (answer.contains("ignored_properties"))
         output.remark("Some properties were ignored: the class does not have them\n");
@@ -61,10 +76,24 @@ void Commands::select(const SelectArguments& arguments) {
     output_.print(tree_text(results, output_.colored));
 }
 
+void Commands::templates(const TemplatesArguments& arguments) {
+    const ordered_json answer = ask_templates(api_, arguments.parent, arguments.class_name);
+    if (output_.json) return output_.print(json_line(answer));
+    const std::string text = templates_text(answer, !arguments.class_name.empty());
+    if (text.empty()) output_.remark("There are no templates here\n");
+    output_.print(text);
+}
+
 void Commands::create(const ChangeArguments& arguments) {
+    const json given = read_values(arguments);
+    json values = json::object();
+    if (arguments.template_name)
+        values = template_values(ask_templates(api_, arguments.parent, arguments.class_name),
+                                 *arguments.template_name);
+    values.update(given);
     json body{{"class", arguments.class_name},
               {"parent", arguments.parent},
-              {"properties", read_assignments(arguments.assignments)}};
+              {"properties", std::move(values)}};
     if (!arguments.id.empty()) body["id"] = arguments.id;
     if (arguments.ignore_unknown) body["ignore_unknown"] = true;
     const ordered_json answer = api_.post("/api/v1/create", body);
@@ -73,7 +102,7 @@ void Commands::create(const ChangeArguments& arguments) {
 }
 
 void Commands::update(const ChangeArguments& arguments) {
-    json body{{"id", arguments.id}, {"properties", read_assignments(arguments.assignments)}};
+    json body{{"id", arguments.id}, {"properties", read_values(arguments)}};
     if (arguments.version) body["version"] = *arguments.version;
     if (arguments.ignore_unknown) body["ignore_unknown"] = true;
     const ordered_json answer = api_.post("/api/v1/update", body);

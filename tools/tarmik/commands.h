@@ -40,6 +40,14 @@ struct ChangeArguments {
     std::optional<std::string> version;
     std::vector<std::string> assignments;
     bool ignore_unknown = false;
+    std::optional<std::string> inherits;  ///< object to inherit from
+    std::vector<std::string> reset;       ///< properties of an update that become inherited again
+    std::optional<std::string> template_name;  ///< of a create that starts from a template
+};
+
+struct TemplatesArguments {
+    std::string parent;
+    std::string class_name;  ///< empty: all, and only their names
 };
 
 class Commands {
@@ -49,6 +57,8 @@ class Commands {
 
     /// Prints the tree of results.
     void select(const SelectArguments& arguments);
+    /// Lists the templates under an object; those of one class with their values.
+    void templates(const TemplatesArguments& arguments);
     /// Prints the id of the new object.
     void create(const ChangeArguments& arguments);
     /// Prints the new version.

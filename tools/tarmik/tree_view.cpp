@@ -1,5 +1,6 @@
 #include "tarmik/tree_view.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 namespace cli {
@@ -15,6 +16,9 @@ constexpr const char* kPlain = "\x1b[0m";
 /// How much of a text is shown; the whole value is in --output json.
 constexpr size_t kShownBytes = 200;
 
+/// Flag of an object that could be created.
+constexpr unsigned kTemplate = 2;
+
 std::string shortened(std::string text) {
     if (text.size() <= kShownBytes) return text;
     size_t end = kShownBytes;
@@ -22,7 +26,57 @@ std::string shortened(std::string text) {
     return text.substr(0, end) + "...";
 }
 
-/// As JSON, but without the envelope of values that are not of the usual kind.
+class TreeWriter {
+  public:
+    TreeWriter(std::string& out, bool colored) : out_(out), colored_(colored) {}
+
+    void write(const ordered_json& node, const std::string& lead, const std::string& below) {
+        out_ += lead;
+        const bool is_template = (node.value("flags", 0U) & kTemplate) != 0;
+        paint(kBold, node.value("class", "?") + (is_template ? "#" : ""));
+        const std::string id = node.value("id", "");
+        if (!id.empty()) {
+            out_ += ' ';
+            paint(kDim, id);
+        }
+        write_values(node);
+        out_ += '\n';
+        const auto children = node.find("children");
+        if (children == node.end()) return;
+        for (size_t i = 0; i < children->size(); ++i) {
+            const bool last = i + 1 == children->size();
+            write((*children)[i], below + (last ? "└─ " : "├─ "), below + (last ? "   " : "│  "));
+        }
+    }
+
+  private:
+    void write_values(const ordered_json& node) {
+        const auto values = node.find("properties");
+        if (values == node.end()) return;
+        const ordered_json inherited = node.value("inherited", ordered_json::array());
+        std::string_view gap = "  ";
+        for (const auto& [name, value] : values->items()) {
+            out_ += gap;
+            gap = " ";
+            paint(kDim, name + "=");
+            out_ += value_text(value);
+            if (std::find(inherited.begin(), inherited.end(), name) != inherited.end())
+                paint(kDim, " (inherited)");
+        }
+    }
+
+    void paint(const char* color, const std::string& text) {
+        if (colored_) out_ += color;
+        out_ += text;
+        if (colored_) out_ += kPlain;
+    }
+
+    std::string& out_;
+    bool colored_;
+};
+
+}  // namespace
+
 std::string value_text(const ordered_json& value) {
     if (value.is_object() && value.contains("value")) return value_text(value["value"]);
     if (value.is_string())
@@ -38,47 +92,10 @@ std::string value_text(const ordered_json& value) {
     return text + "]";
 }
 
-class TreeWriter {
-  public:
-    TreeWriter(std::string& out, bool colored) : out_(out), colored_(colored) {}
-
-    void write(const ordered_json& node, const std::string& lead, const std::string& below) {
-        out_ += lead;
-        paint(kBold, node.value("class", "?"));
-        const std::string id = node.value("id", "");
-        if (!id.empty()) {
-            out_ += ' ';
-            paint(kDim, id);
-        }
-        std::string_view gap = "  ";
-        if (const auto values = node.find("properties"); values != node.end())
-            for (const auto& [name, value] : values->items()) {
-                out_ += gap;
-                gap = " ";
-                paint(kDim, name + "=");
-                out_ += value_text(value);
-            }
-        out_ += '\n';
-        const auto children = node.find("children");
-        if (children == node.end()) return;
-        for (size_t i = 0; i < children->size(); ++i) {
-            const bool last = i + 1 == children->size();
-            write((*children)[i], below + (last ? "└─ " : "├─ "), below + (last ? "   " : "│  "));
-        }
-    }
-
-  private:
-    void paint(const char* color, const std::string& text) {
-        if (colored_) out_ += color;
-        out_ += text;
-        if (colored_) out_ += kPlain;
-    }
-
-    std::string& out_;
-    bool colored_;
-};
-
-}  // namespace
+std::string shown_text(const std::string& text) {
+    const std::string quoted = value_text(text);
+    return quoted.substr(1, quoted.size() - 2);
+}
 
 std::string tree_text(const ordered_json& results, bool colored) {
     std::string text;
