@@ -19,8 +19,6 @@ namespace {
 
 const logging::Logger logger{"dbcache"};
 
-constexpr uint32_t kOldestFormat = 6;
-
 /// Properties of the sequence object alone, which no client sees.
 constexpr uint32_t kRingSequence = 2900;
 constexpr uint32_t kFormatNumber = 2901;
@@ -76,16 +74,6 @@ void store_sequence(const Store::Parts& parts, const Sequence& sequence) {
     writer.add(mdb::PropertyUint64(kRingSequence, sequence.ring_sequence));
     writer.add(mdb::PropertyUint32(kFormatNumber, sequence.format));
     store_durably(parts, find_place(parts, kSequenceId).value_or(mdb::block_handle_t{}));
-}
-
-void check_format(uint32_t format) {
-    if (format < kOldestFormat)
-        throw error::EFatal(
-            "Database format older than 3.0.3, please upgrade to Tarmik 3.0.3 first.");
-    if (format < kDatabaseFormat)
-        throw error::EFatal(fmt::format(
-            "Database format {} has to be converted to {} first, which this server can't do yet.",
-            format, kDatabaseFormat));
 }
 
 // ---- root object -------------------------------------------------------------------------------

@@ -36,9 +36,6 @@ void ensure_root(const Store::Parts& parts);
 /// blocks with objects. Needs the root object. Throws error::syserror.
 void check_indexes(const Store::Parts& parts, uint32_t format);
 
-/// Throws error::EFatal for a database of a format that this server doesn't take.
-void check_format(uint32_t format);
-
 /// Makes the objects 0.512 and 0.513 if they aren't there, under the version of `context`. No
 /// transaction may be open. Fatal assertions where something else has their ids.
 void ensure_cluster_config(Store& store, tqlengine::RequestContext& context);

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "dbcache/bootstrap.h"
+#include "dbcache/format_conversion.h"
 #include "dbcache/resolver.h"
 #include "dbcache/schema/declare_all.h"
 #include "dbcache/schema_table.h"
@@ -11,6 +12,7 @@
 #include "dbcache/version_source.h"
 #include "dbms/main_loop.h"
 #include "error/exception.h"
+#include "io/exception.h"
 #include "io/sibling_messenger.h"
 #include "log/channels.h"
 #include "log/log.h"
@@ -72,6 +74,20 @@ std::optional<uint64_t> last_ring_sequence(queues::childqueue& queue) {
     const auto found = fields.vars.find("last_ring_seq");
     if (found == fields.vars.end()) return std::nullopt;
     return util::parse_number<uint64_t>(found->second);
+}
+
+/// For an object that had none before: its incidents, one record a second, the last 102,400 of
+/// them. None when the time series store doesn't run.
+std::optional<uint32_t> create_incident_series(queues::childqueue& queue) {
+    const tsdb::time_series_layout_t layout{tsdb::incident, {{102'400, 1}}};
+    try {
+        return queues::create_time_series(&queue, layout);
+    } catch (const error::EFatal& gone) {
+        logger.warning("No time series yet, the first incident makes it: {}", gone.text());
+    } catch (const io::EEndOfStream& gone) {
+        logger.warning("No time series yet, the first incident makes it: {}", gone.text());
+    }
+    return std::nullopt;
 }
 
 void announce(queues::childqueue& queue) {
@@ -149,7 +165,8 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     tqlengine::Engine engine;
     engine.add_resolver(store.resolver());
     engine.set_reparentable_classes(schemas.reparentable_classes());
-    dbcache::check_format(sequence.format);
+    dbcache::convert_format(parts, sequence, [&] { return create_incident_series(queue); });
+    dbcache::prime_mark_lists(parts);
     store.resolver().resume();
     database.journal().journal_checkpoint();
     logger.info("Caches primed");
