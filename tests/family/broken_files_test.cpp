@@ -7,71 +7,15 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "main/config.h"
+#include "hosted_server.h"
 #include "mdb/database.h"
 #include "mdb/format.h"
 #include "platform/file.h"
 #include "processes.h"
-#include "queues/records/control.h"
 #include "running_family.h"
-#include "scripted_family.h"
 
 namespace family {
 namespace {
-
-using namespace queues;
-
-constexpr queue_t kServer = queue_t::dbms;
-
-/// A database and its journal, and the means to break them.
-struct Files {
-    explicit Files(const support::TempDir& dir)
-        : database(dir.file("world.odb")), journal(dir.file("world.odbj")) {}
-    std::string database, journal;
-};
-
-/// The server and the little of a main process that it needs to start and stop.
-class HostedServer {
-  public:
-    explicit HostedServer(const Files& files) : config_(mainprocess::default_config("").server) {
-        config_.dbms_odb_file_path = files.database;
-        config_.dbms_odbj_file_path = files.journal;
-    }
-
-    /// True once the server says that it is ready, false when it has ended before.
-    bool start() {
-        up_ = false;
-        family_.start_program(kServer, RunningFamily::program("dbms"));
-        family_.serve_until([&] { return answer_all() && (up_ || !family_.running(kServer)); });
-        return up_;
-    }
-    platform::ExitStatus stop() {
-        family_.queue().send(devent<SYS_EXIT>(
-            kServer, 0, {.reason = 0, .requested_by = queue_t::main, .error_msg = {}}));
-        return wait_for_end();
-    }
-    platform::ExitStatus wait_for_end() {
-        family_.serve_until([&] { return answer_all() && !family_.running(kServer); });
-        return family_.wait_for_end(kServer);
-    }
-    [[nodiscard]] std::string errors() const { return family_.errors(kServer); }
-
-  private:
-    bool answer_all() {
-        while (const auto received = family_.take_event()) {
-            if (received->number() == INIT_OK) up_ = true;
-            if (received->number() == REQUEST_SERVER_CONFIGURATION)
-                family_.queue().send(devent<SERVER_CONFIGURATION>(kServer, received->uid, config_));
-            if (received->number() == REQUEST_SERVER_VARIABLE_FIELDS)
-                family_.queue().send(devent<RETURN_SERVER_VARIABLE_FIELDS>(kServer, received->uid));
-        }
-        return true;
-    }
-
-    control::Server_Configuration_Fields config_;
-    ScriptedFamily family_{1U << 20};
-    bool up_ = false;
-};
 
 /// A database in which the server has been: root, indexes and settings, brought to the file by an
 /// orderly stop.
