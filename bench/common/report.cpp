@@ -52,12 +52,14 @@ std::string Report::figures_line(const Row& row) const {
 std::string Report::ratio_line(const Row& row) const {
     const auto own = median(subjects_.front(), row.key);
     std::string line = fmt::format("{:<{}}", "  ours is ... of it", kTitleWidth + kColumnWidth);
+    bool compared = false;
     for (size_t i = 1; i < subjects_.size(); ++i) {
         const auto other = median(subjects_[i], row.key);
+        compared |= own && other;
         line += fmt::format("{:>{}}", own && other ? fmt::format("{:.2f}x", *own / *other) : "",
                             kColumnWidth);
     }
-    return line + "\n";
+    return compared ? line + "\n" : "";
 }
 
 std::string Report::aim_text(const Row& row, const Aim& aim) const {

@@ -25,7 +25,7 @@ struct Row {
     /// What is measured, with its unit.
     std::string title;
     better_t better = better_t::more;
-    std::vector<Aim> aims;
+    std::vector<Aim> aims{};
     int decimals = 0;
 };
 

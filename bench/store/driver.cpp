@@ -1,12 +1,11 @@
 #include "store/driver.h"
 
 #include <array>
-#include <filesystem>
 #include <fmt/format.h>
 #include <functional>
 #include <stdexcept>
-#include <stdlib.h>
 
+#include "common/folder.h"
 #include "platform/file.h"
 
 namespace bench {
@@ -14,24 +13,6 @@ namespace bench {
 namespace {
 
 constexpr double kMiB = 1 << 20;
-
-class Folder {
-  public:
-    explicit Folder(const std::string& base) : path_(base + "/tarmik-bench-XXXXXX") {
-        if (::mkdtemp(path_.data()) == nullptr)
-            throw std::runtime_error("cannot make a folder in " + base);
-    }
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    [[nodiscard]] const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
 
 void expect(bool held, const char* what) {
     if (!held) throw std::runtime_error(fmt::format("wrong result: {}", what));

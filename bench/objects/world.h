@@ -1,0 +1,71 @@
+// A database with the object layer on top, put together as the server does it, in a folder of the
+// disk to be measured.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "dbcache/bootstrap.h"
+#include "dbcache/resolver.h"
+#include "dbcache/schema_table.h"
+#include "dbcache/store.h"
+#include "dbcache/version_source.h"
+#include "mdb/database.h"
+#include "mdb/index.h"
+#include "mdb/object_store.h"
+#include "platform/clock.h"
+#include "tql/property.h"
+#include "tqlengine/engine.h"
+#include "tqlengine/request_context.h"
+
+namespace bench {
+
+using Values = std::vector<tql::value_t>;
+
+[[nodiscard]] tql::value_t text(uint32_t property, std::string value);
+[[nodiscard]] tql::value_t number(uint32_t property, uint32_t value);
+[[nodiscard]] tql::value_t flag(uint32_t property, bool value);
+[[nodiscard]] tql::value_t reference(uint32_t property, const NodeId& id);
+
+class World {
+  public:
+    /// Makes the files in `folder`. The caches have the sizes that the server has by itself.
+    explicit World(const std::string& folder);
+
+    /// Each write is a request of its own. It is flushed before it returns while `durable`.
+    void set_durable(bool durable) { durable_ = durable; }
+    NodeId create(const NodeId& parent, uint32_t class_number, const Values& values);
+    void update(const NodeId& id, const Values& values);
+    void remove(const NodeId& id);
+    /// All properties; gives how many there are.
+    size_t read(const NodeId& id);
+    /// The ids of the result's nodes when `query` is asked at `root`.
+    [[nodiscard]] std::vector<NodeId> select(const NodeId& root, const std::string& query);
+
+    [[nodiscard]] dbcache::DbcacheIdResolver& resolver() { return store_.resolver(); }
+
+  private:
+    struct Format {
+        Format(platform::FileSystem& files, const std::string& folder);
+        mdb::Settings settings;
+    };
+
+    void write(const std::function<void(tqlengine::RequestContext&)>& request);
+
+    platform::SystemFiles files_;
+    platform::SystemClock clock_;
+    dbcache::SchemaTable schemas_;
+    Format format_;
+    mdb::Database database_;
+    mdb::IndexTable indexes_;
+    mdb::ObjectStore objects_;
+    dbcache::Store::Parts parts_;
+    dbcache::VersionSource versions_;
+    /// Last: it begins with an object and its indexes in place.
+    dbcache::Store store_;
+    tqlengine::Engine engine_;
+    bool durable_ = false;
+};
+
+}  // namespace bench
