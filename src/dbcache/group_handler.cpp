@@ -27,8 +27,7 @@ tql::id_t GroupHandler::tqlId() const {
 
 void GroupHandler::tqlChildrenHandlers(tqlengine::HandlerList& out, const tql::pattern_t& pattern) {
     error::check(out.empty(), "Output list not empty upon entry in tqlChildrenHandlres()");
-    parent_->list_templates(group().child_classes, *this, pattern, out);
-    parent_->list_children(group().children, pattern, out);
+    parent_->list_children(group().child_classes, group().children, *this, pattern, out);
 }
 
 void GroupHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {

@@ -95,7 +95,7 @@ found_t ObjectRecord::read(mdb::Property& property) const {
 // ---- InheritanceChain --------------------------------------------------------------------------
 
 InheritanceChain::InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle)
-    : store_(store), id_(id) {
+    : store_(store), id_(id), handle_(handle) {
     if (!handle.is_null()) store_.read_record(handle, object_);
 }
 
@@ -110,6 +110,12 @@ NodeId InheritanceChain::inherits() const {
         inherits_ = object_.read(stored) == found_t::value ? stored.value : NodeId{};
     }
     return *inherits_;
+}
+
+const PropertyChain& InheritanceChain::stored() const {
+    if (!override_) return *this;
+    if (!stored_) stored_ = std::make_unique<InheritanceChain>(store_, id_, handle_);
+    return *stored_;
 }
 
 void InheritanceChain::override_parent(const NodeId& parent) {

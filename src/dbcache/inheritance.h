@@ -80,6 +80,8 @@ class InheritanceChain final : public PropertyChain {
 
     found_t read(unsigned level, mdb::Property& property) const override;
     [[nodiscard]] NodeId inherits() const override;
+    /// Opens the object a second time where there is an override.
+    [[nodiscard]] const PropertyChain& stored() const override;
     /// Reads the file, whatever the cache holds.
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override;
 
@@ -93,6 +95,7 @@ class InheritanceChain final : public PropertyChain {
 
     Store& store_;
     NodeId id_;
+    mdb::block_handle_t handle_{};
     bool empty_ = false;
     ObjectRecord object_;
     mutable std::unique_ptr<ObjectRecord> parent_;
@@ -100,6 +103,7 @@ class InheritanceChain final : public PropertyChain {
     mutable std::optional<std::string> parent_failure_;
     mutable std::optional<NodeId> inherits_;
     std::optional<NodeId> override_;
+    mutable std::unique_ptr<InheritanceChain> stored_;
 };
 
 }  // namespace dbcache

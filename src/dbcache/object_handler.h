@@ -31,6 +31,10 @@ class ObjectStore;
 
 namespace dbcache {
 
+namespace detail {
+class ClassSet;
+}
+
 class InheritanceChain;
 
 /// A number of a nodetype as objects store it in property 3.
@@ -95,15 +99,13 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// Creates a child of the class with `child_schema`; for an object and its groups.
     uint32_t create_child(const tql::id_t& new_id, const NodetypeSchema& child_schema,
                           const tqlengine::WriteArguments& arguments);
-    /// Lists the templates of `child_classes`, nodetypes by class, that `pattern` can match, as
-    /// children of `place`: of this object or one of its groups.
-    void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
-                        tqlengine::TqlObjectHandler& place, const tql::pattern_t& pattern,
-                        tqlengine::HandlerList& out);
-    /// Lists the children whose nodetype is in `nodetypes` and that `pattern` can match. Children
-    /// of a class that no longer stands under this one are deleted from the store on the way.
-    void list_children(const std::set<uint32_t>& nodetypes, const tql::pattern_t& pattern,
-                       tqlengine::HandlerList& out);
+    /// Lists the children whose nodetype is in `nodetypes` and that `pattern` can match, and ahead
+    /// of them the templates of `child_classes`, nodetypes by class, as children of `place`: of
+    /// this object or one of its groups. Children of a class that no longer stands under this one
+    /// are deleted from the store on the way.
+    void list_children(const std::map<uint32_t, uint32_t>& child_classes,
+                       const std::set<uint32_t>& nodetypes, tqlengine::TqlObjectHandler& place,
+                       const tql::pattern_t& pattern, tqlengine::HandlerList& out);
 
     /// Gets the image of a stored object; changes it by update_property() and remove_property().
     using ImageChange = std::function<void(mdb::ObjectStore&, mdb::dobj&)>;
@@ -142,6 +144,11 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
                        tql::property_map_t& out) const;
     [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
     void list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out);
+    void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
+                        const detail::ClassSet& classes, tqlengine::TqlObjectHandler& place,
+                        tqlengine::HandlerList& out);
+    void list_stored(const std::set<uint32_t>& nodetypes, const detail::ClassSet& classes,
+                     const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void discard_strays(const std::vector<ObjectHandlerRef>& strays);
     /// Revalidates what stands below this object.
     void revalidate_children(tqlengine::RevalidationFailures& failures) {

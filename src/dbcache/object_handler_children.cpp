@@ -43,8 +43,7 @@ void ObjectHandler::tqlChildrenHandlers(tqlengine::HandlerList& out,
     error::check(out.empty(), "Output list not empty upon entry in tqlChildrenHandlres()");
     if (schema_->childrenHook(*this, pattern, out)) return;
     list_groups(pattern, out);
-    list_templates(schema_->child_classes(), *this, pattern, out);
-    list_children(schema_->direct_children(), pattern, out);
+    list_children(schema_->child_classes(), schema_->direct_children(), *this, pattern, out);
 }
 
 void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
@@ -55,15 +54,24 @@ void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::Handle
             out.emplace_back(new GroupHandler(ObjectHandlerRef(this), group_id));
 }
 
-void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_classes,
-                                   tqlengine::TqlObjectHandler& place,
-                                   const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
+void ObjectHandler::list_children(const std::map<uint32_t, uint32_t>& child_classes,
+                                  const std::set<uint32_t>& nodetypes,
+                                  tqlengine::TqlObjectHandler& place, const tql::pattern_t& pattern,
+                                  tqlengine::HandlerList& out) {
+    if (!is_stored()) return;
     const detail::LevelClasses classes(pattern);
-    if (classes.templates().empty() || !is_stored()) return;
+    if (!classes.templates().empty())
+        list_templates(child_classes, classes.templates(), place, out);
+    if (!classes.objects().empty()) list_stored(nodetypes, classes.objects(), pattern, out);
+}
+
+void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_classes,
+                                   const detail::ClassSet& classes,
+                                   tqlengine::TqlObjectHandler& place,
+                                   tqlengine::HandlerList& out) {
     detail::with_faults_as_failures([&] {
         TemplateHandler::list(
-            {tqlengine::HandlerRef(&place), ObjectHandlerRef(this), store_}, child_classes,
-            classes.templates(),
+            {tqlengine::HandlerRef(&place), ObjectHandlerRef(this), store_}, child_classes, classes,
             [view = ObjectView(*this)](const NodetypeSchema& schema,
                                        std::vector<TemplateValues>& templates) {
                 schema.listTemplates(view, templates);
@@ -72,10 +80,9 @@ void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_cla
     });
 }
 
-void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
-                                  const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
-    const detail::LevelClasses classes(pattern);
-    if (classes.objects().empty() || !is_stored()) return;
+void ObjectHandler::list_stored(const std::set<uint32_t>& nodetypes,
+                                const detail::ClassSet& classes, const tql::pattern_t& pattern,
+                                tqlengine::HandlerList& out) {
     const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
     if (name != nullptr && pattern.class_ != cls::Any) {
         ObjectHandler* found = store_.sibling_index().find(id_.value, pattern.class_, name->value);
@@ -91,7 +98,7 @@ void ObjectHandler::list_children(const std::set<uint32_t>& nodetypes,
     const auto sort_child = [&](ObjectHandlerRef child) {
         const uint32_t child_nodetype = child->nodetype();
         if (nodetypes.contains(child_nodetype)) {
-            if (classes.objects().admits(child->class_number())) out.push_back(std::move(child));
+            if (classes.admits(child->class_number())) out.push_back(std::move(child));
         } else if (!schema_->all_children().contains(child_nodetype)) {
             strays.push_back(std::move(child));
         }

@@ -170,6 +170,11 @@ void UpdateOperation::apply_subtype_properties() {
         assign(*index, *value);
         schema_.properties()[*index].schema->validate(view_, chain_, work_[*index]);
     }
+    // The parent may have become something else since, or be another one now.
+    const auto entries = schema_.properties();
+    for (size_t i = 0; i < entries.size(); ++i)
+        if (entries[i].determines_subtype && work_[i].is_inherited())
+            entries[i].schema->validate(view_, chain_, work_[i]);
 }
 
 void UpdateOperation::apply_properties() {

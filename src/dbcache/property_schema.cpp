@@ -68,7 +68,7 @@ void PropertySchema::fetch_inherited(const SchemaObject& object, const PropertyC
 void PropertySchema::check_const(const SchemaObject& /*object*/, const PropertyChain& chain,
                                  const work_t& work) const {
     work_t old;
-    load(chain, old);
+    load(chain.stored(), old);
     const bool flags_differ = ((old.flags ^ work.flags) & ~kStateSpareBit) != 0;
     if (!flags_differ && old.is_null() == work.is_null() && compare(old, work) == 0) return;
     throw errors::tql(errors::ERR_CONST_PROPERTY,

@@ -54,6 +54,8 @@ class PropertyChain {
     /// The value of `inherits`, of the object or of an update in progress; null when there is none.
     [[nodiscard]] virtual NodeId inherits() const = 0;
     [[nodiscard]] bool hasParent() const { return !inherits().is_null(); }
+    /// The chain without the parent that an update in progress gives the object.
+    [[nodiscard]] virtual const PropertyChain& stored() const { return *this; }
 
     /// The whole large object that begins at `block`; throws mdb::error_generic when it can't be
     /// read.

@@ -164,3 +164,65 @@ TEST_F(InheritanceTest, AFieldWithoutRecordReadsThroughToTheParent) {
     chain.override_parent({});
     EXPECT_EQ(failure_at_level_1(), "No inheritance parent: Inherits is null");
 }
+
+namespace {
+
+// clang-format off
+constexpr uint32_t kSecond[] = {1};
+constexpr dbcache::PropertyRow kVariedRows[] = {
+    {.number = prop::name, .kind = dbcache::kind_t::string, .flags = dbcache::K | dbcache::X},
+    {.number = prop::inherits, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X, .classes = kFolderOnly},
+    {.number = prop::type, .kind = dbcache::kind_t::u32, .initial = 0, .determines_subtype = true},
+    {.number = prop::comment, .kind = dbcache::kind_t::string, .flags = dbcache::N, .subtypes = kSecond},
+    {.number = prop::description, .kind = dbcache::kind_t::string, .flags = dbcache::N | dbcache::C},
+};
+// clang-format on
+
+/// Folders of two subtypes, which can be inherited.
+class VariedSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
+  public:
+    VariedSchema()
+        : TableSchema({.nodetype = nodetype::Domain,
+                       .tql_class = cls::Domain,
+                       .properties = kVariedRows,
+                       .children = kFolderChildren}) {}
+    uint32_t subtypeFromChain(const dbcache::PropertyChain& chain) const override {
+        dbcache::work_t type;
+        properties()[*subtypeProperty(prop::type)].schema->load(chain, type);
+        return static_cast<const mdb::PropertyUint32&>(*type.prop).value;
+    }
+    uint32_t subtypeFromWork(const dbcache::WorkArray& work) const override {
+        return static_cast<const mdb::PropertyUint32&>(*work[*subtypeProperty(prop::type)].prop)
+            .value;
+    }
+};
+
+}  // namespace
+
+TEST(InheritedSubtype, DecidesAnewWithEachWrite) {
+    TestStore world(TestStore::Sizes{}, [](dbcache::SchemaTable& table) {
+        table.registerSchema(std::make_unique<VariedSchema>());
+        table.seal();
+    });
+    const NodeId model =
+        world.create(kRootId, cls::Domain,
+                     {text(prop::name, "model"), number(prop::type, 1), text(prop::comment, "M"),
+                      text(prop::description, "never to change")});
+    const NodeId heir = world.create(kRootId, cls::Domain, {text(prop::name, "heir")});
+    EXPECT_EQ(world.value(heir, prop::comment), "-");
+    world.update(heir, {object(prop::inherits, model), text(prop::comment, "own")});
+    EXPECT_EQ(world.value(heir, prop::type), "1");
+    EXPECT_EQ(world.value(heir, prop::comment), "\"own\"");
+    EXPECT_EQ(world.value(heir, prop::description), "null") << "const, and had no value";
+    const NodeId other = world.create(kRootId, cls::Domain,
+                                      {text(prop::name, "other"), object(prop::inherits, model)});
+    EXPECT_EQ(world.value(other, prop::comment), "\"M\"");
+
+    world.update(model, {number(prop::type, 0)});
+    EXPECT_EQ(failure([&] { world.update(other, {text(prop::comment, "late")}); }),
+              "7 Attempted update of unknown property \"comment\"");
+    world.update(other, {});
+    EXPECT_EQ(world.value(other, prop::type), "0");
+    EXPECT_EQ(world.value(other, prop::comment), "-");
+    EXPECT_EQ(world.fault(), "");
+}
