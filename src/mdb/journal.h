@@ -84,7 +84,8 @@ class Journal {
     void transaction_begin();
     /// Commits the innermost transaction. An inner one must be asynchronous. The outermost one is,
     /// on return, visible in the cache and survives the death of the process, and unless
-    /// `asynchronous` also a power cut.
+    /// `asynchronous` also a power cut, as does then every commit before it, even if this one wrote
+    /// nothing.
     void transaction_end(bool asynchronous);
     /// Undoes the innermost transaction, then calls the abort hook.
     void transaction_abort();

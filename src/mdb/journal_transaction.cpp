@@ -122,6 +122,8 @@ void Journal::transaction_end(bool asynchronous) {
     if (transaction_fill_ == layout::kBeginSize) {
         transaction_fill_ = 0;
         observer_->transaction_merged();
+        // Who changed nothing, as all was as wanted already, may rely on that as much as others.
+        if (!asynchronous) make_commits_durable();
         return;
     }
     guarded([this, asynchronous] { commit(asynchronous); });

@@ -87,6 +87,11 @@ class SimDisk::OpenFile final : public platform::File {
             if (durable) record_failed_sync();
             throw error::ESystemError("write", disk_.failure_.code);
         }
+        const uint64_t room = std::max<uint64_t>(disk_.most_file_bytes_, content_->bytes.size());
+        if (disk_.most_file_bytes_ != 0 && offset + length > room) {
+            if (offset < room) put(data, room - offset, offset, DiskOp::kind_t::write);
+            throw error::ESystemError("write", ENOSPC);
+        }
         put(data, length, offset, kind);
     }
     void record_failed_sync() {
@@ -131,6 +136,7 @@ void SimDisk::load(const DiskImage& image) {
     }
     log_.clear();
     failure_ = {};
+    most_file_bytes_ = 0;
     has_failed_ = cut_ = false;
     cut_in_ = 0;
 }

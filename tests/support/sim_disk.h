@@ -107,6 +107,9 @@ class SimDisk final : public platform::FileSystem {
     void fail(const DiskFailure& failure) { failure_ = failure; }
     /// The `n`-th call from now that changes or syncs, and every one after it, fails with EIO.
     void fail_at(uint64_t n);
+    /// The disk is full: no file grows beyond `length` bytes until this is called with 0. A write
+    /// that would puts what has room and fails with ENOSPC.
+    void set_most_file_bytes(uint64_t length) { most_file_bytes_ = length; }
     /// True when a call has failed by fail().
     [[nodiscard]] bool failed() const { return has_failed_; }
     /// The name of that call.
@@ -147,6 +150,7 @@ class SimDisk final : public platform::FileSystem {
     DiskImage base_;
     std::vector<DiskOp> log_;
     DiskFailure failure_;
+    uint64_t most_file_bytes_ = 0;
     bool has_failed_ = false;
     std::string failed_call_;
     uint64_t changing_calls_ = 0;

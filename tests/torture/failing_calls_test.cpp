@@ -192,7 +192,8 @@ void sweep(FailingCalls& calls, std::string_view name, bool all) {
 }
 
 TEST_P(FailingCall, LosesNothing) {
-    FailingCalls calls(torture::get_workload(GetParam()));
+    const Workload workload = torture::get_workload(GetParam());
+    FailingCalls calls(workload);
     for (const std::string_view name : kCalls) sweep(calls, name, true);
     // Reads are many.
     sweep(calls, "read", all_calls_asked());

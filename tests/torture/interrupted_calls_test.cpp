@@ -80,7 +80,7 @@ class Disturbed : public testing::TestWithParam<std::string> {
 };
 
 TEST_P(Disturbed, CallsLeaveTheSameFiles) {
-    const Workload& workload = torture::get_workload(GetParam());
+    const Workload workload = torture::get_workload(GetParam());
     const auto undisturbed = std::make_shared<FaultyCalls>();
     const Files wanted = run(workload, undisturbed);
     ASSERT_FALSE(wanted.first.empty());

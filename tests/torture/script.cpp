@@ -1,8 +1,10 @@
 #include <span>
 
 #include "error/exception.h"
+#include "mdb/header_layout.h"
 #include "mdb/large_object.h"
 #include "mdb/property_types.h"
+#include "util/byte_order.h"
 #include "workload.h"
 
 namespace torture {
@@ -15,7 +17,7 @@ void add_id(mdb::Serializer& serializer, uint32_t property, NodeId value) {
 
 }  // namespace
 
-Script::Script(platform::FileSystem& files, const support::SimDisk* record, const Setup& setup,
+Script::Script(platform::FileSystem& files, support::SimDisk* record, const Setup& setup,
                History& history)
     : files_(files), record_(record), setup_(setup), history_(history), levels_(1) {}
 
@@ -28,6 +30,39 @@ void Script::format(bool force) {
     options.capacity_bytes = setup_.capacity;
     options.force = force;
     mdb::format_database(files_, options);
+    if (setup_.journal_block != 0) move_journal_into_file();
+}
+
+/// Such a database is made by nobody any more, but opened.
+void Script::move_journal_into_file() {
+    namespace layout = mdb::header_layout;
+    const auto database = files_.open(kDatabase);
+    const auto journal = files_.open(kJournal);
+    mdb::Header old;
+    static_cast<void>(database->read_at(old.data(), mdb::Header::kSize, 0));
+    mdb::Header::Blank blank;
+    blank.block_size = setup_.block_size;
+    // One word of the header says where the layout area is and where the journal begins.
+    blank.layout_offset = setup_.journal_block;
+    blank.roots = {old.index_root(0), old.index_root(1)};
+    blank.map_start = old.map_start();
+    blank.first_data_block = old.first_data_block();
+    mdb::Header header = mdb::Header::make(blank);
+    util::store_be32(header.data() + layout::journal_type, layout::kJournalInFile);
+    std::vector<std::byte> bytes(journal->size());
+    const auto blocks = static_cast<uint32_t>(bytes.size() / setup_.block_size);
+    util::store_be32(header.data() + layout::journal_place, blocks);
+    header.verify();
+    static_cast<void>(journal->read_at(bytes.data(), bytes.size(), 0));
+    const uint64_t place = uint64_t{setup_.journal_block} * setup_.block_size;
+    database->write_at(bytes.data(), bytes.size(), place);
+    // A mark by which nobody takes the blocks.
+    const std::vector<std::byte> marks(blocks, static_cast<std::byte>(mdb::mark_t::lob));
+    const uint64_t map = uint64_t{old.map_start()} * setup_.block_size;
+    database->write_at(marks.data(), marks.size(), map + setup_.journal_block);
+    database->write_at(header.data(), mdb::Header::kSize, 0);
+    database->sync_data();
+    files_.remove(kJournal);
 }
 
 void Script::format_recorded(bool force) {
@@ -44,7 +79,7 @@ void Script::open() {
     close();
     mdb::Settings settings;
     settings.database_path = kDatabase;
-    settings.journal_path = kJournal;
+    settings.journal_path = setup_.journal_block == 0 ? kJournal : "";
     settings.buffer_blocks = setup_.buffer_blocks;
     // A second in which nothing was flushed yet, as the journal sees it.
     clock_.advance_us(1'000'000);
@@ -219,6 +254,15 @@ void Script::drop_index(uint32_t n) {
 
 void Script::pass_time(uint64_t ms) {
     clock_.advance_us(ms * 1000);
+}
+
+void Script::limit_growth(std::optional<uint64_t> bytes) {
+    error::check(record_ != nullptr, "Only a simulated disk can be full");
+    record_->set_most_file_bytes(bytes ? database_->store().file_length() + *bytes : 0);
+}
+
+void Script::abort_all() {
+    while (in_transaction()) abort();
 }
 
 Run::Run(const Workload& workload, support::SimDisk& disk) : workload_(workload), disk_(disk) {}

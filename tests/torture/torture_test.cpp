@@ -8,9 +8,11 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "explorer.h"
 #include "log/log.h"
+#include "support/rng.h"
 #include "workload.h"
 
 namespace {
@@ -29,6 +31,7 @@ constexpr uint64_t kShare = 1;
 constexpr uint64_t kFewestStates = 100'000;
 #endif
 constexpr uint64_t kSecondEvery = 1500;
+constexpr uint64_t kRandomPerRound = 8;
 
 uint64_t asked(const char* name, uint64_t otherwise) {
     const char* text = std::getenv(name);
@@ -52,11 +55,17 @@ void print(const std::string& name, const Tally& tally, uint64_t seed) {
               << std::endl;
 }
 
-/// All workloads up to the first with a fault, or the one that is asked for.
-Tally explore_all(const Effort& effort) {
+/// The workload that is asked for, or all.
+std::vector<Workload> chosen_workloads() {
+    if (!asked_workload().empty()) return {torture::get_workload(asked_workload())};
+    return torture::all_workloads();
+}
+
+/// The workloads up to the first with a fault.
+Tally explore_all(const std::vector<Workload>& workloads, const Effort& effort) {
     Tally all;
-    for (const Workload& workload : torture::all_workloads()) {
-        if (!asked_workload().empty() && workload.name != asked_workload()) continue;
+    for (const Workload& workload : workloads) {
+        if (effort.over()) break;
         Tally tally;
         Explorer(workload, effort, tally, report).run();
         print(workload.name, tally, effort.seed);
@@ -81,7 +90,7 @@ TEST_F(Torture, WorkloadsSurviveEveryCrash) {
     effort.draws = asked("TORTURE_DRAWS", effort.draws);
     effort.share = asked("TORTURE_SHARE", kShare);
     effort.second_every = asked("TORTURE_SECOND_EVERY", kSecondEvery * kShare);
-    const Tally tally = explore_all(effort);
+    const Tally tally = explore_all(chosen_workloads(), effort);
     if (asked_workload().empty() && effort.share == kShare) {
         EXPECT_GE(tally.states + tally.second_states, kFewestStates);
     }
@@ -96,8 +105,22 @@ TEST_F(Torture, OneState) {
     std::optional<torture::Address> then;
     if (std::getenv("TORTURE_THEN_POINT") != nullptr)
         then = {asked("TORTURE_THEN_POINT", 0), asked("TORTURE_THEN_STATE", 0)};
-    Explorer(torture::get_workload(asked_workload()), effort, tally, report)
+    const Workload workload = torture::get_workload(asked_workload());
+    Explorer(workload, effort, tally, report)
         .run_one({asked("TORTURE_POINT", 0), asked("TORTURE_STATE", 0)}, then);
+}
+
+/// Those of one round of the long run: in an order of its own, so that a run that ends early has
+/// been at others than the last one, and with workloads that no other round has.
+std::vector<Workload> workloads_of_round(uint64_t seed) {
+    std::vector<Workload> workloads = chosen_workloads();
+    if (!asked_workload().empty()) return workloads;
+    for (uint64_t n = 0; n < kRandomPerRound; ++n)
+        workloads.push_back(torture::random_workload(seed * kRandomPerRound + n + 1000));
+    support::Rng rng(seed);
+    for (size_t n = workloads.size(); n > 1; --n)
+        std::swap(workloads[n - 1], workloads[rng.below(n)]);
+    return workloads;
 }
 
 // Rounds over all workloads, each with a seed of its own, until the time is over.
@@ -112,7 +135,7 @@ TEST_F(Torture, LongRun) {
     effort.second_draws = 20;
     Tally all;
     for (effort.seed = asked("TORTURE_SEED", 1); !effort.over() && all.faults == 0; ++effort.seed) {
-        const Tally round = explore_all(effort);
+        const Tally round = explore_all(workloads_of_round(effort.seed), effort);
         all.points += round.points;
         all.states += round.states;
         all.second_states += round.second_states;

@@ -4,7 +4,8 @@
 // one of whose calls fails.
 //
 //   SimDisk disk;
-//   Run run(get_workload("objects"), disk);
+//   const Workload workload = get_workload("objects");
+//   Run run(workload, disk);
 //   run.prepare();          // makes the database; nothing is recorded of it
 //   run.work();             // throws what the store throws when a call fails or the power is cut
 //   ... disk.restart() or disk.load(an image that a cut left)
@@ -105,6 +106,9 @@ struct Setup {
     /// Dropping an index leaves the blocks of its tree behind.
     bool drops_indexes = false;
     bool large_objects = false;
+    /// The first block of a journal that lies in the database file, 24 or above; 0: a file of its
+    /// own.
+    uint32_t journal_block = 0;
 };
 
 class Script;
@@ -118,13 +122,16 @@ struct Workload {
 };
 
 [[nodiscard]] const std::vector<Workload>& all_workloads();
-/// Throws error::EFatal for a name that is none.
-[[nodiscard]] const Workload& get_workload(std::string_view name);
+/// One of these, or random_workload(N) for "random_N". Throws error::EFatal for a name that is
+/// none.
+[[nodiscard]] Workload get_workload(std::string_view name);
+/// A setup and operations that are all drawn by `seed`.
+[[nodiscard]] Workload random_workload(uint64_t seed);
 
 /// The operations of a workload: each is done to the store and to the model.
 class Script {
   public:
-    Script(platform::FileSystem& files, const support::SimDisk* record, const Setup& setup,
+    Script(platform::FileSystem& files, support::SimDisk* record, const Setup& setup,
            History& history);
     Script(const Script&) = delete;
     Script& operator=(const Script&) = delete;
@@ -154,6 +161,11 @@ class Script {
     /// Takes an index out of the header; it is made anew by the next open().
     void drop_index(uint32_t n);
     void pass_time(uint64_t ms);
+    /// From now on the database file can grow by so many bytes only; none: as it likes. Needs a
+    /// simulated disk.
+    void limit_growth(std::optional<uint64_t> bytes);
+    /// Aborts all transactions that are open.
+    void abort_all();
 
     [[nodiscard]] const Setup& setup() const { return setup_; }
     [[nodiscard]] const Model& model() const { return levels_.back(); }
@@ -161,13 +173,16 @@ class Script {
     [[nodiscard]] mdb::Database& database() { return *database_; }
     [[nodiscard]] mdb::IndexTable& indexes() { return *indexes_; }
     [[nodiscard]] mdb::ObjectStore& objects() { return *objects_; }
+    /// Transactions that are open.
+    [[nodiscard]] size_t depth() const { return levels_.size() - 1; }
+    [[nodiscard]] bool in_transaction() const { return depth() > 0; }
     [[nodiscard]] bool is_open() const { return database_ != nullptr; }
     /// True when open() has come to its end.
     [[nodiscard]] bool is_ready() const { return ready_; }
 
   private:
     [[nodiscard]] size_t now() const { return record_ == nullptr ? 0 : record_->log().size(); }
-    [[nodiscard]] bool in_transaction() const { return levels_.size() > 1; }
+    void move_journal_into_file();
     void one(const std::function<void()>& operation);
     void put(NodeId id, const Values& values, uint32_t large_block);
     void note_second();
@@ -175,7 +190,7 @@ class Script {
     [[nodiscard]] mdb::block_handle_t place(NodeId id);
 
     platform::FileSystem& files_;
-    const support::SimDisk* record_;
+    support::SimDisk* record_;
     Setup setup_;
     History& history_;
     support::FakeClock clock_;

@@ -12,6 +12,8 @@ namespace torture {
 
 namespace {
 
+constexpr std::string_view kRandomPrefix = "random_";
+
 NodeId number(uint32_t n) {
     return {1, n};
 }
@@ -193,6 +195,11 @@ void mixed_commits(Script& script) {
         script.commit(round % 6 != 0);
         if (round % 4 == 0) script.pass_time(600);
         if (round % 5 == 0) script.remove(number(round - 2));
+        if (round % 6 == 2) {
+            // Changes nothing, and is acknowledged as durable, with all before it.
+            script.begin();
+            script.commit(false);
+        }
     }
 }
 
@@ -330,6 +337,41 @@ void reformat(Script& script) {
     script.commit(false);
 }
 
+/// The disk is full, in the middle of a block, for objects and for large ones; then it isn't any
+/// more.
+void full_disk(Script& script) {
+    script.open();
+    script.create(number(1), child("with an image"));
+    for (uint32_t round = 0; round < 4; ++round) {
+        script.limit_growth(600 + 900 * round);
+        bool full = false;
+        for (uint32_t n = 0; !full; ++n) {
+            error::check(n < 40, "The disk was never full");
+            try {
+                if (round % 2 == 0)
+                    script.create(number(10 + 20 * round + n), child(std::string(800, 'f')));
+                else
+                    script.set_large(number(1), large(4000 * (n + 1), 'F'));
+            } catch (const mdb::error_dbnospace&) {
+                script.abort_all();
+                full = true;
+            }
+        }
+        if (round == 1) script.open();
+        script.limit_growth({});
+        script.update(number(1), child("room again"));
+        script.begin();
+        script.create(number(100 + round), child(std::string(900, 'r')));
+        script.commit(false);
+    }
+}
+
+/// The journal is a region of the file: one sync is for both, and the file grows behind it.
+void journal_in_file(Script& script) {
+    large_objects(script);
+    growth(script);
+}
+
 std::vector<Workload> make_workloads() {
     // A quarter of a half has to have room for the largest transaction.
     const Setup usual;
@@ -346,6 +388,8 @@ std::vector<Workload> make_workloads() {
     cramped.buffer_blocks = 1;
     Setup large_journal;
     large_journal.journal_size = 256 * 1024;
+    Setup in_file = with_large;
+    in_file.journal_block = 24;
     return {
         {"objects", usual, start, objects},
         {"nested", cramped, start, nested},
@@ -360,6 +404,11 @@ std::vector<Workload> make_workloads() {
         {"large_objects", with_large, start, large_objects},
         {"large_objects_freed_first", two_map_blocks, start, large_objects_freed_first},
         {"large_objects_after_others", with_large, start, large_objects_after_others},
+        {"full_disk", with_large, start, full_disk},
+        {"journal_in_file", in_file, start, journal_in_file},
+        random_workload(1),
+        random_workload(2),
+        random_workload(3),
         {"splits", large_journal, tree_before_root_split, splits},
         {"middle_splits", large_journal, tree_of_few_leaves, middle_splits},
         {"emptying", large_journal, tree_of_three_levels, emptying},
@@ -375,9 +424,11 @@ const std::vector<Workload>& all_workloads() {
     return workloads;
 }
 
-const Workload& get_workload(std::string_view name) {
+Workload get_workload(std::string_view name) {
     for (const Workload& workload : all_workloads())
         if (workload.name == name) return workload;
+    if (name.starts_with(kRandomPrefix))
+        return random_workload(std::stoull(std::string(name.substr(kRandomPrefix.size()))));
     throw error::EFatal(fmt::format("No workload has the name {}", name));
 }
 
