@@ -57,6 +57,9 @@ inline constexpr uint32_t index_position = 8;
 inline constexpr uint32_t index_crc = 12;
 static_assert(index_crc + sizeof(uint32_t) == kIndexEntrySize);
 
+/// Entries begin at multiples of this.
+inline constexpr uint32_t kAlignment = 8;
+
 inline constexpr uint32_t kBegin = 0x54424547;     // "TBEG"
 inline constexpr uint32_t kUpdate = 0x54555044;    // "TUPD"
 inline constexpr uint32_t kEnd = 0x54454E44;       // "TEND"

@@ -1,5 +1,6 @@
 // The journal's start: which half counts, what of it is whole, and bringing that to the file.
 #include <array>
+#include <limits>
 
 #include "log/log.h"
 #include "mdb/backing_store.h"
@@ -80,14 +81,30 @@ uint32_t whole_transaction(std::span<const std::byte> journal, uint32_t position
 /// How far the serial of what a half still holds may be ahead; more is no serial but damage.
 constexpr uint64_t kGreatestLead = uint64_t{1} << 32;
 
+/// A count of fillings never comes near this, and none may wrap: the log with the smaller serial
+/// would be taken for the older one.
+constexpr uint64_t kGreatestSerial = std::numeric_limits<uint64_t>::max() / 2;
+
 /// The serial that the next filling of `half` must be above, `current` being that of the log. An
 /// index entry that was damaged takes its half out of the replay, but the transactions are still
-/// there: under their own serial they would come back at a later start, behind newer ones.
-uint64_t serial_to_pass(std::span<const std::byte> journal, int half, uint64_t current) {
-    const uint32_t start = layout::half_start(static_cast<uint32_t>(journal.size()), half);
-    if (detail::entry_word(journal, start) != layout::kBegin) return current;
-    const uint64_t left = util::load_be64(journal.data() + start + layout::begin_serial);
-    return left > current && left - current < kGreatestLead ? left : current;
+/// there: under their own serial they would come back at a later start, behind newer ones. Where
+/// the entry is `sound` the half holds nothing newer than it. Otherwise the whole half is looked
+/// through, as its first transactions may be damaged as well; what only looks like one costs a gap
+/// in the serials.
+uint64_t serial_to_pass(std::span<const std::byte> journal, int half, bool sound,
+                        uint64_t current) {
+    const auto length = static_cast<uint32_t>(journal.size());
+    const uint32_t start = layout::half_start(length, half);
+    const uint32_t limit = layout::half_limit(length, half);
+    uint64_t result = current;
+    for (uint32_t at = start; limit - at >= layout::kBeginSize; at += layout::kAlignment) {
+        if (detail::entry_word(journal, at) == layout::kBegin) {
+            const uint64_t left = util::load_be64(journal.data() + at + layout::begin_serial);
+            if (left > result && left - current < kGreatestLead) result = left;
+        }
+        if (sound) break;
+    }
+    return result;
 }
 
 }  // namespace
@@ -119,13 +136,17 @@ void Journal::journal_start(const std::function<void()>& before_writing) {
     }
     check_not_shortened(entries, picked, journal_length_);
     const IndexEntry& start = entries[static_cast<size_t>(picked)];
+    if (start.serial > kGreatestSerial)
+        throw error_need_repair(fmt::format(
+            "Journal has serial {}, which no count of its fillings reaches", start.serial));
     logger.debug("Starting replay at journal offset {}", start.position);
     guarded([&] {
         collect_replay(start.position, start.serial);
         before_writing();
         replay();
         next_index_ = 1 - picked;
-        current_serial_ = serial_to_pass(journal, next_index_, current_serial_);
+        current_serial_ = serial_to_pass(
+            journal, next_index_, entries[static_cast<size_t>(next_index_)].valid, current_serial_);
         flip(false);
     });
 }

@@ -330,6 +330,46 @@ TEST(Replay, WhatADamagedIndexEntryDroppedStaysDropped) {
     }
 }
 
+// The index entry of the newest half is damaged, and so is the first transaction there: the others
+// are as whole as ever, and a log of the next life that ended where one of them begins would have
+// it come back.
+TEST(Replay, WhatIsBehindADamagedTransactionStaysDroppedToo) {
+    TestDatabase test(2000);
+    Bytes journal = test.read("journal");
+    overwrite(journal, 16, index_entry("00000000 00000004 00000030"));
+    overwrite(journal, 32, Bytes(16, 0x55));
+    overwrite(journal, 1000, Bytes(48, 0x66));
+    overwrite(journal, 1048, letter_transaction(5, 'x', 0));
+    overwrite(journal, 1096, letter_transaction(6, 'y', 0));
+    test.write("journal", journal);
+    {
+        mdb::Database& db = test.open();
+        EXPECT_EQ(db.journal().current_serial(), 7U);
+        db.store().ensure_block(kData / TestDatabase::kBlockSize);
+        mdb::Transaction transaction(db.journal());
+        put(db, kData, "n");
+        transaction.commit(false);
+        ASSERT_EQ(db.journal().write_pos(), 1048U) << "the log ends where the old one goes on";
+    }
+    EXPECT_EQ(see(test.open(), kData, 1), "n");
+    EXPECT_EQ(see(test.open(), kData, 1), "n");
+}
+
+TEST(Replay, RefusesASerialThatWouldWrap) {
+    for (const char* entry : {"FFFFFFFF FFFFFFFF 00000030", "FFFFFFFF FFFFFFFE 00000030",
+                              "80000000 00000000 00000030"}) {
+        SCOPED_TRACE(entry);
+        TestDatabase test(2000);
+        Bytes journal = test.read("journal");
+        overwrite(journal, 16, index_entry(entry));
+        test.write("journal", journal);
+        const Bytes file = test.read("db");
+        expect_open_fails<mdb::error_need_repair>(test, "which no count of its fillings reaches");
+        EXPECT_EQ(test.read("db"), file);
+        EXPECT_EQ(test.read("journal"), journal);
+    }
+}
+
 TEST(Replay, FollowsOneRedirection) {
     const Bytes redirect_to_second = hex("54524544 000003E8");
     struct Case {
