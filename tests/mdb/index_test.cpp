@@ -1,123 +1,11 @@
-// Cases of the index trees that random keys rarely meet, what the start of the indexes does, and
-// what the verifier says about blocks damaged on purpose.
+// Cases of the index trees that random keys rarely meet, and what the start of the indexes does.
 
 #include "mdb/index.h"
 
-#include <gtest/gtest.h>
-#include <optional>
+#include "index_fixture.h"
 
-#include "mdb/index_layout.h"
-#include "mdb/object_store.h"
-#include "mdb/property_types.h"
-#include "mdb/verify.h"
-#include "test_database.h"
-
+namespace mdb_test {
 namespace {
-
-using mdb::block_handle_t;
-using mdb::mark_t;
-using mdb::Transaction;
-
-constexpr uint32_t kUnique = mdb::node_id_index;
-constexpr uint32_t kRuns = mdb::parent_id_index;
-const uint32_t kLeafCapacity = mdb::leaf_capacity(1024);
-
-NodeId id(uint32_t n) {
-    return {1, n};
-}
-block_handle_t at(uint32_t n) {
-    return {n, 64};
-}
-
-class IndexTest : public testing::Test {
-  protected:
-    IndexTest() : file(4 << 20, 16 << 20) { open(); }
-
-    void close() {
-        store.reset();
-        indexes.reset();
-        file.close();
-    }
-    void open() {
-        close();
-        database = &file.open(64);
-        indexes.emplace(*database);
-        indexes->init_required_indexes();
-        store.emplace(*database, *indexes);
-    }
-    template <class Work>
-    void change(Work&& work) {
-        Transaction transaction(database->journal());
-        work();
-        transaction.commit();
-    }
-    void insert(NodeId key, uint32_t value) {
-        change([&] { indexes->non_unique_insert(kRuns, key, at(value)); });
-    }
-    void erase(NodeId key, uint32_t value) {
-        change([&] { indexes->non_unique_delete(kRuns, key, at(value)); });
-    }
-    void insert_unique(uint32_t n) {
-        change([&] { indexes->unique_update(kUnique, id(n), at(n), false); });
-    }
-    void erase_unique(uint32_t n) {
-        change([&] { indexes->unique_delete(kUnique, id(n)); });
-    }
-    /// Second words of all keys, in the order of the index.
-    std::vector<uint32_t> keys(uint32_t n) {
-        std::vector<uint32_t> result;
-        for (auto it = indexes->iterate_first(n); it.valid(); indexes->iterator_next(it))
-            result.push_back(indexes->iterator_key(it).second);
-        return result;
-    }
-    std::vector<uint32_t> values_of(NodeId key) {
-        std::vector<uint32_t> result;
-        for (auto it = indexes->non_unique_search(kRuns, key); it.at_searched_key();
-             indexes->iterator_next(it))
-            result.push_back(indexes->iterator_value(it).block);
-        return result;
-    }
-    void expect_whole() {
-        for (uint32_t n = 0; n < indexes->index_count(); ++n)
-            EXPECT_EQ(mdb::verify_index(*database, n).text(), "") << "index " << n;
-    }
-    std::string verify_all() {
-        mdb::VerifyOptions options;
-        options.lost_index_blocks = true;
-        return mdb::verify(*database, options).text();
-    }
-    uint32_t root(uint32_t n) { return database->header().index_root(n); }
-    uint32_t word(uint32_t block, uint32_t offset) {
-        return util::load_be32(database->cache().cached_block(block) + offset);
-    }
-    /// Child `p` of the root.
-    uint32_t child(uint32_t n, uint32_t p) {
-        return word(root(n), p == 0 ? mdb::node_layout::ptr0 : 20 + 12 * (p - 1));
-    }
-    /// Overwrites a word of a block, as damage would.
-    void damage(uint32_t block, uint32_t offset, uint32_t value) {
-        std::array<std::byte, 4> bytes;
-        util::store_be32(bytes.data(), value);
-        change([&] {
-            database->journal().journal_update(bytes.data(), 4,
-                                               database->store().block_offset(block) + offset);
-        });
-    }
-    block_handle_t create(NodeId own, NodeId parent) {
-        auto& serializer = database->serializer();
-        serializer.serial_reset();
-        serializer.serial_add(mdb::PropertyNodeId(0, own));
-        serializer.serial_add(mdb::PropertyNodeId(2, parent));
-        serializer.serial_add(mdb::PropertyBool(502, own.second % 2 == 0));
-        serializer.serial_add(mdb::PropertyNodeId(59, {0, 7}));
-        return store->store_object({});
-    }
-
-    mdb_test::TestDatabase file;
-    mdb::Database* database = nullptr;
-    std::optional<mdb::IndexTable> indexes;
-    std::optional<mdb::ObjectStore> store;
-};
 
 TEST_F(IndexTest, AnEmptyIndex) {
     EXPECT_THROW(static_cast<void>(indexes->unique_search(kUnique, id(1))), mdb::error_nomatch);
@@ -136,10 +24,10 @@ TEST_F(IndexTest, GoldenBytesOfTheFirstLeaf) {
     EXPECT_EQ(database->allocator().query_mark(leaf), mark_t::leaf);
     database->journal().full_checkpoint();
     EXPECT_EQ(file.part("db", leaf * 1024, 32),
-              mdb_test::hex("4C454146 00000000 00000000 00000001 00000001 FFFFE381 00000009 "
-                            "00000040"));
+              hex("4C454146 00000000 00000000 00000001 00000001 FFFFE381 00000009 "
+                  "00000040"));
     EXPECT_EQ(file.part("db", root(kUnique) * 1024, 12), [&] {
-        auto bytes = mdb_test::hex("52494E54 00000000 00000000");
+        auto bytes = hex("52494E54 00000000 00000000");
         bytes[11] = static_cast<uint8_t>(leaf);
         return bytes;
     }());
@@ -389,102 +277,5 @@ TEST_F(IndexTest, AnAliasedIndexTakesThoseAboveItAlong) {
     }
 }
 
-TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
-    for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
-    const uint32_t root_block = root(kUnique);
-    const uint32_t first = child(kUnique, 0);
-    const uint32_t second = child(kUnique, 1);
-    const uint32_t second_key = word(second, 20);
-    struct Row {
-        const char* rule;
-        uint32_t block;
-        uint32_t offset;
-        uint32_t value;
-    };
-    const Row rows[] = {
-        {"N1 block", first, 0, 0x12345678},
-        {"N1 block", root_block, mdb::node_layout::ptr0, second},
-        {"N1 child", root_block, mdb::node_layout::ptr0, 0x00F00000},
-        {"N2 node", root_block, mdb::node_layout::nkeys, 85},
-        {"N2 leaf", first, mdb::leaf_layout::nkeys, 64},
-        {"N2 node", root_block, mdb::node_layout::ptr0, 0},
-        {"N3 leaf", second, 20 + 16, second_key},
-        {"N3 node", root_block, 16, 0xFFFFFF00},
-        {"N4 key", second, 20, 11},
-        {"N4 key", root_block, 16, 20},
-        {"N6 leaf", first, mdb::leaf_layout::right, 0},
-        {"N6 leaf", second, mdb::leaf_layout::left, 7},
-        {"N7", first, mdb::leaf_layout::nkeys, 0},
-    };
-    expect_whole();
-    for (const Row& row : rows) {
-        const uint32_t whole = word(row.block, row.offset);
-        damage(row.block, row.offset, row.value);
-        const std::string found = mdb::verify_index(*database, kUnique).text();
-        EXPECT_NE(found.find(row.rule), std::string::npos) << row.rule << "\n" << found;
-        damage(row.block, row.offset, whole);
-        expect_whole();
-    }
-    change([&] { database->allocator().set_mark(first, mark_t::lob); });
-    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N1 block"), std::string::npos);
-}
-
-TEST_F(IndexTest, TheVerifierNamesLeavesOfOtherDepths) {
-    for (uint32_t n = 1; n <= 6000; ++n) insert_unique(n * 10);
-    const uint32_t node = child(kUnique, 0);
-    ASSERT_EQ(database->allocator().query_mark(node), mark_t::non_root_index);
-    damage(root(kUnique), mdb::node_layout::ptr0, word(node, mdb::node_layout::ptr0));
-    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N5 leaf"), std::string::npos);
-}
-
-TEST_F(IndexTest, TheVerifierNamesDoubleEntries) {
-    insert(id(1), 5);
-    insert(id(1), 6);
-    const uint32_t leaf = child(kRuns, 0);
-    damage(leaf, 16 + 16 + 8, 5);
-    EXPECT_NE(mdb::verify_index(*database, kRuns).text().find("N8 entry"), std::string::npos);
-}
-
-TEST_F(IndexTest, DamageEndsOperationsWithAnError) {
-    for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
-    const uint32_t first = child(kUnique, 0);
-    const uint32_t root_block = root(kUnique);
-    const auto expect_repair = [&](uint32_t block, uint32_t offset, uint32_t value) {
-        const uint32_t whole = word(block, offset);
-        damage(block, offset, value);
-        EXPECT_THROW(static_cast<void>(indexes->unique_search(kUnique, id(10))),
-                     mdb::error_consistency);
-        EXPECT_THROW(insert_unique(11), mdb::error_consistency);
-        EXPECT_THROW(static_cast<void>(indexes->iterate_first(kUnique)), mdb::error_consistency);
-        EXPECT_FALSE(database->journal().transaction_active());
-        damage(block, offset, whole);
-        expect_whole();
-    };
-    expect_repair(first, 0, 0);
-    expect_repair(first, mdb::leaf_layout::nkeys, 0xFFFFFFFF);
-    expect_repair(root_block, mdb::node_layout::nkeys, 0xFFFFFFFF);
-    // A node that is its own child.
-    expect_repair(root_block, mdb::node_layout::ptr0, root_block);
-}
-
-TEST_F(IndexTest, ANeighbourThatIsNoLeafWantsRepair) {
-    for (uint32_t n = 1; n <= kLeafCapacity + 1; ++n) insert(id(n * 100), n);
-    damage(child(kRuns, 1), 0, 0);
-    const auto split_first_leaf = [&] {
-        for (uint32_t n = 1; n <= kLeafCapacity; ++n) insert(id(n), n);
-    };
-    EXPECT_THROW(split_first_leaf(), mdb::error_need_repair);
-}
-
-TEST_F(IndexTest, ARingOfLeavesEndsAnIteration) {
-    for (uint32_t n = 1; n <= kLeafCapacity * 2; ++n) insert(id(1), n);
-    const uint32_t first = child(kRuns, 0);
-    damage(child(kRuns, 1), mdb::leaf_layout::right, first);
-    EXPECT_THROW(static_cast<void>(values_of(id(1))), mdb::error_fubar);
-    // Without an entry there is nothing to stop at.
-    damage(first, mdb::leaf_layout::nkeys, 0);
-    damage(first, mdb::leaf_layout::right, first);
-    EXPECT_THROW(static_cast<void>(indexes->iterate_first(kRuns)), mdb::error_fubar);
-}
-
 }  // namespace
+}  // namespace mdb_test
