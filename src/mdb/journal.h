@@ -173,6 +173,7 @@ class Journal {
                     uint32_t source, size_t keep) const;
     void overlay(const detail::BlockUpdates& updates, const std::byte* source, std::byte* buffer,
                  size_t length, uint64_t file_offset) const;
+    [[nodiscard]] bool flush_is_due(bool asynchronous) const;
     void commit(bool asynchronous);
     void write_transaction(bool flush);
     void publish_transaction();

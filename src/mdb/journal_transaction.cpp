@@ -123,15 +123,14 @@ void Journal::transaction_end(bool asynchronous) {
         transaction_fill_ = 0;
         observer_->transaction_merged();
         // Who changed nothing, as all was as wanted already, may rely on that as much as others.
-        if (!asynchronous) make_commits_durable();
+        if (flush_is_due(asynchronous)) make_commits_durable();
         return;
     }
     guarded([this, asynchronous] { commit(asynchronous); });
 }
 
 void Journal::commit(bool asynchronous) {
-    const uint64_t second = current_second();
-    const bool flush = !asynchronous || second >= last_sync_ + 1;
+    const bool flush = flush_is_due(asynchronous);
     try {
         write_transaction(flush);
     } catch (const error_generic&) {
@@ -145,8 +144,12 @@ void Journal::commit(bool asynchronous) {
     observer_->transaction_committed();
     publish_transaction();
     if (!flush) return;
-    last_sync_ = second;
+    last_sync_ = current_second();
     write_committed_to_file(false);
+}
+
+bool Journal::flush_is_due(bool asynchronous) const {
+    return !asynchronous || current_second() > last_sync_;
 }
 
 void Journal::write_transaction(bool flush) {

@@ -98,6 +98,7 @@ class FailingCalls {
         ++tally.failures;
         ++tally.by_call[name];
         disk_.fail({});
+        disk_.set_most_file_bytes(0);
         where_ = fmt::format("workload {}, {} number {} with {}; the store throws: {}",
                              workload_.name, name, n, manner.name, thrown);
         look_at(script, history, n);
