@@ -17,7 +17,6 @@ namespace {
 
 const logging::Logger logger{"dbms"};
 
-constexpr std::string_view kBackupRequest = "backup 1";
 /// Pieces of a copy that are sent after an event, if the socket has room for them. Beside an event
 /// that waited for the disk they cost little.
 constexpr int kPiecesAfterEvent = 4;
@@ -138,7 +137,8 @@ void ControlSocket::read_from(size_t index) {
 }
 
 void ControlSocket::answer(platform::Fd connection, std::string_view line) {
-    if (line != kBackupRequest) return refuse(connection, "The server does not know this request");
+    if (line != mdb::snapshot_layout::kRequest)
+        return refuse(connection, "The server does not know this request");
     if (copy_ != nullptr) return refuse(connection, "Another backup is running");
     begin_copy(std::move(connection));
 }

@@ -24,6 +24,7 @@
 #include "io/selector.h"
 #include "io/system_handle.h"
 #include "io/timer.h"
+#include "mdb/snapshot_layout.h"
 #include "mdb/snapshot_stream.h"
 #include "platform/clock.h"
 #include "platform/fifo.h"
@@ -48,7 +49,7 @@ class ControlSocket final : public idle::IdleTask {
 
     /// The name of the socket that belongs to a database.
     [[nodiscard]] static std::string path_for(const std::string& database_path) {
-        return database_path + ".control";
+        return database_path + std::string(mdb::snapshot_layout::kSocketSuffix);
     }
 
     /// Makes the socket, removing one that an earlier server left: `database` is open, so its lock

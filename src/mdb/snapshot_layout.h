@@ -14,6 +14,8 @@
 //                    it (4)
 //   "SERR"    L      a text for people: there will be no copy
 //
+// It is asked for by one line of text, through a socket beside the database (kSocketSuffix).
+//
 // A copy of a database of one block of 1024 bytes with a journal of 65536 bytes begins with
 //   53 42 45 47  00 00 00 18  00 00 00 01  00 00 04 00
 //   00 00 00 00  00 00 04 00  00 01 00 00  00 00 00 00
@@ -21,13 +23,22 @@
 //
 // Invariants:
 //   S1 the first record is "SBEG" or "SERR", the last one "SEND" or "SERR"; neither stands
-//   elsewhere S2 in a stream that ends with "SEND" each block of the file stands in exactly one
-//   "SBLK" S3 blocks may come in any order
+//      elsewhere
+//
+//   S2 in a stream that ends with "SEND" each block of the file stands in exactly one "SBLK"
+//
+//   S3 blocks may come in any order
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 namespace mdb::snapshot_layout {
+
+/// What the name of the database's file ends with in the name of the socket.
+inline constexpr std::string_view kSocketSuffix = ".control";
+/// The request, without the line end behind it.
+inline constexpr std::string_view kRequest = "backup 1";
 
 inline constexpr uint32_t kBegin = 0x53424547;    // "SBEG"
 inline constexpr uint32_t kBlocks = 0x53424C4B;   // "SBLK"

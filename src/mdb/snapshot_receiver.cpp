@@ -179,14 +179,30 @@ void SnapshotReceiver::finish() {
     state_ = state_t::finished;
 }
 
-void SnapshotReceiver::publish(bool force) {
+void SnapshotReceiver::check_finished() const {
     error::check(state_ == state_t::finished, "A copy was to be published in state {}",
                  static_cast<int>(state_));
+}
+
+void SnapshotReceiver::publish(bool force) {
+    check_finished();
     guarded([this, force] {
         const auto old_database = detail::lock_existing(files_, pair_.database_path, force);
         const auto old_journal =
             has_journal_file() ? detail::lock_existing(files_, pair_.journal_path, force) : nullptr;
         publish_files();
+    });
+    state_ = state_t::published;
+}
+
+void SnapshotReceiver::publish_as_faulty() {
+    check_finished();
+    guarded([this] {
+        const std::string database = pair_.database_path + kFaultyEnding;
+        const auto old_database = detail::lock_existing(files_, database, true);
+        if (has_journal_file()) return detail::publish(files_, pair_, kFaultyEnding);
+        files_.rename(pair_.new_database(), database);
+        files_.sync_folder_of(database);
     });
     state_ = state_t::published;
 }

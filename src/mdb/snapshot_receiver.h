@@ -1,8 +1,8 @@
 // Takes the stream of a copy (snapshot_layout.h) and makes two files of it, a database and its
 // journal, which have their own names only once they are whole.
 //
-//   waiting --"SBEG"--> receiving --"SEND"--> received --finish()--> finished --publish()-->
-//   published
+//   waiting --"SBEG"--> receiving --"SEND"--> received --finish()--> finished
+//   finished --publish() or publish_as_faulty()--> published
 //
 // The files stand under temporary names until publish(), and a receiver that goes away before
 // removes them. Nothing in the stream is trusted: whatever contradicts the layout or itself is an
@@ -62,6 +62,11 @@ class SnapshotReceiver {
     /// one beside a journal that isn't its own. Throws error_generic when a file is there already
     /// and `force` isn't set or when it is in use, error_io.
     void publish(bool force);
+    /// In the place of publish(), for a copy in which faults were found: gives the files names that
+    /// end with kFaultyEnding, replacing earlier ones of this kind. Files with the names of a copy
+    /// stay as they are. Throws as above.
+    void publish_as_faulty();
+    static constexpr const char* kFaultyEnding = ".faulty";
 
   private:
     enum class state_t { waiting, receiving, received, finished, published };
@@ -72,6 +77,7 @@ class SnapshotReceiver {
     void take_end(std::span<const std::byte> payload);
     void take_failure(std::span<const std::byte> payload);
     [[nodiscard]] bool journal_is_there_already();
+    void check_finished() const;
     void publish_files();
     void remove_temporary_files();
     template <class Operation>

@@ -455,6 +455,51 @@ TEST(SnapshotReceiver, LeavesNoHalfCopyWhicheverCallFails) {
     fail_each_call(before_t::other_database);
 }
 
+TEST(SnapshotReceiver, SetsACopyWithFaultsAsideAndLeavesTheOneBeforeAlone) {
+    const Recorded stream = record_stream();
+    support::TempDir folder;
+    const auto copy = [&](platform::FileSystem& files, bool faulty) {
+        mdb::SnapshotReceiver receiver(files, folder.file("db"), folder.file("journal"));
+        receiver.take(stream.bytes);
+        receiver.finish();
+        if (faulty)
+            receiver.publish_as_faulty();
+        else
+            receiver.publish(false);
+    };
+    platform::SystemFiles sound;
+    copy(sound, false);
+    const Bytes database = read(folder.file("db"));
+    const Bytes journal = read(folder.file("journal"));
+    bool struck = true;
+    for (uint64_t n = 1; struck; ++n) {
+        SCOPED_TRACE(testing::Message() << "call " << n);
+        const auto calls = std::make_shared<support::FaultyCalls>();
+        platform::SystemFiles files(calls);
+        calls->at(call_t::sorts, n, EIO);
+        bool done = false;
+        try {
+            copy(files, true);
+            done = true;
+        } catch (const mdb::error_io&) {
+        }
+        struck = calls->struck();
+        EXPECT_TRUE(done || struck);
+        EXPECT_EQ(read(folder.file("db")), database);
+        EXPECT_EQ(read(folder.file("journal")), journal);
+        if (const Bytes aside = read(folder.file("db.faulty")); done || !aside.empty()) {
+            EXPECT_EQ(aside, database);
+            EXPECT_EQ(read(folder.file("journal.faulty")), journal);
+        }
+    }
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()),
+                            std::filesystem::directory_iterator()),
+              4);
+    const support::FakeClock clock;
+    const mdb::Database opened({folder.file("db.faulty"), folder.file("journal.faulty"), 8}, sound,
+                               clock);
+}
+
 TEST(SnapshotReceiver, ReplacesOnlyWhatItIsToldToAndWhatIsNotInUse) {
     const Recorded stream = record_stream();
     platform::SystemFiles files;

@@ -16,17 +16,18 @@
 
 #include "log/log.h"
 #include "main/config.h"
+#include "mdb/snapshot_layout.h"
 #include "mdb/snapshot_receiver.h"
-#include "mdb/verify_files.h"
 #include "platform/local_socket.h"
-#include "platform/overlay_files.h"
+#include "tarmik/database_report.h"
 
 namespace cli {
 
 namespace {
 
-constexpr std::string_view kRequest = "backup 1\n";
 constexpr size_t kReceived_bytes = 256 * 1024;
+/// Further faults of a copy are only counted.
+constexpr size_t kMostFaults = 100;
 /// A server that says nothing for so long is given up.
 constexpr int kSilence_ms = 300'000;
 
@@ -120,14 +121,15 @@ Paths make_paths(const BackupArguments& arguments) {
 }
 
 platform::Fd ask_server(const std::string& database) {
-    const std::string path = database + ".control";
+    const std::string path = database + std::string(mdb::snapshot_layout::kSocketSuffix);
     platform::Fd connection = platform::connect_local(path);
     if (!connection)
         throw CommandError(
             kNotReachable,
             fmt::format("No server has \"{}\" open: nobody listens at \"{}\"", database, path));
-    if (::send(connection.get(), kRequest.data(), kRequest.size(), MSG_NOSIGNAL) !=
-        static_cast<ssize_t>(kRequest.size()))
+    const std::string request = std::string(mdb::snapshot_layout::kRequest) + '\n';
+    if (::send(connection.get(), request.data(), request.size(), MSG_NOSIGNAL) !=
+        static_cast<ssize_t>(request.size()))
         throw error::ESystemError("Cannot ask the server", errno);
     return connection;
 }
@@ -175,21 +177,29 @@ void receive(mdb::SnapshotReceiver& receiver, const platform::Fd& connection,
     }
 }
 
-void verify(const mdb::SnapshotReceiver& receiver, const StopSignals& signals,
-            const Output& output) {
+/// True when the copy is whole; its faults are told otherwise.
+bool is_whole(const mdb::SnapshotReceiver& receiver, const StopSignals& signals,
+              const Output& output) {
+    OfflineArguments copy;
+    copy.database_path = receiver.temporary_database();
+    if (receiver.has_journal_file()) copy.journal_path = receiver.temporary_journal();
+    copy.most_faults = kMostFaults;
     Progress progress(output, "Verifying");
-    platform::OverlayFiles files;
-    mdb::VerifyOptions options;
-    options.progress = [&](const mdb::VerifyProgress&) { signals.check(); };
-    const auto result =
-        mdb::verify_files(files, receiver.temporary_database(),
-                          receiver.has_journal_file() ? receiver.temporary_journal() : "", options);
-    if (result.opened && result.verification.whole()) return;
-    for (const mdb::Fault& fault : result.verification.faults)
-        output.remark(fault.to_string() + "\n");
-    throw CommandError(kFailed,
-                       "The copy has faults, which the database then has too: there is no "
-                       "backup. See tarmik verify");
+    const auto found =
+        verify_with_all_checks(copy, [&](const mdb::VerifyProgress&) { signals.check(); });
+    output.remark(found.verification.text());
+    return found.verification.whole();
+}
+
+/// The faults are the running database's own: this may be the best copy that there will ever be,
+/// but it must not take the place of a better one.
+[[noreturn]] void keep_as_faulty(mdb::SnapshotReceiver& receiver, const Paths& paths) {
+    receiver.publish_as_faulty();
+    throw CommandError(
+        kFailed,
+        fmt::format("The copy has faults, which the database then has too: it is kept as \"{}{}\". "
+                    "An earlier backup is left as it was",
+                    paths.database_copy, mdb::SnapshotReceiver::kFaultyEnding));
 }
 
 void report(const Paths& paths, const mdb::SnapshotReceiver& receiver, const Output& output) {
@@ -229,8 +239,9 @@ void backup(const BackupArguments& arguments, const Output& output) {
     }
     signals.check();
     receiver.finish();
-    verify(receiver, signals, output);
+    const bool whole = is_whole(receiver, signals, output);
     signals.check();
+    if (!whole) keep_as_faulty(receiver, paths);
     receiver.publish(arguments.force);
     report(paths, receiver, output);
 }

@@ -82,19 +82,26 @@ ordered_json trees_to_json(const mdb::VerifyCounts& counts) {
 
 }  // namespace
 
-mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
-                                           const Output& output) {
-    logging::set_all_levels(logging::level_t::off);
+mdb::FileVerification verify_with_all_checks(
+    const OfflineArguments& arguments,
+    const std::function<void(const mdb::VerifyProgress&)>& progress) {
     platform::OverlayFiles files;
     const auto parents = mdb::make_parent_check(is_outside);
-    ProgressLine line(output);
     mdb::VerifyOptions options;
     options.most_faults = arguments.most_faults;
     options.large_object_properties = {prop::largeImage};
     options.checks = {parents.get()};
-    if (output.remarks_are_terminal)
-        options.progress = [&line](const mdb::VerifyProgress& progress) { line.show(progress); };
+    options.progress = progress;
     return mdb::verify_files(files, arguments.database_path, arguments.journal_path, options);
+}
+
+mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
+                                           const Output& output) {
+    logging::set_all_levels(logging::level_t::off);
+    ProgressLine line(output);
+    return verify_with_all_checks(arguments, [&](const mdb::VerifyProgress& progress) {
+        if (output.remarks_are_terminal) line.show(progress);
+    });
 }
 
 ordered_json figures_to_json(const mdb::FileVerification& found) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <string_view>
 
@@ -19,8 +20,12 @@ inline constexpr std::array<std::string_view, mdb::kMaxIndexes> kIndexNames = {
 inline constexpr std::array<std::string_view, mdb::kGreatestMark + 1> kMarkNames = {
     "empty", "used", "full", "", "root index", "non-root index", "leaf", "lob"};
 
-/// Verifies with all checks that an operator wants. Shows how far it is if remarks go to a
-/// terminal.
+/// Verifies with all checks that an operator wants: those of the store, parents, and who names each
+/// large object. Throws like mdb::verify_files().
+[[nodiscard]] mdb::FileVerification verify_with_all_checks(
+    const OfflineArguments& arguments,
+    const std::function<void(const mdb::VerifyProgress&)>& progress);
+/// The same without a line in the log. Shows how far it is if remarks go to a terminal.
 [[nodiscard]] mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
                                                          const Output& output);
 

@@ -64,13 +64,15 @@ std::unique_ptr<platform::File> lock_existing(platform::FileSystem& files, const
     return file;
 }
 
-void publish(platform::FileSystem& files, const FilePair& pair) {
-    files.remove(pair.database_path);
-    files.sync_folder_of(pair.database_path);
-    files.rename(pair.new_journal(), pair.journal_path);
-    files.sync_folder_of(pair.journal_path);
-    files.rename(pair.new_database(), pair.database_path);
-    files.sync_folder_of(pair.database_path);
+void publish(platform::FileSystem& files, const FilePair& pair, const std::string& ending) {
+    const std::string database = pair.database_path + ending;
+    const std::string journal = pair.journal_path + ending;
+    files.remove(database);
+    files.sync_folder_of(database);
+    files.rename(pair.new_journal(), journal);
+    files.sync_folder_of(journal);
+    files.rename(pair.new_database(), database);
+    files.sync_folder_of(database);
 }
 
 }  // namespace mdb::detail

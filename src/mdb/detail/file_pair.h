@@ -40,8 +40,8 @@ struct FilePair {
     [[nodiscard]] std::string new_journal() const { return journal_path + suffix; }
 };
 
-/// Gives the files their names, replacing others that have them. A new journal never stands beside
-/// an old database, nor a database without its journal.
-void publish(platform::FileSystem& files, const FilePair& pair);
+/// Gives the files their names, with `ending` behind them, replacing others that have them. A new
+/// journal never stands beside an old database, nor a database without its journal.
+void publish(platform::FileSystem& files, const FilePair& pair, const std::string& ending = "");
 
 }  // namespace mdb::detail
