@@ -6,9 +6,8 @@
 //   4         4      format version, 1
 //   8         4      block size in bytes, a power of two, at least 1024
 //   12        4      journal type: 1 a region of this file, 2 a file of its own
-//   16        4      layout offset L: where in these 1024 bytes the layout area begins; with
-//   journal type 1
-//                    the same word is the first block of the journal
+//   16        4      layout offset L: where in these 1024 bytes the layout area begins. The first
+//                    block of the journal is the same word with journal type 1
 //   20        ...    journal type 1: one word, length of the journal in blocks
 //                    journal type 2: path of the journal, ended by a NUL; used when none is
 //                    configured

@@ -30,13 +30,16 @@
 //
 // Invariants, by number in the verifier (verify.h) and in the tests:
 //   N1 every block of the tree has its magic, the mark of its kind, and is reached once
+//
 //   N2 nkeys is at most the capacity; a node below the root has children in all of its nkeys + 1
-//   places N3 keys ascend within a block: strictly in the leaves of a unique tree, otherwise equal
-//   ones may follow
-//      each other
+//      places
+//
+//   N3 keys ascend within a block: strictly in the leaves of a unique tree, otherwise equal ones
+//      may follow each other
+//
 //   N4 keys of a child lie in the interval of its parent: not below the separator to its left;
-//   below the
-//      separator to its right in a unique tree, not above it in the others
+//      below the separator to its right in a unique tree, not above it in the others
+//
 //   N5 all leaves have the same depth
 //   N6 the left and right links join the leaves in key order
 //   N7 a leaf without entries is the only leaf

@@ -18,8 +18,9 @@
 // multiple of 8, H being J / 2 or J. The last 8 bytes are kept for a redirection.
 //
 //   begin     16     "TBEG", 4 bytes left as they were, serial of the half (8)
-//   update    20+L+F "TUPD", L (4), offset in the database file (8), 0 (4), L bytes, fill left as
-//   it was end       8      "TEND", CRC-32 over the begin entry and all updates with their fill
+//   update    20+L+F "TUPD", L (4), offset in the database file (8), 0 (4), L bytes, F bytes of
+//                    fill left as they were
+//   end       8      "TEND", CRC-32 over the begin entry and all updates with their fill
 //   redirect  8      "TRED", position at which the log goes on (4)
 //
 // The byte AB written to offset 8192 by a transaction in a half of serial 7 (.. is what stood there
@@ -31,11 +32,16 @@
 // Invariants:
 //   J1 the serial counts fillings of halves: each has a serial above that of the other half, so
 //      what a half still holds from its last use has a smaller serial than its index entry
+//
 //   J2 a transaction lies in one half, with its end
+//
 //   J3 an index entry is durable before the first transaction of its half is written
+//
 //   J4 what a half held is in the database file, durably, before the index entry of the other half
-//   is written J5 a transaction is durable in the journal before any byte of it is written to the
-//   database file
+//      is written
+//
+//   J5 a transaction is durable in the journal before any byte of it is written to the database
+//      file
 #pragma once
 
 #include <cstdint>

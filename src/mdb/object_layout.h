@@ -14,8 +14,7 @@
 //   0         4      id of the property
 //   4         4      length of the record in bytes, this head included, a multiple of 8
 //   8         4      type word: bits 27..0 type id, bit 30 null, bit 31 inherited
-//   12        ...    payload, then fill up to the length; an explicit null is 12 bytes and has no
-//   payload
+//   12        ...    payload, then fill up to the length; not in an explicit null of 12 bytes
 //
 //   list payload     (type id of the element + 256)
 //   0         4      number of elements
@@ -35,9 +34,8 @@
 // Invariants, by number in the verifier (verify.h) and in the tests:
 //   O1 slots tile the block: every slot is at least 2 bytes long, the last one ends with the block
 //
-//   O2 the records of an object fill its slot; a null has a length of 12, any other record one of
-//   at
-//      least 16 that is a multiple of 8
+//   O2 the records of an object fill its slot; a null has a length of 12, any other record one that
+//      is a multiple of 8 and at least 16
 //
 //   O3 no id stands in two records of one object
 //
