@@ -1,16 +1,21 @@
 // Backups of a running family by the operator's tool: what they hold, and what becomes of everybody
 // when they are refused, interrupted, slow, or nonsense is said to the server.
+#include <array>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "mdb/block_layout.h"
+#include "mdb/header_layout.h"
 #include "platform/local_socket.h"
 #include "processes.h"
 #include "support/rng.h"
+#include "util/byte_order.h"
 #include "writers.h"
 
 namespace family {
@@ -216,6 +221,51 @@ TEST_F(BackupTest, NeverHoldsTheServerUp) {
     EXPECT_EQ(family.stop().code, 0);
     EXPECT_EQ(backup(family.dir().file("other")), 3) << "no family, no backup";
     EXPECT_FALSE(fs::exists(family.dir().file("other")));
+}
+
+/// Marks an empty block as one of a large object that nothing names.
+void damage_map(const std::string& path) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    const auto word_at = [&](uint64_t offset) {
+        std::array<char, 4> bytes{};
+        file.seekg(static_cast<std::streamoff>(offset));
+        file.read(bytes.data(), bytes.size());
+        return util::load_be32(reinterpret_cast<const std::byte*>(bytes.data()));
+    };
+    namespace header = mdb::header_layout;
+    namespace area = mdb::layout_area;
+    const uint32_t block_size = word_at(header::block_size);
+    const uint32_t layout = word_at(header::layout_offset);
+    const uint64_t tail = layout + area::roots + 4 * word_at(layout + area::index_count);
+    const uint64_t map = uint64_t{word_at(tail + area::map_start)} * block_size;
+    uint64_t block = fs::file_size(path) / block_size - 1;
+    const auto mark_of = [&](uint64_t number) {
+        file.seekg(static_cast<std::streamoff>(map + number));
+        return file.get();
+    };
+    while (mark_of(block) != 0) ASSERT_GT(--block, word_at(tail + area::first_data_block));
+    file.seekp(static_cast<std::streamoff>(map + block));
+    file.put(static_cast<char>(mdb::mark_t::lob));
+}
+
+TEST_F(BackupTest, KeepsACopyWithFaultsBesideTheLastGoodOne) {
+    ASSERT_EQ(backup(target), 0) << remarks();
+    const std::string good = read_file(target + "/world.odb");
+    ASSERT_EQ(family.stop().code, 0);
+    damage_map(family.database_path());
+    family.start();
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(backup(target, {"--force"}), 1);
+        EXPECT_NE(remarks().find("B5 "), std::string::npos) << remarks();
+        EXPECT_NE(remarks().find("it is kept as \"" + target + "/world.odb.faulty\""),
+                  std::string::npos)
+            << remarks();
+        EXPECT_TRUE(read_file(target + "/world.odb") == good);
+        EXPECT_TRUE(fs::exists(target + "/world.odb.faulty"));
+        EXPECT_TRUE(fs::exists(target + "/world.odbj.faulty"));
+        EXPECT_EQ(std::distance(fs::directory_iterator(target), fs::directory_iterator()), 4);
+    }
+    EXPECT_EQ(family.stop().code, 0);
 }
 
 TEST_F(BackupTest, RefusesBadTargets) {
