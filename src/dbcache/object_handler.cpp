@@ -31,9 +31,6 @@ meter::Group handler_group{"handler"};
 meter::MicroSecondTiming encode_time{&handler_group, "encode",
                                      "Time spent encoding TQL properties"};
 
-/// Objects below one another.
-constexpr uint32_t kMaxTreeDepth = 1000;
-
 /// Reads a property that every stored object has.
 void read_required(const PropertyChain& chain, mdb::Property& property) {
     if (chain.read(0, property) != found_t::value)
@@ -172,6 +169,15 @@ tql::origin_t ObjectHandler::tqlOrigin() {
     return detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
 }
 
+WorkArray ObjectHandler::load_values() const {
+    const InheritanceChain chain(store_, id_.value, location_);
+    const auto entries = schema_->properties();
+    WorkArray work(entries.size());
+    for (size_t i = 0; i < work.size(); ++i)
+        if (entries[i].applies_to(subtype_)) entries[i].schema->load(chain, work[i]);
+    return work;
+}
+
 // ---- reading -----------------------------------------------------------------------------------
 
 void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {
@@ -297,12 +303,8 @@ void ObjectHandler::rewrite_records(const ImageChange& change) {
 void ObjectHandler::tqlRevalidate(tqlengine::RevalidationFailures& failures) {
     revalidate_children(failures);
     const InheritanceChain chain(store_, id_.value, location_);
-    const ObjectView view(*this);
-    WorkArray work(schema_->properties().size());
-    for (size_t i = 0; i < work.size(); ++i)
-        if (schema_->properties()[i].applies_to(subtype_))
-            schema_->properties()[i].schema->load(chain, work[i]);
-    collect_failures(view, chain, work, failures);
+    WorkArray work = load_values();
+    collect_failures(ObjectView(*this), chain, work, failures);
 }
 
 void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyChain& chain,

@@ -37,6 +37,9 @@ class ClassSet;
 
 class InheritanceChain;
 
+/// The most objects below one another, the root included.
+inline constexpr uint32_t kMaxTreeDepth = 1000;
+
 /// A number of a nodetype as objects store it in property 3.
 enum class node_type_t : uint32_t {};
 
@@ -67,6 +70,10 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// The object that `parent` names, groups left out; empty for the root and where nothing is
     /// stored under that id.
     [[nodiscard]] ObjectHandlerRef parent_object() const;
+
+    /// The values of the object as it is stored; those of other subtypes stay empty. Throws
+    /// mdb::error_generic.
+    [[nodiscard]] WorkArray load_values() const;
 
     /// Objects on the way to the root, this one and the root included.
     [[nodiscard]] uint32_t depth() const;

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <optional>
 
+#include "dbcache/accounting.h"
 #include "dbcache/detail/handler_rollback.h"
 #include "dbcache/detail/record_writer.h"
 #include "dbcache/detail/write_faults.h"
@@ -33,7 +34,7 @@ class DeleteOperation {
         check_version();
         whole_.emplace(handler_.store());
         handler_.schema().beforeDelete(handler_);
-        rollback_.begin();
+        leave_counters();
         leave_mark_lists(handler_);
         handler_.store().cache().cache_remove(handler_.location(), false);
         handler_.store().free_large_objects(handler_.location());
@@ -51,6 +52,13 @@ class DeleteOperation {
     void check_version() const {
         if (arguments_.version != handler_.copy_version_)
             throw errors::tql(errors::ERR_VERSION, "Someone else has updated the object");
+    }
+
+    /// Takes what the object and all below it count for from its ancestors, in the write's
+    /// transaction, which this opens.
+    void leave_counters() {
+        const UseMap use = get_use(handler_, handler_.load_values());
+        rollback_.begin(accountParent(handler_, get_use_diff(use, {})));
     }
 
     /// Where the object stood at a master server, as far as that is known.

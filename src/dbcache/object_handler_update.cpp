@@ -1,6 +1,7 @@
 // Creating and updating an object.
 #include <fmt/format.h>
 
+#include "dbcache/accounting.h"
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/large_objects.h"
 #include "dbcache/detail/record_writer.h"
@@ -90,6 +91,7 @@ uint32_t UpdateOperation::run() {
     store();
     schema_.afterStore(handler_);
     rollback_.commit();
+    if (!new_parent_.is_null()) note_move();
 
     error::check(handler_.watched(), "TQL handler modified while not watched");
     renew_sibling_entry();
@@ -113,6 +115,7 @@ void UpdateOperation::load_values() {
         else
             load_other_subtype(i);
     }
+    if (!is_new()) use_before_ = get_use(handler_, work_);
 }
 
 /// What another subtype would find in the object, should the update turn it into that.
@@ -283,14 +286,25 @@ void UpdateOperation::validate() {
 // ---- in the transaction ------------------------------------------------------------------------
 
 void UpdateOperation::open_transaction() {
-    rollback_.begin();
-    if (!new_parent_.is_null()) move();
+    const UseMap use_after = get_use(handler_, work_);
+    if (new_parent_.is_null())
+        rollback_.begin(accountParent(handler_, get_use_diff(use_before_, use_after)));
+    else
+        move(use_after);
+}
+
+/// What the object counted for leaves the old ancestors, what it counts for now reaches the new
+/// ones.
+void UpdateOperation::move(const UseMap& use_after) {
+    rollback_.begin(accountParent(handler_, get_use_diff(use_before_, {})));
+    handler_.parent_.value = new_parent_;
+    handler_.store().advance_tree_epoch();
+    accountParent(handler_, use_after)->commit();
+    revalidate_moved();
 }
 
 /// The subtree is validated where it is about to stand; the object itself with its new values.
-void UpdateOperation::move() {
-    handler_.parent_.value = new_parent_;
-    handler_.store().advance_tree_epoch();
+void UpdateOperation::revalidate_moved() {
     tqlengine::RevalidationFailures failures;
     handler_.revalidate_children(failures);
     handler_.collect_failures(view_, chain_, work_, failures);
@@ -331,6 +345,10 @@ bool UpdateOperation::is_member(uint32_t mark) const {
     const auto* entry =
         dynamic_cast<const PropertyMarkIndexSchema*>(schema_.properties()[*index].schema.get());
     return entry != nullptr && entry->is_member(handler_, work_);
+}
+
+void UpdateOperation::note_move() {
+    if (schema_.tql_class == cls::Node) handler_.store().moved_nodes().insert(handler_.node_id());
 }
 
 void UpdateOperation::take_versions() {

@@ -94,6 +94,10 @@ class Store {
     /// transaction of its own. For leftovers that stand in no tree. Throws mdb::error_generic.
     void discard_stored(mdb::block_handle_t handle);
 
+    /// Nodes that were moved and whose states have to be told again from their new place. Who tells
+    /// them empties the set.
+    [[nodiscard]] std::set<NodeId>& moved_nodes() noexcept { return moved_nodes_; }
+
     /// Grows with each change that may cut objects off from the root; see
     /// DbcacheIdResolver::is_detached().
     [[nodiscard]] uint64_t tree_epoch() const noexcept { return tree_epoch_; }
@@ -130,6 +134,7 @@ class Store {
     StoreTransaction* innermost_ = nullptr;
     /// Named in the open transaction.
     std::vector<uint32_t> blocks_to_drop_;
+    std::set<NodeId> moved_nodes_;
 };
 
 /// A transaction of the object layer for the length of a scope; aborted unless committed. Nested in

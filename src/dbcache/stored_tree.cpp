@@ -37,7 +37,7 @@ mdb::dobj StoredTree::load(mdb::block_handle_t place) {
 }
 
 mdb::block_handle_t StoredTree::rewrite(mdb::block_handle_t place,
-                                        std::initializer_list<const mdb::Property*> properties) {
+                                        const std::vector<const mdb::Property*>& properties) {
     mdb::dobj image = objects_.begin_object_update(place);
     for (const mdb::Property* property : properties)
         objects_.update_property(image, *property, true, false);

@@ -4,7 +4,6 @@
 // handler would not know.
 #pragma once
 
-#include <initializer_list>
 #include <optional>
 #include <vector>
 
@@ -66,7 +65,7 @@ class StoredTree {
     /// One transaction, asynchronous, or part of the open one. Returns where the object lies now.
     /// Throws what mdb::ObjectStore::commit_object_update() throws; nothing is changed then.
     mdb::block_handle_t rewrite(mdb::block_handle_t place,
-                                std::initializer_list<const mdb::Property*> properties);
+                                const std::vector<const mdb::Property*>& properties);
     /// Takes the record of a property out, if there is one; otherwise as rewrite().
     mdb::block_handle_t drop(mdb::block_handle_t place, uint32_t property);
 

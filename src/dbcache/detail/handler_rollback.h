@@ -3,7 +3,8 @@
 // place in the cache and location of the handler.
 #pragma once
 
-#include <optional>
+#include <memory>
+#include <utility>
 
 #include "dbcache/object_handler.h"
 
@@ -24,10 +25,11 @@ class HandlerRollback {
     HandlerRollback(const HandlerRollback&) = delete;
     HandlerRollback& operator=(const HandlerRollback&) = delete;
 
-    void begin() {
+    /// Takes the transaction of the write, which has changed nothing of the object yet.
+    void begin(std::unique_ptr<StoreTransaction> transaction) {
         // A hook may have made the object move since.
         location_ = handler_.location_;
-        transaction_.emplace(handler_.store_);
+        transaction_ = std::move(transaction);
         handler_.in_write_ = true;
     }
     /// Commits, synchronously if this is the outermost transaction. Nothing is undone any more,
@@ -50,7 +52,7 @@ class HandlerRollback {
     void undo() noexcept {
         // Out of the cache first: the abort brings back other handlers, one of which may lie where
         // this one has been put.
-        const bool moved = transaction_.has_value();
+        const bool moved = transaction_ != nullptr;
         if (moved) handler_.move_to({});
         transaction_.reset();
         handler_.in_write_ = false;
@@ -67,7 +69,7 @@ class HandlerRollback {
     tql::version_t version_;
     tql::version_t copy_version_;
     uint32_t subtype_;
-    std::optional<StoreTransaction> transaction_;
+    std::unique_ptr<StoreTransaction> transaction_;
     bool done_ = false;
 };
 

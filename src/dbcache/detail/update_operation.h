@@ -40,7 +40,9 @@ class UpdateOperation {
     void validate();
 
     void open_transaction();
-    void move();
+    void move(const UseMap& use_after);
+    void revalidate_moved();
+    void note_move();
     [[nodiscard]] bool is_member(uint32_t mark) const;
     void update_marks(const NodeId& old_parent);
     void update_marks_now(const NodeId& old_parent);
@@ -66,6 +68,8 @@ class UpdateOperation {
     /// Tells whether another write has changed the object since its values were loaded.
     const uint32_t rewrites_;
     uint32_t subtype_ = kAllSubtypes;
+    /// What the object counted for before the update.
+    UseMap use_before_;
     bool ignored_ = false;
     bool sets_copy_version_ = false;
     /// Null unless the object moves.

@@ -1,5 +1,7 @@
 #include "dbcache/schema/tree_schemas.h"
 
+#include "dbcache/accounting.h"
+#include "mdb/property_types.h"
 #include "tql/enumerations.h"
 #include "tql/names.h"
 
@@ -160,6 +162,28 @@ void add_named_labels(const NodetypeSchema& schema, const PropertyChain& chain,
     add_labels(pattern, out, name, shown, shown);
 }
 
+/// The four counters of a node and what decides on its class, with the changes of `difference`.
+NodeCounts node_counts(const NodetypeSchema& schema, const WorkArray& work,
+                       const UseMap& difference = {}) {
+    const auto value = [&](uint32_t number) -> const work_t& {
+        return work[schema.findProperty(number, kAllSubtypes)];
+    };
+    const auto count = [&](uint32_t number) {
+        const work_t& stored = value(number);
+        const uint32_t before =
+            stored.is_null() ? 0 : static_cast<const mdb::PropertyCount&>(*stored.prop).value;
+        const auto change = difference.find(number);
+        return change == difference.end() ? before : add_to_counter(before, change->second);
+    };
+    const work_t& key = value(prop::keySecret);
+    return {.net_checks = count(prop::countNetChecks),
+            .agent_checks = count(prop::countAgentChecks),
+            .snmp_checks = count(prop::countSnmpChecks),
+            .esxi_checks = count(prop::countEsxiChecks),
+            .has_key = !key.is_null() &&
+                       !static_cast<const mdb::PropertyBigNum&>(*key.prop).value.is_zero()};
+}
+
 }  // namespace
 
 DomainSchema::DomainSchema()
@@ -174,6 +198,9 @@ void DomainSchema::encodeSpecials(const SchemaObject& /*object*/, const Property
                                   const tql::pattern_t& pattern, tql::property_map_t& out) const {
     add_named_labels(*this, chain, pattern, out);
 }
+
+void DomainSchema::account(const SchemaObject& /*object*/, const WorkArray& /*work*/,
+                           UseMap& /*use*/) const {}
 
 NodeSchema::NodeSchema()
     : TableSchema({.nodetype = nodetype::Node,
@@ -199,6 +226,17 @@ void NodeSchema::encodeTemplateSpecials(const SchemaObject* /*parent*/,
 void NodeSchema::listTemplates(const SchemaObject& /*parent*/,
                                std::vector<TemplateValues>& out) const {
     out.emplace_back();
+}
+
+void NodeSchema::getUse(const WorkArray& work, UseMap& use) const {
+    use = node_use(node_counts(*this, work));
+}
+
+void NodeSchema::account(const SchemaObject& /*object*/, const WorkArray& work, UseMap& use) const {
+    const UseMap before = node_use(node_counts(*this, work));
+    const UseMap after = node_use(node_counts(*this, work, use));
+    for (const auto& [counter, difference] : get_use_diff(before, after))
+        add_use(use, counter, difference);
 }
 
 NodeInfoGroupSchema::NodeInfoGroupSchema()

@@ -11,6 +11,8 @@ class DomainSchema : public TableSchema<SingletonIfChildOfMountPointSchema> {
     DomainSchema();
     void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,
                         const tql::pattern_t& pattern, tql::property_map_t& out) const override;
+    /// All that comes from below goes on upward.
+    void account(const SchemaObject& object, const WorkArray& work, UseMap& use) const override;
 };
 
 /// A monitored host. Its checks stand in four groups without storage.
@@ -23,6 +25,9 @@ class NodeSchema : public TableSchema<NodetypeSchema> {
                                 const tql::pattern_t& pattern,
                                 tql::property_map_t& out) const override;
     void listTemplates(const SchemaObject& parent, std::vector<TemplateValues>& out) const override;
+    void getUse(const WorkArray& work, UseMap& use) const override;
+    /// Adds what changes in the class of the node.
+    void account(const SchemaObject& object, const WorkArray& work, UseMap& use) const override;
 };
 
 /// A group of inventory lines; nests.
