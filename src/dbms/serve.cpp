@@ -3,6 +3,7 @@
 #include <array>
 #include <optional>
 
+#include "dbcache/accounting_rebuild.h"
 #include "dbcache/bootstrap.h"
 #include "dbcache/format_conversion.h"
 #include "dbcache/resolver.h"
@@ -167,6 +168,7 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     engine.set_reparentable_classes(schemas.reparentable_classes());
     dbcache::convert_format(parts, sequence, [&] { return create_incident_series(queue); });
     dbcache::prime_mark_lists(parts);
+    dbcache::ensure_accounting(parts);
     store.resolver().resume();
     database.journal().journal_checkpoint();
     logger.info("Caches primed");
