@@ -1,5 +1,6 @@
 #include "dbcache/object_handler.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 
 #include "dbcache/detail/write_faults.h"
@@ -307,6 +308,17 @@ void ObjectHandler::tqlRevalidate(tqlengine::RevalidationFailures& failures) {
     collect_failures(ObjectView(*this), chain, work, failures);
 }
 
+void ObjectHandler::revalidate_children(tqlengine::RevalidationFailures& failures) {
+    if (class_number() != cls::Node || !schema_->lookupProperty(prop::activeMark, subtype_)) {
+        TqlObjectHandler::tqlRevalidate(failures);
+        return;
+    }
+    tqlengine::HandlerList active;
+    MarkIndex(store_, prop::activeMark).traverse(active, id_.value);
+    for (const tqlengine::HandlerRef& one : active)
+        if (one.get() != this) one->tqlRevalidate(failures);
+}
+
 void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyChain& chain,
                                      WorkArray& work,
                                      tqlengine::RevalidationFailures& failures) const {
@@ -317,7 +329,10 @@ void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyCha
         try {
             entries[i].schema->validate(view, chain, work[i]);
         } catch (const errors::tql&) {
-            failures.push_back({tqlId(), entries[i].property});
+            // What is active below something active comes twice.
+            const tqlengine::RevalidationFailure failure{tqlId(), entries[i].property};
+            if (std::find(failures.begin(), failures.end(), failure) == failures.end())
+                failures.push_back(failure);
         }
     }
 }

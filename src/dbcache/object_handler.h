@@ -157,10 +157,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void list_stored(const std::set<uint32_t>& nodetypes, const detail::ClassSet& classes,
                      const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void discard_strays(const std::vector<ObjectHandlerRef>& strays);
-    /// Revalidates what stands below this object.
-    void revalidate_children(tqlengine::RevalidationFailures& failures) {
-        TqlObjectHandler::tqlRevalidate(failures);
-    }
+    /// Revalidates what stands below this object; of a node what is active there.
+    void revalidate_children(tqlengine::RevalidationFailures& failures);
     /// Validates each value in `work` and adds those that fail.
     void collect_failures(const SchemaObject& view, const PropertyChain& chain, WorkArray& work,
                           tqlengine::RevalidationFailures& failures) const;

@@ -120,6 +120,8 @@ struct DeleteArguments {
 struct RevalidationFailure {
     tql::id_t id;
     uint32_t property = 0;
+
+    bool operator==(const RevalidationFailure&) const = default;
 };
 using RevalidationFailures = std::vector<RevalidationFailure>;
 

@@ -219,6 +219,33 @@ TEST_F(AccountingTest, AMoveCarriesTheCountersAlong) {
     EXPECT_EQ(tree.world.store->moved_nodes(), std::set<NodeId>{node});
 }
 
+TEST_F(AccountingTest, ARefusedMoveChangesNoCounter) {
+    const NodeId from = tree.domain(kRootId);
+    const NodeId to = tree.domain(kRootId);
+    const NodeId moved = tree.domain(from);
+    const NodeId node = tree.node(moved);
+    const NodeId group = tree.in_node(node, agent_group);
+    const NodeId active = tree.check(group);
+    const NodeId idle = tree.check(group, false);
+    for (const NodeId& check : {active, idle})
+        tree.world.update(check, {object(prop::alertGroup, from)});
+    const std::string before = dump();
+    const std::string in_memory = memory();
+    // Of a node only what is active is looked at again.
+    const std::string refused = fmt::format("15 MOVE_ERR{{{}:alertGroup}}", active.to_string());
+    for (const NodeId& one : {node, moved}) {
+        EXPECT_EQ(failure([&] { tree.move(one, to); }), refused);
+        EXPECT_EQ(dump(), before);
+        EXPECT_EQ(memory(), in_memory);
+        EXPECT_EQ(tree.fault(), "");
+    }
+    EXPECT_TRUE(tree.world.store->moved_nodes().empty());
+    tree.set_active(active, false);
+    tree.move(moved, to);
+    EXPECT_EQ(tree.counters(to), "countNodes=1");
+    EXPECT_EQ(tree.counters(from), "");
+}
+
 TEST_F(AccountingTest, AHookThatThrowsOnTheWayUpUndoesTheWrite) {
     const NodeId outer = tree.domain(kRootId);
     const NodeId inner = tree.domain(outer);

@@ -18,11 +18,19 @@ namespace dbcache_test {
 /// What account() of a domain, node or group does first; nothing unless a test says so.
 using AccountHook = std::function<void(const NodeId&)>;
 
+inline bool is_active(const dbcache::ObjectHandler& check, const dbcache::WorkArray& work) {
+    const auto& active = work[check.schema().findProperty(prop::active, dbcache::kAllSubtypes)];
+    return static_cast<const mdb::PropertyBool&>(*active.prop).value;
+}
+
 // clang-format off
+inline constexpr uint32_t kDomains[] = {cls::Domain};
 inline constexpr dbcache::PropertyRow kCheckRows[] = {
     {.number = prop::parentId, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X},
     {.number = prop::name, .kind = dbcache::kind_t::string, .flags = dbcache::K},
     {.number = prop::active, .kind = dbcache::kind_t::boolean},
+    {.number = prop::activeMark, .kind = dbcache::kind_t::mark, .flags = dbcache::X | dbcache::R, .member = is_active},
+    {.number = prop::alertGroup, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X, .classes = kDomains, .own_domains_only = true},
 };
 inline constexpr dbcache::PropertyRow kAgentGroupRows[] = {
     {.number = prop::parentId, .kind = dbcache::kind_t::object, .flags = dbcache::N | dbcache::X},
