@@ -198,6 +198,30 @@ void PowerCuts::draw(Rng& rng, DiskImage& out) const {
     build(choice, out);
 }
 
+bool PowerCuts::draw_torn(Rng& rng, DiskImage& out) const {
+    Choice choice = rng.chance(50) ? last_write_in_part(rng) : as_of(log_.size());
+    tear_one(rng, choice);
+    if (!choice.torn) return false;
+    const auto& [key, versions] =
+        *std::next(open_.begin(), static_cast<std::ptrdiff_t>(*choice.torn));
+    const size_t state = choice.states[*choice.torn];
+    // A short file ends before it.
+    std::vector<std::byte> before(kDiskSector);
+    if (state > 1) {
+        std::copy_n(versions[state - 2].bytes, kDiskSector, before.begin());
+    } else if (const auto& content = stable_.files[key.file];
+               content.size() > key.sector * kDiskSector) {
+        const size_t at = key.sector * kDiskSector;
+        std::copy_n(&content[at], std::min(kDiskSector, content.size() - at), before.begin());
+    }
+    std::vector<size_t> changed;
+    for (size_t at = 1; at < kDiskSector; ++at)
+        if (before[at] != versions[state - 1].bytes[at]) changed.push_back(at);
+    if (!changed.empty()) choice.torn_at = changed[rng.below(changed.size())];
+    build(choice, out);
+    return true;
+}
+
 PowerCuts::Choice PowerCuts::as_of(size_t end) const {
     Choice choice;
     for (const auto& [key, versions] : open_) {

@@ -45,6 +45,9 @@ class PowerCuts {
     /// A state drawn at random: now with whole pages, now with single sectors, now as the writes
     /// went, now with one thing lost or one thing kept, at times with one sector torn.
     void draw(Rng& rng, DiskImage& out) const;
+    /// Some writes in their order, and one sector torn where its bytes changed. False, and nothing
+    /// done, when no sector is open.
+    bool draw_torn(Rng& rng, DiskImage& out) const;
     /// Only what is on stable storage.
     [[nodiscard]] const DiskImage& stable() const { return stable_; }
     /// Everything written is kept: what the death of the process leaves.

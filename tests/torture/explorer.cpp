@@ -36,17 +36,18 @@ bool Explorer::over() const {
 
 uint64_t Explorer::states_at(const support::PowerCuts& cuts, uint64_t draws) const {
     const uint64_t possible = cuts.combinations(kAllBelow);
-    return 1 + (possible < kAllBelow ? possible : draws);
+    if (possible >= kAllBelow) return 1 + draws;
+    return 1 + possible + (possible > 1 ? kTornBeside : 0);
 }
 
 void Explorer::make_state(const support::PowerCuts& cuts, Address address, uint64_t salt,
                           support::DiskImage& out) const {
     if (address.state == 0) return cuts.everything(out);
     const uint64_t possible = cuts.combinations(kAllBelow);
-    if (address.state <= possible && possible < kAllBelow)
-        return cuts.combination(address.state - 1, out);
     support::Rng rng(mix(mix(effort_.seed, salt), mix(address.point, address.state)));
-    cuts.draw(rng, out);
+    if (possible >= kAllBelow) return cuts.draw(rng, out);
+    if (address.state <= possible) return cuts.combination(address.state - 1, out);
+    if (!cuts.draw_torn(rng, out)) cuts.draw(rng, out);
 }
 
 void Explorer::run() {

@@ -3,9 +3,9 @@
 // all of these, the same again for every point of the start and the work that follow the crash.
 //
 // A state has an address: workload, point, number, and the seed of the run. Number 0 is the death
-// of the process. Where fewer than kAllBelow power cuts are possible, 1 and up are all of them,
-// otherwise each is drawn by a generator that seed, point and number give. So a state found bad can
-// be looked at alone.
+// of the process. Where fewer than kAllBelow power cuts are possible, 1 and up are all of them, and
+// then some with a torn sector; otherwise each is drawn by a generator that seed, point and number
+// give. So a state found bad can be looked at alone.
 #pragma once
 
 #include <cstddef>
@@ -21,6 +21,9 @@ namespace torture {
 
 /// With fewer possible states all are taken.
 inline constexpr uint64_t kAllBelow = 256;
+
+/// States with a torn sector beside these.
+inline constexpr uint64_t kTornBeside = 16;
 
 struct Effort {
     uint64_t seed = 1;
