@@ -19,10 +19,6 @@ namespace {
 
 const logging::Logger logger{"dbcache"};
 
-/// Properties of the sequence object alone, which no client sees.
-constexpr uint32_t kRingSequence = 2900;
-constexpr uint32_t kFormatNumber = 2901;
-
 std::optional<mdb::block_handle_t> find_place(const Store::Parts& parts, const NodeId& id) {
     return parts.indexes.unique_find(mdb::node_id_index, id);
 }
@@ -58,12 +54,12 @@ Sequence read_sequence(const Store::Parts& parts,
         return sequence;
     }
     const mdb::dobj object = parts.objects.load_object(*place);
-    mdb::PropertyUint64 ring(kRingSequence);
+    mdb::PropertyUint64 ring(sequence_property::ring_sequence);
     if (read_if_there(object, ring)) {
         sequence.ring_sequence = ring.value;
         logger.debug("Read ring sequence: {}", sequence.ring_sequence);
     }
-    mdb::PropertyUint32 format(kFormatNumber);
+    mdb::PropertyUint32 format(sequence_property::format);
     if (read_if_there(object, format)) sequence.format = format.value;
     return sequence;
 }
@@ -71,8 +67,8 @@ Sequence read_sequence(const Store::Parts& parts,
 void store_sequence(const Store::Parts& parts, const Sequence& sequence) {
     RecordWriter writer(parts.database.serializer());
     writer.add(mdb::PropertyNodeId(prop::id, kSequenceId));
-    writer.add(mdb::PropertyUint64(kRingSequence, sequence.ring_sequence));
-    writer.add(mdb::PropertyUint32(kFormatNumber, sequence.format));
+    writer.add(mdb::PropertyUint64(sequence_property::ring_sequence, sequence.ring_sequence));
+    writer.add(mdb::PropertyUint32(sequence_property::format, sequence.format));
     store_durably(parts, find_place(parts, kSequenceId).value_or(mdb::block_handle_t{}));
 }
 

@@ -20,8 +20,7 @@ namespace {
 const logging::Logger logger{"dbms_conversion"};
 
 constexpr uint32_t kOldestFormat = 6;
-/// From these formats on a database has mark lists, and views have series.
-constexpr uint32_t kFormatWithMarks = 11;
+/// From this format on views have series.
 constexpr uint32_t kFormatWithViewSeries = 12;
 
 /// In place of a series: there is none yet, the first data makes it.

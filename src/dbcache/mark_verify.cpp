@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "dbcache/detail/mark_list_check.h"
+#include "dbcache/fixed_ids.h"
 #include "dbcache/stored_tree.h"
 #include "log/log.h"
 #include "mdb/index.h"
@@ -55,27 +56,19 @@ class MarkCheck final : public mdb::ObjectCheck, private detail::MarkedObjects {
                 entry.lists[i] = {read.role, keep(read.should), add_links(read.links)};
             }
             objects_.push_back(entry);
+            if (*id == kSequenceId)
+                format_ = find_value<mdb::PropertyUint32>(object, sequence_property::format)
+                              .value_or(format_);
         } catch (const mdb::error_generic& failure) {
             report.add("K1", object.block, object.offset, "object: " + failure.text());
         }
     }
 
     void finish(mdb::FaultReport& report) override {
+        if (format_ < kFormatWithMarks) return;
         std::sort(objects_.begin(), objects_.end(),
                   [](const Entry& a, const Entry& b) { return a.id < b.id; });
-        for (size_t i = 0; i < kMarks.size(); ++i) {
-            MarkListCheck check(
-                *this, kMarks[i], [&](const NodeId& object, const std::string& text) {
-                    const Entry* entry = find_entry(object);
-                    const auto place = entry ? entry->place : mdb::block_handle_t{};
-                    report.add(fmt::format("K{}", i + 1), place.block, place.offset, text);
-                });
-            check.follow_list();
-            for (const Entry& entry : objects_) {
-                check.expect(entry.id);
-                check.expect_no_stray(entry.id);
-            }
-        }
+        for (size_t i = 0; i < kMarks.size(); ++i) check_list(i, report);
     }
 
   private:
@@ -94,6 +87,27 @@ class MarkCheck final : public mdb::ObjectCheck, private detail::MarkedObjects {
         mdb::block_handle_t place;
         std::array<Membership, kMarks.size()> lists;
     };
+
+    void check_list(size_t list, mdb::FaultReport& report) {
+        const auto root = find(kRootId, kMarks[list]);
+        const bool missing = !root || !root->links;
+        bool told = false;
+        const auto tell = [&](const NodeId& object, const std::string& text) {
+            if (missing && told) return;
+            told = true;
+            const Entry* entry = find_entry(object);
+            const auto place = entry ? entry->place : mdb::block_handle_t{};
+            report.add(fmt::format("K{}", list + 1), place.block, place.offset,
+                       (missing ? "The list is missing: " : "") + text);
+        };
+        MarkListCheck check(*this, kMarks[list], tell);
+        check.follow_list();
+        for (const Entry& entry : objects_) {
+            if (missing && told) return;
+            check.expect(entry.id);
+            check.expect_no_stray(entry.id);
+        }
+    }
 
     static answer_t keep(std::optional<bool> answer) {
         if (!answer) return answer_t::unknown;
@@ -124,6 +138,7 @@ class MarkCheck final : public mdb::ObjectCheck, private detail::MarkedObjects {
 
     std::vector<Entry> objects_;
     std::vector<mdb::MarkLinks> links_;
+    uint32_t format_ = kFormatWithMarks;
 };
 
 }  // namespace

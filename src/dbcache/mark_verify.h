@@ -16,8 +16,9 @@ namespace dbcache {
 void verify_mark_lists(const Store::Parts& parts);
 
 /// The same for all objects and with all faults, as part of the verification of a database: rule K1
-/// is the list of what is active, K2 that of what inherits. Costs 48 bytes of memory for each
-/// object and 32 for each record of a mark.
+/// is the list of what is active, K2 that of what inherits. A list that is missing is one fault,
+/// and none in a database of a format that has no lists yet: the next start builds it. Costs 48
+/// bytes of memory for each object and 32 for each record of a mark.
 [[nodiscard]] std::unique_ptr<mdb::ObjectCheck> make_mark_check();
 
 }  // namespace dbcache

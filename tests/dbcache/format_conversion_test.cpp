@@ -130,6 +130,18 @@ TEST(FormatConversion, AnActiveCheckThatDoesNotSaySoEndsTheStart) {
     EXPECT_TRUE(contains(server.log, "Object 1.99 of type 11"));
 }
 
+TEST(FormatConversion, AMissingAlertNotifyIndexStaysEmptyBelowFormat7) {
+    for (const uint32_t format : {6U, 7U}) {
+        SCOPED_TRACE(format);
+        auto stored = support::old_world();
+        stored.push_back({{1, 99}, {1, 10}, 66, {support::id_record(3901, {1, 20})}});
+        OldServer server(format, stored, 5);
+        server.start();
+        server.start();
+        EXPECT_EQ(server.indexes->iterate_first(mdb::alert_notify_index).valid(), format == 7);
+    }
+}
+
 TEST(FormatConversion, ACutAtAnyMomentEndsInTheSamePlace) {
     OldServer server(6);
     logging::set_all_levels(logging::level_t::off);

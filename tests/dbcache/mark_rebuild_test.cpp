@@ -235,6 +235,19 @@ TEST(MarkVerify, EachFaultIsNamed) {
     }
 }
 
+TEST(MarkVerify, AMissingListIsOneFaultAndNoneInADatabaseWithoutLists) {
+    OldServer server(10);
+    logging::set_all_levels(logging::level_t::off);
+    server.open();
+    EXPECT_EQ(server.faults(), "");
+    server.start();
+    dbcache::StoredTree tree(server.parts());
+    tree.drop(tree.get({0, 1}), prop::inheritsMark);
+    const std::string text = server.faults();
+    EXPECT_NE(text.find("K2 The list is missing: Object "), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1);
+}
+
 TEST(MarkVerify, WhoIsActiveAndNotInTheListIsNamed) {
     OldServer server(12);
     logging::set_all_levels(logging::level_t::off);

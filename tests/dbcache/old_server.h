@@ -26,11 +26,12 @@ inline constexpr uint32_t kSeries = 4711;
 class OldServer {
   public:
     explicit OldServer(uint32_t format,
-                       const std::vector<support::OldObject>& stored = support::old_world()) {
+                       const std::vector<support::OldObject>& stored = support::old_world(),
+                       std::optional<uint32_t> index_count = {}) {
         logging::set_all_levels(logging::level_t::info);
         support::OldFormat old;
         old.number = format;
-        old.indexes = format == 6 ? 5 : 6;
+        old.indexes = index_count.value_or(format == 6 ? 5 : 6);
         support::write_old_database(disk, clock, "db", "journal", old, stored);
     }
     ~OldServer() { close(); }

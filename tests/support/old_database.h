@@ -90,6 +90,7 @@ struct OldFormat {
     /// How many indexes it has.
     uint32_t indexes = 6;
     uint64_t journal_bytes = 64 * 1024;
+    uint64_t capacity_bytes = 16 << 20;
 };
 
 /// Makes a database with these objects, and its sequence object, in the order given, and leaves it
@@ -101,7 +102,7 @@ inline void write_old_database(platform::FileSystem& files, const platform::Cloc
                                  .journal_path = journal_path,
                                  .block_size = 1024,
                                  .journal_size_bytes = format.journal_bytes,
-                                 .capacity_bytes = 16 << 20});
+                                 .capacity_bytes = format.capacity_bytes});
     mdb::Database database({.database_path = database_path, .journal_path = journal_path}, files,
                            clock);
     mdb::IndexTable indexes(database);
