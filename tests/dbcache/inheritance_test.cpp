@@ -13,6 +13,8 @@ namespace {
 
 class InheritanceTest : public ::testing::Test {
   protected:
+    // Whatever a test before this one has left.
+    InheritanceTest() { logging::set_all_levels(logging::level_t::info); }
     void TearDown() override { EXPECT_EQ(world.fault(), ""); }
 
     NodeId folder(const std::string& name, Values values = {}) {

@@ -106,6 +106,8 @@ class OfferingSchema : public TableSchema<NodetypeSchema> {
 
 class TemplateTest : public ::testing::Test {
   protected:
+    // Whatever a test before this one has left.
+    TemplateTest() { logging::set_all_levels(logging::level_t::info); }
     void TearDown() override { EXPECT_EQ(world.fault(), ""); }
 
     static TemplateValues values(std::initializer_list<tql::value_t> list) { return {list}; }
@@ -297,6 +299,7 @@ class FailingSchema : public PropertyUI32Schema {
 }  // namespace
 
 TEST(TemplateEncoding, AFailingValueAndAMissingSchema) {
+    logging::set_all_levels(logging::level_t::info);
     const Listing templates{{number(prop::order, 1)}};
     TestStore world(TestStore::Sizes{}, [&](SchemaTable& table) {
         // Not sealed, so that a child without schema stays.
