@@ -48,6 +48,14 @@ MarkRecords read_marks(Store& store, mdb::block_handle_t handle) {
     return found;
 }
 
+MarkRecords read_marks(const PropertyChain& object) {
+    MarkRecords found;
+    for (size_t i = 0; i < kMarks.size(); ++i)
+        if (mdb::PropertyMarkIndex mark(kMarks[i]); object.read(0, mark) == found_t::value)
+            found[i] = mark.value;
+    return found;
+}
+
 // ---- PropUpdate --------------------------------------------------------------------------------
 
 PropUpdate::PropUpdate(ObjectHandlerRef handler, uint32_t mark)

@@ -50,6 +50,7 @@ inline constexpr uint32_t kMaxMarkFirstWord = 255;
 /// mdb::error_generic.
 [[nodiscard]] MarkRecord read_mark(Store& store, mdb::block_handle_t handle, uint32_t mark);
 [[nodiscard]] MarkRecords read_marks(Store& store, mdb::block_handle_t handle);
+[[nodiscard]] MarkRecords read_marks(const PropertyChain& object);
 
 /// The record of one mark of one object, to be changed and written back in the open transaction.
 /// Between construction and close() nobody else may change the object.

@@ -325,7 +325,8 @@ void UpdateOperation::update_marks(const NodeId& old_parent) {
 /// that the hooks and what they write meet whole lists.
 void UpdateOperation::update_marks_now(const NodeId& old_parent) {
     if (is_new()) return;
-    marks_ = read_marks(handler_.store(), handler_.location());
+    marks_ = read_marks(chain_);
+    refresh_kept_values();
     const MarkRecords before = marks_;
     update_marks(old_parent);
     if (marks_ == before) return;
@@ -359,8 +360,8 @@ void UpdateOperation::take_versions() {
 /// What a hook has written may have changed the marks and counters of this object too.
 void UpdateOperation::refresh_kept_values() {
     if (is_new() || handler_.rewrites_ == rewrites_) return;
-    marks_ = read_marks(handler_.store(), handler_.location());
     const InheritanceChain stored(handler_.store(), handler_.node_id(), handler_.location());
+    marks_ = read_marks(stored);
     const auto entries = schema_.properties();
     for (size_t i = 0; i < entries.size(); ++i)
         if (entries[i].schema->kept_by_system() && entries[i].applies_to(handler_.subtype()))

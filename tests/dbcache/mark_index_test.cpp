@@ -221,7 +221,7 @@ TEST_F(MarkTest, StepsOfAQueryAreAnsweredFromTheLists) {
 }
 
 TEST_F(MarkTest, AClassThatKnowsNoMarkLiesOnTheWayAllTheSame) {
-    const NodeId a = add(kRootId, "a", cls::Report);
+    const NodeId a = add(kRootId, "a", cls::CheckGroup);
     const NodeId b = domain(kRootId, "b");
     const NodeId c = check(a, "c", true);
     EXPECT_EQ(list(), "r(a(c*))");

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 
+#include "dbcache/mark_verify.h"
 #include "mark_world.h"
 #include "support/rng.h"
 
@@ -47,6 +48,10 @@ class MarkStorm {
     }
     void check_store() {
         ASSERT_EQ(world_.fault(), "");
+        const auto marks = dbcache::make_mark_check();
+        mdb::VerifyOptions options;
+        options.checks.push_back(marks.get());
+        ASSERT_EQ(mdb::verify(*world_.database, options).text(), "");
         world_.open();
         world_.store->cache().cache_set_limits(5, 5, 10);
     }
@@ -76,7 +81,7 @@ class MarkStorm {
             values.push_back(boolean(prop::active, active));
             if (inherits) values.push_back(object(prop::inherits, template_));
         }
-        const uint32_t way = rng_.chance(30) ? cls::Report : cls::Domain;
+        const uint32_t way = rng_.chance(30) ? cls::CheckGroup : cls::Domain;
         return world_.create(parent, template_.is_null() || check ? cls::Check : way, values);
     }
 

@@ -47,7 +47,7 @@ inline constexpr dbcache::ChildRow kAnything[] = {
     {cls::Domain, nodetype::Domain},
     {cls::Check, nodetype::AgentCheck},
     {cls::MultiCheck, nodetype::AgentMultiCheck},
-    {cls::Report, nodetype::Report},
+    {cls::CheckGroup, nodetype::AgentCheckGroup},
 };
 // clang-format on
 
@@ -75,7 +75,7 @@ class HookedSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
 };
 
 /// Domains only lie on the way, checks are members while `active` or `inherits` says so, multi
-/// checks always, reports lie on the way without knowing of marks, users have no children.
+/// checks always, groups lie on the way without knowing of marks, users have no children.
 inline TestStore::Declare marked_classes(const Hooks& hooks) {
     return [&hooks](dbcache::SchemaTable& table) {
         const auto add = [&](auto&&... arguments) {
@@ -84,7 +84,7 @@ inline TestStore::Declare marked_classes(const Hooks& hooks) {
         add(nodetype::Domain, cls::Domain, std::span(kWayRows));
         add(nodetype::AgentCheck, cls::Check, std::span(kMarkedRows));
         add(nodetype::AgentMultiCheck, cls::MultiCheck, std::span(kAlwaysRows));
-        add(nodetype::Report, cls::Report, std::span(kPlainRows));
+        add(nodetype::AgentCheckGroup, cls::CheckGroup, std::span(kPlainRows));
         add(nodetype::User, cls::User, std::span(kPlainRows), std::span<const dbcache::ChildRow>{});
         table.seal();
     };
