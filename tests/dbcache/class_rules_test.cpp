@@ -88,6 +88,30 @@ TEST_F(ClassRules, RulesTieTwoValues) {
               "where restriction subtype is 4294967295 idx1 3 idx2 -1");
 }
 
+TEST_F(ClassRules, RulesHoldForTheirSubtype) {
+    /// The subtype is the order.
+    class Typed final : public TableSchema<NodetypeSchema> {
+      public:
+        using TableSchema::TableSchema;
+        [[nodiscard]] uint32_t subtypeFromWork(const WorkArray& work) const override {
+            const auto& order = work[findProperty(prop::order, kAllSubtypes)].prop;
+            return static_cast<const mdb::PropertyUint32&>(*order).value;
+        }
+    };
+    static constexpr GreaterRow second[] = {{prop::plotMax, prop::plotMin, 2, "not so"}};
+    Typed typed({.nodetype = nodetype::View,
+                 .tql_class = cls::View,
+                 .properties = kRows,
+                 .greater = second});
+    const FakeObject object(tree, kNew, kRoot, cls::View);
+    const auto check = [&](uint32_t subtype) {
+        WorkArray work = values("a", subtype, 3, 2);
+        return failure_of([&] { typed.validate(object, FakeChain(tree, kNew), work, NodeId{}); });
+    };
+    EXPECT_EQ(check(1), "");
+    EXPECT_EQ(check(2), "10: not so");
+}
+
 TEST_F(ClassRules, OneSingletonUnderAParent) {
     const SingletonSchema singleton(nodetype::GridConfig, cls::GridConfig);
     const DomainSchema domain;

@@ -404,6 +404,44 @@ TEST_F(Kinds, ReferencesKeepToTheirClassesAndDomains) {
     EXPECT_EQ(take(*set, tql::property_object_set_t(prop::dependsOn, {{2, 5}, {2, 2}})), "");
 }
 
+/// "Own" domains are those above the object; a domain isn't above itself.
+TEST_F(Kinds, ReferencesOfDomainsAndToUsers) {
+    constexpr uint32_t kUsers[] = {cls::User};
+    tree.add({2, 1}, cls::Domain, kRoot);
+    tree.add({2, 2}, cls::Node, {2, 1});
+    tree.add({2, 5}, cls::Node, kRoot);
+    tree.add({2, 6}, cls::User, kRoot);
+    const FakeObject domain(tree, {2, 1});
+    const FakeObject below(tree, {2, 9}, {2, 1}, cls::Node);  // not stored yet
+    const auto own = make_property(
+        {.number = prop::alertGroup, .kind = kind_t::object_set, .own_domains_only = true});
+    const auto refer = [&](const FakeObject& from, const tql::id_t& to) {
+        work_t work;
+        return failure_of([&] {
+            own->assign(tql::property_object_set_t(prop::alertGroup, {{2, 5}, to}), from, chain,
+                        work);
+            own->validate(from, chain, work);
+        });
+    };
+    const std::string illegal = "10: alertGroup points at object in illegal domain";
+    EXPECT_EQ(refer(domain, {2, 5}), "");
+    EXPECT_EQ(refer(domain, {2, 1}), illegal);
+    EXPECT_EQ(refer(domain, {2, 2}), illegal);
+    EXPECT_EQ(refer(below, {2, 1}), "");
+    EXPECT_EQ(refer(below, {2, 2}), "");
+    EXPECT_EQ(refer(object, {2, 2}), illegal);
+
+    const auto user =
+        make_property({.number = prop::owner, .kind = kind_t::user, .classes = kUsers});
+    const auto owner = [&](const tql::id_t& id) {
+        return take(*user, tql::property_object_t(prop::owner, id));
+    };
+    EXPECT_EQ(owner({}), "");  // the built-in user
+    EXPECT_EQ(owner({2, 6}), "");
+    EXPECT_EQ(owner({2, 5}),
+              "10: owner points at the wrong class (Node given, should be one of User)");
+}
+
 TEST_F(Kinds, EdgesMakeNoCycle) {
     const auto schema = make_property({.number = prop::inheritsFrom, .kind = kind_t::acyclic_set});
     const auto edges = [&](const NodeId& from, std::vector<NodeId> to) {
