@@ -156,8 +156,11 @@ ordered_json stored_value_to_json(mdb::Database& database, const mdb::RecordView
             return convert<mdb::PropertyString, tql::property_string_t>(record);
         case mdb::PropertyNodeId::kTypeId:
             return reference(record);
-        case stored_enum:
-            return enumeration(record, kind.enumeration);
+        case stored_enum:  // nodeType is stored so, although it is a number for everybody
+            return kind.type == property_type_t::uint
+                       ? convert<mdb::PropertySomething32<uint32_t, stored_enum>,
+                                 tql::property_uint_t>(record)
+                       : enumeration(record, kind.enumeration);
         case stored_bool_or_real:
             return is_boolean(record, kind)
                        ? convert<mdb::PropertyBool, tql::property_boolean_t>(record)
