@@ -10,6 +10,8 @@
 #include <nlohmann/json.hpp>
 #include <unistd.h>
 
+#include "captured.h"
+#include "dbcache/object_handler.h"
 #include "log/log.h"
 #include "mdb/database.h"
 #include "mdb/errors.h"
@@ -27,36 +29,6 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
-
-/// What a command has printed.
-class Captured {
-  public:
-    Captured() : data_(std::tmpfile()), remarks_(std::tmpfile()) {
-        output.data = data_;
-        output.remarks = remarks_;
-    }
-    ~Captured() {
-        std::fclose(data_);
-        std::fclose(remarks_);
-    }
-    Captured(const Captured&) = delete;
-    Captured& operator=(const Captured&) = delete;
-
-    [[nodiscard]] std::string data() const { return text(data_); }
-    [[nodiscard]] std::string remarks() const { return text(remarks_); }
-
-    cli::Output output;
-
-  private:
-    static std::string text(std::FILE* file) {
-        std::string all(static_cast<size_t>(std::ftell(file)), '\0');
-        std::rewind(file);
-        EXPECT_EQ(std::fread(all.data(), 1, all.size(), file), all.size());
-        return all;
-    }
-    std::FILE* data_;
-    std::FILE* remarks_;
-};
 
 class OfflineCommands : public testing::Test {
   protected:
@@ -89,16 +61,20 @@ class OfflineCommands : public testing::Test {
     void create_objects(mdb::Database& database, mdb::ObjectStore& store) {
         const mdb::PropertyNodeId root_id(prop::id, {0, 1});
         const mdb::PropertyNodeId no_parent(prop::parentId, {});
-        const mdb::PropertyUint32 domain(prop::nodeType, nodetype::Domain);
+        const dbcache::PropertyNodeType domain(prop::nodeType,
+                                               dbcache::node_type_t{nodetype::Domain});
         const mdb::PropertyNodeId id(prop::id, {1, 7});
         mdb::PropertyNodeId parent(prop::parentId, {0, 1});
-        const mdb::PropertyUint32 check(prop::nodeType, nodetype::AgentCheck);
+        const dbcache::PropertyNodeType check(prop::nodeType,
+                                              dbcache::node_type_t{nodetype::AgentCheck});
         mdb::PropertyString name(prop::name, "caf\xE9");
         name.inherited = 1;
         const mdb::PropertyVersion version(prop::version, {12, 345});
         const mdb::PropertyBool boolean(prop::isPassword, true);
         const mdb::PropertyNodeIdList set(prop::dependsOn, {{0, 9}, {0, 8}});
-        const mdb::PropertyMarkIndex mark(prop::activeMark, {{0, 1}, {1, 2}, {1, 3}, true});
+        const mdb::PropertyBool active(prop::active, true);
+        const mdb::PropertyMarkIndex mark(prop::activeMark, {{0, 1}, {}, {1, 7}, true});
+        const mdb::PropertyMarkIndex link(prop::activeMark, {{}, {1, 7}, {1, 7}, false});
         const mdb::PropertyBlob blob(prop::icon, {'a', 'b', 'c'});
         const mdb::PropertyDouble unknown_real(60'000, 0.5);
         const mdb::PropertyUint64 unknown_long(60'001, 1ULL << 40);
@@ -106,9 +82,9 @@ class OfflineCommands : public testing::Test {
         const std::vector<std::byte> bytes(1500, std::byte{0});
         const mdb::PropertyUint32 image(prop::largeImage, mdb::write_lob(database, bytes));
         create(database, store,
-               {&id, &parent, &check, &name, &version, &boolean, &set, &mark, &blob, &unknown_real,
-                &unknown_long, &image});
-        create(database, store, {&root_id, &no_parent, &domain});
+               {&id, &parent, &check, &name, &version, &boolean, &set, &active, &mark, &blob,
+                &unknown_real, &unknown_long, &image});
+        create(database, store, {&root_id, &no_parent, &domain, &link});
         transaction.commit();
     }
     /// Changes one byte of the file of the database.
@@ -143,7 +119,8 @@ TEST_F(OfflineCommands, DumpPrintsObjectsById) {
     properties.erase("largeImage");
     EXPECT_EQ(properties, json::parse(R"({"parentId": "0.1", "nodeType": 11,
         "name": "caf\ufffd", "version": "12.345", "isPassword": true, "dependsOn": ["0.8", "0.9"],
-        "activeMark": {"type": "mark", "marked": true, "prev": "0.1", "next": "1.2", "last": "1.3"},
+        "active": true,
+        "activeMark": {"type": "mark", "marked": true, "prev": "0.1", "next": "0.0", "last": "1.7"},
         "icon": "YWJj", "60000": {"type": "real", "value": 0.5}, "60001": 1099511627776})"));
     EXPECT_EQ(captured.remarks(), "");
 }
@@ -173,7 +150,7 @@ TEST_F(OfflineCommands, VerifyAndStatTellWhatThereIs) {
     {
         const Captured captured;
         EXPECT_EQ(cli::verify_command(arguments_, captured.output), cli::kDone);
-        EXPECT_THAT(captured.data(), HasSubstr("2 objects with 15 records, 2 indexes with 4 "
+        EXPECT_THAT(captured.data(), HasSubstr("2 objects with 17 records, 2 indexes with 4 "
                                                "entries, 1 large object, "));
         EXPECT_THAT(captured.data(), HasSubstr("no faults found\n"));
         EXPECT_EQ(captured.remarks(), "");

@@ -185,10 +185,11 @@ bool is_whole(const mdb::SnapshotReceiver& receiver, const StopSignals& signals,
     if (receiver.has_journal_file()) copy.journal_path = receiver.temporary_journal();
     copy.most_faults = kMostFaults;
     Progress progress(output, "Verifying");
-    const auto found =
+    const DatabaseReport report =
         verify_with_all_checks(copy, [&](const mdb::VerifyProgress&) { signals.check(); });
-    output.remark(found.verification.text());
-    return found.verification.whole();
+    const mdb::Verification& found = report.files.verification;
+    output.remark(found.text());
+    return found.whole();
 }
 
 /// The faults are the running database's own: this may be the best copy that there will ever be,

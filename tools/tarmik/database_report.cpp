@@ -3,7 +3,9 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "dbcache/accounting_rebuild.h"
 #include "dbcache/fixed_ids.h"
+#include "dbcache/mark_verify.h"
 #include "log/log.h"
 #include "mdb/verify_parents.h"
 #include "platform/overlay_files.h"
@@ -66,6 +68,23 @@ ordered_json journal_to_json(const mdb::JournalState& journal) {
             {"free_bytes", journal.free}};
 }
 
+ordered_json list_to_json(const TreeFigures::MarkList& list) {
+    return {{"exists", list.exists}, {"marked", list.marked}, {"linked", list.linked}};
+}
+
+ordered_json tree_to_json(const TreeFigures& tree) {
+    ordered_json counters = ordered_json::object();
+    for (const auto& [number, count] : tree.root_counters)
+        counters[tql::property_name(number)] = count;
+    return {{"active_list", list_to_json(tree.active)},
+            {"inherits_list", list_to_json(tree.inherits)},
+            {"root_counters", std::move(counters)},
+            {"kept_tombstones", tree.kept_tombstones},
+            {"waiting_tombstones", tree.waiting_tombstones},
+            {"detached_objects", tree.detached},
+            {"remarks", tree.remarks()}};
+}
+
 ordered_json trees_to_json(const mdb::VerifyCounts& counts) {
     ordered_json trees = ordered_json::array();
     for (uint32_t n = 0; n < counts.index_count; ++n) {
@@ -82,21 +101,26 @@ ordered_json trees_to_json(const mdb::VerifyCounts& counts) {
 
 }  // namespace
 
-mdb::FileVerification verify_with_all_checks(
+DatabaseReport verify_with_all_checks(
     const OfflineArguments& arguments,
     const std::function<void(const mdb::VerifyProgress&)>& progress) {
     platform::OverlayFiles files;
+    DatabaseReport report;
     const auto parents = mdb::make_parent_check(is_outside);
+    const auto marks = dbcache::make_mark_check();
+    const auto counters = dbcache::make_accounting_check();
+    const auto census = make_tree_census(report.tree);
     mdb::VerifyOptions options;
     options.most_faults = arguments.most_faults;
     options.large_object_properties = {prop::largeImage};
-    options.checks = {parents.get()};
+    options.checks = {parents.get(), marks.get(), counters.get(), census.get()};
     options.progress = progress;
-    return mdb::verify_files(files, arguments.database_path, arguments.journal_path, options);
+    report.files =
+        mdb::verify_files(files, arguments.database_path, arguments.journal_path, options);
+    return report;
 }
 
-mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
-                                           const Output& output) {
+DatabaseReport verify_with_progress(const OfflineArguments& arguments, const Output& output) {
     logging::set_all_levels(logging::level_t::off);
     ProgressLine line(output);
     return verify_with_all_checks(arguments, [&](const mdb::VerifyProgress& progress) {
@@ -104,7 +128,8 @@ mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
     });
 }
 
-ordered_json figures_to_json(const mdb::FileVerification& found) {
+ordered_json figures_to_json(const DatabaseReport& report) {
+    const mdb::FileVerification& found = report.files;
     const mdb::VerifyCounts& counts = found.verification.counts;
     ordered_json all{{"database_bytes", found.database_bytes}, {"block_size", found.block_size}};
     if (found.opened) {
@@ -120,6 +145,7 @@ ordered_json figures_to_json(const mdb::FileVerification& found) {
         all["indexes"] = trees_to_json(counts);
         all["large_objects"] = {{"count", counts.large_objects},
                                 {"bytes", counts.large_object_bytes}};
+        all["tree"] = tree_to_json(report.tree);
     }
     all["journal"] = journal_to_json(found.journal);
     return all;

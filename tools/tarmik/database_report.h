@@ -9,6 +9,7 @@
 
 #include "mdb/verify_files.h"
 #include "tarmik/offline_commands.h"
+#include "tarmik/tree_census.h"
 
 namespace cli {
 
@@ -20,16 +21,22 @@ inline constexpr std::array<std::string_view, mdb::kMaxIndexes> kIndexNames = {
 inline constexpr std::array<std::string_view, mdb::kGreatestMark + 1> kMarkNames = {
     "empty", "used", "full", "", "root index", "non-root index", "leaf", "lob"};
 
-/// Verifies with all checks that an operator wants: those of the store, parents, and who names each
-/// large object. Throws like mdb::verify_files().
-[[nodiscard]] mdb::FileVerification verify_with_all_checks(
+struct DatabaseReport {
+    mdb::FileVerification files;
+    /// Of a database that could be opened.
+    TreeFigures tree;
+};
+
+/// Verifies with all checks that an operator wants: those of the store, who names each large
+/// object, parents, mark lists and counters. Throws like mdb::verify_files().
+[[nodiscard]] DatabaseReport verify_with_all_checks(
     const OfflineArguments& arguments,
     const std::function<void(const mdb::VerifyProgress&)>& progress);
 /// The same without a line in the log. Shows how far it is if remarks go to a terminal.
-[[nodiscard]] mdb::FileVerification verify_with_progress(const OfflineArguments& arguments,
-                                                         const Output& output);
+[[nodiscard]] DatabaseReport verify_with_progress(const OfflineArguments& arguments,
+                                                  const Output& output);
 
-/// Sizes, blocks, objects, indexes, large objects and journal.
-[[nodiscard]] nlohmann::ordered_json figures_to_json(const mdb::FileVerification& found);
+/// Sizes, blocks, objects, indexes, large objects, tree and journal.
+[[nodiscard]] nlohmann::ordered_json figures_to_json(const DatabaseReport& report);
 
 }  // namespace cli

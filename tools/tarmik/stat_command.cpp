@@ -4,6 +4,7 @@
 #include "mdb/index_layout.h"
 #include "tarmik/database_report.h"
 #include "tarmik/offline_commands.h"
+#include "tql/names.h"
 
 namespace cli {
 
@@ -38,6 +39,22 @@ std::string database_text(const mdb::FileVerification& found) {
     return text;
 }
 
+std::string list_text(const char* name, const TreeFigures::MarkList& list) {
+    return fmt::format("  {:<13}{} marked, {} linked{}\n", name, list.marked, list.linked,
+                       list.is_missing() ? ", no list" : "");
+}
+
+std::string tree_text(const TreeFigures& tree) {
+    std::string text =
+        "tree\n" + list_text("active", tree.active) + list_text("inheriting", tree.inherits) +
+        fmt::format("  {:<13}{} kept, {} waiting with {} objects below them\n", "tombstones",
+                    tree.kept_tombstones, tree.waiting_tombstones, tree.detached);
+    text += tree.root_counters.empty() ? "counters       none\n" : "counters       of the root\n";
+    for (const auto& [number, count] : tree.root_counters)
+        text += fmt::format("  {:<22} {}\n", tql::property_name(number), count);
+    return text;
+}
+
 std::string journal_text(const mdb::JournalState& journal) {
     std::string text = fmt::format("journal        {} bytes\n", journal.length);
     for (size_t i = 0; i < journal.halves.size(); ++i) {
@@ -58,11 +75,12 @@ std::string journal_text(const mdb::JournalState& journal) {
 }  // namespace
 
 exit_code_t stat_command(const OfflineArguments& arguments, const Output& output) {
-    const mdb::FileVerification found = verify_with_progress(arguments, output);
+    const DatabaseReport report = verify_with_progress(arguments, output);
+    const mdb::FileVerification& found = report.files;
     if (output.json)
-        output.print(figures_to_json(found).dump(2) + "\n");
+        output.print(figures_to_json(report).dump(2) + "\n");
     else
-        output.print((found.opened ? database_text(found) : std::string()) +
+        output.print((found.opened ? database_text(found) + tree_text(report.tree) : "") +
                      journal_text(found.journal));
     if (!found.opened)
         output.remark(
