@@ -284,19 +284,21 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
 // ---- records that the system keeps --------------------------------------------------------------
 
 void ObjectHandler::rewrite_records(const ImageChange& change) {
-    mdb::ObjectStore& objects = store_.objects();
-    const mdb::block_handle_t before = location_;
-    move_to({});  // the store refuses to touch an object that the cache holds
-    try {
-        mdb::dobj image = objects.begin_object_update(before);
-        change(objects, image);
-        move_to(objects.commit_object_update(image));
-    } catch (const error::Exception&) {
-        move_to(before);
-        throw;
-    }
-    ++rewrites_;
+    // First of all: from here on an abort, whatever it comes from, brings the handler back.
     store_.touch(*this);
+    struct Return {
+        ObjectHandler& handler;
+        const mdb::block_handle_t before = handler.location_;
+        ~Return() {
+            if (!handler.is_stored()) handler.move_to(before);
+        }
+    } const unless_done{*this};
+    mdb::ObjectStore& objects = store_.objects();
+    move_to({});  // the store refuses to touch an object that the cache holds
+    mdb::dobj image = objects.begin_object_update(unless_done.before);
+    change(objects, image);
+    move_to(objects.commit_object_update(image));
+    ++rewrites_;
 }
 
 // ---- validating again --------------------------------------------------------------------------

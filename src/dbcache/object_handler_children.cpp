@@ -51,7 +51,8 @@ void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::Handle
     const detail::LevelClasses classes(pattern);
     for (const auto& [group_id, group] : schema_->groups())
         if (classes.objects().admits(group.tql_class))
-            out.emplace_back(new GroupHandler(ObjectHandlerRef(this), group_id));
+            out.push_back(
+                tqlengine::HandlerRef(new GroupHandler(ObjectHandlerRef(this), group_id)));
 }
 
 void ObjectHandler::list_children(const std::map<uint32_t, uint32_t>& child_classes,

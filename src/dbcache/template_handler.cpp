@@ -35,7 +35,8 @@ void TemplateHandler::list(const Place& place, const std::map<uint32_t, uint32_t
         list_values(*schema, templates);
         uint32_t ordinal = 0;
         for (TemplateValues& values : templates)
-            out.emplace_back(new TemplateHandler(place, *schema, ordinal++, std::move(values)));
+            out.push_back(tqlengine::HandlerRef(
+                new TemplateHandler(place, *schema, ordinal++, std::move(values))));
     }
 }
 

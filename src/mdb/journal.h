@@ -21,6 +21,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <set>
 #include <span>
 #include <string>
@@ -238,6 +239,9 @@ void Journal::guarded(Operation&& operation) {
         operation();
     } catch (const error_generic& failure) {
         failure_ = failure.text();
+        throw;
+    } catch (const std::bad_alloc&) {
+        failure_ = "Out of memory";  // short enough to need none
         throw;
     }
 }

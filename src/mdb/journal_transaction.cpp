@@ -27,12 +27,16 @@ constexpr uint32_t kSmallestTransactionBuffer = 64 * 1024;
 
 void Journal::transaction_begin() {
     check_usable();
-    if (stack_.empty()) begin_outermost();
-    stack_.push_back({transaction_fill_, open_updates_.count(), touched_.size()});
+    const bool outermost = stack_.empty();
+    if (outermost) begin_outermost();
+    // All that may run out of memory comes before the first change: a transaction that could not be
+    // begun has nobody who ends it.
+    std::byte* entry = outermost ? reserve_entry(layout::kBeginSize) : nullptr;
+    stack_.reserve(stack_.size() + 1);
     observer_->transaction_began();
-    if (stack_.size() > 1) return;
+    stack_.push_back({transaction_fill_, open_updates_.count(), touched_.size()});
+    if (!outermost) return;
 
-    std::byte* entry = reserve_entry(layout::kBeginSize);
     util::store_be32(entry, layout::kBegin);
     std::memcpy(entry + 4, view() + committed_end_ + 4, 4);
     util::store_be64(entry + layout::begin_serial, current_serial_);

@@ -36,9 +36,10 @@ class HandlerRollback {
     /// unless an outer transaction is aborted, which the store sees to.
     void commit() {
         if (transaction_->nested()) note_in_store();
-        transaction_->commit();
+        // A commit that fails leaves nothing to go on with: only the journal knows what is stored.
         done_ = true;
         handler_.in_write_ = false;
+        transaction_->commit();
         transaction_.reset();
     }
 
