@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "dbcache/detail/damage.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/group_handler.h"
@@ -175,8 +176,21 @@ WorkArray ObjectHandler::load_values() const {
     const auto entries = schema_->properties();
     WorkArray work(entries.size());
     for (size_t i = 0; i < work.size(); ++i)
-        if (entries[i].applies_to(subtype_)) entries[i].schema->load(chain, work[i]);
+        if (entries[i].applies_to(subtype_)) load_value(*entries[i].schema, chain, work[i]);
     return work;
+}
+
+/// A value of the wrong type must not keep an object from being deleted, nor others from being
+/// written below it. A counter would go on from there, so that one does.
+void ObjectHandler::load_value(const PropertySchema& schema, const PropertyChain& chain,
+                               work_t& out) const {
+    try {
+        schema.load(chain, out);
+    } catch (const mdb::error_wrongtype& fault) {
+        if (schema.kept_by_system()) throw;
+        detail::log_unreadable_value(schema.property, fault.text());
+        schema.initial(out);
+    }
 }
 
 // ---- reading -----------------------------------------------------------------------------------

@@ -71,8 +71,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// stored under that id.
     [[nodiscard]] ObjectHandlerRef parent_object() const;
 
-    /// The values of the object as it is stored; those of other subtypes stay empty. Throws
-    /// mdb::error_generic.
+    /// The values of the object as it is stored; those of other subtypes stay empty. A record of a
+    /// wrong type is logged and reads as the start value. Throws mdb::error_generic.
     [[nodiscard]] WorkArray load_values() const;
 
     /// Objects on the way to the root, this one and the root included.
@@ -150,6 +150,7 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
                        tql::property_map_t& out) const;
     [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
+    void load_value(const PropertySchema& schema, const PropertyChain& chain, work_t& out) const;
     void list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
                         const detail::ClassSet& classes, tqlengine::TqlObjectHandler& place,

@@ -340,3 +340,22 @@ TEST_F(AccountingTest, ACounterThatWouldWrapEndsTheProcess) {
         EXPECT_DEATH(tree.world.remove(check), "Assertion failed: Overflow");
     }
 }
+
+TEST_F(AccountingTest, ADamagedValueStopsNoWriteAroundIt) {
+    const NodeId domain = tree.domain(kRootId);
+    const NodeId node = tree.node(domain);
+    for (const NodeId& id : {domain, node}) {
+        dbcache::StoreTransaction damage(*tree.world.store);
+        const auto damaged = tree.world.store->resolver().find_object(id);
+        damaged->rewrite_records([](mdb::ObjectStore& objects, mdb::dobj& image) {
+            objects.remove_property(image, prop::label, true);
+            objects.update_property(image, mdb::PropertyUint32(prop::label, 7), true, false);
+        });
+        damage.commit();
+    }
+    tree.in_node(node, net_group);
+    EXPECT_EQ(tree.counters(kRootId), "countNetChecks=1 countNodes=1 countNetCheckNodes=1");
+    tree.world.remove(node);
+    EXPECT_EQ(tree.counters(kRootId), "");
+    tree.world.remove(domain);
+}
