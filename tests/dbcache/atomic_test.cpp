@@ -136,9 +136,10 @@ TEST_P(AtomicTest, AJournalWithoutRoomUndoesIt) {
     EXPECT_GT(room, kSmallestUpdate + 8);
 }
 
-/// Memory after a write is what a server finds that starts then.
+/// Memory after a write is what a server finds that starts then, with whole lists and counters.
 TEST_P(AtomicTest, WithoutAFaultMemoryAndFileAgree) {
     GetParam().run(*world);
+    EXPECT_EQ(verification(world->store), "");
     StoreSnapshot::load_all(world->store);
     const StoreSnapshot after(world->store);
     EXPECT_NE(before->difference(after), "");

@@ -1,16 +1,19 @@
 // A small tree of classes in which every rule of the object layer turns up, for tests that try the
 // layer as a whole:
 //
-//   Folder (Domain)   references of every sort, inherits, counters, marks
+//   Folder (Domain)   references of every sort, inherits, all counters, marks
 //     Folder, Machine, Mount, Settings
-//   Machine (Node)    inherits from machines; counters
-//     group 0: Check (NetCheck)         two subtypes, marked while active, counted, with a series
+//   Machine (Node)    inherits from machines; counters; counts by what it has
+//     group 0: Check (NetCheck)         two subtypes, always marked, counted, with a series
 //     group 1: CheckGroup               nests; on the way of marks and counters
-//                CheckGroup, Check (AgentCheck)
+//                CheckGroup, Check (AgentCheck)   marked and counted while active
 //     Plan                              with a series
 //   Mount (MountPoint)                  counters end here
 //     Folder
 //   Settings (GridConfig)               a singleton
+//
+// Marks and counters follow the same rules as in the system's own classes, so that the
+// verifications of stored lists and counters hold for these objects too.
 //
 // Everything that a class adds to the work of the layer, a hook or a step of a property, can be
 // made to throw or to do something by itself; see Trials.
@@ -20,6 +23,7 @@
 #include <memory>
 #include <utility>
 
+#include "dbcache/accounting.h"
 #include "dbcache/class_table.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/property_kinds.h"
@@ -112,12 +116,12 @@ inline bool is_set(const dbcache::NodetypeSchema& schema, const dbcache::WorkArr
     if (!index || work[*index].is_null()) return false;
     return static_cast<const mdb::PropertyBool&>(*work[*index].prop).value;
 }
-inline bool is_active(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
+inline bool is_active_check(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
     const dbcache::NodetypeSchema& schema = handler.schema();
     dynamic_cast<const Trying&>(schema).trials.step();
-    return is_set(schema, work, prop::active);
+    return handler.nodetype() == nodetype::NetCheck || is_set(schema, work, prop::active);
 }
-inline bool does_inherit(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
+inline bool is_heir(const dbcache::ObjectHandler& handler, const dbcache::WorkArray& work) {
     const dbcache::NodetypeSchema& schema = handler.schema();
     dynamic_cast<const Trying&>(schema).trials.step();
     const auto index = schema.lookupProperty(prop::inherits, dbcache::kAllSubtypes);
@@ -185,6 +189,38 @@ class TrialSchema : public dbcache::TableSchema<Base>, public Trying {
     const bool while_active_;
 };
 
+/// A node without a key: it counts as one node, and in a class of nodes by its checks.
+class TrialNodeSchema final : public TrialSchema<> {
+  public:
+    using TrialSchema::TrialSchema;
+    void getUse(const dbcache::WorkArray& work, dbcache::UseMap& use) const override {
+        trials.step();
+        use = dbcache::node_use(counts(work, {}));
+    }
+    void account(const dbcache::SchemaObject&, const dbcache::WorkArray& work,
+                 dbcache::UseMap& use) const override {
+        trials.step();
+        const dbcache::UseMap before = dbcache::node_use(counts(work, {}));
+        const dbcache::UseMap after = dbcache::node_use(counts(work, use));
+        for (const auto& [counter, difference] : dbcache::get_use_diff(before, after))
+            dbcache::add_use(use, counter, difference);
+    }
+
+  private:
+    [[nodiscard]] dbcache::NodeCounts counts(const dbcache::WorkArray& work,
+                                             const dbcache::UseMap& added) const {
+        const auto count = [&](uint32_t number) {
+            const auto& stored = work[findProperty(number, dbcache::kAllSubtypes)];
+            const auto more = added.find(number);
+            return dbcache::add_to_counter(
+                stored.is_null() ? 0 : static_cast<const mdb::PropertyCount&>(*stored.prop).value,
+                more == added.end() ? 0 : more->second);
+        };
+        return {.net_checks = count(prop::countNetChecks),
+                .agent_checks = count(prop::countAgentChecks)};
+    }
+};
+
 namespace trial {
 
 using dbcache::C;
@@ -205,12 +241,20 @@ inline constexpr dbcache::PropertyRow kLabel = {.number = prop::label, .kind = k
 inline constexpr dbcache::PropertyRow kNetCount = {.number = prop::countNetChecks, .kind = kind_t::count, .flags = R};
 inline constexpr dbcache::PropertyRow kAgentCount = {.number = prop::countAgentChecks, .kind = kind_t::count, .flags = R};
 inline constexpr dbcache::PropertyRow kNodeCount = {.number = prop::countNodes, .kind = kind_t::count, .flags = R};
+inline constexpr dbcache::PropertyRow kNetNodeCount = {.number = prop::countNetCheckNodes, .kind = kind_t::count, .flags = R};
 inline constexpr dbcache::PropertyRow kOnTheWay = {.number = prop::activeMark, .kind = kind_t::mark, .flags = X | R};
-inline constexpr dbcache::PropertyRow kActiveMark = {.number = prop::activeMark, .kind = kind_t::mark, .flags = X | R, .member = is_active};
-inline constexpr dbcache::PropertyRow kInheritsMark = {.number = prop::inheritsMark, .kind = kind_t::mark, .flags = X | R, .member = does_inherit};
+inline constexpr dbcache::PropertyRow kActiveMark = {.number = prop::activeMark, .kind = kind_t::mark, .flags = X | R, .member = is_active_check};
+inline constexpr dbcache::PropertyRow kInheritsMark = {.number = prop::inheritsMark, .kind = kind_t::mark, .flags = X | R, .member = is_heir};
 
 inline constexpr dbcache::PropertyRow kFolderRows[] = {
-    kParent, kLabel, kNetCount, kAgentCount, kNodeCount, kOnTheWay, kInheritsMark,
+    kParent, kLabel, kNetCount, kAgentCount, kNodeCount, kNetNodeCount, kOnTheWay, kInheritsMark,
+    {.number = prop::countSnmpChecks, .kind = kind_t::count, .flags = R},
+    {.number = prop::countEsxiChecks, .kind = kind_t::count, .flags = R},
+    {.number = prop::countAgentCheckNodes, .kind = kind_t::count, .flags = R},
+    {.number = prop::countAgentLimitNodes, .kind = kind_t::count, .flags = R},
+    {.number = prop::countSnmpCheck10Nodes, .kind = kind_t::count, .flags = R},
+    {.number = prop::countSnmpCheckInfNodes, .kind = kind_t::count, .flags = R},
+    {.number = prop::countEsxiNodes, .kind = kind_t::count, .flags = R},
     {.number = prop::inherits, .kind = kind_t::object, .flags = N | X, .classes = kFolders},
     {.number = prop::alertGroup, .kind = kind_t::object, .flags = N | X, .classes = kFolders, .own_domains_only = true},
     {.number = prop::owner, .kind = kind_t::object, .flags = N},
@@ -232,7 +276,7 @@ inline constexpr dbcache::PropertyRow kGroupRows[] = {kParent, kNetCount, kAgent
 inline constexpr dbcache::PropertyRow kPlanRows[] = {
     kParent, {.number = prop::tsdbIndex, .kind = kind_t::series, .flags = X | R},
 };
-inline constexpr dbcache::PropertyRow kMountRows[] = {kParent, kNetCount, kAgentCount, kNodeCount, kOnTheWay, {.number = prop::inheritsMark, .kind = kind_t::mark, .flags = X | R}};
+inline constexpr dbcache::PropertyRow kMountRows[] = {kParent, kNetCount, kAgentCount, kNodeCount, kNetNodeCount, kOnTheWay, {.number = prop::inheritsMark, .kind = kind_t::mark, .flags = X | R}};
 inline constexpr dbcache::PropertyRow kSettingsRows[] = {kLabel};
 
 inline constexpr dbcache::ChildRow kFolderChildren[] = {
@@ -250,11 +294,11 @@ inline constexpr dbcache::GroupRow kMachineGroups[] = {
 }  // namespace trial
 
 /// Registers one class with a name as its key and, where it may inherit one, an order.
-template <class Base = dbcache::NodetypeSchema>
+template <class Schema = TrialSchema<>>
 void add_trial_class(dbcache::SchemaTable& table, Trials& trials, dbcache::ClassTable columns,
                      uint32_t own_use = 0, bool while_active = false) {
     columns.sibling_name = prop::name;
-    auto schema = std::make_unique<TrialSchema<Base>>(trials, columns, own_use, while_active);
+    auto schema = std::make_unique<Schema>(trials, columns, own_use, while_active);
     schema->addPropertySchema(std::make_shared<TrialProperty<dbcache::PropertyStringSchema>>(
         trials, prop::name, dbcache::K | dbcache::X));
     if (schema->lookupProperty(prop::inherits, dbcache::kAllSubtypes))
@@ -275,12 +319,12 @@ inline std::function<void(dbcache::SchemaTable&)> trial_classes(Trials& trials) 
              .tql_class = cls::Domain,
              .properties = kFolderRows,
              .children = kFolderChildren});
-        add({.nodetype = nodetype::Node,
-             .tql_class = cls::Node,
-             .properties = kMachineRows,
-             .children = kMachineChildren,
-             .groups = kMachineGroups},
-            prop::countNodes);
+        add_trial_class<TrialNodeSchema>(table, trials,
+                                         {.nodetype = nodetype::Node,
+                                          .tql_class = cls::Node,
+                                          .properties = kMachineRows,
+                                          .children = kMachineChildren,
+                                          .groups = kMachineGroups});
         add({.nodetype = nodetype::NetCheck, .tql_class = cls::Check, .properties = kCheckRows},
             prop::countNetChecks);
         add({.nodetype = nodetype::AgentCheck, .tql_class = cls::Check, .properties = kCheckRows},
@@ -294,10 +338,10 @@ inline std::function<void(dbcache::SchemaTable&)> trial_classes(Trials& trials) 
              .tql_class = cls::MountPoint,
              .properties = kMountRows,
              .children = kMountChildren});
-        add_trial_class<dbcache::SingletonSchema>(table, trials,
-                                                  {.nodetype = nodetype::GridConfig,
-                                                   .tql_class = cls::GridConfig,
-                                                   .properties = kSettingsRows});
+        add_trial_class<TrialSchema<dbcache::SingletonSchema>>(table, trials,
+                                                               {.nodetype = nodetype::GridConfig,
+                                                                .tql_class = cls::GridConfig,
+                                                                .properties = kSettingsRows});
         table.seal();
     };
 }

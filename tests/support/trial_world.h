@@ -10,6 +10,8 @@
 #include <set>
 #include <string>
 
+#include "dbcache/accounting_rebuild.h"
+#include "dbcache/mark_verify.h"
 #include "mdb/serializer.h"
 #include "support/store_snapshot.h"
 #include "support/test_store.h"
@@ -27,6 +29,16 @@ inline tql::value_t objects(uint32_t property, const std::vector<NodeId>& ids) {
     std::set<tql::id_t> all;
     for (const NodeId& id : ids) all.insert(tql::id_t::from_node_id(id));
     return std::make_unique<tql::property_object_set_t>(property, std::move(all));
+}
+
+/// What the verification of the file says of its structures, mark lists and counters; empty when
+/// all is well.
+inline std::string verification(const TestStore& store) {
+    const auto marks = dbcache::make_mark_check();
+    const auto counters = dbcache::make_accounting_check();
+    mdb::VerifyOptions options;
+    options.checks = {marks.get(), counters.get()};
+    return mdb::verify(*store.database, options).text();
 }
 
 /// A tree in which every trial class stands, under the names of its objects.
@@ -47,6 +59,7 @@ class TrialWorld {
         add("cg", tql::id_t{at("m").first, at("m").second, 1}, cls::CheckGroup, {});
         add("cg2", at("cg"), cls::CheckGroup, {});
         add("ac", at("cg"), cls::Check, {flag(prop::active, true)});
+        add("ac2", at("cg2"), cls::Check, {});
         add("p", at("m"), cls::Plan, {});
         machine("n", at("f"), {object(prop::inherits, at("m"))});
         add("mp", at("h"), cls::MountPoint, {});
@@ -149,7 +162,7 @@ inline const Write kWrites[] = {
     {"growing update",
      [](TrialWorld& w) { w.update("f", text(prop::label, std::string(600, 'x'))); }},
     {"rename", [](TrialWorld& w) { w.update("m", text(prop::name, "renamed")); }},
-    {"activate", [](TrialWorld& w) { w.update("c1", flag(prop::active, true)); }},
+    {"activate", [](TrialWorld& w) { w.update("ac2", flag(prop::active, true)); }},
     {"deactivate", [](TrialWorld& w) { w.update("ac", flag(prop::active, false)); }},
     {"begin to inherit", [](TrialWorld& w) { w.update("m", object(prop::inherits, w.at("q"))); }},
     {"inherit from another",
@@ -183,7 +196,7 @@ inline const Write kWrites[] = {
          with_hook(
              w, &Trials::after_store, "f",
              [&] {
-                 w.update("c1", flag(prop::active, true));
+                 w.update("ac2", flag(prop::active, true));
                  w.update("m", text(prop::name, "renamed"));
              },
              [&] { w.update("f", number(prop::order, 9)); });
