@@ -41,12 +41,12 @@ AccountingWalk::Children stored_children(StoredTree& tree) {
     };
 }
 
-void store_counters(StoredTree& tree, const CountedObject& domain, const Counters& counted) {
+void store_counters(StoredTree& tree, const CountedObject& object, const Counters& counted) {
     std::vector<mdb::PropertyCount> counters;
     for (const auto& [number, count] : counted) counters.emplace_back(number, count);
     std::vector<const mdb::Property*> properties;
     for (const mdb::PropertyCount& counter : counters) properties.push_back(&counter);
-    static_cast<void>(tree.rewrite(domain.place, properties));
+    static_cast<void>(tree.rewrite(object.place, properties));
 }
 
 /// The counters that are wrong; empty when all is well.
@@ -74,7 +74,8 @@ void rebuild_accounting(const Store::Parts& parts) {
     StoredTree tree(parts);
     AccountingWalk walk(stored_children(tree), [&](std::string_view, const CountedObject& object,
                                                    const Counters& counted) {
-        if (object.nodetype == nodetype::Domain) store_counters(tree, object, counted);
+        const bool domain = object.nodetype == nodetype::Domain;
+        if (domain || !differences(object, counted).empty()) store_counters(tree, object, counted);
     });
     walk.run(read_root(tree));
 }

@@ -26,9 +26,10 @@ class VerifyError : public error::Exception {
 /// root must be stored. Throws mdb::error_generic.
 [[nodiscard]] bool accounting_is_missing(const Store::Parts& parts);
 
-/// Writes all counters of the domains, the root's last: a walk that is cut off is begun again at
-/// the next start. For the start, while no domain has a handler. Costs a read of each object from
-/// the root down to the checks, and a store for each domain. Throws mdb::error_generic.
+/// Writes all counters of the domains, and those of nodes and groups that are wrong; the root's
+/// last, so that a walk that is cut off is begun again at the next start. For the start, while none
+/// of them has a handler. Costs a read of each object from the root down to the checks, and a store
+/// for each domain. Throws mdb::error_generic.
 void rebuild_accounting(const Store::Parts& parts);
 
 /// Rebuilds the counters of a database that lacks them, and logs so.

@@ -76,6 +76,8 @@ TEST_F(RebuildTest, WritesWhatTheWritesWouldHaveCarriedUp) {
               "countSnmpChecks=11 countNodes=1 countSnmpCheckInfNodes=1");
     remove_all_counters(domains);
     tamper(domains[1], prop::countNodes, 1234);
+    tamper(node, prop::countNetChecks, std::nullopt);
+    tamper(agent, prop::countAgentChecks, 7);
     EXPECT_NE(tree.fault(), "");
     tree.world.open();
     dbcache::ensure_accounting(tree.parts());
