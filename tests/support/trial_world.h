@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <functional>
+#include <gtest/gtest.h>
 #include <map>
 #include <ostream>
 #include <set>
