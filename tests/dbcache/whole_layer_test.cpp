@@ -200,7 +200,10 @@ struct Below {
 
 class WholeLayerTest : public ::testing::Test {
   protected:
-    WholeLayerTest() { limit_cache(); }
+    WholeLayerTest() {
+        start_counting(world);
+        limit_cache();
+    }
 
     NodeId any(const std::function<bool(const NodeId&, const Object&)>& fits) {
         std::vector<NodeId> ids;
