@@ -39,10 +39,11 @@ class Memory {
 void* operator new(size_t size) {
     return Memory::get().allocate(size);
 }
-void operator delete(void* memory) noexcept {
+// Not inlined, where the compiler would find fault with the pair of new and free.
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     std::free(memory);
 }
-void operator delete(void* memory, size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
     std::free(memory);
 }
 
