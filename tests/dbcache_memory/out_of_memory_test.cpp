@@ -5,47 +5,11 @@
 //
 // Each allocation of a write fails once. What an undo allocates itself works here: where that fails
 // too, the process ends at once.
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <new>
 
+#include "failing_memory.h"
 #include "support/trial_world.h"
-
-namespace {
-
-/// Counts allocations and lets one fail.
-class Memory {
-  public:
-    static Memory& get() {
-        static Memory memory;
-        return memory;
-    }
-    void fail_at(uint64_t n) { left_ = n; }
-    void work() { left_ = 0; }
-    [[nodiscard]] bool struck() const { return left_ == 0; }
-    void* allocate(size_t size) {
-        if (left_ > 0 && --left_ == 0) throw std::bad_alloc();
-        void* memory = std::malloc(size == 0 ? 1 : size);
-        if (memory == nullptr) throw std::bad_alloc();
-        return memory;
-    }
-
-  private:
-    uint64_t left_ = 0;
-};
-
-}  // namespace
-
-void* operator new(size_t size) {
-    return Memory::get().allocate(size);
-}
-// Not inlined, where the compiler would find fault with the pair of new and free.
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace dbcache_test {
 namespace {
