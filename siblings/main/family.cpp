@@ -219,14 +219,22 @@ void Family::look_at(SupervisedSibling& sibling) {
 void Family::end_overdue_stops() {
     const int64_t now = now_ms();
     std::vector<SupervisedSibling*> overdue, to_end;
-    for (const auto& sibling : siblings_)
-        if (sibling->state() == SupervisedSibling::state_t::stopping && sibling->has_process() &&
-            *sibling->next_deadline_ms() <= now)
-            overdue.push_back(sibling.get());
+    int64_t last_deadline_ms = now;
+    for (const auto& sibling : siblings_) {
+        if (sibling->state() != SupervisedSibling::state_t::stopping || !sibling->has_process())
+            continue;
+        last_deadline_ms = std::max(last_deadline_ms, *sibling->next_deadline_ms());
+        if (*sibling->next_deadline_ms() <= now) overdue.push_back(sibling.get());
+    }
     std::copy_if(overdue.begin(), overdue.end(), std::back_inserter(to_end),
                  [&](const SupervisedSibling* sibling) {
                      return !messenger_.isHeldByOthers(sibling_id(sibling->config().queue));
                  });
+    if (to_end.empty() && last_deadline_ms > now) {
+        // One whose time ends a moment later may be what they wait for.
+        for (SupervisedSibling* sibling : overdue) sibling->request_stop(last_deadline_ms);
+        return;
+    }
     if (to_end.empty()) to_end = overdue;
     for (SupervisedSibling* sibling : to_end) {
         say(fmt::format("{} did not stop in {} s, ending it by force", sibling->config().name,
