@@ -39,6 +39,9 @@ class Dispatcher {
     /// The sender of the event being handled; none between events.
     [[nodiscard]] queues::queue_t last_event_sender() const noexcept { return last_event_sender_; }
 
+    /// Where the time of events goes; whoever works outside of a handler adds theirs.
+    [[nodiscard]] EventMeters& meters() noexcept { return meters_; }
+
   private:
     void run_handler(EventContext& context, const EventRow& row, queues::event& received);
     void timed_handler(EventContext& context, const EventRow& row, queues::event& received);
