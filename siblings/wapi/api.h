@@ -20,7 +20,8 @@ namespace wapi {
 
 struct Response {
     unsigned status = 200;  ///< of HTTP
-    std::string body;       ///< JSON
+    std::string body;
+    std::string content_type = "application/json";
 };
 
 /// The gateway refuses a request by itself.

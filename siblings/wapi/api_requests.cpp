@@ -5,6 +5,7 @@
 #include "tql/names.h"
 #include "tql/query_text.h"
 #include "wapi/api.h"
+#include "wapi/endpoint.h"
 #include "wapi/json_values.h"
 
 namespace wapi {
@@ -88,6 +89,13 @@ void read_version(const json& body, ChangeRequest<Record>& into) {
 }
 
 }  // namespace
+
+void allow_method(const Request& request, std::string_view allowed) {
+    if (request.method != allowed)
+        throw Refused(
+            405, "METHOD_NOT_ALLOWED",
+            fmt::format("Method {} is not allowed here, use {}", request.method, allowed));
+}
 
 json parse_body(std::string_view body) {
     const auto within_depth = [](int depth, json::parse_event_t, json&) {

@@ -25,63 +25,88 @@ std::unique_ptr<queues::event> to_server(queues::record_t<N> record = {}) {
     return std::make_unique<queues::devent<N>>(kServer, 0, std::move(record));
 }
 
-/// Refuses another method than the one of the path.
-void allow_method(std::string_view method, std::string_view allowed) {
-    if (method != allowed)
-        throw Refused(405, "METHOD_NOT_ALLOWED",
-                      fmt::format("Method {} is not allowed here, use {}", method, allowed));
-}
-
 }  // namespace
 
-Gateway::Call Gateway::make_call(std::string_view method, std::string_view path,
-                                 std::string_view body) {
-    Call call;
-    call.weight_bytes = body.size() + kEventOverheadBytes;
-    if (path == "/healthz") {
-        allow_method(method, "GET");
+/// The requests that the gateway takes, a line each: path, method, and what the server is asked.
+struct Gateway::Routes {
+    struct Route {
+        std::string_view path;
+        std::string_view method;
+        void (*make)(Call& call, const Request& request);
+    };
+
+    static void health(Call& call, const Request& request) {
         call.is_health = true;
-        call.request = to_server<queues::GET_TQL_CLASS_NAMES>();
-    } else if (path == "/api/v1/classes") {
-        allow_method(method, "GET");
-        call.request = to_server<queues::GET_TQL_CLASS_NAMES>();
-    } else if (path == "/api/v1/properties") {
-        allow_method(method, "GET");
-        call.request = to_server<queues::GET_TQL_PROPERTY_NAMES>();
-    } else if (path == "/api/v1/select") {
-        allow_method(method, "POST");
-        call.request = to_server<queues::TQL_SELECT>(select_request(parse_body(body)));
-    } else if (path == "/api/v1/create") {
-        allow_method(method, "POST");
-        call.request = to_server<queues::TQL_CREATE>(create_request(parse_body(body)));
-    } else if (path == "/api/v1/update") {
-        allow_method(method, "POST");
-        auto change = update_request(parse_body(body));
-        call.id = change.record.id;
-        call.request = to_server<queues::TQL_UPDATE>(std::move(change.record));
-        if (!change.has_version) call.after_version = std::move(call.request);
-    } else if (path == "/api/v1/delete") {
-        allow_method(method, "POST");
-        auto change = delete_request(parse_body(body));
-        call.id = change.record.id;
-        call.request = to_server<queues::TQL_DELETE>(std::move(change.record));
-        if (!change.has_version) call.after_version = std::move(call.request);
-    } else {
-        throw Refused(404, "NOT_FOUND", fmt::format("There is nothing at {}", path.substr(0, 200)));
+        classes(call, request);
     }
-    if (call.after_version)
+    static void classes(Call& call, const Request&) {
+        call.request = to_server<queues::GET_TQL_CLASS_NAMES>();
+    }
+    static void properties(Call& call, const Request&) {
+        call.request = to_server<queues::GET_TQL_PROPERTY_NAMES>();
+    }
+    static void select(Call& call, const Request& request) {
+        call.request = to_server<queues::TQL_SELECT>(select_request(parse_body(request.body)));
+    }
+    static void create(Call& call, const Request& request) {
+        call.request = to_server<queues::TQL_CREATE>(create_request(parse_body(request.body)));
+    }
+    static void update(Call& call, const Request& request) {
+        change<queues::TQL_UPDATE>(call, update_request(parse_body(request.body)));
+    }
+    static void remove(Call& call, const Request& request) {
+        change<queues::TQL_DELETE>(call, delete_request(parse_body(request.body)));
+    }
+
+    static const Route* find(std::string_view path) {
+        static constexpr Route kRoutes[] = {
+            {"/healthz", "GET", &health},
+            {"/api/v1/classes", "GET", &classes},
+            {"/api/v1/properties", "GET", &properties},
+            {"/api/v1/select", "POST", &select},
+            {"/api/v1/create", "POST", &create},
+            {"/api/v1/update", "POST", &update},
+            {"/api/v1/delete", "POST", &remove},
+        };
+        const auto* found = std::find_if(std::begin(kRoutes), std::end(kRoutes),
+                                         [&](const Route& route) { return route.path == path; });
+        return found == std::end(kRoutes) ? nullptr : found;
+    }
+
+  private:
+    template <queues::event_t N>
+    static void change(Call& call, ChangeRequest<queues::record_t<N>> wanted) {
+        call.id = wanted.record.id;
+        call.request = to_server<N>(std::move(wanted.record));
+        if (wanted.has_version) return;
+        call.after_version = std::move(call.request);
         call.request = to_server<queues::TQL_SELECT>(version_request(call.id, false));
+    }
+};
+
+bool Gateway::serves(std::string_view path) const {
+    return Routes::find(path) != nullptr;
+}
+
+Gateway::Call Gateway::make_call(const Request& request) {
+    const Routes::Route* route = Routes::find(request.path);
+    if (route == nullptr)
+        throw Refused(404, "NOT_FOUND",
+                      fmt::format("There is nothing at {}", request.path.substr(0, 200)));
+    allow_method(request, route->method);
+    Call call;
+    call.weight_bytes = request.body.size() + kEventOverheadBytes;
+    route->make(call, request);
     return call;
 }
 
-void Gateway::take_request(token_t token, std::string_view method, std::string_view path,
-                           std::string_view body) {
+void Gateway::take_request(token_t token, const Request& request) {
     if (stopped_) {
         ports_.answer(token, unavailable("The gateway is stopping"));
         return;
     }
     try {
-        Call call = make_call(method, path, body);
+        Call call = make_call(request);
         call.token = token;
         call.deadline_us =
             clock_.monotonic_us() + (call.is_health ? kHealthLimit_us : kAnswerLimit_us);
@@ -112,12 +137,10 @@ void Gateway::send_queued() {
     }
 }
 
-void Gateway::take_reply(const queues::event& received) {
+bool Gateway::take_event(const queues::event& received) {
+    if (received.peer != kServer) return false;
     auto found = in_flight_.extract(received.uid);
-    if (found.empty()) {
-        logger.info("{} that nobody waits for", queues::event_name(&received));
-        return;
-    }
+    if (found.empty()) return false;
     Call call = std::move(found.mapped());
     in_flight_bytes_ -= call.weight_bytes;
     if (call.after_version && call.token != 0 && !received.exception &&
@@ -126,6 +149,7 @@ void Gateway::take_reply(const queues::event& received) {
     else
         finish(call, received);
     send_queued();
+    return true;
 }
 
 void Gateway::take_version(Call call, const dbms::Return_Tql_Select_Data& found) {
@@ -188,8 +212,8 @@ void Gateway::answer(Call& call, Response response) {
     ports_.answer(token, std::move(response));
 }
 
-void Gateway::server_lost() {
-    refuse_all("The server ended before it answered");
+void Gateway::peer_lost(queues::queue_t peer) {
+    if (peer == kServer) refuse_all("The server ended before it answered");
 }
 
 void Gateway::stop() {

@@ -1,4 +1,4 @@
-// The gateway between HTTP requests and the server's events: it turns a request into an event,
+// The requests that are one question to the server: the gateway turns a request into an event,
 // remembers who waits for which dialog id, and turns the reply into the answer. It knows neither
 // connections nor queues; both are behind GatewayPorts.
 //
@@ -21,50 +21,33 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "platform/clock.h"
-#include "queues/event.h"
-#include "wapi/api.h"
+#include "wapi/endpoint.h"
 
 namespace wapi {
 
-/// Names one HTTP request that waits for its answer.
-using token_t = uint64_t;
-
-class GatewayPorts {
-  public:
-    virtual ~GatewayPorts() = default;
-    /// A dialog id that no call in flight has.
-    [[nodiscard]] virtual uint32_t new_uid() = 0;
-    /// Sends to the server; false if it isn't there.
-    [[nodiscard]] virtual bool send(const queues::event& sent) = 0;
-    virtual void answer(token_t token, Response response) = 0;
-};
-
-class Gateway {
+class Gateway final : public Endpoint {
   public:
     /// Both must outlive the gateway.
     Gateway(GatewayPorts& ports, const platform::Clock& clock) : ports_(ports), clock_(clock) {}
 
-    /// A whole request; may answer it at once. `path` is without a query part.
-    void take_request(token_t token, std::string_view method, std::string_view path,
-                      std::string_view body);
-    /// An event from the server.
-    void take_reply(const queues::event& received);
-    /// The server ended: all calls get 503. Later ones are tried again.
-    void server_lost();
-    /// The end: all calls, and every later one, get 503.
-    void stop();
+    [[nodiscard]] bool serves(std::string_view path) const override;
+    /// Answers 404 for a path that it doesn't serve.
+    void take_request(token_t token, const Request& request) override;
+    [[nodiscard]] bool take_event(const queues::event& received) override;
+    /// When the server ended, all calls get 503. Later ones are tried again.
+    void peer_lost(queues::queue_t peer) override;
+    /// All calls, and every later one, get 503.
+    void stop() override;
 
     /// Requests that the server has not replied to, those given up included.
     [[nodiscard]] size_t open_calls() const { return queued_.size() + in_flight_.size(); }
 
-    /// The monotonic microsecond at which check_deadlines() has something to do.
-    [[nodiscard]] std::optional<uint64_t> next_deadline_us() const;
+    [[nodiscard]] std::optional<uint64_t> next_deadline_us() const override;
     /// Answers those that have waited too long.
-    void check_deadlines();
+    void check_deadlines() override;
 
     /// Bytes of requests in flight together; a larger one goes alone.
     static constexpr size_t kWindowBytes = 128 * 1024;
@@ -72,6 +55,7 @@ class Gateway {
     static constexpr uint64_t kHealthLimit_us = 5'000'000;
 
   private:
+    struct Routes;
     struct Call {
         token_t token = 0;  ///< 0: nobody waits any more
         std::unique_ptr<queues::event> request;
@@ -84,8 +68,7 @@ class Gateway {
         uint64_t deadline_us = 0;
     };
 
-    [[nodiscard]] Call make_call(std::string_view method, std::string_view path,
-                                 std::string_view body);
+    [[nodiscard]] static Call make_call(const Request& request);
     void send_queued();
     void answer(Call& call, Response response);
     void finish(Call& call, const queues::event& received);

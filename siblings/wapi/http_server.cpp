@@ -51,7 +51,7 @@ MHD_Result queue_response(MHD_Connection* connection, Response response) {
         size, bytes, [](void* kept) { delete static_cast<std::string*>(kept); }, body.get());
     if (made == nullptr) return MHD_NO;
     (void)body.release();  // the response owns it now
-    MHD_add_response_header(made, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
+    MHD_add_response_header(made, MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());
     const MHD_Result queued = MHD_queue_response(connection, response.status, made);
     MHD_destroy_response(made);
     return queued;
@@ -81,11 +81,9 @@ struct HttpServer::Exchange {
     enum class state_t { reading, waiting, answered };
 
     token_t token;
-    std::string method;
-    std::string path;
+    MHD_Connection* connection;
+    Request request;
     state_t state = state_t::reading;
-    MHD_Connection* connection = nullptr;
-    std::string body{};
     uint64_t drained_bytes = 0;          ///< read and thrown away
     std::optional<Response> response{};  ///< while reading: a refusal that waits for the body's end
 };
@@ -97,8 +95,7 @@ struct HttpServer::Callbacks {
                                 void** kept) {
         HttpServer& self = *static_cast<HttpServer*>(server);
         if (*kept == nullptr) {
-            Exchange& exchange = self.begin(method, path);
-            exchange.connection = connection;
+            Exchange& exchange = self.begin(connection, method, path);
             *kept = &exchange;
             return on_headers(exchange);
         }
@@ -113,6 +110,13 @@ struct HttpServer::Callbacks {
             return MHD_YES;
         }
         return send(exchange);
+    }
+
+    static MHD_Result on_parameter(void* query, MHD_ValueKind, const char* name,
+                                   const char* value) {
+        static_cast<decltype(Request::query)*>(query)->emplace_back(name,
+                                                                    value == nullptr ? "" : value);
+        return MHD_YES;
     }
 
     static MHD_Result on_headers(Exchange& exchange) {
@@ -133,17 +137,17 @@ struct HttpServer::Callbacks {
 
     static MHD_Result on_body(HttpServer& self, Exchange& exchange, const char* data,
                               size_t& size) {
-        if (!exchange.response && exchange.body.size() + size > kMaxBodyBytes)
+        if (!exchange.response && exchange.request.body.size() + size > kMaxBodyBytes)
             exchange.response = refuse_size();
         if (!exchange.response && self.buffered_bytes_ + size > kMaxBufferedBytes)
             exchange.response =
                 refusal(Refused(503, "BUSY", "Too many large requests at the same time"));
         if (!exchange.response) {
-            exchange.body.append(data, size);
+            exchange.request.body.append(data, size);
             self.buffered_bytes_ += size;
         } else {
-            self.buffered_bytes_ -= exchange.body.size();
-            std::string().swap(exchange.body);
+            self.buffered_bytes_ -= exchange.request.body.size();
+            std::string().swap(exchange.request.body);
             exchange.drained_bytes += size;
             if (exchange.drained_bytes > kMaxDrainBytes) return MHD_NO;
         }
@@ -225,7 +229,7 @@ void HttpServer::deliver() {
         const auto found = exchanges_.find(token);
         if (found == exchanges_.end()) continue;
         const Exchange& exchange = *found->second;
-        requests_.take_request(token, exchange.method, exchange.path, exchange.body);
+        requests_.take_request(token, exchange.request);
     }
 }
 
@@ -247,16 +251,18 @@ void HttpServer::stop_listening() {
     if (listener != MHD_INVALID_SOCKET) ::close(listener);
 }
 
-HttpServer::Exchange& HttpServer::begin(const char* method, const char* path) {
+HttpServer::Exchange& HttpServer::begin(MHD_Connection* connection, const char* method,
+                                        const char* path) {
     const token_t token = ++last_token_;
-    return *exchanges_
-                .emplace(token, std::make_unique<Exchange>(
-                                    Exchange{.token = token, .method = method, .path = path}))
-                .first->second;
+    auto made = std::make_unique<Exchange>(
+        Exchange{.token = token, .connection = connection, .request = {method, path}});
+    (void)MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::on_parameter,
+                                    &made->request.query);
+    return *exchanges_.emplace(token, std::move(made)).first->second;
 }
 
 void HttpServer::end(Exchange& exchange) {
-    buffered_bytes_ -= exchange.body.size();
+    buffered_bytes_ -= exchange.request.body.size();
     exchanges_.erase(exchange.token);
 }
 

@@ -21,8 +21,9 @@
 #include <string_view>
 #include <vector>
 
-#include "wapi/gateway.h"
+#include "wapi/endpoint.h"
 
+struct MHD_Connection;
 struct MHD_Daemon;
 
 namespace wapi {
@@ -30,9 +31,8 @@ namespace wapi {
 class HttpRequests {
   public:
     virtual ~HttpRequests() = default;
-    /// The views live until the call returns. May answer at once.
-    virtual void take_request(token_t token, std::string_view method, std::string_view path,
-                              std::string_view body) = 0;
+    /// May answer at once. The request lives until the call returns.
+    virtual void take_request(token_t token, const Request& request) = 0;
 };
 
 /// Whether a request may come from where its headers say. A web page of another site that a browser
@@ -82,7 +82,7 @@ class HttpServer {
     struct Callbacks;
 
     void deliver();
-    Exchange& begin(const char* method, const char* path);
+    Exchange& begin(MHD_Connection* connection, const char* method, const char* path);
     void end(Exchange& exchange);
 
     HttpRequests& requests_;

@@ -57,7 +57,7 @@ void Service::run() {
         arm_timer();
         const io::Selectable& ready = selector_.select(io::wait_t::blocking);
         if (&ready == &queue_.front()) take_event();
-        gateway_.check_deadlines();
+        for (Endpoint* each : endpoints_) each->check_deadlines();
         http_.run();
         shut_down_if_answered();
     }
@@ -71,11 +71,18 @@ void Service::arm_timer() {
         at_most(moment_us > now_us ? moment_us - now_us : 0);
     };
     if (const auto left_ms = http_.timeout_ms()) at_most(*left_ms * 1000);
-    if (const auto deadline_us = gateway_.next_deadline_us()) until(*deadline_us);
+    for (const Endpoint* each : endpoints_)
+        if (const auto deadline_us = each->next_deadline_us()) until(*deadline_us);
     if (answering_until_us_) until(*answering_until_us_);
     if (!wait_us) return timer_.set_expiry(Time::far_future());
     timer_.set_expiry(Time::now(span_clock_) + Time(static_cast<int32_t>(*wait_us / 1'000'000),
                                                     static_cast<int32_t>(*wait_us % 1'000'000)));
+}
+
+void Service::take_request(token_t token, const Request& request) {
+    const auto found = std::find_if(endpoints_.begin(), endpoints_.end() - 1,
+                                    [&](Endpoint* each) { return each->serves(request.path); });
+    (*found)->take_request(token, request);
 }
 
 bool Service::send(const queues::event& sent) {
@@ -105,26 +112,28 @@ void Service::take_event() {
 void Service::dispatch(const queues::event& received) {
     if (received.number() == queues::SYS_EXIT)
         begin_stop();
-    else if (received.peer == kServer)
-        gateway_.take_reply(received);
-    else
+    else if (std::none_of(endpoints_.begin(), endpoints_.end(),
+                          [&](Endpoint* each) { return each->take_event(received); }))
         logger.info("Got unhandled message: {} from: {}", queues::event_name(&received),
                     queues::queue_name(received.peer));
 }
 
 void Service::note_end_of(queues::queue_t peer) {
-    if (peer == kServer) {
-        gateway_.server_lost();
-    } else if (peer == kMain) {
-        gateway_.stop();
+    for (Endpoint* each : endpoints_) each->peer_lost(peer);
+    if (peer == kMain) {
+        stop_answering();
         stopped_ = true;
     }
+}
+
+void Service::stop_answering() {
+    for (Endpoint* each : endpoints_) each->stop();
 }
 
 void Service::begin_stop() {
     if (answering_until_us_ || messenger_.shutdownInitiated()) return;
     logger.info("Initiating shutdown");
-    gateway_.stop();
+    stop_answering();
     http_.stop_listening();
     answering_until_us_ = clock_.monotonic_us() + kAnsweringLimit_us;
 }

@@ -39,15 +39,13 @@ class Service final : private GatewayPorts, private HttpRequests {
         http_.answer(token, std::move(response));
     }
     // HttpRequests
-    void take_request(token_t token, std::string_view method, std::string_view path,
-                      std::string_view body) override {
-        gateway_.take_request(token, method, path, body);
-    }
+    void take_request(token_t token, const Request& request) override;
 
     void take_event();
     void dispatch(const queues::event& received);
     void note_end_of(queues::queue_t peer);
     void begin_stop();
+    void stop_answering();
     void shut_down_if_answered();
     void arm_timer();
 
@@ -56,6 +54,8 @@ class Service final : private GatewayPorts, private HttpRequests {
     const platform::Clock& clock_;
     HttpServer http_;
     Gateway gateway_;
+    /// All parts that answer requests. What none of them serves goes to the last one.
+    std::vector<Endpoint*> endpoints_{&gateway_};
     io::FdSelectable http_ready_;
     platform::SpanClock span_clock_;
     io::Timer timer_;

@@ -16,6 +16,7 @@
 #include "support/fake_clock.h"
 #include "tql/errors.h"
 #include "tql/names.h"
+#include "wapi/gateway.h"
 
 namespace {
 
@@ -113,8 +114,8 @@ class HttpTest : public testing::Test, private wapi::GatewayPorts, private wapi:
     }
 
     void reply_names(uint32_t uid, const std::string& name) {
-        gateway.take_reply(queues::devent<queues::RETURN_TQL_CLASS_NAMES>(queues::queue_t::dbms,
-                                                                          uid, {.names = {name}}));
+        (void)gateway.take_event(queues::devent<queues::RETURN_TQL_CLASS_NAMES>(
+            queues::queue_t::dbms, uid, {.names = {name}}));
     }
 
     bool server_up = true;
@@ -132,9 +133,8 @@ class HttpTest : public testing::Test, private wapi::GatewayPorts, private wapi:
     void answer(token_t token, Response response) override {
         http.answer(token, std::move(response));
     }
-    void take_request(token_t token, std::string_view method, std::string_view path,
-                      std::string_view body) override {
-        gateway.take_request(token, method, path, body);
+    void take_request(token_t token, const wapi::Request& request) override {
+        gateway.take_request(token, request);
     }
     uint32_t uid_ = 100;
 };
@@ -170,7 +170,7 @@ TEST_F(HttpTest, ServerThatEndsLeavesNobodyWaiting) {
     second->post("/api/v1/select", R"({"pattern": "Node"})");
     ASSERT_TRUE(run_until({first.get(), second.get()}, [&] { return sent.size() == 2; }));
     server_up = false;
-    gateway.server_lost();
+    gateway.peer_lost(queues::queue_t::dbms);
     EXPECT_EQ(status_of(*first), 503);
     EXPECT_EQ(status_of(*second), 503);
     // While it is away, at once; when it is back, without any ado.
@@ -270,14 +270,14 @@ TEST_F(HttpTest, AChangeWithoutVersionAsksForItFirst) {
     found.res.resize(1);
     found.res[0].id = {1, 17};
     found.res[0].version = {5, 6};
-    gateway.take_reply(
+    (void)gateway.take_event(
         queues::devent<queues::RETURN_TQL_SELECT>(queues::queue_t::dbms, sent[0]->uid, found));
     ASSERT_EQ(sent.size(), 2U);
     EXPECT_EQ(queues::data<queues::TQL_UPDATE>(*sent[1]).version, (tql::version_t{5, 6}));
     dbms::Return_Tql_Update_Data returned;
     returned.status = errors::ERR_VERSION;
     returned.details = {{3, "Someone else was faster"}};
-    gateway.take_reply(
+    (void)gateway.take_event(
         queues::devent<queues::RETURN_TQL_UPDATE>(queues::queue_t::dbms, sent[1]->uid, returned));
     EXPECT_EQ(status_of(*one), 409);
     EXPECT_EQ(one->body()["error"]["code"], 3);
@@ -287,11 +287,11 @@ TEST_F(HttpTest, AChangeWithoutVersionAsksForItFirst) {
     // Neither an ordinary object nor a template.
     one->post("/api/v1/delete", R"({"id": "1.18"})");
     ASSERT_TRUE(run_until({one.get()}, [&] { return sent.size() == 3; }));
-    gateway.take_reply(
+    (void)gateway.take_event(
         queues::devent<queues::RETURN_TQL_SELECT>(queues::queue_t::dbms, sent[2]->uid));
     ASSERT_EQ(sent.size(), 4U);
     EXPECT_EQ(queues::data<queues::TQL_SELECT>(*sent[3]).pattern.flags, tql::kPatternTemplates);
-    gateway.take_reply(
+    (void)gateway.take_event(
         queues::devent<queues::RETURN_TQL_SELECT>(queues::queue_t::dbms, sent[3]->uid));
     EXPECT_EQ(status_of(*one), 404);
     EXPECT_EQ(one->body()["error"]["text"], "1.18 not found");
@@ -299,7 +299,7 @@ TEST_F(HttpTest, AChangeWithoutVersionAsksForItFirst) {
     one->next();
     one->post("/api/v1/delete", R"({"id": "1.18", "version": "1.2"})");
     ASSERT_TRUE(run_until({one.get()}, [&] { return sent.size() == 5; }));
-    gateway.take_reply(queues::exevent(queues::queue_t::dbms, sent[4]->uid, "Broken"));
+    (void)gateway.take_event(queues::exevent(queues::queue_t::dbms, sent[4]->uid, "Broken"));
     EXPECT_EQ(status_of(*one), 500);
     EXPECT_EQ(one->body()["error"]["text"], "Broken");
 }
@@ -320,7 +320,7 @@ TEST_F(HttpTest, LargeRequestsGoAloneAndSmallOnesFollow) {
     reply_names(sent[0]->uid, "a");
     ASSERT_TRUE(run_until({first.get(), second.get()}, [&] { return sent.size() >= 2; }));
     ASSERT_EQ(sent.size(), 2U);
-    gateway.take_reply(
+    (void)gateway.take_event(
         queues::devent<queues::RETURN_TQL_UPDATE>(queues::queue_t::dbms, sent[1]->uid));
     ASSERT_EQ(sent.size(), 3U);
     EXPECT_EQ(status_of(*second), 200);
