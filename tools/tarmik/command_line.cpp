@@ -40,135 +40,111 @@ struct Parsed {
     std::string journal_size = "64M";
 };
 
-CLI::App* command(CLI::App& app, const char* name, const char* description) {
-    CLI::App* made = app.add_subcommand(name, description);
-    made->footer(kExitCodeTable);
-    return made;
-}
-
 void add_output_option(CLI::App& app, Parsed& parsed) {
     app.add_option("--output", parsed.output, "Form of the data: text or json")
         ->check(CLI::IsMember({"text", "json"}))
         ->capture_default_str();
 }
 
-void add_read_commands(CLI::App& app, Parsed& parsed) {
-    CLI::App* select = command(app, "select", "Asks for a piece of the tree of objects");
-    select
-        ->add_option("pattern", parsed.select.pattern,
-                     "What to look for, as 'Domain*[name] > Node[name,label]'")
+// Each of the following declares the arguments of a command.
+
+void no_arguments(CLI::App&, Parsed&) {}
+
+void select_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("pattern", parsed.select.pattern,
+                   "What to look for, as 'Domain*[name] > Node[name,label]'")
         ->required();
-    select
-        ->add_option("--root", parsed.select.roots,
-                     "Object to begin at instead of the root of the tree")
+    app.add_option("--root", parsed.select.roots,
+                   "Object to begin at instead of the root of the tree")
         ->allow_extra_args(false);
-    CLI::App* templates =
-        command(app, "templates", "Lists what the server suggests to create under an object");
-    templates->add_option("parent", parsed.templates.parent, "Object under which it would stand")
-        ->required();
-    templates->add_option("class", parsed.templates.class_name,
-                          "Class of templates to show with their values");
-    command(app, "classes", "Lists the classes of objects");
-    command(app, "properties", "Lists the properties with their types");
 }
 
-void add_write_commands(CLI::App& app, Parsed& parsed) {
-    CLI::App* create = command(app, "create", "Creates an object and prints its id");
-    create->add_option("class", parsed.change.class_name, "Class of the new object")->required();
-    create->add_option("--parent", parsed.change.parent, "Object under which it stands")
+void templates_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("parent", parsed.templates.parent, "Object under which it would stand")
         ->required();
-    create->add_option("--id", parsed.change.id, "Id of the new object instead of a fresh one");
-    create->add_option("--template", parsed.change.template_name,
-                       "Template to take the other values from: its name, label or number as "
-                       "\"templates\" lists it");
-    CLI::App* update = command(app, "update", "Changes an object and prints its new version");
-    update->add_option("id", parsed.change.id, "Object to change")->required();
-    update
-        ->add_option("--reset", parsed.change.reset,
-                     "Property that takes the inherited value again; may stand several times")
+    app.add_option("class", parsed.templates.class_name,
+                   "Class of templates to show with their values");
+}
+
+/// What a create and an update have in common.
+void value_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("values", parsed.change.assignments, kAssignmentHelp);
+    app.add_option("--inherits", parsed.change.inherits,
+                   "Object to inherit from: values that are not given come from there");
+    app.add_flag("--ignore-unknown", parsed.change.ignore_unknown,
+                 "Pass over properties that the class does not have");
+}
+
+/// What an update and a delete have in common.
+void version_argument(CLI::App& app, Parsed& parsed) {
+    app.add_option("--version", parsed.change.version,
+                   "Version that the object must still have; without it, the present one");
+}
+
+void create_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("class", parsed.change.class_name, "Class of the new object")->required();
+    app.add_option("--parent", parsed.change.parent, "Object under which it stands")->required();
+    app.add_option("--id", parsed.change.id, "Id of the new object instead of a fresh one");
+    app.add_option("--template", parsed.change.template_name,
+                   "Template to take the other values from: its name, label or number as "
+                   "\"templates\" lists it");
+    value_arguments(app, parsed);
+}
+
+void update_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("id", parsed.change.id, "Object to change")->required();
+    app.add_option("--reset", parsed.change.reset,
+                   "Property that takes the inherited value again; may stand several times")
         ->allow_extra_args(false);
-    CLI::App* remove = command(app, "delete", "Deletes an object and all below it");
-    remove->add_option("id", parsed.change.id, "Object to delete")->required();
-    for (CLI::App* change : {update, remove})
-        change->add_option("--version", parsed.change.version,
-                           "Version that the object must still have; without it, the present one");
-    for (CLI::App* change : {create, update}) {
-        change->add_option("values", parsed.change.assignments, kAssignmentHelp);
-        change->add_option("--inherits", parsed.change.inherits,
-                           "Object to inherit from: values that are not given come from there");
-        change->add_flag("--ignore-unknown", parsed.change.ignore_unknown,
-                         "Pass over properties that the class does not have");
-    }
-    CLI::App* load =
-        command(app, "load", "Creates the objects of a file, skipping what exists already");
-    load->add_option("file", parsed.load_path,
-                     "JSON: {\"parent\": ID, \"objects\": [{\"class\", "
-                     "\"properties\", \"children\"}]}")
+    version_argument(app, parsed);
+    value_arguments(app, parsed);
+}
+
+void delete_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("id", parsed.change.id, "Object to delete")->required();
+    version_argument(app, parsed);
+}
+
+void load_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("file", parsed.load_path,
+                   "JSON: {\"parent\": ID, \"objects\": [{\"class\", "
+                   "\"properties\", \"children\"}]}")
         ->required();
 }
 
-void add_local_commands(CLI::App& app, Parsed& parsed) {
-    CLI::App* run =
-        command(app, "run", "Starts the family of processes and runs until it is stopped");
-    run->add_option("--config", parsed.config_path,
-                    "Configuration file (TOML); none: the defaults");
-    CLI::App* format = command(app, "format", "Makes a new, empty database");
-    format->add_option("database", parsed.format.database_path, "File of the database")->required();
-    format->add_option("journal", parsed.format.journal_path, "File of its journal")->required();
-    format->add_option("--block-size", parsed.block_size, "Bytes of a block, a power of two")
-        ->capture_default_str();
-    format->add_option("--journal-size", parsed.journal_size, "Bytes of the journal, as 64M")
-        ->capture_default_str();
-    format->add_flag("--force", parsed.format.force, "Replace files that exist");
-    CLI::App* backup =
-        command(app, "backup", "Copies the database of a running family to a folder");
-    backup->add_option("target", parsed.backup.target, "Folder of the copy, made if there is none")
-        ->required();
-    backup->add_option("--config", parsed.backup.config_path,
-                       "Configuration file of the family; none: the defaults");
-    backup->add_flag("--force", parsed.backup.force, "Replace a copy that is there");
-    command(app, "shell", "Reads commands line by line, with history and completion");
+void run_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("--config", parsed.config_path, "Configuration file (TOML); none: the defaults");
 }
 
-void add_offline_commands(CLI::App& app, Parsed& parsed) {
-    CLI::App* verify = command(app, "verify", "Checks the files of a database that no server uses");
-    CLI::App* dump =
-        command(app, "dump", "Prints each object of a database as a line of JSON, by id");
-    CLI::App* stat = command(app, "stat", "Tells what the files of a database are filled with");
-    for (CLI::App* offline : {verify, dump, stat}) {
-        offline->add_option("database", parsed.offline.database_path, "File of the database")
-            ->required();
-        offline->add_option("journal", parsed.offline.journal_path, "File of its journal")
-            ->required();
-    }
-    verify
-        ->add_option("--most-faults", parsed.offline.most_faults,
-                     "How many faults to look for before it ends")
+void format_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("database", parsed.format.database_path, "File of the database")->required();
+    app.add_option("journal", parsed.format.journal_path, "File of its journal")->required();
+    app.add_option("--block-size", parsed.block_size, "Bytes of a block, a power of two")
+        ->capture_default_str();
+    app.add_option("--journal-size", parsed.journal_size, "Bytes of the journal, as 64M")
+        ->capture_default_str();
+    app.add_flag("--force", parsed.format.force, "Replace files that exist");
+}
+
+void backup_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("target", parsed.backup.target, "Folder of the copy, made if there is none")
+        ->required();
+    app.add_option("--config", parsed.backup.config_path,
+                   "Configuration file of the family; none: the defaults");
+    app.add_flag("--force", parsed.backup.force, "Replace a copy that is there");
+}
+
+void offline_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("database", parsed.offline.database_path, "File of the database")->required();
+    app.add_option("journal", parsed.offline.journal_path, "File of its journal")->required();
+}
+
+void verify_arguments(CLI::App& app, Parsed& parsed) {
+    offline_arguments(app, parsed);
+    app.add_option("--most-faults", parsed.offline.most_faults,
+                   "How many faults to look for before it ends")
         ->check(CLI::PositiveNumber)
         ->capture_default_str();
-}
-
-/// Runs the command among those that ask the family; false if it is another one.
-bool run_api_command(const CLI::App& app, const Parsed& parsed, Commands& commands) {
-    if (app.got_subcommand("select"))
-        commands.select(parsed.select);
-    else if (app.got_subcommand("templates"))
-        commands.templates(parsed.templates);
-    else if (app.got_subcommand("create"))
-        commands.create(parsed.change);
-    else if (app.got_subcommand("update"))
-        commands.update(parsed.change);
-    else if (app.got_subcommand("delete"))
-        commands.remove(parsed.change);
-    else if (app.got_subcommand("classes"))
-        commands.classes();
-    else if (app.got_subcommand("properties"))
-        commands.properties();
-    else if (app.got_subcommand("load"))
-        commands.load(parsed.load_path);
-    else
-        return false;
-    return true;
 }
 
 uint64_t get_size(const std::string& text, const char* option) {
@@ -198,24 +174,99 @@ Output make_output(const Parsed& parsed) {
     return output;
 }
 
+/// How a command is declared: its name, its line in the help, its arguments.
+struct Declared {
+    const char* name;
+    const char* description;
+    void (*declare)(CLI::App& app, Parsed& parsed);
+};
+
+/// A command that asks the family one thing after another; the shell knows it too.
+struct FamilyCommand : Declared {
+    void (*run)(Commands& commands, const Parsed& parsed);
+};
+
+/// Any other command. Gives the exit code.
+struct ToolCommand : Declared {
+    int (*run)(Parsed& parsed, const Output& output);
+};
+
+const FamilyCommand kFamilyCommands[] = {
+    {{"select", "Asks for a piece of the tree of objects", select_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.select(parsed.select); }},
+    {{"templates", "Lists what the server suggests to create under an object", templates_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.templates(parsed.templates); }},
+    {{"classes", "Lists the classes of objects", no_arguments},
+     [](Commands& commands, const Parsed&) { commands.classes(); }},
+    {{"properties", "Lists the properties with their types", no_arguments},
+     [](Commands& commands, const Parsed&) { commands.properties(); }},
+    {{"create", "Creates an object and prints its id", create_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.create(parsed.change); }},
+    {{"update", "Changes an object and prints its new version", update_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.update(parsed.change); }},
+    {{"delete", "Deletes an object and all below it", delete_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.remove(parsed.change); }},
+    {{"load", "Creates the objects of a file, skipping what exists already", load_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.load(parsed.load_path); }},
+};
+
+const ToolCommand kToolCommands[] = {
+    {{"run", "Starts the family of processes and runs until it is stopped", run_arguments},
+     [](Parsed& parsed, const Output&) {
+         return mainprocess::run({.config_path = parsed.config_path});
+     }},
+    {{"format", "Makes a new, empty database", format_arguments},
+     [](Parsed& parsed, const Output&) {
+         format_database(parsed);
+         return int{kDone};
+     }},
+    {{"backup", "Copies the database of a running family to a folder", backup_arguments},
+     [](Parsed& parsed, const Output& output) {
+         backup(parsed.backup, output);
+         return int{kDone};
+     }},
+    {{"shell", "Reads commands line by line, with history and completion", no_arguments},
+     [](Parsed& parsed, const Output& output) {
+         ApiClient api(parsed.url);
+         return run_shell(api, output);
+     }},
+    {{"verify", "Checks the files of a database that no server uses", verify_arguments},
+     [](Parsed& parsed, const Output& output) -> int {
+         return verify_command(parsed.offline, output);
+     }},
+    {{"dump", "Prints each object of a database as a line of JSON, by id", offline_arguments},
+     [](Parsed& parsed, const Output& output) -> int {
+         return dump_command(parsed.offline, output);
+     }},
+    {{"stat", "Tells what the files of a database are filled with", offline_arguments},
+     [](Parsed& parsed, const Output& output) -> int {
+         return stat_command(parsed.offline, output);
+     }},
+};
+
+void declare(CLI::App& app, const Declared& command, Parsed& parsed) {
+    CLI::App* made = app.add_subcommand(command.name, command.description);
+    made->footer(kExitCodeTable);
+    command.declare(*made, parsed);
+}
+
+/// Runs the command among those that ask the family; false if it is another one.
+bool run_family_command(const CLI::App& app, const Parsed& parsed, Api& api, const Output& output) {
+    for (const FamilyCommand& each : kFamilyCommands) {
+        if (!app.got_subcommand(each.name)) continue;
+        Commands commands(api, output);
+        each.run(commands, parsed);
+        return true;
+    }
+    return false;
+}
+
 int execute(const CLI::App& app, Parsed& parsed) {
-    if (app.got_subcommand("run")) return mainprocess::run({.config_path = parsed.config_path});
-    if (app.got_subcommand("format")) {
-        format_database(parsed);
-        return kDone;
-    }
     const Output output = make_output(parsed);
-    if (app.got_subcommand("verify")) return verify_command(parsed.offline, output);
-    if (app.got_subcommand("dump")) return dump_command(parsed.offline, output);
-    if (app.got_subcommand("stat")) return stat_command(parsed.offline, output);
-    if (app.got_subcommand("backup")) {
-        backup(parsed.backup, output);
-        return kDone;
-    }
+    for (const ToolCommand& each : kToolCommands)
+        if (app.got_subcommand(each.name)) return each.run(parsed, output);
     ApiClient api(parsed.url);
-    if (app.got_subcommand("shell")) return run_shell(api, output);
-    Commands commands(api, output);
-    (void)run_api_command(app, parsed, commands);
+    (void)run_family_command(app, parsed, api, output);
     return kDone;
 }
 
@@ -281,10 +332,8 @@ int run_command_line(std::vector<std::string> arguments) {
     app.footer(kExitCodeTable);
     app.add_option("--url", parsed.url, "Address of the family's gateway")->capture_default_str();
     add_output_option(app, parsed);
-    add_local_commands(app, parsed);
-    add_offline_commands(app, parsed);
-    add_read_commands(app, parsed);
-    add_write_commands(app, parsed);
+    for (const ToolCommand& each : kToolCommands) declare(app, each, parsed);
+    for (const FamilyCommand& each : kFamilyCommands) declare(app, each, parsed);
     if (const auto ended = parse(app, std::move(arguments), Output())) return *ended;
     return guarded(stderr, [&] { return execute(app, parsed); });
 }
@@ -296,22 +345,22 @@ int run_shell_command(std::vector<std::string> words, Api& api, const Output& ou
     app.require_subcommand(1);
     app.fallthrough();
     add_output_option(app, parsed);
-    add_read_commands(app, parsed);
-    add_write_commands(app, parsed);
+    for (const FamilyCommand& each : kFamilyCommands) declare(app, each, parsed);
     if (words == std::vector<std::string>{"help"}) words = {"--help"};
     if (const auto ended = parse(app, std::move(words), output)) return *ended;
     return guarded(output.remarks, [&] {
         Output own = output;
         own.json = parsed.output == "json";
-        Commands commands(api, own);
-        (void)run_api_command(app, parsed, commands);
+        (void)run_family_command(app, parsed, api, own);
         return static_cast<int>(kDone);
     });
 }
 
 std::vector<std::string> shell_commands() {
-    return {"classes", "create",     "delete", "exit",      "help",
-            "load",    "properties", "select", "templates", "update"};
+    std::vector<std::string> names{"exit", "help"};
+    for (const FamilyCommand& each : kFamilyCommands) names.emplace_back(each.name);
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace cli
