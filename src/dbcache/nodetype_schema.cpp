@@ -3,22 +3,18 @@
 #include <algorithm>
 #include <fmt/format.h>
 
+#include "dbcache/detail/metrics.h"
 #include "dbcache/mark_index.h"
 #include "dbcache/property_kinds.h"
 #include "dbcache/sibling_key.h"
 #include "dbcache/special_kinds.h"
 #include "error/exception.h"
-#include "meter/meter.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
 
 namespace dbcache {
 
 namespace {
-
-meter::Group schema_group{"schema"};
-meter::MicroSecondTiming key_check_time{&schema_group, "primarykey",
-                                        "Time spent checking primary keys among siblings"};
 
 /// Keeps the list ascending and without doubles.
 void insert_number(std::vector<uint32_t>& numbers, uint32_t number) {
@@ -233,7 +229,7 @@ void NodetypeSchema::validate(const SchemaObject& object, const PropertyChain& /
 void NodetypeSchema::check_primary_key(const SchemaObject& object, const WorkArray& work,
                                        const std::vector<size_t>& keys,
                                        const NodeId& new_parent) const {
-    const meter::TimingScope timing(key_check_time, object.clock());
+    const meter::TimingScope timing(detail::metrics::primary_key_time, object.clock());
     SiblingKey key(key_classes_);
     for (const size_t i : keys) key.add(*properties_[i].schema, work[i]);
     if (const std::optional<NodeId> sibling = object.find_equal_sibling(new_parent, key))

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "dbcache/detail/metrics.h"
 #include "error/exception.h"
 #include "meter/meter.h"
 #include "platform/clock.h"
@@ -89,6 +90,7 @@ void ObjectCache::cache_insert(const NodeId& node_id, const mdb::block_handle_t&
     handler.node_id_ = node_id;
     handler.handle_ = handle;
     queue(CachedObject::a1in).push_front(handler);
+    detail::metrics::num_cache_objs.increment();
     balance(handler);
 }
 

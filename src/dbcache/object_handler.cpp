@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "dbcache/detail/damage.h"
+#include "dbcache/detail/metrics.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/group_handler.h"
@@ -16,7 +17,6 @@
 #include "mdb/errors.h"
 #include "mdb/index.h"
 #include "mdb/object_store.h"
-#include "meter/meter.h"
 #include "tql/errors.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
@@ -28,10 +28,6 @@ namespace dbcache {
 namespace {
 
 const logging::Logger logger{"dbcache"};
-
-meter::Group handler_group{"handler"};
-meter::MicroSecondTiming encode_time{&handler_group, "encode",
-                                     "Time spent encoding TQL properties"};
 
 /// Reads a property that every stored object has.
 void read_required(const PropertyChain& chain, mdb::Property& property) {
@@ -196,7 +192,7 @@ void ObjectHandler::load_value(const PropertySchema& schema, const PropertyChain
 // ---- reading -----------------------------------------------------------------------------------
 
 void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {
-    const meter::TimingScope timing(encode_time, store_.clock());
+    const meter::TimingScope timing(detail::metrics::encode_time, store_.clock());
     const char* doing = "encode";
     try {
         const InheritanceChain chain(store_, id_.value, location_);
@@ -260,7 +256,7 @@ uint32_t ObjectHandler::tqlCreate(const tql::id_t& new_id, uint32_t child_class,
 }
 
 uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSchema& child_schema,
-                                     const tqlengine::WriteArguments& arguments) {
+                                     const tqlengine::WriteArguments& arguments) try {
     if (deleted_) throw errors::tql(errors::ERR_NO_SUCH_ID, fmt::format("{} not found", id_.value));
     if (new_id.size() != 2 || is_reserved_id(new_id.to_node_id()))
         throw errors::tql(errors::ERR_ILLEGAL_VALUE,
@@ -293,6 +289,9 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
     watcher.close();
     error::check(child->reference_count() > 0, "New object {} lost its reference", id);
     return status;
+} catch (const errors::tql& refused) {
+    if (refused.code() != errors::ERR_BACKEND) detail::metrics::create_fails.increment();
+    throw;
 }
 
 // ---- records that the system keeps --------------------------------------------------------------

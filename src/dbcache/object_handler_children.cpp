@@ -1,6 +1,7 @@
 // Listing the children of an object.
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/level_classes.h"
+#include "dbcache/detail/metrics.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/group_handler.h"
 #include "dbcache/mark_index.h"
@@ -60,10 +61,12 @@ void ObjectHandler::list_children(const std::map<uint32_t, uint32_t>& child_clas
                                   tqlengine::TqlObjectHandler& place, const tql::pattern_t& pattern,
                                   tqlengine::HandlerList& out) {
     if (!is_stored()) return;
+    detail::metrics::children.increment();
     const detail::LevelClasses classes(pattern);
     if (!classes.templates().empty())
         list_templates(child_classes, classes.templates(), place, out);
     if (!classes.objects().empty()) list_stored(nodetypes, classes.objects(), pattern, out);
+    detail::metrics::children_count.increment(out.size());
 }
 
 void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_classes,

@@ -2,21 +2,15 @@
 
 #include <tuple>
 
+#include "dbcache/detail/metrics.h"
 #include "dbcache/object_handler.h"
 #include "log/log.h"
-#include "meter/meter.h"
 
 namespace dbcache {
 
 namespace {
 
 const logging::Logger logger{"dbcache"};
-
-meter::Group sibling_group{"siblings"};
-meter::IntegerCounter lookup_count{&sibling_group, "lookups", "",
-                                   "The number of look-ups of a child by its sibling name"};
-meter::IntegerCounter hit_count{&sibling_group, "hits", "",
-                                "The number of look-ups that found the child in memory"};
 
 }  // namespace
 
@@ -33,10 +27,10 @@ SiblingIndex::Entry SiblingIndex::insert(Key key, ObjectHandler& handler) {
 
 ObjectHandler* SiblingIndex::find(const NodeId& parent, uint32_t class_number,
                                   std::string_view name) const {
-    lookup_count.increment();
+    detail::metrics::with_sibling.increment();
     const auto entry = entries_.find(Key{parent, class_number, std::string(name)});
     if (entry == entries_.end()) return nullptr;
-    hit_count.increment();
+    detail::metrics::with_sibling_found.increment();
     return entry->second;
 }
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "dbcache/detail/large_objects.h"
+#include "dbcache/detail/metrics.h"
 #include "dbcache/inheritance.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/resolver.h"
@@ -45,8 +46,10 @@ mdb::Journal& Store::journal() noexcept {
 
 void Store::read_record(mdb::block_handle_t handle, ObjectRecord& out) {
     // A view of the cache shows what is committed; inside a transaction its own changes count too.
-    const mdb::dobj object = journal().transaction_active() ? objects().load_object(handle)
-                                                            : objects().fetch_object(handle);
+    const bool inside = journal().transaction_active();
+    (inside ? detail::metrics::load_inside_tx : detail::metrics::load_outside_tx).increment();
+    const mdb::dobj object =
+        inside ? objects().load_object(handle) : objects().fetch_object(handle);
     out.assign(mdb::object_slot(object), handle);
 }
 

@@ -5,7 +5,6 @@
 #include "error/exception.h"
 #include "io/exception.h"
 #include "log/log.h"
-#include "queues/records/control.h"
 
 namespace dbms {
 
@@ -13,18 +12,22 @@ namespace {
 const logging::Logger logger{"dbms"};
 }
 
-MainLoop::MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journal& journal,
-                   Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks,
-                   ControlSocket* control)
+MainLoop::MainLoop(Services& services, const Parts& parts, std::vector<idle::IdleTask*> tasks)
     : services_(services),
-      messenger_(messenger),
-      journal_(journal),
-      dispatcher_(dispatcher),
+      messenger_(parts.messenger),
+      journal_(parts.journal),
+      dispatcher_(parts.dispatcher),
+      introspection_(parts.introspection),
+      log_mask_(parts.log_mask),
+      control_(parts.control),
       tasks_(std::move(tasks)),
-      control_(control),
-      deferred_evaluations_(services.clock) {
+      deferred_evaluations_(services.clock),
+      span_clock_(services.clock),
+      log_flags_(span_clock_) {
     selector_.add(services_.queue.front(), 0);
     selector_.add(deferred_evaluations_, 0);
+    selector_.add(log_flags_, 0);
+    arm_log_flag_timer();
     if (control_ == nullptr) return;
     control_->join(selector_);
     tasks_.push_back(control_);
@@ -32,6 +35,7 @@ MainLoop::MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journ
 
 MainLoop::~MainLoop() {
     if (control_ != nullptr) control_->leave();
+    selector_.remove(log_flags_);
     selector_.remove(deferred_evaluations_);
     selector_.remove(services_.queue.front());
 }
@@ -56,6 +60,7 @@ void MainLoop::turn() {
     io::Selectable& ready =
         selector_.select(idle_work_waits() ? io::wait_t::non_blocking : io::wait_t::blocking);
     if (control_ != nullptr && control_->handle(ready)) return;
+    if (&ready == &log_flags_) return refresh_log_mask();
     if (&ready != &services_.queue.front())
         error::fail_assertion("dbms got unexpected selectable: " + ready.nameText());
     try {
@@ -80,7 +85,7 @@ void MainLoop::take_event() {
         return;
     }
     if (received->number() == queues::SYS_EXIT) return begin_shutdown();
-    if (consumed(*received)) return;
+    if (introspection_.consumed(*received)) return;
     dispatcher_.dispatch(*received);
     services_.engine.tqlPeriodicUpdate(received->peer, queues::event_name(received.get()));
 }
@@ -93,10 +98,13 @@ void MainLoop::run_periodic_step() {
     }
 }
 
-bool MainLoop::consumed(const queues::event& received) {
-    if (received.number() != queues::SET_LOG_LEVEL || received.exception) return false;
-    logging::apply_levels(queues::data<queues::SET_LOG_LEVEL>(received).logger_level);
-    return true;
+void MainLoop::refresh_log_mask() {
+    if (log_mask_.refresh()) logger.info("Log mask is now {:#x}", log_mask_.value());
+    arm_log_flag_timer();
+}
+
+void MainLoop::arm_log_flag_timer() {
+    log_flags_.set_expiry(Time::now(span_clock_) + Time(logging::ChannelMask::kRefreshEvery_s));
 }
 
 void MainLoop::begin_shutdown() {

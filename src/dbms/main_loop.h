@@ -13,16 +13,29 @@
 #include "io/selector.h"
 #include "io/sibling_messenger.h"
 #include "io/timer.h"
+#include "log/channel_mask.h"
 #include "mdb/journal.h"
+#include "platform/span_clock.h"
+#include "queues/introspection.h"
 #include "util/idle_task.h"
 
 namespace dbms {
 
 class MainLoop {
   public:
-    /// All references outlive the loop. `tasks` are asked in their order. `control` may be null.
-    MainLoop(Services& services, io::ChildMessenger& messenger, mdb::Journal& journal,
-             Dispatcher& dispatcher, std::vector<idle::IdleTask*> tasks, ControlSocket* control);
+    /// What the loop works with besides the services; all outlive it.
+    struct Parts {
+        io::ChildMessenger& messenger;
+        mdb::Journal& journal;
+        Dispatcher& dispatcher;
+        queues::Introspection& introspection;
+        /// Computed anew every half minute.
+        logging::ChannelMask& log_mask;
+        ControlSocket* control = nullptr;
+    };
+
+    /// `tasks` are asked in their order.
+    MainLoop(Services& services, const Parts& parts, std::vector<idle::IdleTask*> tasks);
     ~MainLoop();
     MainLoop(const MainLoop&) = delete;
     MainLoop& operator=(const MainLoop&) = delete;
@@ -36,16 +49,22 @@ class MainLoop {
     void do_idle_work();
     void take_event();
     void run_periodic_step();
-    [[nodiscard]] bool consumed(const queues::event& received);
+    void refresh_log_mask();
+    void arm_log_flag_timer();
     void begin_shutdown();
 
     Services& services_;
     io::ChildMessenger& messenger_;
     mdb::Journal& journal_;
     Dispatcher& dispatcher_;
-    std::vector<idle::IdleTask*> tasks_;
+    queues::Introspection& introspection_;
+    logging::ChannelMask& log_mask_;
     ControlSocket* control_;
+    std::vector<idle::IdleTask*> tasks_;
     io::Timer deferred_evaluations_;
+    /// The time of day may be set; the flag files are looked at all the same.
+    platform::SpanClock span_clock_;
+    io::Timer log_flags_;
     io::Selector<int> selector_;
     bool stop_ = false;
     bool shutting_down_ = false;

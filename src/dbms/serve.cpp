@@ -15,6 +15,7 @@
 #include "error/exception.h"
 #include "io/exception.h"
 #include "io/sibling_messenger.h"
+#include "log/channel_mask.h"
 #include "log/channels.h"
 #include "log/log.h"
 #include "mdb/database.h"
@@ -23,6 +24,7 @@
 #include "meter/meter.h"
 #include "platform/random.h"
 #include "queues/dialogs.h"
+#include "queues/introspection.h"
 #include "queues/log_outlet.h"
 #include "util/text.h"
 
@@ -132,8 +134,9 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     logger.info("DBMS running");
     const control::Server_Configuration_Fields config = queues::server_configuration(&queue);
     set_log_levels(config.log_mask);
+    logging::ChannelMask log_mask(config.log_mask, config.system_log_dir_path);
     const meter::Tree metrics("dbms");
-    queue.send(queues::devent<queues::SUPPORTS_METRICS>(queues::queue_t::main, 0, 0));
+    queues::Introspection introspection(queue, metrics, clock);
     EventTrace trace(config.dbms_event_tracefile);
 
     // The database: classes, files, replay, the objects and indexes that must be there.
@@ -175,14 +178,16 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
 
     // Ready: tell the main process, then serve.
     announce(queue);
-    Services services{clock, queue, config, engine, store, versions};
+    Services services{clock, queue, config, engine, store, versions, log_mask};
     Dispatcher dispatcher(services, make_event_table(), trace, [&] {
         return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
     });
     ensure_cluster_objects(services);
     const auto control = make_control_socket(database, clock);
-    MainLoop loop(services, messenger, database.journal(), dispatcher, {&store.resolver()},
-                  control.get());
+    MainLoop loop(
+        services,
+        {messenger, database.journal(), dispatcher, introspection, log_mask, control.get()},
+        {&store.resolver()});
     loop.run();
 
     database.journal().journal_checkpoint();

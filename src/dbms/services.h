@@ -2,6 +2,7 @@
 // is kept beyond the event.
 #pragma once
 
+#include "log/channel_mask.h"
 #include "platform/clock.h"
 #include "queues/childqueue.h"
 #include "queues/records/control.h"
@@ -23,6 +24,8 @@ struct Services {
     tqlengine::Engine& engine;
     dbcache::Store& store;
     dbcache::VersionSource& versions;
+    /// The channels of extra diagnostics that are switched on.
+    const logging::ChannelMask& log_mask;
 };
 
 /// One event being handled.

@@ -142,6 +142,22 @@ Tree::~Tree() {
     });
 }
 
+const Metric& Tree::get(const std::list<std::string>& path) const {
+    const Object* place = &root_;
+    auto step = path.begin();
+    if (step != path.end() && *step == root_.name()) ++step;
+    for (; step != path.end(); ++step) {
+        if (place->kind_ == Object::kind_t::metric) throw EUnknownMetric("Unknown metric");
+        place = static_cast<const Group*>(place)->find(*step);
+        if (place == nullptr) throw EUnknownMetric("Unknown metric");
+        if (place->kind_ != Object::kind_t::table) continue;
+        if (++step == path.end()) break;
+        static_cast<const Table*>(place)->select(*step);
+    }
+    if (place->kind_ != Object::kind_t::metric) throw EUnknownMetric("Unknown metric");
+    return static_cast<const Metric&>(*place);
+}
+
 void Tree::enter(Object& object) {
     Group& group = object.parent_ != nullptr ? *object.parent_ : root_;
     group.add(object);

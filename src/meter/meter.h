@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <string>
 #include <string_view>
@@ -33,6 +34,12 @@ class Tree;
 
 /// A table was asked for an instance that it doesn't have.
 class ENoSuchInstance : public error::Exception {
+  public:
+    using Exception::Exception;
+};
+
+/// A path leads to no metric.
+class EUnknownMetric : public error::Exception {
   public:
     using Exception::Exception;
 };
@@ -133,8 +140,12 @@ struct TimingValue {
 
 using Value = std::variant<uint64_t, TimingValue>;
 
+/// What sort of value a metric has; the numbers are those that other processes see.
+enum class type_t : uint32_t { counter = 0, gauge = 1, timing = 2 };
+
 class Metric : public Object {
   public:
+    [[nodiscard]] virtual type_t type() const noexcept = 0;
     [[nodiscard]] std::string_view unit() const noexcept { return unit_; }
     [[nodiscard]] std::string_view description() const noexcept { return description_; }
     /// The value at this moment.
@@ -159,6 +170,7 @@ class IntegerCounter : public Metric {
 
     void increment(uint64_t by = 1) noexcept { value_ += by; }
     [[nodiscard]] uint64_t value() const noexcept { return value_; }
+    [[nodiscard]] type_t type() const noexcept override { return type_t::counter; }
     [[nodiscard]] Value read() const override { return value_; }
 
   private:
@@ -174,6 +186,7 @@ class IntegerGauge : public Metric {
 
     void set(uint64_t value) noexcept { value_ = value; }
     [[nodiscard]] uint64_t value() const noexcept { return value_; }
+    [[nodiscard]] type_t type() const noexcept override { return type_t::gauge; }
     [[nodiscard]] Value read() const override { return value_; }
 
   private:
@@ -182,7 +195,7 @@ class IntegerGauge : public Metric {
 
 /// A value that a function yields when it is read. The owner of what the function looks at binds it
 /// while it lives and unbinds it before it ends; unbound, the value is the empty one.
-template <class V>
+template <class V, type_t kType>
 class CallbackMetric : public Metric {
   public:
     using Function = std::function<V()>;
@@ -193,23 +206,24 @@ class CallbackMetric : public Metric {
 
     void bind(Function function) { function_ = std::move(function); }
     void unbind() { function_ = {}; }
+    [[nodiscard]] type_t type() const noexcept override { return kType; }
     [[nodiscard]] Value read() const override { return function_ ? function_() : V{}; }
 
   private:
     Function function_;
 };
 
-class IntegerCounterCallback : public CallbackMetric<uint64_t> {
+class IntegerCounterCallback : public CallbackMetric<uint64_t, type_t::counter> {
   public:
     using CallbackMetric::CallbackMetric;
 };
 
-class IntegerGaugeCallback : public CallbackMetric<uint64_t> {
+class IntegerGaugeCallback : public CallbackMetric<uint64_t, type_t::gauge> {
   public:
     using CallbackMetric::CallbackMetric;
 };
 
-class TimingCallback : public CallbackMetric<TimingValue> {
+class TimingCallback : public CallbackMetric<TimingValue, type_t::timing> {
   public:
     using CallbackMetric::CallbackMetric;
 };
@@ -225,6 +239,7 @@ class Timing : public Metric {
     /// For tables, which show another instance's values.
     void set(const TimingValue& value) noexcept { value_ = value; }
     [[nodiscard]] const TimingValue& value() const noexcept { return value_; }
+    [[nodiscard]] type_t type() const noexcept override { return type_t::timing; }
     [[nodiscard]] Value read() const override { return value_; }
 
   private:
@@ -263,6 +278,11 @@ class Tree {
     Tree& operator=(const Tree&) = delete;
 
     [[nodiscard]] const Group& root() const noexcept { return root_; }
+
+    /// The metric at `path`, whose first name may be the root's. Behind a table stands the name of
+    /// an instance; the metrics below the table show that instance then. Throws ENoSuchInstance,
+    /// and EUnknownMetric for a path that leads nowhere or to a group.
+    [[nodiscard]] const Metric& get(const std::list<std::string>& path) const;
 
   private:
     friend class Object;

@@ -223,4 +223,11 @@ void ignore_file_size_signal() {
     ::signal(SIGXFSZ, SIG_IGN);
 }
 
+bool can_open_for_reading(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) return false;
+    ::close(fd);
+    return true;
+}
+
 }  // namespace platform

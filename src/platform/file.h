@@ -102,4 +102,7 @@ class SystemFiles final : public FileSystem {
 /// start.
 void ignore_file_size_signal();
 
+/// Whether a file can be opened for reading at this moment. Never waits, for a FIFO either.
+[[nodiscard]] bool can_open_for_reading(const std::string& path);
+
 }  // namespace platform

@@ -254,17 +254,17 @@ TEST_F(ObjectHandlerTest, ListingFollowsTheStep) {
     EXPECT_TRUE(listed("Node{siblingName = \"nobody\"}").size() <= 1) << "a walk may list too much";
     const meter::Tree metrics("dbms");
     const auto counted = [&](const char* name) {
-        const auto* group = dynamic_cast<meter::Group*>(metrics.root().find("siblings"));
+        const auto* group = dynamic_cast<meter::Group*>(metrics.root().find("dbcache"));
         const auto* metric =
             group ? dynamic_cast<meter::IntegerCounter*>(group->find(name)) : nullptr;
         return metric ? metric->value() : 0;
     };
-    const uint64_t lookups = counted("lookups");
-    const uint64_t hits = counted("hits");
+    const uint64_t lookups = counted("with_sibling");
+    const uint64_t hits = counted("with_sibling_found");
     static_cast<void>(listed("Node{siblingName = \"host\"}"));
     static_cast<void>(listed("Node{siblingName = \"nobody\"}"));
-    EXPECT_EQ(counted("lookups"), lookups + 2);
-    EXPECT_EQ(counted("hits"), hits + 1);
+    EXPECT_EQ(counted("with_sibling"), lookups + 2);
+    EXPECT_EQ(counted("with_sibling_found"), hits + 1);
 }
 
 TEST_F(ObjectHandlerTest, HandlersComeAndGoWithTheCache) {

@@ -7,20 +7,14 @@
 #include <sstream>
 
 #include "io/exception.h"
-#include "io/parent_messenger.h"
 #include "log/log.h"
 #include "queues/records/control.h"
-#include "support/test_store.h"
+#include "test_family.h"
 
 namespace dbms {
 namespace {
 
 using queues::queue_t;
-
-struct Policy final : io::ParentPolicy {
-    uint32_t sliceSize(uint32_t) override { return 1 << 16; }
-    bool requestPeer(uint32_t, uint32_t) override { return false; }
-};
 
 /// What the handlers of this test do is told by the number of the event that they are entered
 /// under.
@@ -33,16 +27,8 @@ constexpr auto kSlow = queues::SOCKETIO_TIDY_CACHES;
 constexpr auto kRefused = queues::REQUEST_RESULT;
 constexpr auto kUnhandled = queues::DAEMONIZE_SYSTEM;
 
-class DispatcherTest : public testing::Test {
+class DispatcherTest : public testing::Test, protected dbms_test::TestFamily {
   protected:
-    DispatcherTest()
-        : parent(dir.file("fifo"), 1 << 20, policy),
-          main(parent, store.clock),
-          messenger(static_cast<uint32_t>(queue_t::dbms), parent.access()),
-          queue(messenger, store.clock) {
-        settle();
-    }
-
     static EventTable table() {
         EventTable rows{};
         rows[kAnomaly] = {[](EventContext&, queues::event&) { throw errors::stdanomaly("torn"); },
@@ -70,20 +56,6 @@ class DispatcherTest : public testing::Test {
         return rows;
     }
 
-    void settle() {
-        for (int round = 0; round < 4; ++round)
-            for (io::SiblingMessenger* one :
-                 std::initializer_list<io::SiblingMessenger*>{&parent, &messenger}) {
-                io::BareSelector selector;
-                selector.add(one->someSibling());
-                try {
-                    (void)selector.select(io::wait_t::non_blocking);
-                } catch (const io::ENotReady&) {
-                }
-                selector.remove(one->someSibling());
-            }
-    }
-
     template <queues::event_t N>
     void dispatch(uint32_t uid = 7) {
         queues::devent<N> received(queue_t::main, uid);
@@ -100,15 +72,6 @@ class DispatcherTest : public testing::Test {
                                   : fmt::format("{} {}", failure->uid, failure->text);
     }
 
-    support::TempDir dir;
-    dbcache_test::TestStore store;
-    Policy policy;
-    io::ParentMessenger parent;
-    queues::childqueue main;
-    io::ChildMessenger messenger;
-    queues::childqueue queue;
-    control::Server_Configuration_Fields config;
-    Services services{store.clock, queue, config, *store.engine, *store.store, *store.versions};
     EventTrace trace{dir.file("trace")};
     Leftovers leftovers;
     Dispatcher dispatcher{services, table(), trace, [this] { return leftovers; }};

@@ -1,24 +1,19 @@
 // The main loop between idle work and events: who comes first.
 #include "dbms/main_loop.h"
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
 #include <vector>
 
-#include "io/exception.h"
-#include "io/parent_messenger.h"
 #include "queues/records/control.h"
-#include "support/test_store.h"
+#include "test_family.h"
 
 namespace dbms {
 namespace {
 
 using queues::queue_t;
-
-struct Policy final : io::ParentPolicy {
-    uint32_t sliceSize(uint32_t) override { return 1 << 16; }
-    bool requestPeer(uint32_t, uint32_t) override { return false; }
-};
 
 /// Counts its steps, and has something said to the server in the middle of some of them.
 struct CountingTask final : idle::IdleTask {
@@ -35,30 +30,8 @@ struct CountingTask final : idle::IdleTask {
 
 constexpr auto kNote = queues::GET_TQL_CLASS_NAMES;
 
-class MainLoopTest : public testing::Test {
+class MainLoopTest : public testing::Test, protected dbms_test::TestFamily {
   protected:
-    MainLoopTest()
-        : parent(dir.file("fifo"), 1 << 20, policy),
-          main(parent, store.clock),
-          messenger(static_cast<uint32_t>(queue_t::dbms), parent.access()),
-          queue(messenger, store.clock) {
-        // Each side has to hear of the other.
-        for (int round = 0; round < 4; ++round) {
-            serve(parent);
-            serve(messenger);
-        }
-    }
-
-    static void serve(io::SiblingMessenger& one) {
-        io::BareSelector selector;
-        selector.add(one.someSibling());
-        try {
-            (void)selector.select(io::wait_t::non_blocking);
-        } catch (const io::ENotReady&) {
-        }
-        selector.remove(one.someSibling());
-    }
-
     /// The main process says something; the signal is on its way to the server.
     template <queues::event_t N>
     void say() {
@@ -74,19 +47,16 @@ class MainLoopTest : public testing::Test {
             if (taken_after.size() == most_events) throw error::EFatal("enough");
             return Leftovers{};
         });
-        MainLoop loop(services, messenger, store.database->journal(), dispatcher, {&task}, nullptr);
+        const meter::Tree metrics("dbms");
+        queues::Introspection introspection(queue, metrics, store.clock);
+        settle();
+        (void)main.read();  // what it says at first would hide the signals behind it
+        MainLoop loop(services,
+                      {messenger, store.database->journal(), dispatcher, introspection, log_mask},
+                      {&task});
         EXPECT_THROW(loop.run(), error::EFatal);
     }
 
-    support::TempDir dir;
-    dbcache_test::TestStore store;
-    Policy policy;
-    io::ParentMessenger parent;
-    queues::childqueue main;
-    io::ChildMessenger messenger;
-    queues::childqueue queue;
-    control::Server_Configuration_Fields config;
-    Services services{store.clock, queue, config, *store.engine, *store.store, *store.versions};
     EventTrace trace{""};
     CountingTask task;
     /// How many steps there had been when each event was taken.
@@ -127,6 +97,27 @@ TEST_F(MainLoopTest, NoIdleWorkIsDoneWhileTheServerStops) {
     run();
     EXPECT_EQ(taken_after, std::vector<size_t>{5}) << "the event is still dispatched";
     EXPECT_LE(task.steps, 6U);
+}
+
+// The flag files have half a minute; nothing else of the server hears of it.
+TEST_F(MainLoopTest, FlagFilesSwitchChannelsWhileTheServerRuns) {
+    std::vector<uint64_t> seen;
+    most_events = 3;
+    task.most_steps = 100'000;
+    const std::string flag = dir.file("log_tql_trace");
+    task.during_step = [&](size_t step) {
+        if (step == 1) std::ofstream(flag) << "any";
+        if (step == 2) store.clock.advance_s(29);
+        if (step == 3 || step == 5 || step == 8) {
+            seen.push_back(log_mask.value());
+            say<kNote>();
+        }
+        if (step == 4) store.clock.advance_s(1);
+        if (step == 6) std::filesystem::remove(flag);
+        if (step == 7) store.clock.advance_s(30);
+    };
+    run();
+    EXPECT_EQ(seen, (std::vector<uint64_t>{0x80000000, 0x180000000, 0x80000000}));
 }
 
 }  // namespace
