@@ -87,7 +87,6 @@ void MainLoop::take_event() {
     if (received->number() == queues::SYS_EXIT) return begin_shutdown();
     if (introspection_.consumed(*received)) return;
     dispatcher_.dispatch(*received);
-    services_.engine.tqlPeriodicUpdate(received->peer, queues::event_name(received.get()));
 }
 
 void MainLoop::run_periodic_step() {

@@ -10,15 +10,14 @@
 #include <cstdint>
 #include <functional>
 #include <set>
-#include <string_view>
 #include <vector>
 
-#include "queues/event_types.h"
 #include "tql/pattern.h"
 #include "tqlengine/id_resolver.h"
 #include "tqlengine/object_handler.h"
 #include "tqlengine/result_node.h"
 #include "tqlengine/select_statistics.h"
+#include "tqlengine/subscriptions.h"
 
 namespace tqlengine {
 
@@ -32,6 +31,9 @@ enum class object_operation_t : uint32_t {
     data_changed = 3,
     checked_in = 4,
 };
+
+/// The tag of the nodes on the way to the object of a patch.
+inline constexpr uint32_t kPatchPath = 0xFFFFFFFF;
 
 class Engine {
   public:
@@ -72,11 +74,31 @@ class Engine {
     /// As find(), for the resolvers in turn; see TqlIdResolver::discardOrphans.
     void discard_orphans(const tql::id_t& id) const;
 
+    /// The subscription that a select belongs to; 0 for none.
+    struct Watch {
+        uint32_t subscription = 0;
+        bool patchable = false;
+    };
+
     /// Runs `pattern` at each root and appends a tree for each root that gives one, in id order.
-    /// Roots that don't exist are skipped. Adds to `statistics`. Throws errors::tql and
-    /// errors::db_anomaly; `results` is then incomplete.
+    /// Roots that don't exist are skipped. Adds to `statistics`. With a subscription, writes are
+    /// held against roots and pattern from now on, also when the select fails later. Throws
+    /// errors::tql and errors::db_anomaly; `results` is then incomplete.
     void evaluate(ResultList& results, const std::set<tql::id_t>& roots,
-                  const tql::pattern_t& pattern, SelectStatistics& statistics);
+                  const tql::pattern_t& pattern, SelectStatistics& statistics, const Watch& watch);
+    void evaluate(ResultList& results, const std::set<tql::id_t>& roots,
+                  const tql::pattern_t& pattern, SelectStatistics& statistics) {
+        evaluate(results, roots, pattern, statistics, {});
+    }
+
+    /// What a subscriber of `pattern` at `roots` is to know of the object with this id: the way to
+    /// it from the first root above it from which the pattern gets there, each node on it tagged
+    /// kPatchPath, and at its end the object as a full answer. Empty when the object isn't there or
+    /// the pattern doesn't reach it: the subscriber is to drop it. Throws errors::tql and
+    /// errors::stdanomaly.
+    [[nodiscard]] ResultNodePtr evaluatePatch(const tql::id_t& id, const std::set<tql::id_t>& roots,
+                                              const tql::pattern_t& pattern,
+                                              SelectStatistics& statistics);
 
     // ---- writing --------------------------------------------------------------------------------
 
@@ -84,14 +106,11 @@ class Engine {
     /// operations that come without a request (data changed, checked in).
     void notify(TqlObjectHandler& handler, object_operation_t operation) noexcept;
     /// Notes every subscription whose selection holds or may hold `handler` now. Used by
-    /// TqlUpdateWatcher before and after a write. There are no subscriptions yet, so nobody is
-    /// noted.
-    void notify_pass(TqlObjectHandler& handler) noexcept;
+    /// TqlUpdateWatcher before and after a write; see Subscriptions::note().
+    void notify_pass(TqlObjectHandler& handler) { subscriptions_.note(handler); }
 
-    /// Called by the main loop after each event that went through the dispatcher, with the event's
-    /// sender and name: sends out what notify_pass() has noted. There are no subscriptions yet, so
-    /// nothing is due.
-    void tqlPeriodicUpdate(queues::queue_t sender, std::string_view caused_by);
+    /// Who watches, and what is due to them.
+    [[nodiscard]] Subscriptions& subscriptions() noexcept { return subscriptions_; }
 
   private:
     static constexpr uint32_t kClassCount = 97;
@@ -102,6 +121,7 @@ class Engine {
     std::set<uint32_t> reparentable_classes_;
     SelectLimits limits_;
     ResultNodePool nodes_;
+    Subscriptions subscriptions_;
 };
 
 }  // namespace tqlengine

@@ -69,11 +69,12 @@ std::set<tql::id_t> roots_of(const dbms::Tql_Select_Data& request) {
 }
 
 void select(const dbms::Tql_Select_Data& request, const RequestContext& context,
-            SelectReport& report, dbms::Return_Tql_Select_Data& reply) {
-    if ((request.flags & kSelectSubscribe) != 0)
+            uint32_t subscription, SelectReport& report, dbms::Return_Tql_Select_Data& reply) {
+    if ((request.flags & kSelectSubscribe) != 0 && subscription == 0)
         throw errors::tql(errors::ERR_NOT_IMPLEMENTED, "Subscriptions are not implemented");
     Engine::ResultList results;
-    context.engine.evaluate(results, roots_of(request), request.pattern, report.statistics);
+    context.engine.evaluate(results, roots_of(request), request.pattern, report.statistics,
+                            {subscription, (request.flags & kSelectPatchable) != 0});
     report.evaluated_us = context.clock.monotonic_us();
     reply.res.reserve(results.size());
     for (ResultNodePtr& node : results)
@@ -99,6 +100,20 @@ void delete_object(const dbms::Tql_Delete_Data& request, RequestContext& context
     if (resolver) resolver->erase(std::move(gone));
 }
 
+/// The level at which something that took this long is logged; none when it was quick.
+std::optional<logging::level_t> level_of(uint64_t elapsed_us) {
+    if (elapsed_us <= kSlowSelectUs) return std::nullopt;
+    const auto level =
+        elapsed_us > kVerySlowSelectUs ? logging::level_t::warning : logging::level_t::debug;
+    return logger.enabled(level) ? std::optional(level) : std::nullopt;
+}
+
+std::string roots_text(const dbms::Tql_Select_Data& request) {
+    std::vector<std::string> roots;
+    for (const tql::id_t& root : roots_of(request)) roots.push_back(root.to_string());
+    return fmt::format("{}", fmt::join(roots, ", "));
+}
+
 double seconds(uint64_t from_us, uint64_t to_us) {
     return to_us > from_us ? static_cast<double>(to_us - from_us) / 1e6 : 0.0;
 }
@@ -106,12 +121,13 @@ double seconds(uint64_t from_us, uint64_t to_us) {
 }  // namespace
 
 dbms::Return_Tql_Select_Data process_select(const dbms::Tql_Select_Data& request,
-                                            RequestContext& context, SelectReport& report) {
+                                            RequestContext& context, SelectReport& report,
+                                            uint32_t subscription) {
     dbms::Return_Tql_Select_Data reply;
     report = {};
     report.start_us = report.evaluated_us = context.clock.monotonic_us();
     try {
-        select(request, context, report, reply);
+        select(request, context, subscription, report, reply);
     } catch (const errors::tql& failure) {
         logger.error("TQL SELECT error ({}): {}", static_cast<uint32_t>(failure.code()),
                      failure.text());
@@ -129,24 +145,40 @@ dbms::Return_Tql_Select_Data process_select(const dbms::Tql_Select_Data& request
 void log_select(const dbms::Tql_Select_Data& request, const RequestContext& context,
                 const SelectReport& report) {
     const uint64_t sent_us = context.clock.monotonic_us();
-    if (sent_us - report.start_us <= kSlowSelectUs) return;
-    const logging::level_t level = sent_us - report.start_us > kVerySlowSelectUs
-                                       ? logging::level_t::warning
-                                       : logging::level_t::debug;
-    if (!logger.enabled(level)) return;
-    std::vector<std::string> roots;
-    for (const tql::id_t& root : roots_of(request)) roots.push_back(root.to_string());
+    const auto level = level_of(sent_us - report.start_us);
+    if (!level) return;
     const SelectStatistics& cost = report.statistics;
-    logger.write(level, "Select for {}: [{}] {}", queues::queue_name(context.sender),
-                 fmt::join(roots, ", "), tql::pattern_log_text(request.pattern));
-    logger.write(level, "Obj's considered: {}, included: {}, doublets: {}, results: {}",
+    logger.write(*level, "Select for {}: [{}] {}", queues::queue_name(context.sender),
+                 roots_text(request), tql::pattern_log_text(request.pattern));
+    logger.write(*level, "Obj's considered: {}, included: {}, doublets: {}, results: {}",
                  cost.considered, cost.included, cost.doublets, report.results);
-    logger.write(level, "objectMatches immediate: {}, lengthy: {}",
+    logger.write(*level, "objectMatches immediate: {}, lengthy: {}",
                  cost.object_matches - cost.lengthy, cost.lengthy);
-    logger.write(level, "Time (sel, prep, send): ({}, {}, {})",
+    logger.write(*level, "Time (sel, prep, send): ({}, {}, {})",
                  seconds(report.start_us, report.evaluated_us),
                  seconds(report.evaluated_us, report.prepared_us),
                  seconds(report.prepared_us, sent_us));
+}
+
+std::optional<tql::result_t> process_patch(const tql::id_t& id,
+                                           const dbms::Tql_Select_Data& request,
+                                           RequestContext& context) {
+    SelectStatistics statistics;
+    ResultNodePtr node =
+        context.engine.evaluatePatch(id, roots_of(request), request.pattern, statistics);
+    if (!node) return std::nullopt;
+    uint64_t results = 0;
+    return detail::to_record(std::move(node), context.engine.limits().result_depth, results);
+}
+
+void log_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,
+               const RequestContext& context, uint64_t elapsed_us, std::string_view caused_by) {
+    const auto level = level_of(elapsed_us);
+    if (!level) return;
+    logger.write(*level, "Patch for {}: [{}] {}", queues::queue_name(context.sender),
+                 roots_text(request), tql::pattern_log_text(request.pattern));
+    logger.write(*level, "Object {} took {}, caused by {}", id.to_string(), seconds(0, elapsed_us),
+                 caused_by);
 }
 
 dbms::Return_Tql_Create_Data process_create(const dbms::Tql_Create_Data& request,

@@ -7,7 +7,9 @@
 // text. Whatever else is thrown passes through: it isn't the request's fault.
 #pragma once
 
+#include <optional>
 #include <set>
+#include <string_view>
 
 #include "queues/records/dbms_tql.h"
 #include "tqlengine/engine.h"
@@ -18,8 +20,11 @@ namespace tqlengine {
 /// The type of a detail that carries the text of a failure.
 inline constexpr uint32_t kDetailError = 3;
 
-/// Bits of Tql_Select_Data::flags.
+/// Bits of Tql_Select_Data::flags: the asker subscribes; each answer is to be acknowledged; changes
+/// are told as patches.
 inline constexpr uint32_t kSelectSubscribe = 1;
+inline constexpr uint32_t kSelectAcknowledge = 4;
+inline constexpr uint32_t kSelectPatchable = 16;
 
 /// What a select took, for the log; filled by process_select() and finished by log_select().
 struct SelectReport {
@@ -30,13 +35,26 @@ struct SelectReport {
     uint64_t prepared_us = 0;
 };
 
-/// Event 82: answers with the record of event 83. An empty pattern gives no results.
+/// Event 82: answers with the record of event 83. An empty pattern gives no results. With a
+/// `subscription` other than 0 the engine watches the pattern from now on; 0 selects once, whatever
+/// the flags say.
 dbms::Return_Tql_Select_Data process_select(const dbms::Tql_Select_Data& request,
-                                            RequestContext& context, SelectReport& report);
+                                            RequestContext& context, SelectReport& report,
+                                            uint32_t subscription = 0);
 /// To be called when the answer has been sent: logs a select that took more than 10 ms at level
 /// debug, and one of more than 3 s at level warning.
 void log_select(const dbms::Tql_Select_Data& request, const RequestContext& context,
                 const SelectReport& report);
+
+/// The tree of event 84 for the object `id`, under the subscription made by `request`; none when
+/// the subscriber is to drop the object (event 85). Throws errors::tql and errors::stdanomaly.
+std::optional<tql::result_t> process_patch(const tql::id_t& id,
+                                           const dbms::Tql_Select_Data& request,
+                                           RequestContext& context);
+/// To be called when a patch has been made: logs one that took more than 10 ms at level debug, and
+/// one of more than 3 s at level warning. `caused_by` names the event that changed the object.
+void log_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,
+               const RequestContext& context, uint64_t elapsed_us, std::string_view caused_by);
 
 /// Event 86, answered by 87. `new_id` of the request must be filled.
 dbms::Return_Tql_Create_Data process_create(const dbms::Tql_Create_Data& request,

@@ -60,6 +60,12 @@ class Object : public tqlengine::TqlObjectHandler {
     std::vector<Object*> children;
 
     [[nodiscard]] Object* parent() const { return parent_; }
+    /// Out of its place in the tree; with a parent, to there.
+    void move_to(Object* parent) {
+        std::erase(parent_->children, this);
+        parent_ = parent;
+        if (parent) parent->children.push_back(this);
+    }
 
   protected:
     void tqlAddRef() override;
@@ -92,6 +98,11 @@ class Tree : public tqlengine::TqlIdResolver {
     Object& root() { return *objects_.front(); }
     Object& object(size_t place) { return *objects_[place]; }
     [[nodiscard]] size_t size() const { return objects_.size(); }
+    /// As a delete does it: nobody finds it by its id or from its parent.
+    void take_out(Object& object) {
+        by_id_.erase(object.tqlId());
+        object.move_to(nullptr);
+    }
     Object* lookup(const tql::id_t& id) {
         const auto found = by_id_.find(id);
         return found == by_id_.end() ? nullptr : found->second;

@@ -43,4 +43,10 @@ void check_pattern(const tql::pattern_t& pattern, const SelectLimits& limits) {
     }
 }
 
+void fail_considered(const SelectLimits& limits) {
+    throw errors::tql(
+        errors::ERR_NOT_IMPLEMENTED,
+        fmt::format("The pattern has to look at more than {} objects", limits.considered));
+}
+
 }  // namespace tqlengine::detail

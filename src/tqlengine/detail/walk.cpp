@@ -1,9 +1,8 @@
 #include "tqlengine/detail/walk.h"
 
 #include <algorithm>
-#include <fmt/format.h>
 
-#include "tql/errors.h"
+#include "tqlengine/detail/pattern_check.h"
 
 namespace tqlengine::detail {
 
@@ -215,10 +214,7 @@ ResultNodePtr Walk::leave(Frame& frame) {
 }
 
 void Walk::consider() {
-    if (++statistics_.considered > limits_.considered)
-        throw errors::tql(
-            errors::ERR_NOT_IMPLEMENTED,
-            fmt::format("The pattern has to look at more than {} objects", limits_.considered));
+    count_considered(limits_, statistics_);
 }
 
 void Walk::make_node(Frame& frame) {
