@@ -8,6 +8,7 @@
 #include "dbcache/property_kinds.h"
 #include "dbcache/sibling_key.h"
 #include "dbcache/special_kinds.h"
+#include "dbcache/time_series.h"
 #include "error/exception.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
@@ -304,8 +305,9 @@ tql::origin_t NodetypeSchema::tqlOrigin(const SchemaObject& object) const {
     return *origin;
 }
 
-uint32_t NodetypeSchema::tsdbGetDataType(const PropertyChain& /*chain*/,
-                                         uint32_t /*property*/) const {
+uint32_t NodetypeSchema::tsdbGetDataType(const PropertyChain& /*chain*/, uint32_t property) const {
+    if (property == prop::tsdbIncident && lookupProperty(property, kAllSubtypes))
+        return kIncidentData;
     throw errors::db_anomaly(
         "tsdbGetDataType called on object which does not implement tsdbGetDataType");
 }

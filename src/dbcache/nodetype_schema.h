@@ -181,7 +181,8 @@ class NodetypeSchema {
     /// First thing in a delete; may throw errors::tql_dont_delete.
     virtual void beforeDelete(ObjectHandler& handler) const;
     [[nodiscard]] virtual tql::origin_t tqlOrigin(const SchemaObject& object) const;
-    /// The data type of a series of this object; the base throws.
+    /// The kind of data in a series of this object, a series_data_t (time_series.h). The base knows
+    /// that tsdbIncident holds incidents and throws errors::db_anomaly for all others.
     [[nodiscard]] virtual uint32_t tsdbGetDataType(const PropertyChain& chain,
                                                    uint32_t property) const;
     /// The subtype of a stored object, and the one that new values make.

@@ -75,8 +75,23 @@ void Store::drop_backend_blocks(mdb::block_handle_t handle) {
         mdb::PropertySeries series(entry.property);
         if (chain.read(0, series) == found_t::value &&
             series.value != PropertyTSDBBlockSchema::kNoSeries)
-            blocks_to_drop_.push_back(series.value);
+            drop_backend_block(series.value);
     }
+}
+
+void Store::drop_backend_block(uint32_t block) {
+    block_notes_.push_back({block, BlockNote::fate_t::unneeded});
+    if (innermost_ == nullptr) drop_noted_blocks();
+}
+
+std::optional<uint32_t> Store::create_backend_block(const tsdb::time_series_layout_t& layout) {
+    if (!parts_.create_backend_block) return std::nullopt;
+    // The room for the note first: a series that can't be noted would be lost.
+    if (block_notes_.size() == block_notes_.capacity())
+        block_notes_.reserve(2 * block_notes_.size() + 4);
+    const uint32_t block = parts_.create_backend_block(layout);
+    if (innermost_ != nullptr) block_notes_.push_back({block, BlockNote::fate_t::made});
+    return block;
 }
 
 void Store::discard_stored(mdb::block_handle_t handle) {
@@ -96,17 +111,29 @@ void Store::discard_stored(mdb::block_handle_t handle) {
     handler->deleted_ = true;
 }
 
-/// The objects are gone by now whatever becomes of their blocks.
-void Store::drop_named_blocks() {
-    const std::vector<uint32_t> blocks = std::move(blocks_to_drop_);
-    blocks_to_drop_.clear();
+void Store::abort_block_notes(size_t first) noexcept {
+    const auto begin = block_notes_.begin() + static_cast<std::ptrdiff_t>(first);
+    block_notes_.erase(std::remove_if(begin, block_notes_.end(),
+                                      [](const BlockNote& note) {
+                                          return note.fate == BlockNote::fate_t::unneeded;
+                                      }),
+                       block_notes_.end());
+    for (size_t i = first; i < block_notes_.size(); ++i)
+        block_notes_[i].fate = BlockNote::fate_t::orphaned;
+}
+
+/// The transaction has ended, whatever becomes of the blocks.
+void Store::drop_noted_blocks() noexcept {
+    const std::vector<BlockNote> notes = std::move(block_notes_);
+    block_notes_.clear();
     if (!parts_.drop_backend_block) return;
-    for (const uint32_t block : blocks) {
+    for (const BlockNote& note : notes) {
+        if (note.fate == BlockNote::fate_t::made) continue;
         try {
-            parts_.drop_backend_block(block);
-        } catch (const error::Exception& failure) {
-            logger.error("Time series {} of a deleted object stays behind: {}", block,
-                         failure.text());
+            parts_.drop_backend_block(note.block);
+        } catch (const std::exception& failure) {
+            logger.error("Time series {}, which no object needs, stays behind: {}", note.block,
+                         failure.what());
         }
     }
 }
@@ -179,7 +206,7 @@ StoreTransaction::StoreTransaction(Store& store)
       transaction_(std::make_unique<mdb::Transaction>(store.journal())),
       outer_(store.innermost_),
       first_created_(store.created_.size()),
-      first_block_(store.blocks_to_drop_.size()) {
+      first_note_(store.block_notes_.size()) {
     store_.innermost_ = this;
 }
 
@@ -187,18 +214,25 @@ StoreTransaction::~StoreTransaction() {
     if (store_.innermost_ == this) {
         transaction_.reset();
         store_.created_.resize(first_created_);
-        store_.blocks_to_drop_.resize(first_block_);
+        // After a commit that failed nobody knows whether the objects are stored: rather a series
+        // too many than an object whose series is gone.
+        if (commit_begun_)
+            store_.block_notes_.resize(first_note_);
+        else
+            store_.abort_block_notes(first_note_);
         store_.innermost_ = outer_;
+        if (!nested_) store_.drop_noted_blocks();
     }
     if (!nested_) store_.release_touched();
 }
 
 void StoreTransaction::commit(bool asynchronous) {
+    commit_begun_ = true;
     transaction_->commit(nested_ || asynchronous);
     store_.innermost_ = outer_;
     if (nested_) return;
     store_.release_touched();
-    store_.drop_named_blocks();
+    store_.drop_noted_blocks();
 }
 
 }  // namespace dbcache

@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "dbcache/sibling_key_index.h"
 #include "mdb/block_layout.h"
 #include "mdb/journal.h"
+#include "queues/records/tsdb_records.h"
 #include "tqlengine/object_handler.h"
 #include "util/node_id.h"
 
@@ -52,6 +54,9 @@ class Store {
         /// Gives a block back to the store of time series, which no object needs any more. An
         /// error::Exception is logged, and the block stays there. Without it nothing is done.
         std::function<void(uint32_t block)> drop_backend_block = {};
+        /// Has the store of time series make one and gives its number. Without it no series is
+        /// made, and objects go without one until their first data.
+        std::function<uint32_t(const tsdb::time_series_layout_t& layout)> create_backend_block = {};
     };
 
     /// New objects get ids with `id_first_word`, counting down from `id_second_word`, a random
@@ -89,6 +94,14 @@ class Store {
     /// The same for the blocks of its time series, which are dropped when the outermost transaction
     /// has committed, and stay when this one is aborted.
     void drop_backend_blocks(mdb::block_handle_t handle);
+    /// The same for one block, which an object gives up.
+    void drop_backend_block(uint32_t block);
+    /// Makes a time series for an object that is written in the open transaction; none when nobody
+    /// is there who could. If this transaction or one around it is aborted, the series is dropped
+    /// when the outermost one has ended. A process that is killed in between leaves the series
+    /// behind. Throws what Parts::create_backend_block throws.
+    [[nodiscard]] std::optional<uint32_t> create_backend_block(
+        const tsdb::time_series_layout_t& layout);
 
     /// Deletes the stored object at `handle` without a trace, out of the cache too, in a
     /// transaction of its own. For leftovers that stand in no tree. Throws mdb::error_generic.
@@ -118,7 +131,18 @@ class Store {
     void reload(ObjectHandler& handler);
     /// Whether `id` was created in the innermost open transaction.
     [[nodiscard]] bool created_in_innermost(const NodeId& id) const noexcept;
-    void drop_named_blocks();
+    /// What becomes of a time series when the open transaction ends.
+    struct BlockNote {
+        enum class fate_t : uint8_t {
+            unneeded,  ///< dropped after a commit
+            made,      ///< orphaned by an abort
+            orphaned   ///< dropped in any case
+        };
+        uint32_t block;
+        fate_t fate;
+    };
+    void abort_block_notes(size_t first) noexcept;
+    void drop_noted_blocks() noexcept;
 
     Parts parts_;
     SiblingIndex sibling_index_;
@@ -132,8 +156,8 @@ class Store {
     /// Objects created in the open transactions, those of an outer one first.
     std::vector<NodeId> created_;
     StoreTransaction* innermost_ = nullptr;
-    /// Named in the open transaction.
-    std::vector<uint32_t> blocks_to_drop_;
+    /// Those of an outer transaction first.
+    std::vector<BlockNote> block_notes_;
     std::set<NodeId> moved_nodes_;
 };
 
@@ -164,8 +188,10 @@ class StoreTransaction {
     StoreTransaction* const outer_;
     /// Where its own part of the store's list of created objects begins.
     const size_t first_created_;
-    /// The same for the blocks to drop.
-    const size_t first_block_;
+    /// The same for the notes on time series.
+    const size_t first_note_;
+    /// The journal may hold the transaction though commit() threw.
+    bool commit_begun_ = false;
 };
 
 }  // namespace dbcache

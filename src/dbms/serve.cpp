@@ -10,6 +10,7 @@
 #include "dbcache/schema/declare_all.h"
 #include "dbcache/schema_table.h"
 #include "dbcache/store.h"
+#include "dbcache/time_series.h"
 #include "dbcache/version_source.h"
 #include "dbms/main_loop.h"
 #include "error/exception.h"
@@ -79,18 +80,28 @@ std::optional<uint64_t> last_ring_sequence(queues::childqueue& queue) {
     return util::parse_number<uint64_t>(found->second);
 }
 
-/// For an object that had none before: its incidents, one record a second, the last 102,400 of
-/// them. None when the time series store doesn't run.
+/// For an object that had no incidents before. None when the time series store doesn't run.
 std::optional<uint32_t> create_incident_series(queues::childqueue& queue) {
-    const tsdb::time_series_layout_t layout{tsdb::incident, {{102'400, 1}}};
     try {
-        return queues::create_time_series(&queue, layout);
+        return queues::create_time_series(&queue, dbcache::small_incident_layout());
     } catch (const error::EFatal& gone) {
         logger.warning("No time series yet, the first incident makes it: {}", gone.text());
     } catch (const io::EEndOfStream& gone) {
         logger.warning("No time series yet, the first incident makes it: {}", gone.text());
     }
     return std::nullopt;
+}
+
+/// For an object that is being written. Without a time series store the server can't go on: the
+/// main process starts both anew. An end of the whole family is no such case.
+uint32_t create_time_series(queues::childqueue& queue, const io::ChildMessenger& messenger,
+                            const tsdb::time_series_layout_t& layout) {
+    try {
+        return queues::create_time_series(&queue, layout);
+    } catch (const io::EEndOfStream& gone) {
+        if (messenger.shutdownInitiated()) throw;
+        throw error::EFatal(fmt::format("No time series store: {}", gone.text()));
+    }
 }
 
 void announce(queues::childqueue& queue) {
@@ -149,8 +160,16 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     mdb::IndexTable indexes(database);
     mdb::ObjectStore objects(database, indexes);
     const dbcache::Store::Parts parts{
-        database, objects, indexes,
-        schemas,  clock,   [&](uint32_t block) { queues::delete_time_series(&queue, block); }};
+        .database = database,
+        .objects = objects,
+        .indexes = indexes,
+        .schemas = schemas,
+        .clock = clock,
+        .drop_backend_block = [&](uint32_t block) { queues::delete_time_series(&queue, block); },
+        .create_backend_block =
+            [&](const tsdb::time_series_layout_t& layout) {
+                return create_time_series(queue, messenger, layout);
+            }};
     indexes.init_required_indexes();
     dbcache::Sequence sequence =
         dbcache::read_sequence(parts, [&] { return last_ring_sequence(queue); });

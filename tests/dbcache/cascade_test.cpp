@@ -266,7 +266,7 @@ TEST_F(CascadeTest, AStoreOfSeriesThatIsAwayHoldsNothingUp) {
     EXPECT_FALSE(is_stored(below));
     for (const uint32_t block : {40, 41, 50, 51}) {
         const std::string line =
-            fmt::format("[error] Time series {} of a deleted object stays behind: away", block);
+            fmt::format("[error] Time series {}, which no object needs, stays behind: away", block);
         EXPECT_TRUE(std::any_of(world.log.begin(), world.log.end(), [&](const std::string& one) {
             return one.ends_with(line);
         })) << line;

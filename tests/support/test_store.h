@@ -84,10 +84,22 @@ class TestStore {
         indexes->init_required_indexes();
         objects = std::make_unique<mdb::ObjectStore>(*database, *indexes);
         const dbcache::Store::Parts parts{
-            *database, *objects, *indexes, schemas, clock, [this](uint32_t block) {
-                if (drop_fails) throw error::EFatal("away");
-                dropped.push_back(block);
-            }};
+            .database = *database,
+            .objects = *objects,
+            .indexes = *indexes,
+            .schemas = schemas,
+            .clock = clock,
+            .drop_backend_block =
+                [this](uint32_t block) {
+                    if (drop_fails) throw error::EFatal("away");
+                    dropped.push_back(block);
+                },
+            .create_backend_block =
+                [this](const tsdb::time_series_layout_t& layout) {
+                    if (create_refuses) throw errors::remote_error("disk full");
+                    series_made.push_back(layout);
+                    return static_cast<uint32_t>(99 + series_made.size());
+                }};
         dbcache::Sequence sequence =
             dbcache::read_sequence(parts, [] { return std::optional<uint64_t>(7); });
         dbcache::ensure_root(parts);
@@ -216,6 +228,9 @@ class TestStore {
     /// Blocks that the store has given back.
     std::vector<uint32_t> dropped;
     bool drop_fails = false;
+    /// Layouts of the series that the store had made, the first of which is number 100.
+    std::vector<tsdb::time_series_layout_t> series_made;
+    bool create_refuses = false;
     std::unique_ptr<mdb::Database> database;
     std::unique_ptr<mdb::IndexTable> indexes;
     std::unique_ptr<mdb::ObjectStore> objects;

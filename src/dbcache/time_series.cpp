@@ -1,0 +1,116 @@
+#include "dbcache/time_series.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+#include "dbcache/inheritance.h"
+#include "dbcache/object_handler.h"
+#include "dbcache/special_kinds.h"
+#include "dbcache/store.h"
+#include "log/log.h"
+#include "tql/errors.h"
+#include "tql/names.h"
+
+namespace dbcache {
+
+namespace {
+
+constexpr uint32_t kNoSeries = PropertyTSDBBlockSchema::kNoSeries;
+
+const logging::Logger logger{"dbms_tsdb"};
+
+tsdb::time_series_layout_t measured(tsdb::series_type_t type) {
+    return {type, {{10'080, 60}, {2'880, 900}, {2'880, 1'800}, {8'640, 3'600}, {8'640, 10'800}}};
+}
+
+tsdb::time_series_layout_t incidents(uint32_t records) {
+    return {tsdb::incident, {{records, 1}}};
+}
+
+bool holds_series(const NodetypeSchema& schema) {
+    const auto entries = schema.properties();
+    return std::any_of(entries.begin(), entries.end(),
+                       [](const auto& entry) { return entry.schema->has_backend(); });
+}
+
+uint32_t make_series(Store& store, const tsdb::time_series_layout_t& layout) {
+    try {
+        return store.create_backend_block(layout).value_or(kNoSeries);
+    } catch (const errors::remote_error& refusal) {
+        throw errors::tql(errors::ERR_BACKEND,
+                          fmt::format("Error allocating time series: {}", refusal.text()));
+    }
+}
+
+}  // namespace
+
+const tsdb::time_series_layout_t& continuous_layout() {
+    static const tsdb::time_series_layout_t layout = measured(tsdb::continuous);
+    return layout;
+}
+const tsdb::time_series_layout_t& enumerated_layout() {
+    static const tsdb::time_series_layout_t layout = measured(tsdb::enumerated);
+    return layout;
+}
+const tsdb::time_series_layout_t& uptime_layout() {
+    static const tsdb::time_series_layout_t layout = measured(tsdb::uptime);
+    return layout;
+}
+const tsdb::time_series_layout_t& small_incident_layout() {
+    static const tsdb::time_series_layout_t layout = incidents(102'400);
+    return layout;
+}
+const tsdb::time_series_layout_t& large_incident_layout() {
+    static const tsdb::time_series_layout_t layout = incidents(1'048'576);
+    return layout;
+}
+
+void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& schema,
+                 uint32_t property, const tsdb::time_series_layout_t* layout, WorkArray& work) {
+    const auto slot = schema.lookupProperty(property, schema.subtypeFromWork(work));
+    error::check(slot.has_value() || !should_be_allocated,
+                 "allocateIf got property {}, which the object doesn't have", property);
+    if (!slot) return;
+    work_t& value = work[*slot];
+    if (value.is_null()) value.prop = std::make_unique<mdb::PropertySeries>(property, kNoSeries);
+    uint32_t& index = static_cast<mdb::PropertySeries&>(*value.prop).value;
+    if (!should_be_allocated && index != kNoSeries) {
+        logger.debug("De-allocating backend buffer");
+        store.drop_backend_block(index);
+        index = kNoSeries;
+    } else if (should_be_allocated && index == kNoSeries) {
+        error::check(layout != nullptr,
+                     "allocateIf got no layout but should_be_allocated is set");
+        index = make_series(store, *layout);
+    }
+}
+
+uint32_t tsdb_index(const NodetypeSchema& schema, const PropertyChain& chain, uint32_t property) {
+    if (!holds_series(schema))
+        throw errors::db_anomaly("Request of tsdb property from " + schema.class_name());
+    mdb::PropertySeries series(property);
+    switch (chain.read(0, series)) {
+        case found_t::absent:
+            throw errors::db_anomaly("No tsdbIndex found in " + schema.class_name());
+        case found_t::explicit_null:
+            series.value = kNoSeries;
+            break;
+        case found_t::value:
+            break;
+    }
+    if (series.value == kNoSeries)
+        throw errors::db_anomaly(fmt::format("Request of null tsdb property {}", property));
+    return series.value;
+}
+
+uint32_t tsdb_index(const ObjectHandler& object, uint32_t property) {
+    const InheritanceChain chain(object.store(), object.node_id(), object.location());
+    return tsdb_index(object.schema(), chain, property);
+}
+
+uint32_t tsdb_data_type(const ObjectHandler& object, uint32_t property) {
+    const InheritanceChain chain(object.store(), object.node_id(), object.location());
+    return object.schema().tsdbGetDataType(chain, property);
+}
+
+}  // namespace dbcache

@@ -1,0 +1,55 @@
+// What objects have to do with time series: the layouts by which their series are made, the making
+// and dropping of a series while an object is written, and what a request for data needs to know of
+// an object. The data itself is in another process, which knows a series by its index alone.
+#pragma once
+
+#include <cstdint>
+
+#include "dbcache/work.h"
+#include "queues/records/tsdb_records.h"
+
+namespace dbcache {
+
+class NodetypeSchema;
+class ObjectHandler;
+class PropertyChain;
+class Store;
+
+/// What the points of a series mean to those who read them; it travels with each request.
+enum series_data_t : uint32_t {
+    kUptimeData = 2,
+    kEnumeratedData = 3,
+    kIncidentData = 4,
+    kContinuousData = 5,
+};
+
+/// The five layouts there are. Those of measured values keep 7 days by the minute, 30 days by the
+/// quarter of an hour, 60 by half an hour, 360 by the hour and 1080 by three hours; those of
+/// incidents the last 102,400 and 1,048,576.
+[[nodiscard]] const tsdb::time_series_layout_t& continuous_layout();
+[[nodiscard]] const tsdb::time_series_layout_t& enumerated_layout();
+[[nodiscard]] const tsdb::time_series_layout_t& uptime_layout();
+[[nodiscard]] const tsdb::time_series_layout_t& small_incident_layout();
+[[nodiscard]] const tsdb::time_series_layout_t& large_incident_layout();
+
+/// Called allocateIf in the text of its assertion. For afterUpdate hooks: brings the series in
+/// `property` of the object whose values are `work` in line with whether it should have one. The
+/// write that is under way stores the index. A series that is made waits for the store of time
+/// series and goes again if the write is aborted; one that is given up goes when the write has
+/// committed. Where a Store has no store of time series, the object stays without one until its
+/// first data. A property that the object's subtype doesn't have is left alone; a series without a
+/// layout, and one for such a property, is a fatal assertion. Throws errors::tql with code 14 when
+/// the store of time series refuses, and error::EFatal when it is gone.
+void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& schema,
+                 uint32_t property, const tsdb::time_series_layout_t* layout, WorkArray& work);
+
+/// The index of the series in `property`. Throws errors::db_anomaly when the class has no series,
+/// the object no record of this one, or when there is none yet.
+[[nodiscard]] uint32_t tsdb_index(const NodetypeSchema& schema, const PropertyChain& chain,
+                                  uint32_t property);
+/// The same for a stored object. Throws mdb::error_generic too.
+[[nodiscard]] uint32_t tsdb_index(const ObjectHandler& object, uint32_t property);
+/// The kind of its data, a series_data_t. Throws errors::db_anomaly where the class doesn't tell.
+[[nodiscard]] uint32_t tsdb_data_type(const ObjectHandler& object, uint32_t property);
+
+}  // namespace dbcache
