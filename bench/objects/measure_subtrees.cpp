@@ -3,6 +3,7 @@
 
 #include "common/folder.h"
 #include "dbcache/fixed_ids.h"
+#include "objects/classes.h"
 #include "objects/measure.h"
 #include "objects/world.h"
 #include "tql/names.h"
@@ -33,7 +34,7 @@ NodeId make_subtree(World& world, const NodeId& parent, uint32_t size) {
 
 Figures measure_subtrees(const std::string& base, const Sizes& sizes) {
     const Folder folder(base);
-    World world(folder.path());
+    World world(folder.path(), declare_classes);
     const NodeId here = world.create(dbcache::kRootId, cls::Domain, {text(prop::name, "here")});
     const NodeId there = world.create(dbcache::kRootId, cls::Domain, {text(prop::name, "there")});
     Figures figures;

@@ -4,6 +4,7 @@
 
 #include "common/folder.h"
 #include "dbcache/fixed_ids.h"
+#include "objects/classes.h"
 #include "objects/measure.h"
 #include "objects/sqlite_tree.h"
 #include "objects/world.h"
@@ -43,7 +44,7 @@ Values check_values(const std::string& name, bool active) {
 class TreeRun {
   public:
     TreeRun(const std::string& folder, const Sizes& sizes)
-        : sizes_(sizes), world_(folder), sqlite_(folder) {}
+        : sizes_(sizes), world_(folder, declare_classes), sqlite_(folder) {}
 
     std::map<std::string, Figures> run() {
         make_folders();

@@ -3,7 +3,6 @@
 #include "dbcache/fixed_ids.h"
 #include "dbcache/object_handler.h"
 #include "mdb/format.h"
-#include "objects/classes.h"
 #include "tql/names.h"
 #include "tql/property_kinds.h"
 #include "tql/query_text.h"
@@ -25,11 +24,6 @@ dbcache::Store::Parts prepare(dbcache::Store::Parts parts) {
     dbcache::ensure_root(parts);
     dbcache::check_indexes(parts, dbcache::kDatabaseFormat);
     return parts;
-}
-
-dbcache::SchemaTable& declared(dbcache::SchemaTable& table) {
-    declare_classes(table);
-    return table;
 }
 
 tql::id_t as_id(const NodeId& id) {
@@ -66,12 +60,13 @@ World::Format::Format(platform::FileSystem& files, const std::string& folder) {
     settings.buffer_blocks = kBufferBlocks;
 }
 
-World::World(const std::string& folder)
+World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&))
     : format_(files_, folder),
       database_(format_.settings, files_, clock_),
       indexes_(database_),
       objects_(database_, indexes_),
-      parts_(prepare({database_, objects_, indexes_, declared(schemas_), clock_})),
+      parts_(prepare(
+          {database_, objects_, indexes_, (declare(schemas_), std::ref(schemas_)), clock_})),
       versions_(1),
       store_(parts_, kFirstWord, kSecondWord) {
     store_.cache().cache_set_limits(kCacheIn, kCacheOut, kCacheMain);

@@ -30,8 +30,9 @@ using Values = std::vector<tql::value_t>;
 
 class World {
   public:
-    /// Makes the files in `folder`. The caches have the sizes that the server has by itself.
-    explicit World(const std::string& folder);
+    /// Makes the files in `folder`, for objects of the classes that `declare` registers. The caches
+    /// have the sizes that the server has by itself.
+    World(const std::string& folder, void (*declare)(dbcache::SchemaTable&));
 
     /// Each write is a request of its own. It is flushed before it returns while `durable`.
     void set_durable(bool durable) { durable_ = durable; }
@@ -44,6 +45,10 @@ class World {
     [[nodiscard]] std::vector<NodeId> select(const NodeId& root, const std::string& query);
 
     [[nodiscard]] dbcache::DbcacheIdResolver& resolver() { return store_.resolver(); }
+    /// Of a request that changes nothing.
+    [[nodiscard]] tqlengine::RequestContext reading() {
+        return {.engine = engine_, .clock = clock_, .new_version = {}, .user = {}};
+    }
 
   private:
     struct Format {
