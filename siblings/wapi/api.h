@@ -39,6 +39,9 @@ class Refused : public error::Exception {
     std::string name_;
 };
 
+/// Where a request begins that names no other root.
+inline const tql::id_t kRootId{0, 1};
+
 /// Lists and objects of a request may stand this deep inside each other.
 inline constexpr int kMaxJsonDepth = 32;
 

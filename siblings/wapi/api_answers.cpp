@@ -7,7 +7,7 @@
 #include "tql/query_text.h"
 #include "tql/value_kind.h"
 #include "wapi/api.h"
-#include "wapi/json_values.h"
+#include "wapi/result_json.h"
 
 namespace wapi {
 
@@ -16,47 +16,9 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr uint32_t kIgnoredSomething = 16;  // status of a create or update that worked
-constexpr uint32_t kTemplate = 2;           // flag of an object that could be created
-/// Results are walked by recursion; a tree of objects deeper than this is not told.
-constexpr size_t kMaxResultDepth = 2000;
 
 Response respond(unsigned status, const ordered_json& body) {
     return {status, body.dump(-1, ' ', false, ordered_json::error_handler_t::replace)};
-}
-
-std::string version_text(const tql::version_t& version) {
-    return fmt::format("{}.{}", version.ring_sequence, version.counter);
-}
-
-ordered_json origin_to_json(const tql::origin_t& origin) {
-    ordered_json object;
-    object["domain"] = origin.domain_id.to_string();
-    object["user"] = origin.user_id.to_string();
-    object["type"] = origin.type;
-    return object;
-}
-
-ordered_json node_to_json(const tql::result_t& node, size_t depth) {
-    if (depth > kMaxResultDepth)
-        throw Refused(500, "RESULT_TOO_DEEP",
-                      fmt::format("The result is more than {} levels deep", kMaxResultDepth));
-    ordered_json object;
-    object["id"] = node.id.to_string();
-    object["class"] = tql::class_name(node.class_);
-    object["version"] = version_text(node.version);
-    if (node.flags != 0) object["flags"] = node.flags;
-    if (!node.tags.empty()) object["tags"] = node.tags;
-    if (node.origin != tql::origin_t()) object["origin"] = origin_to_json(node.origin);
-    object["properties"] = values_to_json(node.properties);
-    if (ordered_json inherited = inherited_to_json(node.properties); !inherited.empty())
-        object["inherited"] = std::move(inherited);
-    if ((node.flags & kTemplate) != 0) object["settable"] = settable_to_json(node.properties);
-    if (!node.children.empty()) {
-        ordered_json& children = object["children"] = ordered_json::array();
-        for (const tql::result_t& child : node.children)
-            children.push_back(node_to_json(child, depth + 1));
-    }
-    return object;
 }
 
 Response refuse(unsigned status, const ordered_json& code, std::string_view name,
@@ -87,7 +49,7 @@ Response answer(const dbms::Return_Tql_Select_Data& returned) {
     if (returned.status != 0) return refusal(returned.status, returned.details);
     ordered_json results = ordered_json::array();
     try {
-        for (const tql::result_t& node : returned.res) results.push_back(node_to_json(node, 1));
+        for (const tql::result_t& node : returned.res) results.push_back(result_to_json(node));
     } catch (const Refused& too_deep) {
         return refusal(too_deep);
     }

@@ -15,7 +15,6 @@ namespace {
 using nlohmann::json;
 
 constexpr uint32_t kIgnoreUnknown = 8;  // flag of a create or update
-const tql::id_t kRootId{0, 1};
 
 [[noreturn]] void refuse(std::string text) {
     throw Refused(400, "BAD_REQUEST", std::move(text));

@@ -41,6 +41,11 @@ class GatewayPorts {
     /// Sends to the peer of the event; false if it isn't there.
     [[nodiscard]] virtual bool send(const queues::event& sent) = 0;
     virtual void answer(token_t token, Response response) = 0;
+    /// In place of answer(): a stream of text, written piece by piece. See http_server.h.
+    /// False if the client is known to be gone.
+    [[nodiscard]] virtual bool open_stream(token_t token, const std::string& content_type) = 0;
+    virtual void write(token_t token, std::string_view text) = 0;
+    virtual void end_stream(token_t token) = 0;
 };
 
 class Endpoint {
@@ -58,6 +63,11 @@ class Endpoint {
     virtual void peer_lost(queues::queue_t peer) = 0;
     /// The end: all that waits, and every later request, is answered at once.
     virtual void stop() = 0;
+
+    /// All that was written to this stream has left for the client; the token may be another's.
+    virtual void stream_taken(token_t) {}
+    /// A stream is over, whoever ended it; the token may be another's.
+    virtual void stream_ended(token_t) {}
 
     /// The monotonic microsecond at which check_deadlines() has something to do; none: never.
     [[nodiscard]] virtual std::optional<uint64_t> next_deadline_us() const { return std::nullopt; }

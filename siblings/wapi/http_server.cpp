@@ -1,6 +1,8 @@
 #include "wapi/http_server.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstdarg>
@@ -8,6 +10,7 @@
 #include <cstring>
 #include <microhttpd.h>
 #include <netinet/in.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
 #include "error/exception.h"
@@ -18,6 +21,11 @@ namespace wapi {
 namespace {
 
 const logging::Logger logger{"wapi"};
+
+/// Stands for the library itself among what is watched; no token is 0.
+constexpr uint64_t kLibrary = 0;
+/// At most so much of a stream goes to the network at once.
+constexpr size_t kStreamPieceBytes = 16U << 10;
 
 std::string_view header(MHD_Connection* connection, const char* name) {
     const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
@@ -78,7 +86,7 @@ bool comes_from_here(std::string_view host, std::string_view origin) {
 }
 
 struct HttpServer::Exchange {
-    enum class state_t { reading, waiting, answered };
+    enum class state_t { reading, waiting, answered, streaming };
 
     token_t token;
     MHD_Connection* connection;
@@ -86,6 +94,15 @@ struct HttpServer::Exchange {
     state_t state = state_t::reading;
     uint64_t drained_bytes = 0;          ///< read and thrown away
     std::optional<Response> response{};  ///< while reading: a refusal that waits for the body's end
+    /// Of a stream: what isn't handed to the library yet, from `sent_bytes` on.
+    std::string outgoing{};
+    size_t sent_bytes = 0;
+    std::string content_type{};
+    bool suspended = false;
+    bool ending = false;     ///< after what is outgoing
+    bool abandoned = false;  ///< the client has closed its side
+
+    [[nodiscard]] bool is_stream() const { return state == state_t::streaming; }
 };
 
 /// What the library calls. Nothing here throws but for lack of memory, and nothing calls out.
@@ -109,7 +126,7 @@ struct HttpServer::Callbacks {
             MHD_suspend_connection(connection);
             return MHD_YES;
         }
-        return send(exchange);
+        return exchange.is_stream() ? begin_stream(self, exchange) : send(exchange);
     }
 
     static MHD_Result on_parameter(void* query, MHD_ValueKind, const char* name,
@@ -162,6 +179,46 @@ struct HttpServer::Callbacks {
         return queue_response(exchange.connection, std::move(response));
     }
 
+    /// What the library asks for the next piece of a stream with, and forgets after the last one.
+    struct StreamReader {
+        HttpServer& server;
+        Exchange& exchange;
+    };
+
+    static MHD_Result begin_stream(HttpServer& self, Exchange& exchange) {
+        auto reader = std::make_unique<StreamReader>(StreamReader{self, exchange});
+        MHD_Response* made = MHD_create_response_from_callback(
+            MHD_SIZE_UNKNOWN, kStreamPieceBytes, &on_more, reader.get(),
+            [](void* kept) { delete static_cast<StreamReader*>(kept); });
+        if (made == nullptr) return MHD_NO;
+        (void)reader.release();  // the response owns it now
+        MHD_add_response_header(made, MHD_HTTP_HEADER_CONTENT_TYPE, exchange.content_type.c_str());
+        MHD_add_response_header(made, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+        const MHD_Result queued = MHD_queue_response(exchange.connection, MHD_HTTP_OK, made);
+        MHD_destroy_response(made);
+        return queued;
+    }
+
+    /// Called when all earlier text is with the network.
+    static ssize_t on_more(void* kept, uint64_t, char* buffer, size_t room) {
+        auto& [self, exchange] = *static_cast<StreamReader*>(kept);
+        if (exchange.abandoned) return MHD_CONTENT_READER_END_OF_STREAM;
+        const size_t left = exchange.outgoing.size() - exchange.sent_bytes;
+        if (left > 0) {
+            const size_t given = std::min(left, room);
+            std::memcpy(buffer, exchange.outgoing.data() + exchange.sent_bytes, given);
+            exchange.sent_bytes += given;
+            return static_cast<ssize_t>(given);
+        }
+        std::string().swap(exchange.outgoing);
+        exchange.sent_bytes = 0;
+        if (exchange.ending) return MHD_CONTENT_READER_END_OF_STREAM;
+        self.taken_.push_back(exchange.token);
+        exchange.suspended = true;
+        MHD_suspend_connection(exchange.connection);
+        return 0;
+    }
+
     static void on_completed(void* server, MHD_Connection*, void** kept,
                              MHD_RequestTerminationCode) {
         if (*kept == nullptr) return;
@@ -186,14 +243,24 @@ HttpServer::HttpServer(uint16_t port, HttpRequests& requests) : requests_(reques
     if (daemon_ == nullptr)
         throw error::EFatal(fmt::format("Cannot listen on 127.0.0.1:{}: {}", port,
                                         errno == 0 ? "unknown reason" : std::strerror(errno)));
+    const int library_fd = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    epoll_event library{.events = EPOLLIN, .data = {.u64 = kLibrary}};
+    watched_ = platform::Fd(::epoll_create1(EPOLL_CLOEXEC));
+    if (!watched_ || ::epoll_ctl(watched_.get(), EPOLL_CTL_ADD, library_fd, &library) != 0) {
+        const int reason = errno;
+        MHD_stop_daemon(daemon_);
+        throw error::EFatal(fmt::format("Cannot watch connections: {}", std::strerror(reason)));
+    }
 }
 
 HttpServer::~HttpServer() {
     closing_ = true;
-    std::vector<token_t> waiting;
-    for (const auto& [token, exchange] : exchanges_)
-        if (exchange->state == Exchange::state_t::waiting) waiting.push_back(token);
-    for (const token_t token : waiting) answer(token, refuse_closing());
+    std::vector<token_t> open;
+    for (const auto& [token, exchange] : exchanges_) open.push_back(token);
+    for (const token_t token : open) {
+        answer(token, refuse_closing());
+        end_stream(token);
+    }
     // Takes the connections out of suspension and lets the answers go as far as they go at once.
     MHD_run(daemon_);
     MHD_run(daemon_);
@@ -205,7 +272,7 @@ uint16_t HttpServer::port() const {
 }
 
 int HttpServer::epoll_fd() const {
-    return MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_EPOLL_FD)->epoll_fd;
+    return watched_.get();
 }
 
 std::optional<uint64_t> HttpServer::timeout_ms() const {
@@ -215,11 +282,24 @@ std::optional<uint64_t> HttpServer::timeout_ms() const {
 }
 
 void HttpServer::run() {
+    end_abandoned_streams();
     do {
         resumed_ = false;
         MHD_run(daemon_);
         deliver();
     } while (resumed_);
+}
+
+void HttpServer::end_abandoned_streams() {
+    std::array<epoll_event, 64> found{};
+    const int count = ::epoll_wait(watched_.get(), found.data(), static_cast<int>(found.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        const token_t token = found[static_cast<size_t>(i)].data.u64;
+        Exchange* stream = token == kLibrary ? nullptr : find_stream(token);
+        if (stream == nullptr) continue;
+        stream->abandoned = true;
+        resume(*stream);
+    }
 }
 
 void HttpServer::deliver() {
@@ -231,6 +311,10 @@ void HttpServer::deliver() {
         const Exchange& exchange = *found->second;
         requests_.take_request(token, exchange.request);
     }
+    for (const token_t token : std::exchange(ended_, {})) requests_.stream_ended(token);
+    for (const token_t token : std::exchange(taken_, {}))
+        if (const Exchange* stream = find_stream(token); stream != nullptr && stream->suspended)
+            requests_.stream_taken(token);
 }
 
 void HttpServer::answer(token_t token, Response response) {
@@ -242,6 +326,49 @@ void HttpServer::answer(token_t token, Response response) {
     exchange.state = Exchange::state_t::answered;
     resumed_ = true;
     MHD_resume_connection(exchange.connection);
+}
+
+bool HttpServer::open_stream(token_t token, const std::string& content_type) {
+    const auto found = exchanges_.find(token);
+    if (found == exchanges_.end()) return false;
+    Exchange& exchange = *found->second;
+    if (exchange.state != Exchange::state_t::waiting) return false;
+    exchange.state = Exchange::state_t::streaming;
+    exchange.content_type = content_type;
+    const int socket_fd =
+        MHD_get_connection_info(exchange.connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    // Without this watch a client that goes away is noticed only at the next piece.
+    epoll_event closed{.events = EPOLLRDHUP | EPOLLONESHOT, .data = {.u64 = token}};
+    if (::epoll_ctl(watched_.get(), EPOLL_CTL_ADD, socket_fd, &closed) != 0)
+        logger.error("Cannot watch a client: {}", std::strerror(errno));
+    exchange.suspended = true;
+    resume(exchange);
+    return true;
+}
+
+void HttpServer::write(token_t token, std::string_view text) {
+    Exchange* stream = find_stream(token);
+    if (stream == nullptr || stream->ending) return;
+    stream->outgoing += text;
+    resume(*stream);
+}
+
+void HttpServer::end_stream(token_t token) {
+    Exchange* stream = find_stream(token);
+    if (stream == nullptr) return;
+    stream->ending = true;
+    resume(*stream);
+}
+
+void HttpServer::resume(Exchange& exchange) {
+    if (!std::exchange(exchange.suspended, false)) return;
+    resumed_ = true;
+    MHD_resume_connection(exchange.connection);
+}
+
+HttpServer::Exchange* HttpServer::find_stream(token_t token) const {
+    const auto found = exchanges_.find(token);
+    return found != exchanges_.end() && found->second->is_stream() ? found->second.get() : nullptr;
 }
 
 void HttpServer::stop_listening() {
@@ -263,6 +390,14 @@ HttpServer::Exchange& HttpServer::begin(MHD_Connection* connection, const char* 
 
 void HttpServer::end(Exchange& exchange) {
     buffered_bytes_ -= exchange.request.body.size();
+    if (exchange.is_stream()) {
+        // The connection may live on for another request.
+        const int socket_fd =
+            MHD_get_connection_info(exchange.connection, MHD_CONNECTION_INFO_CONNECTION_FD)
+                ->connect_fd;
+        (void)::epoll_ctl(watched_.get(), EPOLL_CTL_DEL, socket_fd, nullptr);
+        ended_.push_back(exchange.token);
+    }
     exchanges_.erase(exchange.token);
 }
 

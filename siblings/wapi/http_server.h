@@ -11,6 +11,16 @@
 // A connection is suspended from arrived to answered. After an answer the library has to be run
 // again at once, which is why answer() only takes note and run() does the rest; and the library may
 // not be stopped while a connection is suspended, which is why the destructor answers first.
+//
+// An answer may also be a stream, whose text comes piece by piece and whose end is open:
+//
+//   waiting --open_stream()--> streaming --end_stream(), or client gone--> no more
+//
+// An open stream costs a connection and no thread. While it has nothing to send, its connection is
+// suspended, and the library doesn't look at it; so the server itself watches its socket and ends
+// the stream when the client closes its side. write() never waits: what it is given stays in memory
+// until the network takes it, and stream_taken() says when it has all gone. A writer that hands out
+// the next piece only then is never ahead of a slow reader by more than one piece.
 #pragma once
 
 #include <cstdint>
@@ -21,6 +31,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/fifo.h"
 #include "wapi/endpoint.h"
 
 struct MHD_Connection;
@@ -33,6 +44,10 @@ class HttpRequests {
     virtual ~HttpRequests() = default;
     /// May answer at once. The request lives until the call returns.
     virtual void take_request(token_t token, const Request& request) = 0;
+    /// All that was written to this stream has left for the client.
+    virtual void stream_taken(token_t) {}
+    /// A stream is over, whoever ended it.
+    virtual void stream_ended(token_t) {}
 };
 
 /// Whether a request may come from where its headers say. A web page of another site that a browser
@@ -72,6 +87,14 @@ class HttpServer {
     /// leaves with the next run().
     void answer(token_t token, Response response);
 
+    /// Begins a stream of this content type as the answer to a request that was handed out and not
+    /// answered yet; false if there is no such request.
+    [[nodiscard]] bool open_stream(token_t token, const std::string& content_type);
+    /// Adds to a stream; passed over if there is no such stream any more.
+    void write(token_t token, std::string_view text);
+    /// Ends a stream behind what was written; passed over if there is none.
+    void end_stream(token_t token);
+
     /// Takes no new connections any more.
     void stop_listening();
     /// Requests that are being read, are waiting or whose answer isn't sent.
@@ -82,6 +105,9 @@ class HttpServer {
     struct Callbacks;
 
     void deliver();
+    void end_abandoned_streams();
+    void resume(Exchange& exchange);
+    [[nodiscard]] Exchange* find_stream(token_t token) const;
     Exchange& begin(MHD_Connection* connection, const char* method, const char* path);
     void end(Exchange& exchange);
 
@@ -90,6 +116,10 @@ class HttpServer {
     token_t last_token_ = 0;
     std::map<token_t, std::unique_ptr<Exchange>> exchanges_;
     std::vector<token_t> arrived_;
+    std::vector<token_t> taken_;  ///< streams that have nothing left to send
+    std::vector<token_t> ended_;  ///< streams
+    /// Readable when the library has work or the client of a stream has closed its side.
+    platform::Fd watched_;
     size_t buffered_bytes_ = 0;
     bool listening_ = true;
     bool closing_ = false;  ///< no connection may be suspended any more

@@ -36,6 +36,7 @@ Service::Service(io::ChildMessenger& messenger, queues::childqueue& queue,
       clock_(clock),
       http_(port, *this),
       gateway_(*this, clock),
+      streams_(*this, clock),
       http_ready_(http_.epoll_fd(), "http"),
       span_clock_(clock),
       timer_(span_clock_) {

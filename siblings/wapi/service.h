@@ -12,6 +12,7 @@
 #include "queues/childqueue.h"
 #include "wapi/gateway.h"
 #include "wapi/http_server.h"
+#include "wapi/live_streams.h"
 
 namespace wapi {
 
@@ -38,8 +39,19 @@ class Service final : private GatewayPorts, private HttpRequests {
     void answer(token_t token, Response response) override {
         http_.answer(token, std::move(response));
     }
+    bool open_stream(token_t token, const std::string& content_type) override {
+        return http_.open_stream(token, content_type);
+    }
+    void write(token_t token, std::string_view text) override { http_.write(token, text); }
+    void end_stream(token_t token) override { http_.end_stream(token); }
     // HttpRequests
     void take_request(token_t token, const Request& request) override;
+    void stream_taken(token_t token) override {
+        for (Endpoint* each : endpoints_) each->stream_taken(token);
+    }
+    void stream_ended(token_t token) override {
+        for (Endpoint* each : endpoints_) each->stream_ended(token);
+    }
 
     void take_event();
     void dispatch(const queues::event& received);
@@ -54,8 +66,9 @@ class Service final : private GatewayPorts, private HttpRequests {
     const platform::Clock& clock_;
     HttpServer http_;
     Gateway gateway_;
+    LiveStreams streams_;
     /// All parts that answer requests. What none of them serves goes to the last one.
-    std::vector<Endpoint*> endpoints_{&gateway_};
+    std::vector<Endpoint*> endpoints_{&streams_, &gateway_};
     io::FdSelectable http_ready_;
     platform::SpanClock span_clock_;
     io::Timer timer_;

@@ -2,16 +2,12 @@
 // sockets.
 #include "wapi/http_server.h"
 
-#include <algorithm>
-#include <arpa/inet.h>
 #include <functional>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
+#include "http_client.h"
 #include "queues/records/dbms_tql.h"
 #include "support/fake_clock.h"
 #include "tql/errors.h"
@@ -20,75 +16,12 @@
 
 namespace {
 
+using http_test::Client;
 using nlohmann::json;
 using wapi::Gateway;
 using wapi::HttpServer;
 using wapi::Response;
 using wapi::token_t;
-
-/// A client's end of one connection; never blocks.
-class Client {
-  public:
-    explicit Client(uint16_t port) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        (void)::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    }
-    ~Client() { ::close(fd_); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    void post(const std::string& path, const std::string& body) {
-        pending_ += "POST " + path + " HTTP/1.1\r\nHost: localhost\r\nContent-Length: " +
-                    std::to_string(body.size()) + "\r\n\r\n" + body;
-    }
-    void get(const std::string& path, const std::string& more_headers = "Host: localhost\r\n") {
-        pending_ += "GET " + path + " HTTP/1.1\r\n" + more_headers + "\r\n";
-    }
-    void raw(const std::string& text) { pending_ += text; }
-
-    /// Moves what can be moved.
-    void step() {
-        if (!all_sent()) {
-            const ssize_t sent =
-                ::send(fd_, pending_.data() + sent_, pending_.size() - sent_, MSG_NOSIGNAL);
-            if (sent > 0) sent_ += static_cast<size_t>(sent);
-        }
-        char buffer[65536];
-        const ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
-        if (got > 0) received_.append(buffer, static_cast<size_t>(got));
-        if (got == 0) closed_ = true;
-    }
-
-    /// The status of a whole answer; 0 if there is none yet. Its body is in body().
-    int status() {
-        const size_t head = received_.find("\r\n\r\n");
-        if (head == received_.npos) return 0;
-        std::string lower = received_.substr(0, head);
-        std::transform(lower.begin(), lower.end(), lower.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        const size_t length = lower.find("content-length: ");
-        const size_t size = length == lower.npos ? 0 : std::stoul(lower.substr(length + 16));
-        if (received_.size() < head + 4 + size) return 0;
-        body_ = received_.substr(head + 4, size);
-        return std::stoi(received_.substr(9, 3));
-    }
-    /// Takes the answer off, for the next one on this connection.
-    void next() { received_.clear(); }
-    [[nodiscard]] json body() const { return json::parse(body_, nullptr, false); }
-    [[nodiscard]] bool closed() const { return closed_; }
-    [[nodiscard]] bool all_sent() const { return sent_ == pending_.size(); }
-
-  private:
-    int fd_;
-    std::string pending_;
-    size_t sent_ = 0;  ///< of pending_
-    std::string received_;
-    std::string body_;
-    bool closed_ = false;
-};
 
 /// Server and gateway, with the other side of the messenger played by the test.
 class HttpTest : public testing::Test, private wapi::GatewayPorts, private wapi::HttpRequests {
@@ -133,6 +66,11 @@ class HttpTest : public testing::Test, private wapi::GatewayPorts, private wapi:
     void answer(token_t token, Response response) override {
         http.answer(token, std::move(response));
     }
+    bool open_stream(token_t token, const std::string& content_type) override {
+        return http.open_stream(token, content_type);
+    }
+    void write(token_t token, std::string_view text) override { http.write(token, text); }
+    void end_stream(token_t token) override { http.end_stream(token); }
     void take_request(token_t token, const wapi::Request& request) override {
         gateway.take_request(token, request);
     }

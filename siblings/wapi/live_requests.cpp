@@ -1,0 +1,208 @@
+#include "wapi/live_requests.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <initializer_list>
+#include <nlohmann/json.hpp>
+
+#include "tql/names.h"
+#include "tql/query_text.h"
+#include "wapi/result_json.h"
+
+namespace wapi {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr uint32_t kSubscribe = 1;  // flags of a select
+constexpr uint32_t kAwaitAcknowledge = 4;
+constexpr uint32_t kPatchable = 16;
+constexpr uint64_t kMaxInterval_s = 86'400;
+
+/// By number.
+constexpr std::array<std::string_view, 5> kOperationNames = {"created", "updated", "deleted",
+                                                             "data", "checkin"};
+
+[[noreturn]] void refuse(std::string text) {
+    throw Refused(400, "BAD_REQUEST", std::move(text));
+}
+
+std::string cut(std::string_view text) {
+    return std::string(text.substr(0, 60));
+}
+
+void allow_only(const Request& request, std::initializer_list<std::string_view> names) {
+    for (const auto& [name, value] : request.query)
+        if (std::find(names.begin(), names.end(), name) == names.end())
+            refuse(fmt::format("Unknown parameter \"{}\"", cut(name)));
+}
+
+std::vector<std::string> find_all(const Request& request, std::string_view wanted) {
+    std::vector<std::string> values;
+    for (const auto& [name, value] : request.query)
+        if (name == wanted) values.push_back(value);
+    return values;
+}
+
+std::optional<std::string> find_one(const Request& request, std::string_view wanted) {
+    std::vector<std::string> values = find_all(request, wanted);
+    if (values.size() > 1) refuse(fmt::format("Parameter \"{}\" is given twice", wanted));
+    if (values.empty()) return std::nullopt;
+    return std::move(values.front());
+}
+
+bool read_flag(const Request& request, std::string_view name, bool usual) {
+    const auto text = find_one(request, name);
+    if (!text) return usual;
+    if (*text != "0" && *text != "1")
+        refuse(fmt::format("Parameter \"{}\": \"{}\" is neither 0 nor 1", name, cut(*text)));
+    return *text == "1";
+}
+
+uint64_t read_interval(const Request& request) {
+    const auto text = find_one(request, "interval");
+    if (!text) return 0;
+    uint64_t seconds = 0;
+    const auto [end, failure] = std::from_chars(text->data(), text->data() + text->size(), seconds);
+    if (failure != std::errc() || end != text->data() + text->size() || seconds > kMaxInterval_s)
+        refuse(fmt::format("Parameter \"interval\": \"{}\" is no number of seconds up to {}",
+                           cut(*text), kMaxInterval_s));
+    return seconds;
+}
+
+tql::id_t read_root(std::string_view text) {
+    const auto id = tql::id_t::parse(text);
+    if (!id || id->size() < 2)
+        refuse(fmt::format("Parameter \"root\": \"{}\" is no id, expected one like 1.4294960001",
+                           cut(text)));
+    return *id;
+}
+
+uint32_t read_operation(const std::string& text) {
+    const auto* found = std::find(kOperationNames.begin(), kOperationNames.end(), text);
+    if (found == kOperationNames.end())
+        refuse(fmt::format("Parameter \"operation\": \"{}\" is none of {}", cut(text),
+                           fmt::join(kOperationNames, ", ")));
+    return static_cast<uint32_t>(found - kOperationNames.begin());
+}
+
+std::string line(const ordered_json& data) {
+    return data.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+ordered_json plan_to_json(const PatchPlan& plan) {
+    ordered_json classes = ordered_json::object();
+    for (const auto& [class_number, keepers] : plan.kept_by) {
+        ordered_json& names = classes[tql::class_name(class_number)] = ordered_json::array();
+        for (const uint32_t keeper : keepers) names.push_back(tql::class_name(keeper));
+    }
+    return classes;
+}
+
+}  // namespace
+
+SubscribeRequest subscribe_request(const Request& request) {
+    allow_only(request, {"pattern", "root", "patches", "interval"});
+    const auto pattern = find_one(request, "pattern");
+    if (!pattern) refuse("Parameter \"pattern\" is missing");
+    SubscribeRequest wanted;
+    wanted.record.pattern = tql::parse_pattern(*pattern);
+    const std::vector<std::string> roots = find_all(request, "root");
+    for (const std::string& root : roots) {
+        const tql::id_t id = read_root(root);
+        auto& ids = wanted.record.root_ids;
+        if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
+    }
+    wanted.named_roots = !roots.empty();
+    if (roots.empty()) wanted.record.root_ids.push_back(kRootId);
+    if (read_flag(request, "patches", false))
+        wanted.plan = make_patch_plan(wanted.record.pattern, wanted.record.root_ids.size());
+    wanted.record.min_eval_interval = read_interval(request);
+    wanted.record.flags = kSubscribe | (wanted.plan ? kPatchable : kAwaitAcknowledge);
+    return wanted;
+}
+
+dbms::Tql_Simple_Subscribe_Data events_request(const Request& request) {
+    allow_only(request, {"root", "class", "operation", "own"});
+    dbms::Tql_Simple_Subscribe_Data record;
+    const auto root = find_one(request, "root");
+    record.root = root ? read_root(*root) : kRootId;
+    for (const std::string& name : find_all(request, "class"))
+        record.classes.insert(tql::get_class(name));
+    if (record.classes.empty()) record.classes.insert(tql::get_class("."));
+    for (const std::string& name : find_all(request, "operation"))
+        record.operations.insert(read_operation(name));
+    if (record.operations.empty())
+        for (uint32_t number = 0; number < kOperationNames.size(); ++number)
+            record.operations.insert(number);
+    // Whatever came in by HTTP is this process's own, so that leaving it out is the rarer wish.
+    record.include_own_operations = read_flag(request, "own", true);
+    return record;
+}
+
+dbms::Tql_Select_Data roots_request(const SubscribeRequest& request) {
+    dbms::Tql_Select_Data record;
+    record.root_ids = request.record.root_ids;
+    record.pattern = tql::pattern_t(tql::get_class("."));
+    return record;
+}
+
+std::optional<tql::id_t> find_missing_root(const SubscribeRequest& request,
+                                           const dbms::Return_Tql_Select_Data& found) {
+    for (const tql::id_t& root : request.record.root_ids)
+        if (std::none_of(found.res.begin(), found.res.end(),
+                         [&](const tql::result_t& node) { return node.id == root; }))
+            return root;
+    return std::nullopt;
+}
+
+std::string stream_event(std::string_view name, uint64_t number, std::string_view data) {
+    return fmt::format("id: {}\nevent: {}\ndata: {}\n\n", number, name, data);
+}
+
+std::string result_data(const dbms::Return_Tql_Select_Data& returned,
+                        const std::optional<PatchPlan>& plan) {
+    ordered_json results = ordered_json::array();
+    for (const tql::result_t& node : returned.res) results.push_back(result_to_json(node));
+    ordered_json data;
+    data["results"] = std::move(results);
+    if (plan) data["kept_by"] = plan_to_json(*plan);
+    return line(data);
+}
+
+std::string patch_data(const dbms::Return_Tql_Select_Patch_Data& patch) {
+    ordered_json data;
+    data["id"] = patch.id.to_string();
+    data["patch"] = patch_to_json(patch.patch, patch.id);
+    return line(data);
+}
+
+std::string delete_data(const dbms::Return_Tql_Select_Delete_Patch_Data& patch) {
+    return line({{"id", patch.id.to_string()}});
+}
+
+std::string operation_data(const dbms::Return_Tql_Simple_Subscribe_Data& told) {
+    ordered_json data;
+    if (told.operation < kOperationNames.size())
+        data["operation"] = kOperationNames[told.operation];
+    else
+        data["operation"] = told.operation;
+    ordered_json path = ordered_json::array();
+    for (const dbms::path_entry_t& entry : told.obj_path)
+        path.push_back({{"id", entry.id.to_string()}, {"class", tql::class_name(entry.class_)}});
+    if (!path.empty()) {
+        data["id"] = path.front()["id"];
+        data["class"] = path.front()["class"];
+    }
+    data["path"] = std::move(path);
+    if (told.origin != tql::origin_t()) data["origin"] = origin_to_json(told.origin);
+    return line(data);
+}
+
+std::string missed_data(uint64_t count) {
+    return line({{"count", count}});
+}
+
+}  // namespace wapi
