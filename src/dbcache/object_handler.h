@@ -29,11 +29,11 @@ struct dobj;
 class ObjectStore;
 }  // namespace mdb
 
-namespace dbcache {
-
-namespace detail {
+namespace tqlengine {
 class ClassSet;
 }
+
+namespace dbcache {
 
 class InheritanceChain;
 
@@ -153,9 +153,9 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void load_value(const PropertySchema& schema, const PropertyChain& chain, work_t& out) const;
     void list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
-                        const detail::ClassSet& classes, tqlengine::TqlObjectHandler& place,
+                        const tqlengine::ClassSet& classes, tqlengine::TqlObjectHandler& place,
                         tqlengine::HandlerList& out);
-    void list_stored(const std::set<uint32_t>& nodetypes, const detail::ClassSet& classes,
+    void list_stored(const std::set<uint32_t>& nodetypes, const tqlengine::ClassSet& classes,
                      const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void discard_strays(const std::vector<ObjectHandlerRef>& strays);
     /// Revalidates what stands below this object; of a node what is active there.

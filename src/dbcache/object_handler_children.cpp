@@ -1,6 +1,5 @@
 // Listing the children of an object.
 #include "dbcache/detail/child_walk.h"
-#include "dbcache/detail/level_classes.h"
 #include "dbcache/detail/metrics.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/group_handler.h"
@@ -12,6 +11,7 @@
 #include "log/log.h"
 #include "tql/names.h"
 #include "tql/property_kinds.h"
+#include "tqlengine/level_classes.h"
 
 namespace dbcache {
 
@@ -49,7 +49,7 @@ void ObjectHandler::tqlChildrenHandlers(tqlengine::HandlerList& out,
 
 void ObjectHandler::list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out) {
     if (schema_->groups().empty()) return;
-    const detail::LevelClasses classes(pattern);
+    const tqlengine::LevelClasses classes(pattern);
     for (const auto& [group_id, group] : schema_->groups())
         if (classes.objects().admits(group.tql_class))
             out.push_back(
@@ -62,7 +62,7 @@ void ObjectHandler::list_children(const std::map<uint32_t, uint32_t>& child_clas
                                   tqlengine::HandlerList& out) {
     if (!is_stored()) return;
     detail::metrics::children.increment();
-    const detail::LevelClasses classes(pattern);
+    const tqlengine::LevelClasses classes(pattern);
     if (!classes.templates().empty())
         list_templates(child_classes, classes.templates(), place, out);
     if (!classes.objects().empty()) list_stored(nodetypes, classes.objects(), pattern, out);
@@ -70,7 +70,7 @@ void ObjectHandler::list_children(const std::map<uint32_t, uint32_t>& child_clas
 }
 
 void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_classes,
-                                   const detail::ClassSet& classes,
+                                   const tqlengine::ClassSet& classes,
                                    tqlengine::TqlObjectHandler& place,
                                    tqlengine::HandlerList& out) {
     detail::with_faults_as_failures([&] {
@@ -85,7 +85,7 @@ void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_cla
 }
 
 void ObjectHandler::list_stored(const std::set<uint32_t>& nodetypes,
-                                const detail::ClassSet& classes, const tql::pattern_t& pattern,
+                                const tqlengine::ClassSet& classes, const tql::pattern_t& pattern,
                                 tqlengine::HandlerList& out) {
     const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
     if (name != nullptr && pattern.class_ != cls::Any) {

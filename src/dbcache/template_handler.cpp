@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "dbcache/detail/level_classes.h"
 #include "dbcache/detail/template_refusals.h"
 #include "dbcache/detail/write_faults.h"
 #include "dbcache/inheritance.h"
@@ -10,6 +9,7 @@
 #include "dbcache/schema_table.h"
 #include "log/log.h"
 #include "tql/names.h"
+#include "tqlengine/level_classes.h"
 
 namespace dbcache {
 
@@ -22,7 +22,7 @@ const logging::Logger logger{"dbcache"};
 // ---- the tree ----------------------------------------------------------------------------------
 
 void TemplateHandler::list(const Place& place, const std::map<uint32_t, uint32_t>& child_classes,
-                           const detail::ClassSet& classes, const ListValues& list_values,
+                           const tqlengine::ClassSet& classes, const ListValues& list_values,
                            tqlengine::HandlerList& out) {
     for (const auto& [child_class, child_nodetype] : child_classes) {
         if (!classes.admits(child_class)) continue;
@@ -64,7 +64,7 @@ tql::origin_t TemplateHandler::tqlOrigin() {
 
 void TemplateHandler::tqlChildrenHandlers(tqlengine::HandlerList& out,
                                           const tql::pattern_t& pattern) {
-    const detail::LevelClasses classes(pattern);
+    const tqlengine::LevelClasses classes(pattern);
     if (classes.templates().empty()) return;
     detail::with_faults_as_failures([&] {
         list(

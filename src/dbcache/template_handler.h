@@ -11,11 +11,11 @@
 #include "dbcache/nodetype_schema.h"
 #include "dbcache/store.h"
 
-namespace dbcache {
-
-namespace detail {
+namespace tqlengine {
 class ClassSet;
 }
+
+namespace dbcache {
 
 /// Origin type of a template whose class has that of its parent.
 inline constexpr uint32_t kTemplateOrigin = 33;
@@ -35,7 +35,7 @@ class TemplateHandler final : public tqlengine::TqlObjectHandler {
     /// Appends the templates of those of `child_classes`, nodetypes by class, that `classes`
     /// admits, numbered from 0 for each class. A nodetype without schema is logged.
     static void list(const Place& place, const std::map<uint32_t, uint32_t>& child_classes,
-                     const detail::ClassSet& classes, const ListValues& list_values,
+                     const tqlengine::ClassSet& classes, const ListValues& list_values,
                      tqlengine::HandlerList& out);
 
     TemplateHandler(Place place, const NodetypeSchema& schema, uint32_t ordinal,

@@ -8,7 +8,7 @@
 #include "tql/names.h"
 #include "tql/pattern.h"
 
-namespace dbcache::detail {
+namespace tqlengine {
 
 /// Some classes, or all.
 class ClassSet {
@@ -49,4 +49,4 @@ class LevelClasses {
     ClassSet templates_;
 };
 
-}  // namespace dbcache::detail
+}  // namespace tqlengine
