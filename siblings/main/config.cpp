@@ -218,7 +218,6 @@ void check_pool_size(const Config& config, const std::string& path) {
 
 /// Settings that are neither empty nor zero to begin with.
 void set_defaults(control::Server_Configuration_Fields& server) {
-    server.layout_conf_path = "conf/layout.conf";
     server.dbms_tsdb_file_path = "var/tarmik.tsdb";
     server.dbms_odb_file_path = "var/tarmik.odb";
     server.dbms_odbj_file_path = "var/tarmik.odbj";
@@ -291,6 +290,8 @@ Config default_config(const std::string& program_dir) {
          true},
     };
     set_defaults(config.server);
+    // Belongs to the programs, not to the data: it is found from wherever the family is started.
+    config.server.layout_conf_path = program_dir + "/../conf/layout.conf";
     return config;
 }
 

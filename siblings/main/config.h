@@ -43,7 +43,7 @@ struct Config {
 };
 
 /// The configuration without a file: data below the directory "var" of the working directory,
-/// sibling programs in `program_dir`.
+/// sibling programs in `program_dir`, and the layout file in the directory "conf" beside that.
 [[nodiscard]] Config default_config(const std::string& program_dir);
 
 /// default_config() changed by the settings of the TOML file at `path`. Throws error::EFatal with

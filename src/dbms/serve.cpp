@@ -27,6 +27,7 @@
 #include "queues/dialogs.h"
 #include "queues/introspection.h"
 #include "queues/log_outlet.h"
+#include "tqlengine/meta_tree.h"
 #include "util/text.h"
 
 namespace dbms {
@@ -104,6 +105,18 @@ uint32_t create_time_series(queues::childqueue& queue, const io::ChildMessenger&
     }
 }
 
+tqlengine::MetaTree make_meta_tree(const control::Server_Configuration_Fields& config) {
+    return {tqlengine::read_layout_file(config.layout_conf_path), config.report_generator};
+}
+
+/// What the engine answers from.
+void connect(tqlengine::Engine& engine, dbcache::Store& store, const dbcache::SchemaTable& schemas,
+             tqlengine::MetaTree& meta_tree) {
+    engine.add_resolver(store.resolver());
+    meta_tree.register_with(engine);
+    engine.set_reparentable_classes(schemas.reparentable_classes());
+}
+
 void announce(queues::childqueue& queue) {
     queue.send(queues::devent<queues::REQUEST_SPAWN_PROCESS>(queues::queue_t::main, queue.new_uid(),
                                                              queues::queue_t::keyg));
@@ -149,6 +162,7 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     const meter::Tree metrics("dbms");
     queues::Introspection introspection(queue, metrics, clock);
     EventTrace trace(config.dbms_event_tracefile);
+    tqlengine::MetaTree meta_tree = make_meta_tree(config);
 
     // The database: classes, files, replay, the objects and indexes that must be there.
     dbcache::SchemaTable schemas;
@@ -186,8 +200,7 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     give_cache_its_sizes(store.cache(), config);
     open_cache_trace(store.cache(), config.dbms_cache_tracefile);
     tqlengine::Engine engine;
-    engine.add_resolver(store.resolver());
-    engine.set_reparentable_classes(schemas.reparentable_classes());
+    connect(engine, store, schemas, meta_tree);
     dbcache::convert_format(parts, sequence, [&] { return create_incident_series(queue); });
     dbcache::prime_mark_lists(parts);
     dbcache::ensure_accounting(parts);

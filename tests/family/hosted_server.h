@@ -20,10 +20,14 @@ struct Files {
 /// The server and the little of a main process that it needs to start and stop.
 class HostedServer {
   public:
-    explicit HostedServer(const Files& files) : config_(mainprocess::default_config("").server) {
+    explicit HostedServer(const Files& files)
+        : config_(mainprocess::default_config(RunningFamily::program(".")).server) {
         config_.dbms_odb_file_path = files.database;
         config_.dbms_odbj_file_path = files.journal;
     }
+
+    /// What the server is given when it asks; to be changed before start().
+    [[nodiscard]] control::Server_Configuration_Fields& config() { return config_; }
 
     /// True once the server says that it is ready, false when it has ended before.
     bool start() {
