@@ -291,6 +291,7 @@ std::unique_ptr<Target> make_target(std::string_view name, const std::string& fo
     if (name == "property") return make_property_target();
     if (name == "lob") return make_lob_target(folder);
     if (name == "unit") return make_unit_target();
+    if (name == "layout") return make_layout_target();
     throw std::runtime_error("There is no target " + std::string(name));
 }
 

@@ -29,7 +29,8 @@ class Target {
 };
 
 /// Names of all targets.
-inline constexpr std::string_view kTargets[] = {"store", "index", "property", "lob", "unit"};
+inline constexpr std::string_view kTargets[] = {"store", "index", "property",
+                                                "lob",   "unit",  "layout"};
 
 /// The target `name`, one of kTargets. `folder` is the source folder "fuzz", for the images of
 /// databases that the targets start from. Throws std::runtime_error when they can't be read.
@@ -41,5 +42,6 @@ inline constexpr std::string_view kTargets[] = {"store", "index", "property", "l
 [[nodiscard]] std::unique_ptr<Target> make_property_target();
 [[nodiscard]] std::unique_ptr<Target> make_lob_target(const std::string& folder);
 [[nodiscard]] std::unique_ptr<Target> make_unit_target();
+[[nodiscard]] std::unique_ptr<Target> make_layout_target();
 
 }  // namespace fuzz
