@@ -2,9 +2,11 @@
 #include <cstdio>
 
 #include "error/exception.h"
+#include "platform/crash_dump.h"
 #include "wapi/service.h"
 
 int main() {
+    platform::install_crash_dump();
     try {
         return wapi::run_process();
     } catch (const error::Exception& failure) {

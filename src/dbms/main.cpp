@@ -4,6 +4,7 @@
 
 #include "dbms/serve.h"
 #include "error/exception.h"
+#include "platform/crash_dump.h"
 #include "platform/fifo.h"
 #include "platform/file.h"
 
@@ -12,6 +13,7 @@ int main(int argc, char**) {
         std::fputs("dbms takes no arguments; it is started by: tarmik run\n", stderr);
         return 2;
     }
+    platform::install_crash_dump();
     platform::ignore_broken_pipe_signal();
     platform::ignore_file_size_signal();
     try {
