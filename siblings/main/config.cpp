@@ -21,6 +21,7 @@ constexpr uint32_t kServerSliceBytes = 16U << 20;
 constexpr uint32_t kSliceBytes = 4U << 20;
 constexpr uint32_t kMinSliceBytes = 4096;
 constexpr int64_t kLongestSpan_s = 86'400;
+constexpr uint64_t kLeastLogFileBytes = 4096;
 
 /// Siblings that a file may name, with the short names that logs use.
 struct KnownSibling {
@@ -101,6 +102,12 @@ void assign_within(int64_t& field, const toml::node& node, const std::string& ke
         refuse(node, key, fmt::format("a whole number from {} to {}", least, most));
 }
 
+template <std::integral Number>
+void assign_at_least(Number& field, const toml::node& node, const std::string& key, Number least) {
+    assign(field, node, key);
+    if (field < least) refuse(node, key, fmt::format("a whole number, at least {}", least));
+}
+
 void read_server_table(control::Server_Configuration_Fields& server, const toml::table& table) {
     using Record = control::Server_Configuration_Fields;
     for (const auto& [key, node] : table) {
@@ -140,6 +147,10 @@ void read_family_table(Config& config, const toml::table& table) {
             assign_within(config.stop_timeout_s, node, full, 1, kLongestSpan_s);
         else if (name == "log_dir")
             assign(config.log_dir, node, full);
+        else if (name == "log_file_bytes")
+            assign_at_least(config.log_limits.file_bytes, node, full, kLeastLogFileBytes);
+        else if (name == "log_files_kept")
+            assign(config.log_limits.files_kept, node, full);
         else
             throw error::EFatal(fmt::format("{}: {} is no setting", position(node), full));
     }

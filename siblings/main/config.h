@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "main/log_files.h"
 #include "main/patience.h"
 #include "main/restart_policy.h"
 #include "queues/event_types.h"
@@ -40,6 +41,8 @@ struct Config {
     int64_t stop_timeout_s = 30;
     /// Directory of the log files; empty for none.
     std::string log_dir;
+    /// Their sizes and numbers; how long they are kept is a setting of the server.
+    LogLimits log_limits;
 };
 
 /// The configuration without a file: data below the directory "var" of the working directory,

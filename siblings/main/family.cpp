@@ -1,6 +1,7 @@
 #include "main/family.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -9,6 +10,7 @@
 #include "error/exception.h"
 #include "io/exception.h"
 #include "main/instance_lock.h"
+#include "platform/crash_dump.h"
 #include "platform/random.h"
 #include "queues/records/control.h"
 #include "queues/wire_error.h"
@@ -23,6 +25,14 @@ constexpr uint64_t kMostUnreadBytes = 512U << 10;
 constexpr int64_t kLookEvery_ms = 5000;
 constexpr const char* kMessengerName = "smem";
 
+constexpr const char* kOwnName = "main";
+
+LogLimits log_limits(const Config& config) {
+    LogLimits limits = config.log_limits;
+    limits.days_kept = config.server.log_days;
+    return limits;
+}
+
 uint32_t sibling_id(queues::queue_t queue) {
     return static_cast<uint32_t>(queue);
 }
@@ -33,8 +43,8 @@ Family::Family(Config config, const platform::Clock& clock, int stop_fd)
     : config_(std::move(config)),
       clock_(clock),
       lock_(take_instance_lock(config_.server.smem_prefix)),
-      log_(config_.log_dir, config_.server.log_days),
-      outlet_([this](logging::level_t, std::string_view line) { say(line); }),
+      log_(config_.log_dir, log_limits(config_), clock_),
+      outlet_([this](logging::level_t, std::string_view line) { log_.write(kOwnName, line); }),
       variables_(config_.server.variable_file),
       messenger_(config_.server.smem_prefix, config_.server.smem_size, *this),
       queue_(messenger_, clock_),
@@ -146,9 +156,11 @@ void Family::start_what_may_start() {
 void Family::start(SupervisedSibling& sibling) {
     const io::PoolAccess& access = messenger_.access();
     try {
+        auto environment = access.toEnvironment(kMessengerName);
+        environment.emplace_back(platform::kCrashDirectoryVariable, crash_directory());
         sibling.start({.program = sibling.config().program,
                        .arguments = {},
-                       .environment = access.toEnvironment(kMessengerName),
+                       .environment = std::move(environment),
                        .inherited_fds = {access.map_fd},
                        .own_process_group = true,
                        .ends_with_parent = true},
@@ -158,18 +170,24 @@ void Family::start(SupervisedSibling& sibling) {
         messenger_.watchEnd(sibling_id(sibling.config().queue), sibling.pid());
         say(fmt::format("Started {}", sibling.config().name));
     } catch (const error::ESystemError& failure) {
-        say(fmt::format("Cannot start {}: {}", sibling.config().name, failure.text()));
+        say(fmt::format("Cannot start {}: {}", sibling.config().name, failure.text()),
+            logging::level_t::error);
         // Those who asked for it wait in vain for now.
         if (!sibling.has_process()) messenger_.siblingGone(sibling_id(sibling.config().queue));
     }
+}
+
+/// Where processes whose programs lie in a folder that they can't write to leave their dumps.
+std::string Family::crash_directory() const {
+    if (config_.log_dir.empty()) return {};
+    return std::filesystem::absolute(config_.log_dir).string();
 }
 
 void Family::note_end(SupervisedSibling& sibling) {
     const bool asked = sibling.state() == SupervisedSibling::state_t::stopping;
     selector_.remove(sibling.end());
     if (sibling.errors() != nullptr)
-        for (const std::string& line : sibling.errors()->take_all())
-            log_.write(clock_.wall().seconds, sibling.config().name, line);
+        for (const std::string& line : sibling.errors()->take_all()) log_error_line(sibling, line);
     leave_errors(sibling);
     const std::string how = sibling.ended(now_ms());
     if (stopping_) sibling.request_stop(0);  // nobody starts it again
@@ -178,18 +196,28 @@ void Family::note_end(SupervisedSibling& sibling) {
     if (asked)
         say(fmt::format("{} stopped with {}", sibling.config().name, how));
     else if (stopping_)
-        say(fmt::format("{} ended unexpectedly with {}", sibling.config().name, how));
+        say(fmt::format("{} ended unexpectedly with {}", sibling.config().name, how),
+            logging::level_t::error);
     else
         say(fmt::format("{} ended unexpectedly with {}, starting it again in {} ms",
                         sibling.config().name, how,
-                        std::max<int64_t>(0, *sibling.next_deadline_ms() - now_ms())));
+                        std::max<int64_t>(0, *sibling.next_deadline_ms() - now_ms())),
+            logging::level_t::error);
     if (stopping_) stop_what_may_stop();
 }
 
 void Family::take_errors(SupervisedSibling& sibling) {
-    for (const std::string& line : sibling.errors()->take())
-        log_.write(clock_.wall().seconds, sibling.config().name, line);
+    for (const std::string& line : sibling.errors()->take()) log_error_line(sibling, line);
     if (sibling.errors()->has_ended()) leave_errors(sibling);
+}
+
+void Family::log_error_line(const SupervisedSibling& sibling, const std::string& line) {
+    // A log line that found no other way says itself what it is.
+    constexpr std::string_view kLogLine = "Log: ";
+    if (line.starts_with(kLogLine))
+        log_.write(sibling.config().name, std::string_view(line).substr(kLogLine.size()));
+    else
+        log_.write(sibling.config().name, "stderr", logging::level_t::error, line);
 }
 
 void Family::leave_errors(SupervisedSibling& sibling) {
@@ -209,7 +237,8 @@ void Family::look_at(SupervisedSibling& sibling) {
     const int64_t now = now_ms();
     if (const std::optional<int64_t> waited_ms = sibling.slow_start_ms(now))
         say(fmt::format("{} is not up after {} s; siblings that depend on it wait",
-                        sibling.config().name, *waited_ms / 1000));
+                        sibling.config().name, *waited_ms / 1000),
+            logging::level_t::warning);
     look_for_stuck(sibling);
     (void)sibling.due(now);
 }
@@ -238,7 +267,8 @@ void Family::end_overdue_stops() {
     if (to_end.empty()) to_end = overdue;
     for (SupervisedSibling* sibling : to_end) {
         say(fmt::format("{} did not stop in {} s, ending it by force", sibling->config().name,
-                        config_.stop_timeout_s));
+                        config_.stop_timeout_s),
+            logging::level_t::warning);
         killed_ = true;
         sibling->kill_now();
     }
@@ -261,7 +291,7 @@ void Family::look_for_stuck(SupervisedSibling& sibling) {
     const Patience::verdict_t verdict = sibling.judge(held_up_ms);
     const std::string reason = fmt::format("{} for {} s", what, held_up_ms / 1000);
     if (verdict == Patience::verdict_t::warn)
-        say(fmt::format("{} {}", sibling.config().name, reason));
+        say(fmt::format("{} {}", sibling.config().name, reason), logging::level_t::warning);
     else if (verdict == Patience::verdict_t::give_up)
         give_up(queue, reason);
 }
@@ -270,7 +300,8 @@ void Family::give_up(queues::queue_t queue, std::string_view reason) {
     SupervisedSibling* sibling = find(queue);
     say(fmt::format("{} {}, ending it by force",
                     sibling == nullptr ? queues::queue_name(queue) : sibling->config().name,
-                    reason));
+                    reason),
+        logging::level_t::error);
     if (sibling != nullptr) sibling->kill_now();
 }
 
@@ -295,7 +326,7 @@ void Family::on_stop_signal() {
 }
 
 void Family::kill_all() {
-    say("Asked twice, ending all siblings by force");
+    say("Asked twice, ending all siblings by force", logging::level_t::warning);
     killed_ = true;
     for (const auto& sibling : siblings_) {
         sibling->request_stop(now_ms() + config_.stop_timeout_s * 1000);
@@ -393,7 +424,8 @@ void Family::dispatch(queues::event& received) {
             return;
         default:
             say(fmt::format("Got unhandled message: {} from: {}", queues::event_name(&received),
-                            queues::queue_name(received.peer)));
+                            queues::queue_name(received.peer)),
+                logging::level_t::warning);
     }
 }
 
@@ -407,7 +439,8 @@ void Family::on_init_ok(const queues::event& received) {
 }
 
 void Family::on_log_request(const queues::event& received) {
-    log_.write(clock_.wall().seconds, queues::queue_name(received.peer),
+    const SupervisedSibling* sibling = find(received.peer);
+    log_.write(sibling != nullptr ? sibling->config().name : queues::queue_name(received.peer),
                queues::data<queues::SYSTEM_LOG_REQUEST>(received).msg);
 }
 
@@ -416,7 +449,8 @@ void Family::on_store_variables(const queues::event& received) {
         variables_.store(queues::data<queues::STORE_SERVER_VARIABLE_FIELDS>(received).vars);
     } catch (const error::Exception& failure) {
         say(fmt::format("Variable fields of {} not stored: {}", queues::queue_name(received.peer),
-                        failure.text()));
+                        failure.text()),
+            logging::level_t::error);
     }
 }
 
@@ -462,8 +496,8 @@ void Family::send(const queues::event& sent) {
         queue_.send(sent);
 }
 
-void Family::say(std::string_view text) {
-    log_.write(clock_.wall().seconds, "main", text);
+void Family::say(std::string_view text, logging::level_t level) {
+    log_.write(kOwnName, kOwnName, level, text);
 }
 
 }  // namespace mainprocess

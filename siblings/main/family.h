@@ -52,7 +52,9 @@ class Family final : private io::ParentPolicy {
     void look_after(io::Selectable& ready);
     void note_end(SupervisedSibling& sibling);
     void take_errors(SupervisedSibling& sibling);
+    void log_error_line(const SupervisedSibling& sibling, const std::string& line);
     void leave_errors(SupervisedSibling& sibling);
+    [[nodiscard]] std::string crash_directory() const;
     void look_at_deadlines();
     void look_at(SupervisedSibling& sibling);
     void end_overdue_stops();
@@ -83,7 +85,7 @@ class Family final : private io::ParentPolicy {
     void send(const queues::event& sent);
     template <queues::event_t N, class Record>
     void reply(const queues::event& request, Record record);
-    void say(std::string_view text);
+    void say(std::string_view text, logging::level_t level = logging::level_t::info);
 
     Config config_;
     const platform::Clock& clock_;

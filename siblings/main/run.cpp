@@ -8,6 +8,7 @@
 
 #include "error/exception.h"
 #include "main/family.h"
+#include "platform/crash_dump.h"
 
 namespace mainprocess {
 
@@ -40,6 +41,7 @@ int run(const RunOptions& options) {
         const std::string programs = program_directory();
         Config config = options.config_path.empty() ? default_config(programs)
                                                     : read_config(options.config_path, programs);
+        platform::set_crash_directory(config.log_dir);
         platform::ignore_broken_pipe_signal();
         const platform::Fd stop = stop_signals();
         const platform::SystemClock clock;

@@ -37,6 +37,12 @@ std::optional<level_t> find_level(uint32_t number) {
     return static_cast<level_t>(number);
 }
 
+std::optional<level_t> find_level(std::string_view text) {
+    for (uint32_t number = 0; const auto level = find_level(number); ++number)
+        if (level_text(*level) == text) return level;
+    return std::nullopt;
+}
+
 uint32_t level_mask_bit(level_t level) {
     switch (level) {
         case level_t::trace:

@@ -38,6 +38,8 @@ enum class level_t : uint32_t {
 [[nodiscard]] std::string_view level_text(level_t level);
 /// The level of a number from outside; none above 6.
 [[nodiscard]] std::optional<level_t> find_level(uint32_t number);
+/// The level with this text.
+[[nodiscard]] std::optional<level_t> find_level(std::string_view text);
 /// Bit of a level where a mask of levels is kept: debug 1, info 2, warning 4, error 8. Trace counts
 /// as debug and critical as error; off has none.
 [[nodiscard]] uint32_t level_mask_bit(level_t level);

@@ -61,28 +61,6 @@ TEST(SupervisedSibling, ALaterStopRequestMovesTheDeadline) {
     EXPECT_EQ(sibling.state(), SupervisedSibling::state_t::stopped);
 }
 
-TEST(LogFiles, OldDaysAreRemovedAndNothingElse) {
-    constexpr int64_t kNoon_s = 1'700'000'000 / 86'400 * 86'400 + 43'200;  // 2023-11-14
-    const support::TempDir dir;
-    const auto exists = [&](const std::string& name) {
-        return std::filesystem::exists(dir.file(name));
-    };
-    for (const char* name :
-         {"tarmik-2023-11-11.log", "tarmik-2023-11-12.log", "tarmik-2023-1-1.log",
-          "tarmik-2023-11-01.log.gz", "other-2023-11-01.log"})
-        std::ofstream(dir.file(name)) << "kept?";
-    {
-        LogFiles log(dir.path().string(), 2);
-        log.write(kNoon_s, "main", "a line");
-    }
-    EXPECT_FALSE(exists("tarmik-2023-11-11.log"));
-    EXPECT_TRUE(exists("tarmik-2023-11-12.log"));
-    EXPECT_TRUE(exists("tarmik-2023-11-14.log"));
-    for (const char* name :
-         {"tarmik-2023-1-1.log", "tarmik-2023-11-01.log.gz", "other-2023-11-01.log"})
-        EXPECT_TRUE(exists(name)) << name;
-}
-
 TEST(VariableStore, KeepsValuesAcrossReopenAndOnlyForTheOwner) {
     const support::TempDir dir;
     const std::string path = dir.file("variables.json");
