@@ -16,6 +16,7 @@
 #include "tarmik/backup.h"
 #include "tarmik/offline_commands.h"
 #include "tarmik/shell.h"
+#include "tarmik/watch.h"
 #include "tarmik/words.h"
 
 namespace cli {
@@ -29,6 +30,8 @@ struct Parsed {
     std::string url = kDefaultUrl;
     std::string output = "text";
     SelectArguments select;
+    WatchArguments watch;
+    EventsArguments events;
     TemplatesArguments templates;
     ChangeArguments change;
     std::string load_path;
@@ -57,6 +60,29 @@ void select_arguments(CLI::App& app, Parsed& parsed) {
     app.add_option("--root", parsed.select.roots,
                    "Object to begin at instead of the root of the tree")
         ->allow_extra_args(false);
+}
+
+void watch_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("pattern", parsed.watch.pattern,
+                   "What to look for, as 'Domain*[name] > Node[name,label]'")
+        ->required();
+    app.add_option("--root", parsed.watch.roots,
+                   "Object to begin at instead of the root of the tree")
+        ->allow_extra_args(false);
+    app.add_option("--interval", parsed.watch.interval_s,
+                   "Seconds between two results at least, where a pattern gives whole results")
+        ->check(CLI::Range(0U, 86'400U));
+    app.add_flag("--json", parsed.watch.json, "A line of JSON for each change");
+}
+
+void events_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("--root", parsed.events.root, "Object at or below which to look");
+    app.add_option("--class", parsed.events.classes, "Class of objects; may stand several times")
+        ->allow_extra_args(false);
+    app.add_option("--operation", parsed.events.operations,
+                   "created, updated, deleted, data or checkin; may stand several times")
+        ->allow_extra_args(false);
+    app.add_flag("--json", parsed.events.json, "A line of JSON for each operation");
 }
 
 void templates_arguments(CLI::App& app, Parsed& parsed) {
@@ -224,6 +250,14 @@ const ToolCommand kToolCommands[] = {
      [](Parsed& parsed, const Output& output) {
          backup(parsed.backup, output);
          return int{kDone};
+     }},
+    {{"watch", "Shows a piece of the tree and keeps it up to date", watch_arguments},
+     [](Parsed& parsed, const Output& output) {
+         return watch_command(parsed.watch, parsed.url, output);
+     }},
+    {{"events", "Prints what is created, updated and deleted", events_arguments},
+     [](Parsed& parsed, const Output& output) {
+         return events_command(parsed.events, parsed.url, output);
      }},
     {{"shell", "Reads commands line by line, with history and completion", no_arguments},
      [](Parsed& parsed, const Output& output) {

@@ -19,18 +19,6 @@ std::string json_line(const ordered_json& answer) {
     return answer.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
-/// Refuses a wrong pattern here, where its place can be shown.
-void check_pattern(const std::string& pattern) {
-    try {
-        (void)tql::parse_pattern(pattern);
-    } catch (const tql::query_text_error& wrong) {
-        std::string text = wrong.text();
-        if (pattern.find('\n') == pattern.npos && pattern.size() <= 200)
-            text += fmt::format("\n  {}\n  {:>{}}", pattern, '^', wrong.column());
-        throw CommandError(kUsage, text);
-    }
-}
-
 void print_names(const Output& output, const ordered_json& answer, const char* list) {
     if (output.json) return output.print(json_line(answer));
     for (const ordered_json& entry : answer.at(list)) {
@@ -64,6 +52,17 @@ void remark_ignored(const Output& output, const ordered_json& answer) {
 }
 
 }  // namespace
+
+void check_pattern(const std::string& pattern) {
+    try {
+        (void)tql::parse_pattern(pattern);
+    } catch (const tql::query_text_error& wrong) {
+        std::string text = wrong.text();
+        if (pattern.find('\n') == pattern.npos && pattern.size() <= 200)
+            text += fmt::format("\n  {}\n  {:>{}}", pattern, '^', wrong.column());
+        throw CommandError(kUsage, text);
+    }
+}
 
 void Commands::select(const SelectArguments& arguments) {
     check_pattern(arguments.pattern);

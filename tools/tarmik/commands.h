@@ -50,6 +50,9 @@ struct TemplatesArguments {
     std::string class_name;  ///< empty: all, and only their names
 };
 
+/// Refuses a wrong pattern here, where its place can be shown: CommandError with kUsage.
+void check_pattern(const std::string& pattern);
+
 class Commands {
   public:
     /// Both must outlive this object.

@@ -26,12 +26,11 @@ std::string shortened(std::string text) {
     return text.substr(0, end) + "...";
 }
 
-class TreeWriter {
+class LineWriter {
   public:
-    TreeWriter(std::string& out, bool colored) : out_(out), colored_(colored) {}
+    LineWriter(std::string& out, bool colored) : out_(out), colored_(colored) {}
 
-    void write(const ordered_json& node, const std::string& lead, const std::string& below) {
-        out_ += lead;
+    void write(const ordered_json& node, const std::set<std::string>& marked) {
         const bool is_template = (node.value("flags", 0U) & kTemplate) != 0;
         paint(kBold, node.value("class", "?") + (is_template ? "#" : ""));
         const std::string id = node.value("id", "");
@@ -39,18 +38,6 @@ class TreeWriter {
             out_ += ' ';
             paint(kDim, id);
         }
-        write_values(node);
-        out_ += '\n';
-        const auto children = node.find("children");
-        if (children == node.end()) return;
-        for (size_t i = 0; i < children->size(); ++i) {
-            const bool last = i + 1 == children->size();
-            write((*children)[i], below + (last ? "└─ " : "├─ "), below + (last ? "   " : "│  "));
-        }
-    }
-
-  private:
-    void write_values(const ordered_json& node) {
         const auto values = node.find("properties");
         if (values == node.end()) return;
         const ordered_json inherited = node.value("inherited", ordered_json::array());
@@ -58,13 +45,18 @@ class TreeWriter {
         for (const auto& [name, value] : values->items()) {
             out_ += gap;
             gap = " ";
-            paint(kDim, name + "=");
-            out_ += value_text(value);
+            const bool is_marked = marked.contains(name);
+            paint(is_marked ? kBold : kDim, name + "=");
+            if (is_marked)
+                paint(kBold, value_text(value));
+            else
+                out_ += value_text(value);
             if (std::find(inherited.begin(), inherited.end(), name) != inherited.end())
                 paint(kDim, " (inherited)");
         }
     }
 
+  private:
     void paint(const char* color, const std::string& text) {
         if (colored_) out_ += color;
         out_ += text;
@@ -74,6 +66,20 @@ class TreeWriter {
     std::string& out_;
     bool colored_;
 };
+
+void write_tree(std::string& out, bool colored, const ordered_json& node, const std::string& lead,
+                const std::string& below) {
+    out += lead;
+    LineWriter(out, colored).write(node, {});
+    out += '\n';
+    const auto children = node.find("children");
+    if (children == node.end()) return;
+    for (size_t i = 0; i < children->size(); ++i) {
+        const bool last = i + 1 == children->size();
+        write_tree(out, colored, (*children)[i], below + (last ? "└─ " : "├─ "),
+                   below + (last ? "   " : "│  "));
+    }
+}
 
 }  // namespace
 
@@ -97,10 +103,16 @@ std::string shown_text(const std::string& text) {
     return quoted.substr(1, quoted.size() - 2);
 }
 
+std::string object_line(const ordered_json& object, bool colored,
+                        const std::set<std::string>& marked) {
+    std::string line;
+    LineWriter(line, colored).write(object, marked);
+    return line;
+}
+
 std::string tree_text(const ordered_json& results, bool colored) {
     std::string text;
-    TreeWriter writer(text, colored);
-    for (const ordered_json& node : results) writer.write(node, "", "");
+    for (const ordered_json& node : results) write_tree(text, colored, node, "", "");
     return text;
 }
 

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
+#include <set>
 #include <string>
 
 namespace cli {
@@ -15,6 +16,10 @@ namespace cli {
 /// `results` is the list of the answer. Each object is one line, with its values behind it; each
 /// line ends with a line end. Control characters of values are shown as escapes.
 [[nodiscard]] std::string tree_text(const nlohmann::ordered_json& results, bool colored);
+
+/// The line of one object, without a line end. The values named are shown in bold when colored.
+[[nodiscard]] std::string object_line(const nlohmann::ordered_json& object, bool colored,
+                                      const std::set<std::string>& marked = {});
 
 /// A value as the tree shows it: as JSON, long texts cut off, without the envelope of values that
 /// are not of the usual kind.
