@@ -43,8 +43,7 @@ constexpr dbcache::ChildRow kNodeChildren[] = {{cls::Check, nodetype::AgentCheck
 // clang-format on
 
 void declare(dbcache::SchemaTable& table, const dbcache::ClassTable& made) {
-    table.registerSchema(
-        std::make_unique<dbcache::TableSchema<dbcache::NodetypeSchema>>(made));
+    table.registerSchema(std::make_unique<dbcache::TableSchema<dbcache::NodetypeSchema>>(made));
 }
 
 }  // namespace

@@ -10,10 +10,10 @@
 #include "common/folder.h"
 #include "dbcache/fixed_ids.h"
 #include "protocol/ioprim.h"
-#include "queues/event.h"
-#include "queues/records/dbms_tql.h"
 #include "query/tree.h"
 #include "query/wire_sink.h"
+#include "queues/event.h"
+#include "queues/records/dbms_tql.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
 #include "tql/query_text.h"
@@ -123,9 +123,9 @@ class SelectRun {
             "Domain^ > Domain^{{siblingName = \"{}\"}} > Domain^{{siblingName = \"{}\"}} > "
             "Node^{{siblingName = \"{}\"}} > Check{}{{siblingName = \"{}\"}}",
             region, site, node, kWanted, check);
-        return ask_at(dbcache::kRootId, query,
-                      {sql_t::by_path,
-                       {SqliteObjects::number(dbcache::kRootId), region, site, node, check}});
+        return ask_at(
+            dbcache::kRootId, query,
+            {sql_t::by_path, {SqliteObjects::number(dbcache::kRootId), region, site, node, check}});
     }
 
     static Question below(const NodeId& domain) {
@@ -146,17 +146,18 @@ class SelectRun {
 
     static Question of_master(uint32_t number) {
         const NodeId master = QueryTree::master(number);
-        return checks_where(fmt::format("masterId = \"{}\"", master.to_string()),
-                            {sql_t::master_below,
-                             {SqliteObjects::number(dbcache::kRootId), SqliteObjects::number(master)}});
+        return checks_where(
+            fmt::format("masterId = \"{}\"", master.to_string()),
+            {sql_t::master_below,
+             {SqliteObjects::number(dbcache::kRootId), SqliteObjects::number(master)}});
     }
 
     static Question high_order() {
         constexpr uint32_t bound = QueryTree::kOrders / 100 * 99;
-        return checks_where(fmt::format("order >= {}", bound),
-                            {sql_t::order_below,
-                             {SqliteObjects::number(dbcache::kRootId), int64_t{bound},
-                              int64_t{cls::Check}}});
+        return checks_where(
+            fmt::format("order >= {}", bound),
+            {sql_t::order_below,
+             {SqliteObjects::number(dbcache::kRootId), int64_t{bound}, int64_t{cls::Check}}});
     }
 
     // ---- asking -------------------------------------------------------------------------------
@@ -185,8 +186,7 @@ class SelectRun {
         subject.processor_s += processor_seconds() - before;
     }
 
-    static void note(Figures& figures, const std::string& key, size_t objects,
-                     Subject& subject) {
+    static void note(Figures& figures, const std::string& key, size_t objects, Subject& subject) {
         std::vector<double>& latencies = subject.latencies_us;
         std::sort(latencies.begin(), latencies.end());
         figures[key + "_rate"] =

@@ -21,8 +21,7 @@ namespace {
 const std::map<sql_t, const char*> kSql = {
     {sql_t::by_id, "SELECT " WANTED " FROM objects o WHERE o.id = ?1"},
     {sql_t::by_path,
-     "SELECT " WANTED
-     " FROM objects r JOIN objects s ON s.parent = r.id AND s.name = ?3"
+     "SELECT " WANTED " FROM objects r JOIN objects s ON s.parent = r.id AND s.name = ?3"
      " JOIN objects n ON n.parent = s.id AND n.name = ?4"
      " JOIN objects o ON o.parent = n.id AND o.name = ?5"
      " WHERE r.parent = ?1 AND r.name = ?2"},

@@ -79,8 +79,7 @@ void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& s
         store.drop_backend_block(index);
         index = kNoSeries;
     } else if (should_be_allocated && index == kNoSeries) {
-        error::check(layout != nullptr,
-                     "allocateIf got no layout but should_be_allocated is set");
+        error::check(layout != nullptr, "allocateIf got no layout but should_be_allocated is set");
         index = make_series(store, *layout);
     }
 }

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "dbms/event_meters.h"
 #include "error/exception.h"
 #include "io/exception.h"
 #include "log/log.h"
@@ -83,7 +84,7 @@ void Dispatcher::timed_handler(EventContext& context, const EventRow& row,
     if (elapsed_us > kSlowEventUs)
         logger.warning("Event {} took {} sec.", queues::event_name(&received),
                        static_cast<double>(elapsed_us) / 1e6);
-    meters_.add(received.peer, received.number(), elapsed_us);
+    services_.meters.add(received.peer, received.number(), elapsed_us);
 }
 
 void Dispatcher::answer_failure(const EventRow& row, const queues::event& received,

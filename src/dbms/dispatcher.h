@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <functional>
 
-#include "dbms/event_meters.h"
 #include "dbms/event_table.h"
 #include "dbms/event_trace.h"
 #include "dbms/services.h"
@@ -39,9 +38,6 @@ class Dispatcher {
     /// The sender of the event being handled; none between events.
     [[nodiscard]] queues::queue_t last_event_sender() const noexcept { return last_event_sender_; }
 
-    /// Where the time of events goes; whoever works outside of a handler adds theirs.
-    [[nodiscard]] EventMeters& meters() noexcept { return meters_; }
-
   private:
     void run_handler(EventContext& context, const EventRow& row, queues::event& received);
     void timed_handler(EventContext& context, const EventRow& row, queues::event& received);
@@ -53,7 +49,6 @@ class Dispatcher {
     EventTable table_;
     EventTrace& trace_;
     std::function<Leftovers()> leftovers_;
-    EventMeters meters_;
     queues::queue_t last_event_sender_ = queues::queue_t::none;
 };
 

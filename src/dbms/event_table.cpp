@@ -1,6 +1,7 @@
 #include "dbms/event_table.h"
 
 #include "dbms/query_handlers.h"
+#include "dbms/subscription_handlers.h"
 
 namespace dbms {
 
@@ -14,6 +15,9 @@ EventTable make_event_table() {
     table[queues::TQL_CREATE] = {ev_tql_create, filter_tql_create, kAnswered};
     table[queues::TQL_UPDATE] = {ev_tql_update, nullptr, kAnswered};
     table[queues::TQL_DELETE] = {ev_tql_delete, nullptr, kAnswered};
+    table[queues::TQL_SIMPLE_SUBSCRIBE] = {ev_tql_simple_subscribe, nullptr, 0};
+    table[queues::TQL_ACKNOWLEDGE] = {ev_tql_acknowledge, nullptr, 0};
+    table[queues::TQL_FORGET] = {ev_tql_forget, nullptr, kAnswered};
     return table;
 }
 

@@ -51,7 +51,11 @@ class MainLoop {
     void run_periodic_step();
     void refresh_log_mask();
     void arm_log_flag_timer();
+    void arm_deferred_timer();
     void begin_shutdown();
+    /// Runs a step of the work on subscriptions that no event answers for.
+    template <class Step>
+    void for_subscribers(Step&& step);
 
     Services& services_;
     io::ChildMessenger& messenger_;
@@ -61,9 +65,9 @@ class MainLoop {
     logging::ChannelMask& log_mask_;
     ControlSocket* control_;
     std::vector<idle::IdleTask*> tasks_;
-    io::Timer deferred_evaluations_;
-    /// The time of day may be set; the flag files are looked at all the same.
+    /// The time of day may be set; flag files are looked at and evaluations run all the same.
     platform::SpanClock span_clock_;
+    io::Timer deferred_evaluations_;
     io::Timer log_flags_;
     io::Selector<int> selector_;
     bool stop_ = false;

@@ -3,6 +3,8 @@
 #include "dbcache/resolver.h"
 #include "dbcache/store.h"
 #include "dbcache/version_source.h"
+#include "dbms/subscribers.h"
+#include "error/exception.h"
 #include "tqlengine/requests.h"
 
 namespace dbms {
@@ -30,7 +32,11 @@ void ev_get_tql_reparentable_classes(EventContext& context, queues::event& recei
 }
 
 void ev_tql_select(EventContext& context, queues::event& received) {
-    const Tql_Select_Data& request = queues::data<queues::TQL_SELECT>(received);
+    error::check(!received.exception, "dynamic cast failed");
+    Tql_Select_Data& request = queues::data<queues::TQL_SELECT>(received);
+    if ((request.flags & tqlengine::kSelectSubscribe) != 0)
+        return context.services.subscribers.subscribe(received.peer, received.uid,
+                                                      std::move(request));
     tqlengine::SelectReport report;
     reply<queues::RETURN_TQL_SELECT>(context, received,
                                      tqlengine::process_select(request, context.request, report));

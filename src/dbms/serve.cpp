@@ -12,7 +12,9 @@
 #include "dbcache/store.h"
 #include "dbcache/time_series.h"
 #include "dbcache/version_source.h"
+#include "dbms/event_meters.h"
 #include "dbms/main_loop.h"
+#include "dbms/subscribers.h"
 #include "error/exception.h"
 #include "io/exception.h"
 #include "io/sibling_messenger.h"
@@ -210,9 +212,14 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
 
     // Ready: tell the main process, then serve.
     announce(queue);
-    Services services{clock, queue, config, engine, store, versions, log_mask};
+    EventMeters meters;
+    Subscribers subscribers({clock, queue, engine, meters, trace});
+    Services services{clock, queue, config, engine, store, versions, log_mask, meters, subscribers};
     Dispatcher dispatcher(services, make_event_table(), trace, [&] {
         return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
+    });
+    engine.set_operation_hook([&](auto& object, tqlengine::object_operation_t operation) {
+        subscribers.notify(object, operation, dispatcher.last_event_sender());
     });
     ensure_cluster_objects(services);
     const auto control = make_control_socket(database, clock);

@@ -16,6 +16,9 @@ class VersionSource;
 
 namespace dbms {
 
+class EventMeters;
+class Subscribers;
+
 /// The long-lived parts of the server; all outlive the handling of any event.
 struct Services {
     const platform::Clock& clock;
@@ -26,6 +29,8 @@ struct Services {
     dbcache::VersionSource& versions;
     /// The channels of extra diagnostics that are switched on.
     const logging::ChannelMask& log_mask;
+    EventMeters& meters;
+    Subscribers& subscribers;
 };
 
 /// One event being handled.

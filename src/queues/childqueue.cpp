@@ -121,6 +121,7 @@ std::unique_ptr<event> childqueue::read_messenger() {
         // streams' state.
         streams.handle->endSeen();
         streams_.erase(sender);
+        if (on_end_) on_end_(sender);
         return nullptr;
     }
     if (!received) return nullptr;

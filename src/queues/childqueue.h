@@ -116,6 +116,10 @@ class childqueue : public io::StackedSelectableBack {
     /// throw. One at a time; an empty function takes it away.
     void on_free(std::function<void()> hook) { on_free_ = std::move(hook); }
 
+    /// Called when the end of a peer's stream has been read, whoever read it; must not send or
+    /// throw. One at a time; an empty function takes it away.
+    void on_end(std::function<void(queue_t)> hook) { on_end_ = std::move(hook); }
+
     /// Limits waits: an await that is still open `limit_s` seconds after it began throws
     /// errors::queue_await_timeout when another event arrives. 0, as at the start, means no limit.
     void limit_await(std::uint32_t limit_s) { await_limit_s_ = limit_s; }
@@ -160,6 +164,7 @@ class childqueue : public io::StackedSelectableBack {
     std::map<queue_t, std::uint64_t> last_uid_at_end_;  ///< of peers that ended at some time
     unsigned depth_ = 0;
     std::function<void()> on_free_;
+    std::function<void(queue_t)> on_end_;
     std::uint32_t await_limit_s_ = 0;
     bool collects_ = false;
 };

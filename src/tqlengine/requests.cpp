@@ -70,8 +70,6 @@ std::set<tql::id_t> roots_of(const dbms::Tql_Select_Data& request) {
 
 void select(const dbms::Tql_Select_Data& request, const RequestContext& context,
             uint32_t subscription, SelectReport& report, dbms::Return_Tql_Select_Data& reply) {
-    if ((request.flags & kSelectSubscribe) != 0 && subscription == 0)
-        throw errors::tql(errors::ERR_NOT_IMPLEMENTED, "Subscriptions are not implemented");
     Engine::ResultList results;
     context.engine.evaluate(results, roots_of(request), request.pattern, report.statistics,
                             {subscription, (request.flags & kSelectPatchable) != 0});

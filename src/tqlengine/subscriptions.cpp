@@ -85,8 +85,8 @@ void Subscriptions::note(TqlObjectHandler& changed) {
         for (const auto& [subscription, watched] : watched_) asked.push_back(subscription);
     for (const uint32_t subscription : asked) {
         Watched& watched = *watched_.at(subscription);
-        if (whole && !true_or_unknown([&] { return watched.test.wouldMatch(chain, watched.roots); },
-                                      id))
+        if (whole &&
+            !true_or_unknown([&] { return watched.test.wouldMatch(chain, watched.roots); }, id))
             continue;
         if (watched.patchable) {
             const tql::id_t& object = nearest_stored(chain);

@@ -50,9 +50,9 @@ class Subscriptions {
 
     /// The notify pass: notes what is due to every watched subscription that can reach `changed` as
     /// the tree stands now. One for which that can't be told, because a condition of its pattern
-    /// can't be applied or an object on the way can't be read, counts as touched: the write goes on,
-    /// and its evaluation tells the subscriber. Costs the depth of the object, and a test for each
-    /// of the few subscriptions whose roots, classes and ids fit.
+    /// can't be applied or an object on the way can't be read, counts as touched: the write goes
+    /// on, and its evaluation tells the subscriber. Costs the depth of the object, and a test for
+    /// each of the few subscriptions whose roots, classes and ids fit.
     void note(TqlObjectHandler& changed);
 
     /// The next patch that is due, by subscription and object; it is due no more.

@@ -1,9 +1,11 @@
-// Series of objects: series_made and dropped with the writes that need them, and found by their property.
+// Series of objects: series_made and dropped with the writes that need them, and found by their
+// property.
+#include "dbcache/time_series.h"
+
 #include <gtest/gtest.h>
 
 #include "dbcache/class_table.h"
 #include "dbcache/inheritance.h"
-#include "dbcache/time_series.h"
 #include "support/test_store.h"
 
 using namespace dbcache_test;
@@ -42,12 +44,12 @@ class Watched : public dbcache::TableSchema<dbcache::NodetypeSchema> {
 };
 
 void declare(dbcache::SchemaTable& table) {
-    table.registerSchema(std::make_unique<Watched>(
-        dbcache::ClassTable{.nodetype = nodetype::Domain,
-                            .tql_class = cls::Domain,
-                            .properties = kRows,
-                            .children = kChildren,
-                            .sibling_name = prop::name}));
+    table.registerSchema(
+        std::make_unique<Watched>(dbcache::ClassTable{.nodetype = nodetype::Domain,
+                                                      .tql_class = cls::Domain,
+                                                      .properties = kRows,
+                                                      .children = kChildren,
+                                                      .sibling_name = prop::name}));
     table.registerSchema(std::make_unique<dbcache::TableSchema<dbcache::NodetypeSchema>>(
         dbcache::ClassTable{.nodetype = nodetype::Plan,
                             .tql_class = cls::Plan,
@@ -162,8 +164,7 @@ TEST_F(TimeSeriesTest, KeepsTheirSpans) {
         EXPECT_EQ(layout.type, type);
         EXPECT_EQ(days(layout), (std::vector<uint32_t>{7, 30, 60, 360, 1080}));
     }
-    EXPECT_EQ(dbcache::large_incident_layout(),
-              (tsdb::time_series_layout_t{4, {{1'048'576, 1}}}));
+    EXPECT_EQ(dbcache::large_incident_layout(), (tsdb::time_series_layout_t{4, {{1'048'576, 1}}}));
 }
 
 }  // namespace

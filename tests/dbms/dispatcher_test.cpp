@@ -72,7 +72,6 @@ class DispatcherTest : public testing::Test, protected dbms_test::TestFamily {
                                   : fmt::format("{} {}", failure->uid, failure->text);
     }
 
-    EventTrace trace{dir.file("trace")};
     Leftovers leftovers;
     Dispatcher dispatcher{services, table(), trace, [this] { return leftovers; }};
     std::string log;

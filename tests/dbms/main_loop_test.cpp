@@ -57,7 +57,6 @@ class MainLoopTest : public testing::Test, protected dbms_test::TestFamily {
         EXPECT_THROW(loop.run(), error::EFatal);
     }
 
-    EventTrace trace{""};
     CountingTask task;
     /// How many steps there had been when each event was taken.
     std::vector<size_t> taken_after;

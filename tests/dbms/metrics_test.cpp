@@ -83,7 +83,6 @@ class MetricsTest : public testing::Test, protected dbms_test::TestFamily {
     }
 
     meter::Tree tree{"dbms"};
-    EventMeters meters;
     queues::Introspection introspection{queue, tree, store.clock};
 };
 

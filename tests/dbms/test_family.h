@@ -5,6 +5,7 @@
 #include <initializer_list>
 
 #include "dbms/services.h"
+#include "dbms/subscribers.h"
 #include "io/exception.h"
 #include "io/parent_messenger.h"
 #include "io/selector.h"
@@ -53,8 +54,11 @@ struct TestFamily {
     queues::childqueue queue;
     control::Server_Configuration_Fields config;
     logging::ChannelMask log_mask{0x80000000, dir.file("")};
-    dbms::Services services{store.clock,  queue,           config,  *store.engine,
-                            *store.store, *store.versions, log_mask};
+    dbms::EventTrace trace{dir.file("trace")};
+    dbms::EventMeters meters;
+    dbms::Subscribers subscribers{{store.clock, queue, *store.engine, meters, trace}};
+    dbms::Services services{store.clock,     queue,    config, *store.engine, *store.store,
+                            *store.versions, log_mask, meters, subscribers};
 };
 
 }  // namespace dbms_test

@@ -291,15 +291,6 @@ TEST_F(Select, SingletonAnswersForEveryRoot) {
     EXPECT_EQ(singleton.reference_count(), 0U);
 }
 
-TEST_F(Select, SubscriptionsAreRefused) {
-    dbms::Tql_Select_Data request;
-    request.pattern = tql::pattern_t(cls::Domain);
-    request.flags = tqlengine::kSelectSubscribe;
-    const auto reply = tqlengine::process_select(request, context, report);
-    EXPECT_EQ(reply.status, errors::ERR_NOT_IMPLEMENTED);
-    EXPECT_TRUE(reply.res.empty());
-}
-
 // ---- depth and cost
 // ---------------------------------------------------------------------------------
 

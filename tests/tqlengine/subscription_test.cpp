@@ -48,7 +48,8 @@ struct Subscribing : testing::Test {
         (void)tqlengine::process_select(request, context, report, id);
     }
 
-    void update(fake::Object& object, const std::function<void()>& change = [] {}) {
+    void update(
+        fake::Object& object, const std::function<void()>& change = [] {}) {
         tree.during_write = [&](auto&) { change(); };
         tqlengine::process_update({object.tqlId(), object.version, {}, 0, {}}, context);
         EXPECT_FALSE(object.watched());
@@ -61,11 +62,11 @@ struct Subscribing : testing::Test {
     std::string due() {
         std::string text;
         while (const auto patch = engine.subscriptions().take_patch()) {
-            const auto tree_of_patch = tqlengine::process_patch(
-                patch->object, requests.at(patch->subscription), context);
-            text += fmt::format("{}:{} ", patch->subscription,
-                                tree_of_patch ? brief(*tree_of_patch)
-                                              : patch->object.to_string() + " gone");
+            const auto tree_of_patch =
+                tqlengine::process_patch(patch->object, requests.at(patch->subscription), context);
+            text += fmt::format(
+                "{}:{} ", patch->subscription,
+                tree_of_patch ? brief(*tree_of_patch) : patch->object.to_string() + " gone");
         }
         while (const auto id = engine.subscriptions().take_reevaluation())
             text += fmt::format("{}:again ", *id);
@@ -201,7 +202,8 @@ TEST_F(Subscribing, DepthCostsNeitherStackNorSquares) {
     fake::Object& node = tree.add(cls::Node, {4, 0}, deepest);
     subscribe(1, "Domain*^ > Node");
     engine.subscriptions().watch(
-        2, {{0, 1}}, tql::parse_pattern("Domain* > Domain* > Domain* > Node{name = \"gone\"}"), false);
+        2, {{0, 1}}, tql::parse_pattern("Domain* > Domain* > Domain* > Node{name = \"gone\"}"),
+        false);
     rename(node, "deep");
     const auto patch = engine.subscriptions().take_patch();
     ASSERT_TRUE(patch);

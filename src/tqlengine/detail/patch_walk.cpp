@@ -49,8 +49,8 @@ std::optional<PatchWalk::Call> PatchWalk::advance(Frame& frame) {
 void PatchWalk::enter(Frame& frame) {
     count_considered(limits_, statistics_);
     if (frame.call.place + 1 == chain_.size()) {
-        ResultNodePtr full = evaluateWithLeads(object(frame), *frame.call.step, limits_,
-                                               statistics_, nodes_);
+        ResultNodePtr full =
+            evaluateWithLeads(object(frame), *frame.call.step, limits_, statistics_, nodes_);
         if (full) full->tags.insert(kPatchPath);
         (frame.recursive() ? frame.collected : frame.node) = std::move(full);
         frame.stage = stage_t::done;
@@ -79,8 +79,7 @@ std::optional<PatchWalk::Call> PatchWalk::below(Frame& frame) {
         if (frame.branch++ == 0) return Call{place, frame.call.step};
         finish_recursive(frame);
     } else {
-        if (const tql::pattern_t* step = successor(frame, frame.branch++))
-            return Call{place, step};
+        if (const tql::pattern_t* step = successor(frame, frame.branch++)) return Call{place, step};
         finish(frame);
     }
     frame.stage = stage_t::done;

@@ -2,8 +2,8 @@
 // branch: the objects of the way, and at its end the changed object as a full answer. What stands
 // beside the way is looked at for `cond_next` alone.
 //
-// The way is as deep as the tree, so the walk keeps its own stack of frames, as Walk does: one frame
-// per object and step being tried.
+// The way is as deep as the tree, so the walk keeps its own stack of frames, as Walk does: one
+// frame per object and step being tried.
 //
 //   enter --> below ------------------------> (done)      a plain step
 //     |
@@ -51,10 +51,11 @@ class PatchWalk {
     struct Frame {
         Call call;
         stage_t stage = stage_t::enter;
-        size_t branch = 0;         ///< place among `next`, then `cond_next`
-        ResultNodePtr node;        ///< of this object
-        ResultNodePtr collected;   ///< recursive steps: all that was found at and below this object
-        bool next_is_here = false; ///< recursive steps: a step of `next` gets there from this object
+        size_t branch = 0;        ///< place among `next`, then `cond_next`
+        ResultNodePtr node;       ///< of this object
+        ResultNodePtr collected;  ///< recursive steps: all that was found at and below this object
+        bool next_is_here =
+            false;  ///< recursive steps: a step of `next` gets there from this object
 
         [[nodiscard]] bool recursive() const {
             return (call.step->flags & tql::kPatternRecursive) != 0;
