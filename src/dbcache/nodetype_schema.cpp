@@ -300,7 +300,7 @@ void NodetypeSchema::beforeDelete(ObjectHandler& /*handler*/) const {}
 tql::origin_t NodetypeSchema::tqlOrigin(const SchemaObject& object) const {
     std::optional<tql::origin_t> origin = object.parent_origin();
     error::check(origin.has_value(), "Object {} has no parent in NodetypeSchema::tqlOrigin",
-                 object.node_id().to_string());
+                 object.node_id());
     if (origin_type != kParentsOrigin) origin->type = origin_type;
     return *origin;
 }

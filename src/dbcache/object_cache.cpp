@@ -82,11 +82,12 @@ std::optional<std::string> ObjectCache::cache_open_trace(const std::string& path
 void ObjectCache::cache_insert(const NodeId& node_id, const mdb::block_handle_t& handle,
                                CachedObject& handler) {
     const auto [id_entry, id_is_new] = by_id_.insert(node_id, {handle, &handler});
-    error::check(id_is_new, "Double id insertion into object cache ex ({}, {}) new {}",
-                 text(id_entry->handle), node_id.to_string(), text(handle));
+    error::check(id_is_new, "Double id insertion into object cache ex ({}:{}, {}) new {}:{}",
+                 id_entry->handle.block, id_entry->handle.offset, node_id, handle.block,
+                 handle.offset);
     const auto [handle_entry, handle_is_new] = by_handle_.insert(handle, {node_id, &handler});
-    error::check(handle_is_new, "Double handle insertion into object cache, ex ({}, {}) new {}",
-                 text(handle), handle_entry->node_id.to_string(), node_id.to_string());
+    error::check(handle_is_new, "Double handle insertion into object cache, ex ({}:{}, {}) new {}",
+                 handle.block, handle.offset, handle_entry->node_id, node_id);
     handler.node_id_ = node_id;
     handler.handle_ = handle;
     queue(CachedObject::a1in).push_front(handler);
@@ -151,7 +152,7 @@ void ObjectCache::balance(const CachedObject& protected_handler) {
     if (in.length() > limits_.kin) {
         CachedObject& oldest = *in.back();
         error::check(oldest.queue_ == CachedObject::a1in, "Object {} in A1in misplaced (in {})",
-                     oldest.node_id_.to_string(), static_cast<int>(oldest.queue_));
+                     oldest.node_id_, static_cast<int>(oldest.queue_));
         in.unlink(oldest);
         out.push_front(oldest);
         if (out.length() > limits_.kout) evict(out, limits_.kout, protected_handler);

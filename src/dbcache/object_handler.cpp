@@ -167,6 +167,15 @@ tql::origin_t ObjectHandler::tqlOrigin() {
     return detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
 }
 
+/// What is listed somewhere needn't be a child there.
+tql::origin_t ObjectHandler::tqlOriginBelow(const tqlengine::TqlObjectHandler& above,
+                                            const tql::origin_t& origin_above) {
+    if (id_.value == kRootId || above.tqlId().to_node_id_lenient() != parent_.value)
+        return tqlOrigin();
+    return detail::with_faults_as_failures(
+        [&] { return schema_->tqlOrigin(ObjectView(*this, origin_above)); });
+}
+
 WorkArray ObjectHandler::load_values() const {
     const InheritanceChain chain(store_, id_.value, location_);
     const auto entries = schema_->properties();

@@ -87,6 +87,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     [[nodiscard]] tql::id_t tqlId() const override;
     [[nodiscard]] tql::version_t tqlVersion() const override { return copy_version_; }
     [[nodiscard]] tql::origin_t tqlOrigin() override;
+    [[nodiscard]] tql::origin_t tqlOriginBelow(const tqlengine::TqlObjectHandler& above,
+                                               const tql::origin_t& origin_above) override;
     void tqlChildrenHandlers(tqlengine::HandlerList& out, const tql::pattern_t& pattern) override;
     tqlengine::HandlerRef tqlChild(uint32_t number) override;
     /// The group of the parent under which this object stands, where there is one.

@@ -107,6 +107,7 @@ const platform::Clock& ObjectView::clock() const {
 }
 
 std::optional<tql::origin_t> ObjectView::parent_origin() const {
+    if (parent_origin_ != nullptr) return *parent_origin_;
     const ObjectHandlerRef above = handler_.parent_object();
     if (!above) return std::nullopt;
     return above->tqlOrigin();

@@ -12,6 +12,9 @@ class ObjectView final : public SchemaObject {
     /// `handler` must outlive the view. `user` is the one in whose name the request runs.
     explicit ObjectView(ObjectHandler& handler, const NodeId& user = {})
         : handler_(handler), user_(user) {}
+    /// For who knows the origin of the object's parent.
+    ObjectView(ObjectHandler& handler, const tql::origin_t& parent_origin)
+        : handler_(handler), parent_origin_(&parent_origin) {}
 
     [[nodiscard]] NodeId node_id() const override { return handler_.node_id(); }
     [[nodiscard]] uint32_t schema_class() const override { return handler_.class_number(); }
@@ -39,7 +42,8 @@ class ObjectView final : public SchemaObject {
     [[nodiscard]] ObjectHandlerRef parent(const NodeId& new_parent) const;
 
     ObjectHandler& handler_;
-    NodeId user_;
+    NodeId user_{};
+    const tql::origin_t* parent_origin_ = nullptr;
 };
 
 }  // namespace dbcache

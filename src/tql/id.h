@@ -12,6 +12,7 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <fmt/core.h>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -94,3 +95,12 @@ struct internal_id_t {
 };
 
 }  // namespace tql
+
+/// fmt prints an id by its text form.
+template <>
+struct fmt::formatter<tql::id_t> : fmt::formatter<std::string_view> {
+    template <class Context>
+    auto format(const tql::id_t& id, Context& context) const {
+        return fmt::formatter<std::string_view>::format(id.to_string(), context);
+    }
+};

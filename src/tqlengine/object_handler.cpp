@@ -9,6 +9,11 @@ tql::internal_id_t TqlObjectHandler::tqlInternalId() const {
     return tql::internal_id_t::stored(tqlId());
 }
 
+tql::origin_t TqlObjectHandler::tqlOriginBelow(const TqlObjectHandler& /*above*/,
+                                               const tql::origin_t& /*origin_above*/) {
+    return tqlOrigin();
+}
+
 HandlerRef TqlObjectHandler::tqlChild(uint32_t) {
     return {};
 }

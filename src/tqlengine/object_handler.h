@@ -148,6 +148,10 @@ class TqlObjectHandler {
     /// The key of this object among its siblings in a result; default: kind 2 with tqlId().
     [[nodiscard]] virtual tql::internal_id_t tqlInternalId() const;
     [[nodiscard]] virtual tql::origin_t tqlOrigin() = 0;
+    /// The same for who came here from `above`, an object in whose listing this one stood, and
+    /// knows the origin of that one: spares the way up. Default: tqlOrigin().
+    [[nodiscard]] virtual tql::origin_t tqlOriginBelow(const TqlObjectHandler& above,
+                                                       const tql::origin_t& origin_above);
 
     // ---- the tree -------------------------------------------------------------------------------
 

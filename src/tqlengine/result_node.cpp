@@ -22,6 +22,11 @@ ResultNodePool::~ResultNodePool() {
 }
 
 ResultNodePtr ResultNodePool::make(TqlObjectHandler& handler, bool visible) {
+    return make(handler, handler.tqlOrigin(), visible);
+}
+
+ResultNodePtr ResultNodePool::make(const TqlObjectHandler& handler, const tql::origin_t& origin,
+                                   bool visible) {
     if (free_.empty()) {
         // With room kept in the list, giving a node back never has to allocate.
         free_.reserve(kKeptNodes);
@@ -31,7 +36,7 @@ ResultNodePtr ResultNodePool::make(TqlObjectHandler& handler, bool visible) {
     const auto put_back = [this](void* memory) { free_.push_back(memory); };
     std::unique_ptr<void, decltype(put_back)> memory(free_.back(), put_back);
     free_.pop_back();
-    ResultNodePtr made(::new (memory.get()) ResultNode(*this, handler, visible));
+    ResultNodePtr made(::new (memory.get()) ResultNode(*this, handler, origin, visible));
     (void)memory.release();
     return made;
 }
@@ -84,13 +89,14 @@ void ResultChildren::append_all(ResultChildren&& other) {
     other.settled_ = true;
 }
 
-ResultNode::ResultNode(ResultNodePool& home, TqlObjectHandler& handler, bool is_visible)
+ResultNode::ResultNode(ResultNodePool& home, const TqlObjectHandler& handler,
+                       const tql::origin_t& known_origin, bool is_visible)
     : pool(home),
       class_number(handler.class_number()),
       flags(handler.tqlFlags()),
       id(handler.tqlId()),
       version(handler.tqlVersion()),
-      origin(handler.tqlOrigin()),
+      origin(known_origin),
       visible(is_visible) {}
 
 void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics) {

@@ -33,6 +33,9 @@ class ResultNodePool {
 
     /// A node with class, id, version, flags and origin of `handler`.
     std::unique_ptr<ResultNode, ResultNodeDelete> make(TqlObjectHandler& handler, bool visible);
+    /// The same where the caller knows the origin.
+    std::unique_ptr<ResultNode, ResultNodeDelete> make(const TqlObjectHandler& handler,
+                                                       const tql::origin_t& origin, bool visible);
 
   private:
     friend struct ResultNodeDelete;
@@ -79,7 +82,8 @@ class ResultChildren {
 
 struct ResultNode {
     /// For ResultNodePool::make.
-    ResultNode(ResultNodePool& home, TqlObjectHandler& handler, bool is_visible);
+    ResultNode(ResultNodePool& home, const TqlObjectHandler& handler,
+               const tql::origin_t& known_origin, bool is_visible);
     ResultNode(const ResultNode&) = delete;
     ResultNode& operator=(const ResultNode&) = delete;
 

@@ -7,7 +7,7 @@ namespace tqlengine {
 
 TqlUpdateWatcher::TqlUpdateWatcher(Engine& engine, HandlerRef handler, watch_t mode)
     : engine_(engine), handler_(std::move(handler)), mode_(mode) {
-    error::check(!handler_->watched_, "Object {} watched twice", handler_->tqlId().to_string());
+    error::check(!handler_->watched_, "Object {} watched twice", handler_->tqlId());
     handler_->watched_ = true;
     if (mode_ == watch_t::existing) engine_.notify_pass(*handler_);
 }

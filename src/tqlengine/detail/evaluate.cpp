@@ -24,8 +24,7 @@ ResultNodePtr evaluateWithLeads(TqlObjectHandler& handler, const tql::pattern_t&
     for (const auto& lead : scan.leads()) {
         error::check(lead->root != nullptr, "No root of lead tree");
         const tql::id_t root = lead->root->handler->tqlId();
-        error::check(root == origin, "Wrong root of lead tree, {} should be {}", root.to_string(),
-                     origin.to_string());
+        error::check(root == origin, "Wrong root of lead tree, {} should be {}", root, origin);
         merge(result, walk.follow_lead(handler, *lead), statistics);
     }
     if (!answered && !scan.has_extracted()) {

@@ -38,6 +38,7 @@ void Walk::push(const Call& call) {
     if (depth_ == frames_.size()) frames_.emplace_back();
     Frame& frame = frames_[depth_++];
     frame.call = call;
+    frame.origin.reset();
     go(frame, stage_t::enter);
 }
 
@@ -219,7 +220,24 @@ void Walk::consider() {
 
 void Walk::make_node(Frame& frame) {
     const bool visible = (frame.call.step->flags & tql::kPatternSplice) == 0;
-    frame.node = nodes_.make(*frame.call.handler, visible);
+    frame.node = nodes_.make(*frame.call.handler, origin_of(frame), visible);
+}
+
+// The frames lie on the way down to this one, so that each origin follows from the one above.
+const tql::origin_t& Walk::origin_of(const Frame& frame) {
+    const auto last = static_cast<size_t>(&frame - frames_.data());
+    size_t known = last;
+    while (known > 0 && !frames_[known].origin) --known;
+    if (!frames_[known].origin) frames_[known].origin = frames_[known].call.handler->tqlOrigin();
+    for (; known < last; ++known) {
+        const Frame& above = frames_[known];
+        Frame& below = frames_[known + 1];
+        TqlObjectHandler& handler = *below.call.handler;
+        below.origin = &handler == above.call.handler
+                           ? *above.origin
+                           : handler.tqlOriginBelow(*above.call.handler, *above.origin);
+    }
+    return *frame.origin;
 }
 
 void Walk::finish_node(Frame& frame) {

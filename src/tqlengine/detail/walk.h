@@ -60,8 +60,9 @@ class Walk {
         size_t child = 0;     ///< place in `children` or in the lead node's children
         bool listed = false;  ///< `children` is the listing of the current branch
         HandlerList children;
-        TqlObjectHandler* called = nullptr;  ///< the child whose result is awaited
-        ResultNodePtr node;                  ///< of this object
+        TqlObjectHandler* called = nullptr;   ///< the child whose result is awaited
+        std::optional<tql::origin_t> origin;  ///< of this object, once somebody needs it
+        ResultNodePtr node;                   ///< of this object
         ResultNodePtr collected;  ///< recursive steps: all that was found at and below this object
 
         [[nodiscard]] bool recursive() const {
@@ -88,6 +89,7 @@ class Walk {
                            size_t position);
     void consider();
     static void go(Frame& frame, stage_t stage);
+    const tql::origin_t& origin_of(const Frame& frame);
     void make_node(Frame& frame);
     void finish_node(Frame& frame);
     void take(ResultNodePtr& into, ResultNodePtr result, TqlObjectHandler& child, size_t expected);
