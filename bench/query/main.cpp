@@ -5,11 +5,13 @@
 
 #include "common/report.h"
 #include "log/log.h"
+#include "query/patches.h"
 #include "query/selects.h"
 
 int main(int argc, char** argv) {
     CLI::App app("Measures selects through the whole engine, beside the same questions in SQLite");
     bench::SelectSizes sizes;
+    bench::PatchSizes patch_sizes;
     std::string folder = "/var/tmp";
     bool quick = false;
     app.add_option("--rounds", sizes.rounds, "Rounds, in which the subjects take turns")
@@ -25,6 +27,7 @@ int main(int argc, char** argv) {
         sizes.small_tree = true;
         sizes.rounds = 1;
         sizes.objects = 20'000;
+        patch_sizes = {.small_tree = true, .writes = 500, .patches = 10'000, .watched = 1'000};
     }
 
     bench::Report report({"tarmik", "SQLite"});
@@ -32,6 +35,11 @@ int main(int argc, char** argv) {
                bench::machine_line());
     for (const auto& [subject, figures] : bench::measure_selects(folder, sizes))
         report.add(subject, figures);
-    fmt::print("{}{}\n", report.table(bench::select_rows()), bench::machine_line());
+    std::vector<bench::Row> rows = bench::select_rows();
+    if (sizes.only.empty() || sizes.only == "patches") {
+        report.add("tarmik", bench::measure_patches(folder, patch_sizes));
+        for (const bench::Row& row : bench::patch_rows()) rows.push_back(row);
+    }
+    fmt::print("{}{}\n", report.table(rows), bench::machine_line());
     return 0;
 }

@@ -2,16 +2,15 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <fmt/format.h>
 #include <functional>
 #include <stdexcept>
 
 #include "common/folder.h"
 #include "dbcache/fixed_ids.h"
-#include "protocol/ioprim.h"
+#include "query/answer_wire.h"
+#include "query/processor_time.h"
 #include "query/tree.h"
-#include "query/wire_sink.h"
 #include "queues/event.h"
 #include "queues/records/dbms_tql.h"
 #include "tql/names.h"
@@ -25,16 +24,6 @@ namespace {
 
 constexpr const char* kWanted = "[name, label, infoUrl, active, order, snmpPort]";
 
-/// An event is written to a pair of streams.
-class NoInput final : public io::IStream {
-  public:
-    void name(std::string& out) const override { out += "NoInput"; }
-    [[nodiscard]] bool isReady() const override { return true; }
-    size_t readBegin(const uint8_t*&) override { throw std::logic_error("nothing is read"); }
-    void readCommit(size_t) override {}
-    void closeRead() override {}
-};
-
 /// One question as both subjects get it.
 struct Question {
     dbms::Tql_Select_Data request;
@@ -45,12 +34,6 @@ struct Subject {
     double processor_s = 0;
     std::vector<double> latencies_us;
 };
-
-double processor_seconds() {
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
-}
 
 /// The n-th of a hundred.
 double percentile(const std::vector<double>& sorted, size_t n) {
@@ -169,8 +152,7 @@ class SelectRun {
         const queues::devent<queues::RETURN_TQL_SELECT> answer(
             queues::queue_t::none, 0, process_select(question.request, context, report));
         if (answer.record.status != 0) throw std::runtime_error("a select failed");
-        answer.write_record(wire_);
-        wire_.commit();
+        wire_.write(answer);
     }
 
     template <class Ask>
@@ -236,9 +218,7 @@ class SelectRun {
     QueryTree tree_;
     std::map<std::string, Figures> figures_;
     std::vector<uint8_t> bytes_;
-    WireSink sink_;
-    NoInput no_input_;
-    protocol::ioprim wire_{no_input_, sink_};
+    AnswerWire wire_;
     uint64_t seed_ = 7;
 };
 
