@@ -15,17 +15,9 @@ namespace dbcache {
 
 namespace {
 
-constexpr uint32_t kNoSeries = PropertyTSDBBlockSchema::kNoSeries;
+using tsdb::kNoSeries;
 
 const logging::Logger logger{"dbms_tsdb"};
-
-tsdb::time_series_layout_t measured(tsdb::series_type_t type) {
-    return {type, {{10'080, 60}, {2'880, 900}, {2'880, 1'800}, {8'640, 3'600}, {8'640, 10'800}}};
-}
-
-tsdb::time_series_layout_t incidents(uint32_t records) {
-    return {tsdb::incident, {{records, 1}}};
-}
 
 bool holds_series(const NodetypeSchema& schema) {
     const auto entries = schema.properties();
@@ -43,27 +35,6 @@ uint32_t make_series(Store& store, const tsdb::time_series_layout_t& layout) {
 }
 
 }  // namespace
-
-const tsdb::time_series_layout_t& continuous_layout() {
-    static const tsdb::time_series_layout_t layout = measured(tsdb::continuous);
-    return layout;
-}
-const tsdb::time_series_layout_t& enumerated_layout() {
-    static const tsdb::time_series_layout_t layout = measured(tsdb::enumerated);
-    return layout;
-}
-const tsdb::time_series_layout_t& uptime_layout() {
-    static const tsdb::time_series_layout_t layout = measured(tsdb::uptime);
-    return layout;
-}
-const tsdb::time_series_layout_t& small_incident_layout() {
-    static const tsdb::time_series_layout_t layout = incidents(102'400);
-    return layout;
-}
-const tsdb::time_series_layout_t& large_incident_layout() {
-    static const tsdb::time_series_layout_t layout = incidents(1'048'576);
-    return layout;
-}
 
 void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& schema,
                  uint32_t property, const tsdb::time_series_layout_t* layout, WorkArray& work) {

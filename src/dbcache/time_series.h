@@ -1,12 +1,12 @@
-// What objects have to do with time series: the layouts by which their series are made, the making
-// and dropping of a series while an object is written, and what a request for data needs to know of
-// an object. The data itself is in another process, which knows a series by its index alone.
+// What objects have to do with time series: the making and dropping of a series while an object is
+// written, and what a request for data needs to know of an object. The data itself is in another
+// process, which knows a series by its index alone.
 #pragma once
 
 #include <cstdint>
 
 #include "dbcache/work.h"
-#include "queues/records/tsdb_records.h"
+#include "queues/series_kinds.h"
 
 namespace dbcache {
 
@@ -15,22 +15,17 @@ class ObjectHandler;
 class PropertyChain;
 class Store;
 
-/// What the points of a series mean to those who read them; it travels with each request.
-enum series_data_t : uint32_t {
-    kUptimeData = 2,
-    kEnumeratedData = 3,
-    kIncidentData = 4,
-    kContinuousData = 5,
-};
+using tsdb::continuous_layout;
+using tsdb::enumerated_layout;
+using tsdb::large_incident_layout;
+using tsdb::small_incident_layout;
+using tsdb::uptime_layout;
 
-/// The five layouts there are. Those of measured values keep 7 days by the minute, 30 days by the
-/// quarter of an hour, 60 by half an hour, 360 by the hour and 1080 by three hours; those of
-/// incidents the last 102,400 and 1,048,576.
-[[nodiscard]] const tsdb::time_series_layout_t& continuous_layout();
-[[nodiscard]] const tsdb::time_series_layout_t& enumerated_layout();
-[[nodiscard]] const tsdb::time_series_layout_t& uptime_layout();
-[[nodiscard]] const tsdb::time_series_layout_t& small_incident_layout();
-[[nodiscard]] const tsdb::time_series_layout_t& large_incident_layout();
+using series_data_t = tsdb::data_type_t;
+using tsdb::kContinuousData;
+using tsdb::kEnumeratedData;
+using tsdb::kIncidentData;
+using tsdb::kUptimeData;
 
 /// Called allocateIf in the text of its assertion. For afterUpdate hooks: brings the series in
 /// `property` of the object whose values are `work` in line with whether it should have one. The

@@ -95,18 +95,6 @@ std::optional<uint32_t> create_incident_series(queues::childqueue& queue) {
     return std::nullopt;
 }
 
-/// For an object that is being written. Without a time series store the server can't go on: the
-/// main process starts both anew. An end of the whole family is no such case.
-uint32_t create_time_series(queues::childqueue& queue, const io::ChildMessenger& messenger,
-                            const tsdb::time_series_layout_t& layout) {
-    try {
-        return queues::create_time_series(&queue, layout);
-    } catch (const io::EEndOfStream& gone) {
-        if (messenger.shutdownInitiated()) throw;
-        throw error::EFatal(fmt::format("No time series store: {}", gone.text()));
-    }
-}
-
 tqlengine::MetaTree make_meta_tree(const control::Server_Configuration_Fields& config) {
     return {tqlengine::read_layout_file(config.layout_conf_path), config.report_generator};
 }
@@ -184,7 +172,7 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
         .drop_backend_block = [&](uint32_t block) { queues::delete_time_series(&queue, block); },
         .create_backend_block =
             [&](const tsdb::time_series_layout_t& layout) {
-                return create_time_series(queue, messenger, layout);
+                return queues::create_time_series(&queue, layout);
             }};
     indexes.init_required_indexes();
     dbcache::Sequence sequence =

@@ -68,6 +68,7 @@ RunningFamily::RunningFamily(uint64_t journal_bytes, const std::string& more_con
         R"([server]
 dbms_odb_file_path = "{0}/world.odb"
 dbms_odbj_file_path = "{0}/world.odbj"
+dbms_tsdb_file_path = "{0}/world.tsdb"
 dbms_buffer_blocks = 500
 dbms_cache_size = 200
 dbms_cache_kin = 50
@@ -102,9 +103,10 @@ RunningFamily::~RunningFamily() {
     if (stopped_) return;
     const pid_t server = child_pid("dbms");
     const pid_t gateway = child_pid("wapi");
+    const pid_t series = child_pid("tsdb");
     ::kill(main_.pid, SIGKILL);
     (void)platform::wait_for_end(main_);
-    for (const pid_t child : {server, gateway})
+    for (const pid_t child : {server, gateway, series})
         if (child > 0) ::kill(child, SIGKILL);
 }
 

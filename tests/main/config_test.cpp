@@ -83,7 +83,7 @@ TEST(Config, WhatIsNoSettingIsRefusedWithItsPlace) {
         {"[server]\nmtu = 4294967296\n", ":2: server.mtu must be a whole number"},
         {"[server]\nwapi_port = 65536\n",
          ":2: server.wapi_port must be a whole number from 1 to 65535"},
-        {"[server]\nsmem_size = 1000\n", "server.smem_size must be at least 37752832"},
+        {"[server]\nsmem_size = 1000\n", "server.smem_size must be at least 41947136"},
         {"[server]\npassive = 1\n", ":2: server.passive must be true or false"},
         {"[server]\nhost_name = 1\n", ":2: server.host_name must be a text"},
         {"[server]\nsnmp_timeout_max = -1\n",

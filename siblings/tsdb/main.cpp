@@ -1,0 +1,15 @@
+// The process that keeps the time series. Takes no arguments: the main process hands it the pool by
+// its environment.
+#include <cstdio>
+
+#include "error/exception.h"
+#include "tsdb/service.h"
+
+int main() {
+    try {
+        return tsdb::run_process();
+    } catch (const error::Exception& failure) {
+        std::fprintf(stderr, "Caught: %s\n", failure.what());
+        return 1;
+    }
+}
