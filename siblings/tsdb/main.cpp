@@ -3,9 +3,11 @@
 #include <cstdio>
 
 #include "error/exception.h"
+#include "platform/crash_dump.h"
 #include "tsdb/service.h"
 
 int main() {
+    platform::install_crash_dump();
     try {
         return tsdb::run_process();
     } catch (const error::Exception& failure) {
