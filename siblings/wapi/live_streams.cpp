@@ -222,9 +222,9 @@ void LiveStreams::take_result(Stream& stream, const dbms::Return_Tql_Select_Data
     stream.owes_acknowledge = !stream.has_patches();
     if (result.status != 0) return take_failure(stream, refusal(result.status, result.details));
     const std::string data = result_data(result, stream.select->plan);
+    clear(stream);  // a result says all that earlier events could
     ensure_open(stream);
     stream.away = false;
-    clear(stream);  // a result says all that earlier events could
     emit(stream, "result", data);
 }
 

@@ -93,7 +93,7 @@ Screen::Size Screen::size() const {
 void Screen::draw(const std::vector<std::string>& lines, const std::string& status) {
     const size_t rows = size().rows;
     std::string text = "\x1b[H";
-    for (const std::string& line : lines) text += line + "\x1b[K\r\n";
+    for (const std::string& line : lines) text += line + "\x1b[K\n";
     text += "\x1b[J";
     text += "\x1b[" + std::to_string(rows) + ";1H\x1b[7m" + status + "\x1b[0m\x1b[K";
     put(text);
