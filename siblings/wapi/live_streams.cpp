@@ -124,7 +124,8 @@ bool LiveStreams::ask(Stream& stream) {
         // No answer comes but the first notice.
         stream.state = Stream::state_t::live;
         ensure_open(stream);
-        if (std::exchange(stream.away, false)) emit(stream, "back", "{}");
+        stream.away = false;
+        emit(stream, "ready", "{}");
         return true;
     }
     const bool check = stream.select->named_roots && !stream.roots_checked;

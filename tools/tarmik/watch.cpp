@@ -167,7 +167,7 @@ class OperationLines final : public LineFollower {
     OperationLines(const Output& output, bool json) : LineFollower(output), json_(json) {}
 
     void take(const std::string& name, const ordered_json& data) override {
-        if (name == "back") return;
+        if (name == "ready") return;
         if (json_) return output_.print(json_line(data));
         if (!data.is_object()) throw MirrorError("The gateway sent what is no operation");
         if (name == "missed")
