@@ -229,10 +229,6 @@ void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::patt
         }
         if (entry.applies_to(subtype_)) entry.schema->encode(chain, id_.value, out);
     }
-    if (pattern.wants(prop::hasInherits) &&
-        schema_->lookupProperty(prop::inherits, subtype_).has_value())
-        tql::add<tql::property_boolean_t>(out, prop::hasInherits, !chain.inherits().is_null(),
-                                          kComputed);
     if (pattern.wants(prop::anyOverridden))
         tql::add<tql::property_boolean_t>(out, prop::anyOverridden, any_overridden(chain),
                                           kComputed);

@@ -3,9 +3,9 @@
 // whole subtrees.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -20,6 +20,14 @@ namespace tqlengine::detail {
 /// taken over. Means nothing to handlers.
 inline constexpr uint32_t kHadSuccessors = 0x40000000;
 
+struct IdHash {
+    size_t operator()(const tql::id_t& id) const noexcept {
+        uint64_t hash = id.size();
+        for (const uint32_t word : id) hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
+        return static_cast<size_t>(hash ^ hash >> 32);
+    }
+};
+
 struct LeadNode {
     HandlerRef handler;
     bool match_end = false;  ///< this object itself is a hit
@@ -27,7 +35,8 @@ struct LeadNode {
 };
 
 struct Lead {
-    std::map<tql::id_t, LeadNode> nodes;
+    /// Nodes stay where they are while others come and go.
+    std::unordered_map<tql::id_t, LeadNode, IdHash> nodes;
     LeadNode* root = nullptr;
     /// The step that the index answered, without the successors that other leads have taken over.
     tql::pattern_t path;
