@@ -138,7 +138,8 @@ std::string encode(const Reading& reading, uint32_t type, int64_t slot) {
 
 Reading decode(std::string_view bytes, uint32_t type, int64_t slot) {
     if (bytes.size() != (type == enumerated ? kEnumBytes : kMeasuredBytes))
-        throw EDamaged(fmt::format("A record of {} bytes in a series of type {}", bytes.size(), type));
+        throw EDamaged(
+            fmt::format("A record of {} bytes in a series of type {}", bytes.size(), type));
     Reading reading;
     reading.start = slot + util::load_le32(bytes.data());
     reading.end = reading.start + util::load_le32(bytes.data() + 4);

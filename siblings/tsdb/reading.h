@@ -29,8 +29,8 @@ struct Reading {
 [[nodiscard]] Reading to_reading(const data_interval_t& interval, uint32_t type);
 [[nodiscard]] data_entry_t to_entry(const Reading& reading, uint32_t type);
 
-/// Adds `other` to `sum`: the time that both span, least and greatest value, the average weighted by
-/// the good samples, the sum of both counts, up to the greatest number there is, and all bits of
+/// Adds `other` to `sum`: the time that both span, least and greatest value, the average weighted
+/// by the good samples, the sum of both counts, up to the greatest number there is, and all bits of
 /// both masks. A side without good samples has no part in the values, unless neither has any: then
 /// the later one's average stands.
 void consolidate(Reading& sum, const Reading& other);

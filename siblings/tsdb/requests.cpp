@@ -135,8 +135,7 @@ void Requests::handle_put(const queues::event& received) {
             return stored(index);
         }
         default:
-            throw EBadRequest(
-                fmt::format("{} is no operation of PUT_DATA", wanted.operation));
+            throw EBadRequest(fmt::format("{} is no operation of PUT_DATA", wanted.operation));
     }
 }
 
@@ -165,8 +164,8 @@ void Requests::answer_after_commit(const queues::event& asked,
 /// didn't suit.
 void Requests::refuse(const queues::event& asked, const std::string& text) {
     if (!queues::wants_reply(asked.uid)) {
-        logger.warning("{} from {}: {}", queues::event_name(&asked),
-                       queues::queue_name(asked.peer), text);
+        logger.warning("{} from {}: {}", queues::event_name(&asked), queues::queue_name(asked.peer),
+                       text);
         return;
     }
     auto refusal = std::make_unique<queues::exevent>(asked.peer, asked.uid, text);

@@ -1,9 +1,9 @@
 // Requests: from an event to the series store and back. Answers to what changes something are kept
 // until it is durable; all others go out at once.
 //
-// A storage that can't be opened doesn't end the process: every request is answered with the reason,
-// and the storage is tried again every few seconds. Nothing that is wrong with a request or the
-// storage is thrown.
+// A storage that can't be opened doesn't end the process: every request is answered with the
+// reason, and the storage is tried again every few seconds. Nothing that is wrong with a request or
+// the storage is thrown.
 #pragma once
 
 #include <functional>

@@ -1,7 +1,8 @@
 // A series as bytes, for the recovery of one store from another. All numbers little-endian:
 //
 //   0 magic u32 | 4 type u32 | 8 levels n u32 | 12 n times records u32, span u32
-//   then each record: level u32 | time i64 | number u32 | length u32 | the stored form of the record
+//   then each record: level u32 | time i64 | number u32 | length u32 | the stored form of the
+//   record
 #include <fmt/format.h>
 #include <map>
 #include <set>
@@ -84,8 +85,7 @@ std::vector<Record> records_of(std::string_view extract, const time_series_layou
                                           record.key.time, record.level));
         try {
             if (layout.type == incident)
-                static_cast<void>(
-                    encode_incident(decode_incident(record.bytes, record.key.time)));
+                static_cast<void>(encode_incident(decode_incident(record.bytes, record.key.time)));
             else
                 static_cast<void>(decode(record.bytes, layout.type, record.key.time));
         } catch (const EDamaged& failure) {
@@ -125,14 +125,14 @@ std::string SeriesStore::extract(uint32_t index) {
     const Known& series = known(index);
     std::string out = head_of(series.layout);
     for (uint32_t level = 0; level < series.levels.size(); ++level)
-        storage_.walk(index, level, kFirstKey, kLastKey, false,
-                      [&](RecordKey key, std::string_view bytes) {
-                          append(out, level, key, bytes);
-                          if (out.size() > kMostBytes)
-                              throw EBadRequest(fmt::format(
-                                  "Time series {} is larger than {} bytes", index, kMostBytes));
-                          return true;
-                      });
+        storage_.walk(
+            index, level, kFirstKey, kLastKey, false, [&](RecordKey key, std::string_view bytes) {
+                append(out, level, key, bytes);
+                if (out.size() > kMostBytes)
+                    throw EBadRequest(
+                        fmt::format("Time series {} is larger than {} bytes", index, kMostBytes));
+                return true;
+            });
     return out;
 }
 

@@ -33,8 +33,8 @@ void check_layout(const time_series_layout_t& layout) {
     uint32_t finer_s = 0;
     for (const level_t& level : layout.levels) {
         if (level.records == 0 || level.records > kMostLevelRecords || level.span_s <= finer_s)
-            throw EBadRequest(fmt::format("A level of {} records of {} s can't be", level.records,
-                                          level.span_s));
+            throw EBadRequest(
+                fmt::format("A level of {} records of {} s can't be", level.records, level.span_s));
         finer_s = level.span_s;
     }
 }
@@ -221,10 +221,11 @@ bool SeriesStore::reaches_back_to(uint32_t index, const Known& series, uint32_t 
                                   int64_t time) {
     if (series.counts[level] < series.levels[level].records) return true;
     bool reaches = false;
-    storage_.walk(index, level, kFirstKey, kLastKey, false, [&](RecordKey oldest, std::string_view) {
-        reaches = oldest.time <= time;
-        return false;
-    });
+    storage_.walk(index, level, kFirstKey, kLastKey, false,
+                  [&](RecordKey oldest, std::string_view) {
+                      reaches = oldest.time <= time;
+                      return false;
+                  });
     return reaches;
 }
 
@@ -291,10 +292,9 @@ void SeriesStore::truncate(uint32_t index, int64_t time) {
         std::vector<RecordKey> old;
         storage_.walk(index, level, kFirstKey, {time, 0}, false,
                       [&](RecordKey key, std::string_view bytes) {
-                          const int64_t end =
-                              series.is_incident()
-                                  ? key.time
-                                  : decode(bytes, series.layout.type, key.time).end;
+                          const int64_t end = series.is_incident()
+                                                  ? key.time
+                                                  : decode(bytes, series.layout.type, key.time).end;
                           if (end < time) old.push_back(key);
                           return true;
                       });

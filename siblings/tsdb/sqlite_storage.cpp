@@ -124,8 +124,8 @@ class SqliteStorage::Run {
 
 SqliteStorage::SqliteStorage(const std::string& path, uint32_t first_index) : path_(path) {
     sqlite3* opened = nullptr;
-    const int result = sqlite3_open_v2(path.c_str(), &opened,
-                                       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    const int result =
+        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     database_.reset(opened);
     if (result != SQLITE_OK) fail("open");
     sqlite3_extended_result_codes(opened, 1);
@@ -168,10 +168,11 @@ void SqliteStorage::make_tables(uint32_t first_index) {
                                    path_, format, kFormat));
     execute("BEGIN IMMEDIATE", "open");
     execute(kTables, "make");
-    execute(fmt::format("INSERT INTO sqlite_sequence VALUES('series', {}); PRAGMA user_version = {};",
-                        first_index, kFormat)
-                .c_str(),
-            "make");
+    execute(
+        fmt::format("INSERT INTO sqlite_sequence VALUES('series', {}); PRAGMA user_version = {};",
+                    first_index, kFormat)
+            .c_str(),
+        "make");
     execute("COMMIT", "make");
 }
 
@@ -204,7 +205,8 @@ void SqliteStorage::prepare_all() {
         " AND (time, number) >= (?, ?) AND (time, number) <= (?, ?) ORDER BY time, number");
     walk_backward_ = prepare(
         "SELECT time, number, bytes FROM records WHERE series = ? AND level = ?"
-        " AND (time, number) >= (?, ?) AND (time, number) <= (?, ?) ORDER BY time DESC, number DESC");
+        " AND (time, number) >= (?, ?) AND (time, number) <= (?, ?) ORDER BY time DESC, number "
+        "DESC");
     // The coarsest level reaches back furthest; it is the last one, and a seek for each series.
     oldest_time_ = prepare(
         "SELECT min((SELECT min(time) FROM records WHERE series = id AND level ="

@@ -61,9 +61,9 @@ class SqliteStorage : public Storage {
 
     std::string path_;
     std::unique_ptr<sqlite3, Closer> database_;
-    Statement begin_, commit_, begin_step_, end_step_, add_series_, find_series_, set_counts_, remove_series_, note_removed_,
-        first_removed_, purge_records_, forget_removed_, find_, put_, erase_oldest_, erase_,
-        walk_forward_, walk_backward_, oldest_time_;
+    Statement begin_, commit_, begin_step_, end_step_, add_series_, find_series_, set_counts_,
+        remove_series_, note_removed_, first_removed_, purge_records_, forget_removed_, find_, put_,
+        erase_oldest_, erase_, walk_forward_, walk_backward_, oldest_time_;
 };
 
 }  // namespace tsdb

@@ -2,6 +2,7 @@
 
 #include "dbms/query_handlers.h"
 #include "dbms/subscription_handlers.h"
+#include "dbms/tsdb_handlers.h"
 
 namespace dbms {
 
@@ -18,6 +19,14 @@ EventTable make_event_table() {
     table[queues::TQL_SIMPLE_SUBSCRIBE] = {ev_tql_simple_subscribe, nullptr, 0};
     table[queues::TQL_ACKNOWLEDGE] = {ev_tql_acknowledge, nullptr, 0};
     table[queues::TQL_FORGET] = {ev_tql_forget, nullptr, kAnswered};
+    table[queues::TSDB_GET_DATA] = {ev_tsdb_get_data, nullptr, kAnswered};
+    table[queues::TSDB_PUT_DATA] = {ev_tsdb_put_data, nullptr, kAnswered};
+    table[queues::TSDB_MERGE_DATA] = {ev_tsdb_merge_data, nullptr, kAnswered};
+    table[queues::TSDB_GET_LATEST_DATA_RECORD] = {ev_tsdb_get_latest_data_record, nullptr,
+                                                  kAnswered};
+    table[queues::TSDB_APPEND_DATA_RECORD] = {ev_tsdb_append_data_record, nullptr, kAnswered};
+    table[queues::TSDB_APPEND_DATA] = {ev_tsdb_append_data, nullptr, kAnswered};
+    table[queues::TSDB_TRUNCATE_OLD_DATA] = {ev_tsdb_truncate_old_data, nullptr, kAnswered};
     return table;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "dbms/subscribers.h"
+#include "dbms/tsdb_callbacks.h"
 #include "error/exception.h"
 #include "io/exception.h"
 #include "log/log.h"
@@ -88,11 +89,14 @@ void MainLoop::take_event() {
     const std::unique_ptr<queues::event> received = services_.queue.read();
     if (received == nullptr) {
         services_.subscribers.drop_lost();
+        if (services_.queue.lost_peers().test(queues::queue_t::tsdb))
+            services_.tsdb_callbacks.fail_all("The time series store ended");
         stop_ = services_.queue.lost_peers().test(queues::queue_t::main);
         return;
     }
     if (received->number() == queues::SYS_EXIT) return begin_shutdown();
     if (introspection_.consumed(*received)) return;
+    if (services_.tsdb_callbacks.take(*received)) return;
     dispatcher_.dispatch(*received);
     for_subscribers([&](Subscribers& subscribers) {
         subscribers.tqlPeriodicUpdate(received->peer, queues::event_name(received.get()));

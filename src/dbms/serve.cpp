@@ -15,6 +15,7 @@
 #include "dbms/event_meters.h"
 #include "dbms/main_loop.h"
 #include "dbms/subscribers.h"
+#include "dbms/tsdb_callbacks.h"
 #include "error/exception.h"
 #include "io/exception.h"
 #include "io/sibling_messenger.h"
@@ -202,7 +203,9 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     announce(queue);
     EventMeters meters;
     Subscribers subscribers({clock, queue, engine, meters, trace});
-    Services services{clock, queue, config, engine, store, versions, log_mask, meters, subscribers};
+    TsdbCallbacks tsdb_callbacks;
+    Services services{clock,    queue,    config, engine,      store,
+                      versions, log_mask, meters, subscribers, tsdb_callbacks};
     Dispatcher dispatcher(services, make_event_table(), trace, [&] {
         return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
     });

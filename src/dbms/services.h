@@ -18,6 +18,7 @@ namespace dbms {
 
 class EventMeters;
 class Subscribers;
+class TsdbCallbacks;
 
 /// The long-lived parts of the server; all outlive the handling of any event.
 struct Services {
@@ -31,6 +32,7 @@ struct Services {
     const logging::ChannelMask& log_mask;
     EventMeters& meters;
     Subscribers& subscribers;
+    TsdbCallbacks& tsdb_callbacks;
 };
 
 /// One event being handled.

@@ -6,6 +6,7 @@
 
 #include "dbms/services.h"
 #include "dbms/subscribers.h"
+#include "dbms/tsdb_callbacks.h"
 #include "io/exception.h"
 #include "io/parent_messenger.h"
 #include "io/selector.h"
@@ -57,8 +58,9 @@ struct TestFamily {
     dbms::EventTrace trace{dir.file("trace")};
     dbms::EventMeters meters;
     dbms::Subscribers subscribers{{store.clock, queue, *store.engine, meters, trace}};
+    dbms::TsdbCallbacks tsdb_callbacks;
     dbms::Services services{store.clock,     queue,    config, *store.engine, *store.store,
-                            *store.versions, log_mask, meters, subscribers};
+                            *store.versions, log_mask, meters, subscribers,   tsdb_callbacks};
 };
 
 }  // namespace dbms_test

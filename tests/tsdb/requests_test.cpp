@@ -54,9 +54,7 @@ class RequestsTest : public testing::Test {
         ask<PUT_DATA>(uid, std::move(wanted));
     }
     /// What was answered since the last call: "UID NAME" or "UID text", with the index of a series.
-    std::string answers() {
-        return std::exchange(sent, {});
-    }
+    std::string answers() { return std::exchange(sent, {}); }
     void note(const event& answer) {
         sent += sent.empty() ? "" : ", ";
         if (answer.number() == MESSAGE_EXCEPTION)
@@ -130,7 +128,8 @@ TEST_F(RequestsTest, WhatCantBeIsAnsweredWithTheReason) {
               "3 1 is no operation of PUT_DATA, 4 77 is no type of data, "
               "6 There is no time series 4711, 5 put 101, 5 An incident at -5 can't be, "
               "7 RETURN_DELETE_TIMESERIES");
-    EXPECT_NE(log.find("PUT_DATA from dbms: There is no time series 4711"), std::string::npos) << log;
+    EXPECT_NE(log.find("PUT_DATA from dbms: There is no time series 4711"), std::string::npos)
+        << log;
     devent<SOCKETIO_TIDY_CACHES> foreign(kAsker, 8);
     EXPECT_FALSE(requests->take(foreign));
 }

@@ -1,8 +1,8 @@
 // Series held against a slow model of what their levels must hold, and what survives a kill.
 #include "tsdb/series_store.h"
 
-#include <csignal>
 #include <cmath>
+#include <csignal>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <map>
@@ -163,7 +163,9 @@ TEST_P(SeriesModelTest, LevelsHoldWhatWasPut) {
     for (uint64_t seed = 1; seed <= 6; ++seed) {
         SCOPED_TRACE(fmt::format("seed {}", seed));
         support::Rng random(seed);
-        const auto below = [&](uint64_t bound) { return static_cast<uint32_t>(random.below(bound)); };
+        const auto below = [&](uint64_t bound) {
+            return static_cast<uint32_t>(random.below(bound));
+        };
         const uint32_t index = store->create(layout);
         store->commit();
         Model model(layout), committed(layout);
@@ -171,8 +173,7 @@ TEST_P(SeriesModelTest, LevelsHoldWhatWasPut) {
             SeriesStore::Data batch;
             std::vector<Reading> readings;
             for (uint32_t left = 1 + below(3); left > 0; --left) {
-                const int64_t start =
-                    1'000'000 + round * 40 - (below(4) == 0 ? below(20'000) : 0);
+                const int64_t start = 1'000'000 + round * 40 - (below(4) == 0 ? below(20'000) : 0);
                 const int64_t end = start + (below(20) == 0 ? below(9000) : below(60));
                 const auto value = static_cast<float>(below(2000)) / 8;
                 if (type == enumerated)
@@ -289,7 +290,8 @@ TEST_F(SeriesStoreTest, MergesAndExtractsTwiceAreAsGoodAsOnce) {
     const auto late = data({measured(130, 131, 1, 1, 1, 9), measured(180, 239, 4, 4, 4, 1)});
     store->merge(one, late);
     store->merge(one, late);
-    EXPECT_EQ(all(one, 60), "0-59 1/2/3 1+0; 60-119 5/6/7 1+0; 120-179 8/8/8 1+0; 180-239 4/4/4 1+0");
+    EXPECT_EQ(all(one, 60),
+              "0-59 1/2/3 1+0; 60-119 5/6/7 1+0; 120-179 8/8/8 1+0; 180-239 4/4/4 1+0");
 
     const std::string whole = store->extract(one);
     for (const size_t length : {size_t{0}, size_t{11}, size_t{30}, whole.size() - 1})
@@ -374,7 +376,8 @@ TEST_F(SeriesStoreTest, AKillLosesNothingThatWasCommittedAndDamagesNothing) {
             ASSERT_EQ(read(ends[0], &committed, sizeof committed), int{sizeof committed});
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
-        while (read(ends[0], &committed, sizeof committed) == int{sizeof committed}) {}
+        while (read(ends[0], &committed, sizeof committed) == int{sizeof committed}) {
+        }
         close(ends[0]);
         reopen();
         // Each second has one sample more for each child that came so far.
