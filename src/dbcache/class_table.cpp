@@ -1,5 +1,6 @@
 #include "dbcache/class_table.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
@@ -20,17 +21,15 @@ std::optional<std::string> OrderSiblingEncoder::siblingName(const PropertyChain&
 template <class Base>
 TableSchema<Base>::TableSchema(const ClassTable& table)
     : Base(table.nodetype, table.tql_class, table.origin_type), table_(table) {
-    for (PropertyRow row : table.properties) {
-        const uint32_t end =
-            row.number + (row.kind == kind_t::state_action ? prop::kStateActionCount : 1);
-        for (; row.number < end; ++row.number) {
-            const std::shared_ptr<PropertySchema> schema = make_property(row);
-            if (row.subtypes.empty())
-                this->addPropertySchema(schema, kAllSubtypes, row.determines_subtype);
-            for (const uint32_t subtype : row.subtypes)
-                this->addPropertySchema(schema, subtype, row.determines_subtype);
+    for (const PropertyRow& row : table.properties) add_rows(row);
+    for (const SharedRows& shared : table.shared)
+        for (PropertyRow row : shared.rows) {
+            const bool own = std::any_of(table.properties.begin(), table.properties.end(),
+                                         [&](const auto& one) { return one.number == row.number; });
+            if (own) continue;
+            if (!shared.subtypes.empty()) row.subtypes = shared.subtypes;
+            add_rows(row);
         }
-    }
     for (const ChildRow& child : table.children)
         this->addChildClass(child.tql_class, child.nodetype);
     for (const GroupRow& group : table.groups) {
@@ -46,6 +45,20 @@ TableSchema<Base>::TableSchema(const ClassTable& table)
         };
         this->addRestriction(rule.greater, rule.lesser, rule.subtype, holds,
                              std::string(rule.message));
+    }
+}
+
+/// One property of each of the row's subtypes; of the states of a check one for each.
+template <class Base>
+void TableSchema<Base>::add_rows(PropertyRow row) {
+    const uint32_t end =
+        row.number + (row.kind == kind_t::state_action ? prop::kStateActionCount : 1);
+    for (; row.number < end; ++row.number) {
+        const std::shared_ptr<PropertySchema> schema = make_property(row);
+        if (row.subtypes.empty())
+            this->addPropertySchema(schema, kAllSubtypes, row.determines_subtype);
+        for (const uint32_t subtype : row.subtypes)
+            this->addPropertySchema(schema, subtype, row.determines_subtype);
     }
 }
 

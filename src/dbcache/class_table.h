@@ -114,6 +114,13 @@ struct PropertyRow {
     bool unique_among_siblings = false;
 };
 
+/// Rows that several classes have in common.
+struct SharedRows {
+    std::span<const PropertyRow> rows{};
+    /// Where it isn't empty: the subtypes that have the rows here.
+    std::span<const uint32_t> subtypes{};
+};
+
 struct ChildRow {
     uint32_t tql_class = 0;
     uint32_t nodetype = 0;
@@ -142,6 +149,8 @@ struct ClassTable {
     uint32_t tql_class = 0;
     uint32_t origin_type = kParentsOrigin;
     std::span<const PropertyRow> properties{};
+    /// A property that has rows above as well is the class's own and left out here.
+    std::span<const SharedRows> shared{};
     std::span<const ChildRow> children{};
     std::span<const GroupRow> groups{};
     std::span<const GreaterRow> greater{};
@@ -167,6 +176,8 @@ class TableSchema : public Base {
     [[nodiscard]] const ClassTable& table() const noexcept { return table_; }
 
   private:
+    void add_rows(PropertyRow row);
+
     const ClassTable table_;
 };
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "dbcache/detail/child_walk.h"
 #include "dbcache/object_handler.h"
 #include "log/log.h"
 #include "mdb/errors.h"
@@ -122,6 +123,22 @@ void InheritanceChain::override_parent(const NodeId& parent) {
     override_ = parent;
     parent_.reset();
     parent_failure_.reset();
+}
+
+bool InheritanceChain::visit_object(const NodeId& id, const Visit& visit) const {
+    const ObjectHandlerRef object = store_.resolver().find_object(id);
+    if (!object) return false;
+    visit(InheritanceChain(store_, id, object->location()));
+    return true;
+}
+
+void InheritanceChain::visit_children(const NodeId& parent, uint32_t child_class,
+                                      const Visit& visit) const {
+    detail::walk_children(store_, parent, mdb::parent_id_index, [&](const ObjectHandlerRef& one) {
+        if (one->class_number() == child_class)
+            visit(InheritanceChain(store_, one->node_id(), one->location()));
+        return true;
+    });
 }
 
 std::vector<uint8_t> InheritanceChain::read_lob(uint32_t block) const {

@@ -82,6 +82,9 @@ class InheritanceChain final : public PropertyChain {
     [[nodiscard]] NodeId inherits() const override;
     /// Opens the object a second time where there is an override.
     [[nodiscard]] const PropertyChain& stored() const override;
+    bool visit_object(const NodeId& id, const Visit& visit) const override;
+    void visit_children(const NodeId& parent, uint32_t child_class,
+                        const Visit& visit) const override;
     /// Reads the file, whatever the cache holds.
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override;
 

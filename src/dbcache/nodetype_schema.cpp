@@ -216,15 +216,15 @@ void NodetypeSchema::validate(const SchemaObject& object, const PropertyChain& /
     const bool has_parent = parent != SchemaObject::kNoParent;
     if (has_parent && is_singleton_under(parent)) check_primary_key(object, work, {}, new_parent);
 
-    const uint32_t subtype = subtypeFromWork(work);
+    const uint32_t own_subtype = subtype(object, work);
     std::vector<size_t> keys;
     for (size_t i = 0; i < properties_.size(); ++i)
-        if (properties_[i].schema->has(kPrimaryKey) && properties_[i].applies_to(subtype))
+        if (properties_[i].schema->has(kPrimaryKey) && properties_[i].applies_to(own_subtype))
             keys.push_back(i);
     const auto is_null = [&](size_t i) { return work[i].is_null(); };
     if (keys.empty() || std::any_of(keys.begin(), keys.end(), is_null) || !has_parent) return;
     check_primary_key(object, work, keys, new_parent);
-    check_restrictions(object, work, subtype);
+    check_restrictions(object, work, own_subtype);
 }
 
 void NodetypeSchema::check_primary_key(const SchemaObject& object, const WorkArray& work,
@@ -238,11 +238,11 @@ void NodetypeSchema::check_primary_key(const SchemaObject& object, const WorkArr
 }
 
 void NodetypeSchema::check_restrictions(const SchemaObject& object, const WorkArray& work,
-                                        uint32_t subtype) const {
+                                        uint32_t own_subtype) const {
     for (const Restriction& rule : restrictions_) {
-        if (rule.subtype != kAllSubtypes && rule.subtype != subtype) continue;
-        const std::optional<size_t> first = lookupProperty(rule.property_1, subtype);
-        const std::optional<size_t> second = lookupProperty(rule.property_2, subtype);
+        if (rule.subtype != kAllSubtypes && rule.subtype != own_subtype) continue;
+        const std::optional<size_t> first = lookupProperty(rule.property_1, own_subtype);
+        const std::optional<size_t> second = lookupProperty(rule.property_2, own_subtype);
         const auto shown = [](const std::optional<size_t>& index) {
             return index ? static_cast<int64_t>(*index) : -1;
         };
@@ -290,7 +290,7 @@ void NodetypeSchema::listTemplates(const SchemaObject& /*parent*/,
 void NodetypeSchema::listChildTemplates(const TemplateValues& /*parent*/,
                                         std::vector<TemplateValues>& /*out*/) const {}
 
-void NodetypeSchema::afterUpdate(ObjectHandler& /*handler*/, const tql::version_t& /*new_version*/,
+void NodetypeSchema::afterUpdate(ObjectHandler& /*handler*/, tqlengine::RequestContext& /*context*/,
                                  WorkArray& /*work*/) const {}
 
 void NodetypeSchema::afterStore(ObjectHandler& /*handler*/) const {}
@@ -318,6 +318,10 @@ uint32_t NodetypeSchema::subtypeFromChain(const PropertyChain& /*chain*/) const 
 
 uint32_t NodetypeSchema::subtypeFromWork(const WorkArray& /*work*/) const {
     return 0;
+}
+
+uint32_t NodetypeSchema::subtype(const SchemaObject& /*object*/, const WorkArray& work) const {
+    return subtypeFromWork(work);
 }
 
 void NodetypeSchema::getUse(const WorkArray& /*work*/, UseMap& use) const {

@@ -173,8 +173,9 @@ class NodetypeSchema {
     /// the object moves. Throws errors::tql.
     virtual void validate(const SchemaObject& object, const PropertyChain& chain, WorkArray& work,
                           const NodeId& new_parent) const;
-    /// In the transaction, with the new values known and not yet written.
-    virtual void afterUpdate(ObjectHandler& handler, const tql::version_t& new_version,
+    /// In the transaction, with the new values known and not yet written: the stored object is
+    /// still that of before. `context` tells who asks and under which version.
+    virtual void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,
                              WorkArray& work) const;
     /// In the transaction, with the new version written.
     virtual void afterStore(ObjectHandler& handler) const;
@@ -188,6 +189,9 @@ class NodetypeSchema {
     /// The subtype of a stored object, and the one that new values make.
     [[nodiscard]] virtual uint32_t subtypeFromChain(const PropertyChain& chain) const;
     [[nodiscard]] virtual uint32_t subtypeFromWork(const WorkArray& work) const;
+    /// The latter for an object whose place or references count as well; the base forwards to
+    /// subtypeFromWork().
+    [[nodiscard]] virtual uint32_t subtype(const SchemaObject& object, const WorkArray& work) const;
     /// What the object counts for by itself; the base empties the map.
     virtual void getUse(const WorkArray& work, UseMap& use) const;
     /// Turns a difference that came from below into the one that goes on upward. Fatal for a class
@@ -204,7 +208,7 @@ class NodetypeSchema {
     friend class SchemaTable;
 
     void check_restrictions(const SchemaObject& object, const WorkArray& work,
-                            uint32_t subtype) const;
+                            uint32_t own_subtype) const;
     void check_sorted() const;
     /// Takes out children whose nodetype isn't in `known`.
     void keep_children(const std::function<bool(uint32_t)>& known);

@@ -343,7 +343,7 @@ void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyCha
                                      WorkArray& work,
                                      tqlengine::RevalidationFailures& failures) const {
     const auto entries = schema_->properties();
-    const uint32_t subtype = schema_->subtypeFromWork(work);
+    const uint32_t subtype = schema_->subtype(view, work);
     for (size_t i = 0; i < entries.size(); ++i) {
         if (!entries[i].applies_to(subtype) || entries[i].property == prop::parentId) continue;
         try {

@@ -73,18 +73,18 @@ uint32_t UpdateOperation::run() {
     load_values();
     apply_inherits();
     apply_subtype_properties();
-    subtype_ = schema_.subtypeFromWork(work_);
+    subtype_ = schema_.subtype(view_, work_);
     apply_properties();
     apply_slave_build();
     end_copy();
     validate();
-    subtype_ = schema_.subtypeFromWork(work_);
+    subtype_ = schema_.subtype(view_, work_);
 
     const NodeId old_parent = handler_.parent_id();
     open_transaction();
     update_marks_now(old_parent);
     take_versions();
-    schema_.afterUpdate(handler_, arguments_.new_version, work_);
+    schema_.afterUpdate(handler_, arguments_.context, work_);
     refresh_kept_values();
     update_marks(handler_.parent_id());
     serialise();

@@ -179,6 +179,9 @@ Made number_with_active(const PropertyRow& row) {
 Made enumeration(const PropertyRow& row) {
     error::check(row.enumeration != 0, "Row of property {} names no enumeration",
                  tql::property_name(row.number));
+    if (const auto highest = row_value<uint32_t>(row, row.high, "its maximum"))
+        return std::make_shared<PropertyBoundedEnumSchema>(
+            row.number, row.flags, row.enumeration, *highest, row_defaults<enum_value_t>(row));
     return std::make_shared<PropertyEnumSchema<enum_value_t>>(
         row.number, row.flags, row.enumeration, row_defaults<enum_value_t>(row));
 }

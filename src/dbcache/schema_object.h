@@ -57,6 +57,14 @@ class PropertyChain {
     /// The chain without the parent that an update in progress gives the object.
     [[nodiscard]] virtual const PropertyChain& stored() const { return *this; }
 
+    using Visit = std::function<void(const PropertyChain&)>;
+    /// Opens another stored object for reading and calls `visit` with it; false when `id` resolves
+    /// to nothing. For classes that are told apart by what stands around them.
+    virtual bool visit_object(const NodeId& id, const Visit& visit) const = 0;
+    /// Calls `visit` with each stored child of `parent` of the class `child_class`.
+    virtual void visit_children(const NodeId& parent, uint32_t child_class,
+                                const Visit& visit) const = 0;
+
     /// The whole large object that begins at `block`; throws mdb::error_generic when it can't be
     /// read.
     [[nodiscard]] virtual std::vector<uint8_t> read_lob(uint32_t block) const = 0;

@@ -29,6 +29,15 @@ class OwnRecordWatch final : public PropertyChain {
         return chain_.read(level, property);
     }
     [[nodiscard]] NodeId inherits() const override { return chain_.inherits(); }
+    bool visit_object(const NodeId& id, const Visit& visit) const override {
+        read_above_ = true;
+        return chain_.visit_object(id, visit);
+    }
+    void visit_children(const NodeId& parent, uint32_t child_class,
+                        const Visit& visit) const override {
+        read_above_ = true;
+        chain_.visit_children(parent, child_class, visit);
+    }
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override {
         return chain_.read_lob(block);
     }

@@ -27,7 +27,8 @@ void check_png(const std::vector<uint8_t>& bytes, uint32_t property) {
 
 const work_t& work_of(const ObjectHandler& handler, const WorkArray& work, uint32_t property) {
     const NodetypeSchema& schema = handler.schema();
-    return work[schema.findProperty(property, schema.subtypeFromWork(work))];
+    const std::optional<size_t> index = schema.lookupProperty(property, kAllSubtypes);
+    return work[index ? *index : schema.findProperty(property, schema.subtypeFromWork(work))];
 }
 
 /// The bytes of a large object: those given, or those in the file.
@@ -54,6 +55,19 @@ bool holds(const work_t& work, const PropertyChain& chain, const std::vector<uin
 }
 
 }  // namespace
+
+void PropertyBoundedEnumSchema::validate(const SchemaObject& object, const PropertyChain& chain,
+                                         work_t& work) const {
+    PropertyEnumSchema::validate(object, chain, work);
+    if (work.is_null()) return;
+    const auto& value = static_cast<const mdb::PropertyEnum<enum_value_t>&>(*work.prop);
+    if (static_cast<uint32_t>(value.value) > highest_)
+        fail_illegal_value("Value for " + name() + " too high");
+}
+
+std::string PropertyBoundedEnumSchema::describe() const {
+    return fmt::format("{} ..{}", PropertyEnumSchema::describe(), highest_);
+}
 
 PropertyStateActionSchema::PropertyStateActionSchema(uint32_t number, uint32_t flag_bits,
                                                      const StateEnumeration& states,

@@ -61,6 +61,21 @@ class PropertyEnumSchema
     uint32_t enumeration_;
 };
 
+/// One of which every value up to `highest` means something to this server.
+class PropertyBoundedEnumSchema : public PropertyEnumSchema<enum_value_t> {
+  public:
+    PropertyBoundedEnumSchema(uint32_t number, uint32_t flag_bits, uint32_t enumeration,
+                              uint32_t highest, Defaults<enum_value_t> defaults = {})
+        : PropertyEnumSchema(number, flag_bits, enumeration, std::move(defaults)),
+          highest_(highest) {}
+    void validate(const SchemaObject& object, const PropertyChain& chain,
+                  work_t& work) const override;
+    [[nodiscard]] std::string describe() const override;
+
+  private:
+    uint32_t highest_;
+};
+
 /// Which of the 32 states a check has. Lives as long as the process.
 class StateEnumeration {
   public:

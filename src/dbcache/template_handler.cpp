@@ -121,7 +121,7 @@ uint32_t TemplateHandler::assign_values(const PropertyChain& chain, WorkArray& w
     };
     for (const tql::value_t& value : values_)
         if (const auto index = schema_.subtypeProperty(value->property)) assign(*index, *value);
-    const uint32_t subtype = schema_.subtypeFromWork(work);
+    const uint32_t subtype = schema_.subtype(view, work);
     for (const tql::value_t& value : values_)
         if (!schema_.subtypeProperty(value->property))
             assign(schema_.findProperty(value->property, subtype), *value);

@@ -5,6 +5,7 @@
 
 #include "dbcache/inheritance.h"
 #include "dbcache/object_handler.h"
+#include "dbcache/object_view.h"
 #include "dbcache/special_kinds.h"
 #include "dbcache/store.h"
 #include "log/log.h"
@@ -36,9 +37,11 @@ uint32_t make_series(Store& store, const tsdb::time_series_layout_t& layout) {
 
 }  // namespace
 
-void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& schema,
-                 uint32_t property, const tsdb::time_series_layout_t* layout, WorkArray& work) {
-    const auto slot = schema.lookupProperty(property, schema.subtypeFromWork(work));
+void allocate_if(ObjectHandler& handler, bool should_be_allocated, uint32_t property,
+                 const tsdb::time_series_layout_t* layout, WorkArray& work) {
+    Store& store = handler.store();
+    const NodetypeSchema& schema = handler.schema();
+    const auto slot = schema.lookupProperty(property, schema.subtype(ObjectView(handler), work));
     error::check(slot.has_value() || !should_be_allocated,
                  "allocateIf got property {}, which the object doesn't have", property);
     if (!slot) return;

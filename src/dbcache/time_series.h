@@ -28,15 +28,15 @@ using tsdb::kIncidentData;
 using tsdb::kUptimeData;
 
 /// Called allocateIf in the text of its assertion. For afterUpdate hooks: brings the series in
-/// `property` of the object whose values are `work` in line with whether it should have one. The
-/// write that is under way stores the index. A series that is made waits for the store of time
-/// series and goes again if the write is aborted; one that is given up goes when the write has
-/// committed. Where a Store has no store of time series, the object stays without one until its
-/// first data. A property that the object's subtype doesn't have is left alone; a series without a
-/// layout, and one for such a property, is a fatal assertion. Throws errors::tql with code 14 when
-/// the store of time series refuses, and error::EFatal when it is gone.
-void allocate_if(Store& store, bool should_be_allocated, const NodetypeSchema& schema,
-                 uint32_t property, const tsdb::time_series_layout_t* layout, WorkArray& work);
+/// `property` of the object `handler` whose new values are `work` in line with whether it should
+/// have one. The write that is under way stores the index. A series that is made waits for the
+/// store of time series and goes again if the write is aborted; one that is given up goes when the
+/// write has committed. Where a Store has no store of time series, the object stays without one
+/// until its first data. A property that the object's subtype doesn't have is left alone; a series
+/// without a layout, and one for such a property, is a fatal assertion. Throws errors::tql with
+/// code 14 when the store of time series refuses, and error::EFatal when it is gone.
+void allocate_if(ObjectHandler& handler, bool should_be_allocated, uint32_t property,
+                 const tsdb::time_series_layout_t* layout, WorkArray& work);
 
 /// The index of the series in `property`. Throws errors::db_anomaly when the class has no series,
 /// the object no record of this one, or when there is none yet.

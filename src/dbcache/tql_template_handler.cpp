@@ -1,5 +1,6 @@
 #include "dbcache/tql_template_handler.h"
 
+#include "dbcache/detail/level_classes.h"
 #include "dbcache/detail/template_refusals.h"
 #include "error/exception.h"
 #include "tql/names.h"
@@ -47,6 +48,10 @@ uint32_t TqlTemplateHandler::tqlUpdate(const tqlengine::WriteArguments&) {
 
 void TqlTemplateHandler::tqlDelete(const tqlengine::DeleteArguments&) {
     detail::refuse_template_delete();
+}
+
+bool asks_for_check_templates(const tql::pattern_t& pattern) {
+    return detail::LevelClasses(pattern).templates().admits(cls::Check);
 }
 
 }  // namespace dbcache

@@ -42,6 +42,9 @@ class TqlTemplateHandler : public tqlengine::TqlObjectHandler {
     const uint32_t ordinal_;
 };
 
+/// Whether a listing by this pattern is to show templates of checks.
+[[nodiscard]] bool asks_for_check_templates(const tql::pattern_t& pattern);
+
 /// Makes a template of a class derived from TqlTemplateHandler.
 template <class Template, class... Args>
 [[nodiscard]] tqlengine::HandlerRef make_template(Args&&... args) {

@@ -94,6 +94,17 @@ class FakeChain final : public PropertyChain {
         const FakeTree::Stored* object = find(id_);
         return object == nullptr ? NodeId{} : object->inherits;
     }
+    bool visit_object(const NodeId& id, const Visit& visit) const override {
+        if (!tree_.objects.contains(id)) return false;
+        visit(FakeChain(tree_, id));
+        return true;
+    }
+    void visit_children(const NodeId& parent, uint32_t child_class,
+                        const Visit& visit) const override {
+        for (const auto& [id, stored] : tree_.objects)
+            if (stored.parent == parent && stored.class_number == child_class)
+                visit(FakeChain(tree_, id));
+    }
     [[nodiscard]] std::vector<uint8_t> read_lob(uint32_t block) const override {
         const auto found = tree_.lobs.find(block);
         if (found == tree_.lobs.end()) throw mdb::error_internal("no such lob");

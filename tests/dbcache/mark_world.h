@@ -62,7 +62,7 @@ class HookedSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
                        .children = children,
                        .sibling_name = prop::name}),
           hooks_(hooks) {}
-    void afterUpdate(dbcache::ObjectHandler& handler, const tql::version_t&,
+    void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext&,
                      dbcache::WorkArray&) const override {
         if (hooks_.after_update) hooks_.after_update(handler);
     }

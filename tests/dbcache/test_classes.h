@@ -51,7 +51,7 @@ class FolderSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
                        .groups = kGroups,
                        .sibling_name = prop::name}),
           hooks_(hooks) {}
-    void afterUpdate(dbcache::ObjectHandler& handler, const tql::version_t&,
+    void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext&,
                      dbcache::WorkArray&) const override {
         if (hooks_.after_update) hooks_.after_update(handler);
     }

@@ -30,13 +30,12 @@ bool fails_after_store = false;
 class Watched : public dbcache::TableSchema<dbcache::NodetypeSchema> {
   public:
     using TableSchema::TableSchema;
-    void afterUpdate(dbcache::ObjectHandler& handler, const tql::version_t& /*new_version*/,
+    void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext& /*context*/,
                      dbcache::WorkArray& work) const override {
         const dbcache::work_t& active = work[findProperty(prop::active, 0)];
         const bool needed =
             !active.is_null() && static_cast<const mdb::PropertyBool&>(*active.prop).value;
-        dbcache::allocate_if(handler.store(), needed, *this, prop::tsdbIndex,
-                             &dbcache::enumerated_layout(), work);
+        dbcache::allocate_if(handler, needed, prop::tsdbIndex, &dbcache::enumerated_layout(), work);
     }
     void afterStore(dbcache::ObjectHandler& /*handler*/) const override {
         if (fails_after_store) throw errors::tql(errors::ERR_BACKEND, "after the store");

@@ -145,7 +145,7 @@ class TrialSchema : public dbcache::TableSchema<Base>, public Trying {
         dbcache::TableSchema<Base>::validate(object, chain, work, new_parent);
         trials.step();
     }
-    void afterUpdate(dbcache::ObjectHandler& handler, const tql::version_t&,
+    void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext&,
                      dbcache::WorkArray&) const override {
         trials.step();
         if (trials.after_update) trials.after_update(handler);

@@ -1,6 +1,7 @@
 #include "dbcache/schema/tree_schemas.h"
 
 #include "dbcache/accounting.h"
+#include "dbcache/schema/agent_config.h"
 #include "mdb/property_types.h"
 #include "tql/enumerations.h"
 #include "tql/names.h"
@@ -226,6 +227,11 @@ void NodeSchema::encodeTemplateSpecials(const SchemaObject* /*parent*/,
 void NodeSchema::listTemplates(const SchemaObject& /*parent*/,
                                std::vector<TemplateValues>& out) const {
     out.emplace_back();
+}
+
+void NodeSchema::afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,
+                             WorkArray& /*work*/) const {
+    touch_agent_config(handler, context);
 }
 
 void NodeSchema::getUse(const WorkArray& work, UseMap& use) const {

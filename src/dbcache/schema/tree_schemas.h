@@ -25,6 +25,9 @@ class NodeSchema : public TableSchema<NodetypeSchema> {
                                 const tql::pattern_t& pattern,
                                 tql::property_map_t& out) const override;
     void listTemplates(const SchemaObject& parent, std::vector<TemplateValues>& out) const override;
+    /// Marks the agent's configuration as touched.
+    void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,
+                     WorkArray& work) const override;
     void getUse(const WorkArray& work, UseMap& use) const override;
     /// Adds what changes in the class of the node.
     void account(const SchemaObject& object, const WorkArray& work, UseMap& use) const override;
