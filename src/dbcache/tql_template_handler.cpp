@@ -1,9 +1,9 @@
 #include "dbcache/tql_template_handler.h"
 
-#include "dbcache/detail/level_classes.h"
 #include "dbcache/detail/template_refusals.h"
 #include "error/exception.h"
 #include "tql/names.h"
+#include "tqlengine/level_classes.h"
 
 namespace dbcache {
 
@@ -51,7 +51,7 @@ void TqlTemplateHandler::tqlDelete(const tqlengine::DeleteArguments&) {
 }
 
 bool asks_for_check_templates(const tql::pattern_t& pattern) {
-    return detail::LevelClasses(pattern).templates().admits(cls::Check);
+    return tqlengine::LevelClasses(pattern).templates().admits(cls::Check);
 }
 
 }  // namespace dbcache

@@ -1,5 +1,6 @@
 #include "dbms/event_table.h"
 
+#include "dbms/netcheck_handlers.h"
 #include "dbms/query_handlers.h"
 #include "dbms/subscription_handlers.h"
 #include "dbms/tsdb_handlers.h"
@@ -27,6 +28,8 @@ EventTable make_event_table() {
     table[queues::TSDB_APPEND_DATA_RECORD] = {ev_tsdb_append_data_record, nullptr, kAnswered};
     table[queues::TSDB_APPEND_DATA] = {ev_tsdb_append_data, nullptr, kAnswered};
     table[queues::TSDB_TRUNCATE_OLD_DATA] = {ev_tsdb_truncate_old_data, nullptr, kAnswered};
+    table[queues::UPDATE_NETCHECKS] = {ev_update_netchecks, nullptr, 0};
+    table[queues::GET_NETCHECK_INFO] = {ev_get_netcheck_info, nullptr, kAnswered};
     return table;
 }
 

@@ -14,6 +14,7 @@
 #include "dbcache/version_source.h"
 #include "dbms/event_meters.h"
 #include "dbms/main_loop.h"
+#include "dbms/netcheck_handlers.h"
 #include "dbms/subscribers.h"
 #include "dbms/tsdb_callbacks.h"
 #include "error/exception.h"
@@ -204,8 +205,9 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     EventMeters meters;
     Subscribers subscribers({clock, queue, engine, meters, trace});
     TsdbCallbacks tsdb_callbacks;
-    Services services{clock,    queue,    config, engine,      store,
-                      versions, log_mask, meters, subscribers, tsdb_callbacks};
+    CustomNetChecks net_checks;
+    Services services{clock,    queue,  config,      engine,         store,     versions,
+                      log_mask, meters, subscribers, tsdb_callbacks, net_checks};
     Dispatcher dispatcher(services, make_event_table(), trace, [&] {
         return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
     });

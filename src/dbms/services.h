@@ -17,6 +17,7 @@ class VersionSource;
 namespace dbms {
 
 class EventMeters;
+class CustomNetChecks;
 class Subscribers;
 class TsdbCallbacks;
 
@@ -33,6 +34,7 @@ struct Services {
     EventMeters& meters;
     Subscribers& subscribers;
     TsdbCallbacks& tsdb_callbacks;
+    CustomNetChecks& net_checks;
 };
 
 /// One event being handled.

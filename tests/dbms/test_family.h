@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 
+#include "dbms/netcheck_handlers.h"
 #include "dbms/services.h"
 #include "dbms/subscribers.h"
 #include "dbms/tsdb_callbacks.h"
@@ -59,8 +60,10 @@ struct TestFamily {
     dbms::EventMeters meters;
     dbms::Subscribers subscribers{{store.clock, queue, *store.engine, meters, trace}};
     dbms::TsdbCallbacks tsdb_callbacks;
-    dbms::Services services{store.clock,     queue,    config, *store.engine, *store.store,
-                            *store.versions, log_mask, meters, subscribers,   tsdb_callbacks};
+    dbms::CustomNetChecks net_checks;
+    dbms::Services services{store.clock,  queue,           config,    *store.engine,
+                            *store.store, *store.versions, log_mask,  meters,
+                            subscribers,  tsdb_callbacks,  net_checks};
 };
 
 }  // namespace dbms_test
