@@ -219,7 +219,7 @@ Made make_text(const PropertyRow& row) {
         case kind_t::regex:
             return plain<PropertyRegexSchema, true>(row);
         case kind_t::pattern:
-            return plain<PropertyPatternSchema, true>(row);
+            return plain<PropertyPatternSchema, false>(row);  // the empty text is none
         case kind_t::password:
             return plain<PropertyPasswordSchema, true>(row);
         case kind_t::state_colors:

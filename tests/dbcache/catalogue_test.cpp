@@ -71,6 +71,7 @@ TEST_F(Catalogue, EveryStartValueIsValidStoredAndReadBack) {
         ASSERT_FALSE(again.is_null());
         EXPECT_EQ(property.compare(work, again), 0);
 
+        if (!property.applies_now(chain)) return;  // states of checks, of which this has none
         tql::property_map_t encoded;
         property.encode(chain, kNew, encoded);
         ASSERT_EQ(encoded.size(), 1U);
