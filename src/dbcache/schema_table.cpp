@@ -88,6 +88,11 @@ void SchemaTable::seal() {
 
 void SchemaTable::check_inheritable(const NodetypeSchema& schema, uint32_t other_class) const {
     if (other_class == schema.tql_class) return;
+    // As with children: a table that holds only a part of the classes says nothing of the others.
+    const bool registered = std::any_of(schemas_.begin(), schemas_.end(), [&](const auto& other) {
+        return other != nullptr && other->tql_class == other_class;
+    });
+    if (!registered) return;
     const auto has_number = [](const NodetypeSchema& other, uint32_t number) {
         return std::any_of(other.properties_.begin(), other.properties_.end(),
                            [&](const auto& entry) { return entry.property == number; });

@@ -141,9 +141,10 @@ TEST_F(CheckLabels, TemplatesOfNetChecks) {
     EXPECT_EQ(found["Add HTTP Check"], "HTTP.$remoteName.$port|$remoteName [HTTP/$port]");
     EXPECT_EQ(found["Add ICMP Check"], "ICMP.$remoteName.0|$remoteName [ICMP]");
     EXPECT_EQ(found["Add generic TCP Check"], "TCP.$remoteName.$port|$remoteName [TCP/$port]");
-    for (const auto& one : offered)
-        if (text_in(one, prop::treeLabel) == "Add SMTP Check")
-            EXPECT_EQ(labels(create_from(one, group(0), {})), "[SMTP/25]|[SMTP/25]|[SMTP/25]");
+    for (const auto& one : offered) {
+        if (text_in(one, prop::treeLabel) != "Add SMTP Check") continue;
+        EXPECT_EQ(labels(create_from(one, group(0), {})), "[SMTP/25]|[SMTP/25]|[SMTP/25]");
+    }
 
     const NodeId ping = net_check(2);
     const NodeId custom = net_check(15, list(text(prop::customType, "x")));
@@ -197,7 +198,7 @@ TEST_F(CheckLabels, ReadyMadeTemplatesOfAgentChecks) {
                       text_in(values, prop::descriptionAlert),
                   one.states);
         EXPECT_EQ(dynamic_cast<dbcache::ObjectHandler&>(*world.get(made)).subtype(), one.subtype);
-        EXPECT_EQ(world.children(place).size(), 1U);
+        EXPECT_EQ(world.children(place, tql::pattern_t(cls::Check)).size(), 1U);
     }
 }
 

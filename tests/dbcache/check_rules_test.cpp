@@ -293,7 +293,7 @@ TEST_F(CheckRules, ActionsFireAndActiveChecksCount) {
     const NodeId place = agent_group(group(1), "m", "M");
     const NodeId action = agent_check(place, 8, "restart");
     EXPECT_EQ(world.value(action, prop::fire), "false");
-    world.update(action, list(std::make_unique<tql::property_action_t>(prop::executeAction)));
+    world.update(action, list(std::make_unique<tql::property_action_t>(prop::executeAction, 1)));
     EXPECT_EQ(world.value(action, prop::fire), "true");
 
     EXPECT_EQ(world.value(host, prop::countAgentChecks), "0");

@@ -20,7 +20,7 @@ inline tql::value_t flag(uint32_t property, bool value) {
 }
 inline tql::value_t choice(uint32_t property, uint32_t value) {
     const uint32_t id = tql::find_property_row(property)->usual_kind.enumeration;
-    return std::make_unique<tql::property_enum_t>(property, id, value);
+    return std::make_unique<tql::property_enum_t>(property, id, value, 0U);
 }
 inline tql::value_t oid(uint32_t property, std::vector<uint32_t> value) {
     return std::make_unique<tql::property_oid_t>(property, std::move(value));

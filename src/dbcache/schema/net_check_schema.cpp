@@ -188,7 +188,7 @@ void NetCheckSchema::listTemplates(const SchemaObject& /*parent*/,
                                    std::vector<TemplateValues>& out) const {
     for (const service_t service : kOffered)
         out.emplace_back().push_back(std::make_unique<tql::property_enum_t>(
-            prop::remoteType, tql::enumeration::RemcheckType, service));
+            prop::remoteType, tql::enumeration::RemcheckType, service, 0U));
 }
 
 void NetCheckSchema::encodeTemplateSpecials(const SchemaObject* /*parent*/,
