@@ -46,7 +46,8 @@ constexpr GroupRow kGroup[] = {{0, cls::CheckGroup, kGrouped, "items", "Items", 
 class HookedSchema : public TableSchema<NodetypeSchema> {
   public:
     HookedSchema(const ClassTable& table, const Hooks& hooks) : TableSchema(table), hooks_(hooks) {}
-    void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext&, WorkArray&) const override {
+    void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext&,
+                     WorkArray&) const override {
         if (hooks_.after_update) hooks_.after_update(handler);
     }
     void afterStore(ObjectHandler& handler) const override {
