@@ -422,6 +422,9 @@ void Family::dispatch(queues::event& received) {
             return send_random(received);
         case queues::SUPPORTS_METRICS:
             return;
+        case queues::SET_LOG_LEVEL:
+            return logging::apply_levels(
+                queues::data<queues::SET_LOG_LEVEL>(received).logger_level);
         default:
             say(fmt::format("Got unhandled message: {} from: {}", queues::event_name(&received),
                             queues::queue_name(received.peer)),

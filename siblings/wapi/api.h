@@ -9,11 +9,14 @@
 #include <cstdint>
 #include <exception>
 #include <list>
+#include <map>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "error/exception.h"
+#include "queues/event_types.h"
 #include "queues/records/dbms_tql.h"
 
 namespace wapi {
@@ -53,6 +56,14 @@ inline constexpr int kMaxJsonDepth = 32;
 /// names and values, tql::query_text_error for the pattern.
 [[nodiscard]] dbms::Tql_Select_Data select_request(const nlohmann::json& body);
 [[nodiscard]] dbms::Tql_Create_Data create_request(const nlohmann::json& body);
+
+/// Levels of loggers to set. Takes the texts of the levels.
+struct LogLevelRequest {
+    std::map<std::string, uint32_t> levels;  ///< by logger; "*" for all
+    /// The process whose loggers are meant; none: the server and the gateway.
+    std::optional<queues::queue_t> process;
+};
+[[nodiscard]] LogLevelRequest log_level_request(const nlohmann::json& body);
 
 /// A change of an object. Where the sender told no version, that of the record is to be the
 /// object's present one.

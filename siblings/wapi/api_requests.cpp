@@ -2,6 +2,7 @@
 #include <initializer_list>
 #include <nlohmann/json.hpp>
 
+#include "log/log.h"
 #include "tql/names.h"
 #include "tql/query_text.h"
 #include "wapi/api.h"
@@ -130,6 +131,33 @@ dbms::Tql_Select_Data select_request(const json& body) {
         record.root_ids.push_back(read_id(root.get_ref<const std::string&>(), "roots"));
     }
     return record;
+}
+
+LogLevelRequest log_level_request(const json& body) {
+    allow_only(body, {"levels", "process"});
+    const auto levels = body.find("levels");
+    if (levels == body.end() || !levels->is_object() || levels->empty())
+        refuse(
+            "Field \"levels\" must be an object of levels by logger, as {\"dbcache\": \"debug\"}");
+    LogLevelRequest request;
+    for (const auto& [name, text] : levels->items()) {
+        const auto level = text.is_string()
+                               ? logging::find_level(text.get_ref<const std::string&>())
+                               : std::nullopt;
+        if (!level)
+            refuse(
+                fmt::format("{} is no level, expected trace, debug, info, warning, error, "
+                            "critical or off",
+                            text.dump(-1, ' ', true, json::error_handler_t::replace)));
+        request.levels[name] = static_cast<uint32_t>(*level);
+    }
+    const std::string* process = find_text(body, "process");
+    if (process == nullptr) return request;
+    for (int32_t number = 0; number <= static_cast<int32_t>(queues::queue_t::extra); ++number)
+        if (queues::queue_name(static_cast<queues::queue_t>(number)) == *process)
+            request.process = static_cast<queues::queue_t>(number);
+    if (!request.process) refuse(fmt::format("\"{}\" is no process", process->substr(0, 60)));
+    return request;
 }
 
 dbms::Tql_Create_Data create_request(const json& body) {

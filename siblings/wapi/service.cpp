@@ -37,6 +37,7 @@ Service::Service(io::ChildMessenger& messenger, queues::childqueue& queue,
       http_(port, *this),
       gateway_(*this, clock),
       streams_(*this, clock),
+      metrics_(*this, clock),
       http_ready_(http_.epoll_fd(), "http"),
       span_clock_(clock),
       timer_(span_clock_) {
@@ -52,6 +53,7 @@ Service::~Service() {
 }
 
 void Service::run() {
+    introspection_.emplace(queue_, own_metrics_, clock_);
     queue_.send(queues::devent<queues::INIT_OK>(kMain, 0, {.depend_on = {kServer}}));
     logger.info("Listening on http://127.0.0.1:{}", http_.port());
     while (!stopped_) {
@@ -113,7 +115,8 @@ void Service::take_event() {
 void Service::dispatch(const queues::event& received) {
     if (received.number() == queues::SYS_EXIT)
         begin_stop();
-    else if (std::none_of(endpoints_.begin(), endpoints_.end(),
+    else if (!introspection_->consumed(received) &&
+             std::none_of(endpoints_.begin(), endpoints_.end(),
                           [&](Endpoint* each) { return each->take_event(received); }))
         logger.info("Got unhandled message: {} from: {}", queues::event_name(&received),
                     queues::queue_name(received.peer));

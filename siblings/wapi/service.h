@@ -8,11 +8,14 @@
 #include "io/sibling_messenger.h"
 #include "io/system_handle.h"
 #include "io/timer.h"
+#include "meter/meter.h"
 #include "platform/span_clock.h"
 #include "queues/childqueue.h"
+#include "queues/introspection.h"
 #include "wapi/gateway.h"
 #include "wapi/http_server.h"
 #include "wapi/live_streams.h"
+#include "wapi/metrics_endpoint.h"
 
 namespace wapi {
 
@@ -67,8 +70,12 @@ class Service final : private GatewayPorts, private HttpRequests {
     HttpServer http_;
     Gateway gateway_;
     LiveStreams streams_;
+    MetricsEndpoint metrics_;
+    /// What others look into here.
+    meter::Tree own_metrics_{"wapi"};
+    std::optional<queues::Introspection> introspection_;  ///< from run() on
     /// All parts that answer requests. What none of them serves goes to the last one.
-    std::vector<Endpoint*> endpoints_{&streams_, &gateway_};
+    std::vector<Endpoint*> endpoints_{&streams_, &metrics_, &gateway_};
     io::FdSelectable http_ready_;
     platform::SpanClock span_clock_;
     io::Timer timer_;

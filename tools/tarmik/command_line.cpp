@@ -14,6 +14,7 @@
 #include "platform/fifo.h"
 #include "tarmik/assignments.h"
 #include "tarmik/backup.h"
+#include "tarmik/logs_command.h"
 #include "tarmik/offline_commands.h"
 #include "tarmik/shell.h"
 #include "tarmik/watch.h"
@@ -39,6 +40,9 @@ struct Parsed {
     mdb::FormatOptions format;
     OfflineArguments offline;
     BackupArguments backup;
+    LogsArguments logs;
+    LogLevelArguments log_level;
+    std::string metrics_path;
     std::string block_size = "4096";
     std::string journal_size = "64M";
 };
@@ -138,6 +142,37 @@ void load_arguments(CLI::App& app, Parsed& parsed) {
         ->required();
 }
 
+void metrics_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("path", parsed.metrics_path, "What to show, as event/proc; without it, all");
+}
+
+CLI::IsMember is_level() {
+    return CLI::IsMember({"trace", "debug", "info", "warning", "error", "critical", "off"});
+}
+
+void log_level_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_option("logger", parsed.log_level.logger,
+                   "Logger, as \"dbcache\"; \"*\" for all; one that doesn't exist is passed over")
+        ->required();
+    app.add_option("level", parsed.log_level.level, "Lowest level that is written from now on")
+        ->required()
+        ->check(is_level());
+    app.add_option("--process", parsed.log_level.process,
+                   "Process, as \"wapi\"; without it, the server and the gateway");
+}
+
+void logs_arguments(CLI::App& app, Parsed& parsed) {
+    app.add_flag("-f,--follow", parsed.logs.follow, "Go on with what comes");
+    app.add_option("--process", parsed.logs.process, "Process, as \"dbms\"; without it, all");
+    app.add_option("--level", parsed.logs.level, "Lowest level to show")
+        ->default_val("trace")
+        ->check(is_level());
+    app.add_option("-n,--lines", parsed.logs.last_lines, "Only so many of the last lines")
+        ->check(CLI::PositiveNumber);
+    app.add_option("--config", parsed.logs.config_path,
+                   "Configuration file of the family; none: the defaults");
+}
+
 void run_arguments(CLI::App& app, Parsed& parsed) {
     app.add_option("--config", parsed.config_path, "Configuration file (TOML); none: the defaults");
 }
@@ -234,6 +269,10 @@ const FamilyCommand kFamilyCommands[] = {
      [](Commands& commands, const Parsed& parsed) { commands.remove(parsed.change); }},
     {{"load", "Creates the objects of a file, skipping what exists already", load_arguments},
      [](Commands& commands, const Parsed& parsed) { commands.load(parsed.load_path); }},
+    {{"metrics", "Shows what the server counts and measures", metrics_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.metrics(parsed.metrics_path); }},
+    {{"log-level", "Sets from which level on a logger writes", log_level_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.log_level(parsed.log_level); }},
 };
 
 const ToolCommand kToolCommands[] = {
@@ -258,6 +297,11 @@ const ToolCommand kToolCommands[] = {
     {{"events", "Prints what is created, updated and deleted", events_arguments},
      [](Parsed& parsed, const Output& output) {
          return events_command(parsed.events, parsed.url, output);
+     }},
+    {{"logs", "Shows the log files of the family, by time", logs_arguments},
+     [](Parsed& parsed, const Output& output) {
+         show_logs(parsed.logs, output);
+         return int{kDone};
      }},
     {{"shell", "Reads commands line by line, with history and completion", no_arguments},
      [](Parsed& parsed, const Output& output) {

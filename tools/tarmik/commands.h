@@ -53,6 +53,12 @@ struct TemplatesArguments {
 /// Refuses a wrong pattern here, where its place can be shown: CommandError with kUsage.
 void check_pattern(const std::string& pattern);
 
+struct LogLevelArguments {
+    std::string logger;   ///< "*" for all
+    std::string level;    ///< its text
+    std::string process;  ///< empty: the server and the gateway
+};
+
 class Commands {
   public:
     /// Both must outlive this object.
@@ -69,6 +75,9 @@ class Commands {
     void remove(const ChangeArguments& arguments);
     void classes();
     void properties();
+    /// Prints the values of the server's metrics below a path; all for an empty one.
+    void metrics(const std::string& path);
+    void log_level(const LogLevelArguments& arguments);
     /// Creates the objects of a file, from the top down. What exists already under its parent, by
     /// the key of its class, is left as it is. Prints how many were created.
     void load(const std::string& path);
