@@ -39,6 +39,7 @@ struct Prepared {
     std::array<char, 512> reason{};
     detail::Frames frames;
     std::atomic<bool> busy{false};
+    std::atomic<bool> reason_told{false};
 };
 
 Prepared& prepared() {
@@ -172,12 +173,13 @@ void on_crash(int number, siginfo_t* info, void* context) {
         char* readable = abi::__cxa_demangle(type->name(), nullptr, nullptr, &status);
         reason = std::string("unhandled exception ") + (readable ? readable : type->name());
         std::free(readable);
+        // One of another family ends here once more, with its type told already.
+        keep(prepared().reason, reason);
         try {
+            if (prepared().reason_told.exchange(true)) std::abort();
             std::rethrow_exception(std::current_exception());
         } catch (const std::exception& thrown) {
             reason += std::string(": ") + thrown.what();
-        } catch (...) {
-            // Of another family; its type is all there is to tell.
         }
     }
     keep(prepared().reason, reason);

@@ -45,7 +45,9 @@ volatile int sink = 0;
 
 [[gnu::noinline]] void hold_the_heap_and_abort() {
     // A broken heap: the look-up of names crashes too or works, the dump is there in any case.
-    auto* block = static_cast<volatile size_t*>(std::malloc(24));
+    // By a detour, or the compiler sees the fault coming.
+    void* volatile memory = std::malloc(24);
+    auto* block = static_cast<volatile size_t*>(memory);
     block[-1] = 0x123456789;
     std::free(const_cast<size_t*>(block));
     std::abort();
@@ -114,6 +116,10 @@ TEST_F(CrashDump, EveryCrashLeavesATraceWithNamesBesideTheProgram) {
          [] { std::thread(throw_to_nobody).join(); },  // the framework catches on this one
          SIGABRT,
          {"unhandled exception std::runtime_error: nobody's fault", "throw_to_nobody()"}},
+        {"strange exception",
+         [] { std::thread([] { throw 5; }).join(); },
+         SIGABRT,
+         {"Reason: unhandled exception int"}},
         {"heap", hold_the_heap_and_abort, SIGABRT, {"Stack of the thread"}},
         {"signal", be_killed, SIGSEGV, {"Sent by process", "be_killed()"}},
         {"illegal", [] { ::raise(SIGILL); }, SIGILL, {"SIGILL"}},
