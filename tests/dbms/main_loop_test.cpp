@@ -85,6 +85,35 @@ TEST_F(MainLoopTest, AnEventWaitsForOneStepAtMost) {
     }
 }
 
+TEST_F(MainLoopTest, WhatAnEventHasMadeDueGoesOutBehindItOrWhenItsTimeHasCome) {
+    task.most_steps = 1000;
+    most_events = 3;
+    const auto touch_root = [&] {
+        store.engine->notify_pass(*store.engine->get({0, 1}));
+        say<kNote>();
+    };
+    task.during_step = [&](size_t step) {
+        if (step == 1) {
+            const tql::pattern_t pattern(cls::Domain);
+            subscribers.subscribe(queue_t::main, 1, {{{0, 1}}, pattern, 1, 0});
+            subscribers.subscribe(queue_t::main, 2, {{{0, 1}}, pattern, 1, 5});
+            touch_root();
+        }
+        if (step == 5) touch_root();
+        if (step == 8) store.clock.advance_s(6);
+        if (step == 12) say<kNote>();
+    };
+    run();
+    settle();
+    std::string told;
+    for (; main.front().isReady(); settle())
+        if (const auto received = main.read()) told += fmt::format("{} ", received->uid);
+    EXPECT_EQ(told, "1 2 1 1 2 ");
+    std::ifstream file(dir.file("trace"));
+    const std::string lines(std::istreambuf_iterator<char>(file), {});
+    EXPECT_NE(lines.find("T: 0 SUBSCRIPTION\n"), std::string::npos) << lines;
+}
+
 TEST_F(MainLoopTest, NoIdleWorkIsDoneWhileTheServerStops) {
     task.most_steps = 1000;
     most_events = 1;

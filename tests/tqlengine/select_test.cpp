@@ -447,4 +447,73 @@ TEST(SelectRandom, AgreesWithTheModelWithAndWithoutShortcuts) {
     EXPECT_GT(found, 1000U);  // the patterns aren't so narrow that nothing is compared
 }
 
+// ---- random subscriptions against asking everyone
+// ---------------------------------------------------
+
+using Way = std::vector<fake::Object*>;
+
+/// Whether `step`, read along `way` from `place` on, can reach its last object.
+bool would_match(const Way& way, size_t place, const tql::pattern_t& step) {
+    if (place == way.size()) return false;
+    const bool last = place + 1 == way.size();
+    const bool recursive = (step.flags & tql::kPatternRecursive) != 0;
+    const auto any_successor_at = [&](size_t there) {
+        const auto reaches = [&](const tql::pattern_t& successor) {
+            return would_match(way, there, successor);
+        };
+        return std::any_of(step.next.begin(), step.next.end(), reaches) ||
+               std::any_of(step.cond_next.begin(), step.cond_next.end(), reaches);
+    };
+    if (recursive && any_successor_at(place)) return true;
+    if (!fake::object_fits(*way[place], step)) return false;
+    if (last || recursive) return last || would_match(way, place + 1, step);
+    return !step.next.empty() && any_successor_at(place + 1);
+}
+
+TEST(SubscriptionRandom, AWriteTouchesThoseWhomAskingEveryoneWouldFind) {
+    constexpr uint32_t kSubscriptions = 60;
+    size_t touched = 0;
+    size_t spared = 0;
+    for (uint64_t seed = 1; seed <= 60; ++seed) {
+        RandomSelect world(seed);
+        tqlengine::Subscriptions& subscriptions = world.engine.subscriptions();
+        std::vector<tql::pattern_t> patterns;
+        std::vector<std::set<tql::id_t>> roots;
+        for (uint32_t id = 0; id < kSubscriptions; ++id) {
+            patterns.push_back(world.random_pattern(3));
+            roots.push_back({world.random_id(), {}});
+            if (world.rng.chance(70)) roots.back().insert({0, 1});
+            if (world.rng.chance(5))  // more than are worth an entry each
+                for (uint32_t n = 0; n < 300; ++n) roots.back().insert({7, n});
+            subscriptions.watch(id + 1, roots[id], patterns[id], false);
+        }
+        for (size_t n = 0; n < world.tree.size(); ++n) {
+            Way way;
+            for (auto* step = &world.tree.object(n); step; step = step->parent())
+                way.insert(way.begin(), step);
+            subscriptions.note(*way.back());
+            std::set<uint32_t> noted;
+            while (const auto id = subscriptions.take_reevaluation()) noted.insert(*id);
+            for (uint32_t id = 0; id < kSubscriptions; ++id) {
+                bool expected = false;
+                for (size_t place = 0; place < way.size(); ++place)
+                    expected = expected || (!way[place]->tqlId().empty() &&
+                                            roots[id].contains(way[place]->tqlId()) &&
+                                            would_match(way, place, patterns[id]));
+                ASSERT_EQ(noted.contains(id + 1), expected)
+                    << "seed " << seed << " object " << n << ": "
+                    << tql::pattern_text(patterns[id]);
+                ++(expected ? touched : spared);
+                if (expected) subscriptions.watch(id + 1, roots[id], patterns[id], false);
+            }
+        }
+        for (uint32_t id = 1; id <= kSubscriptions; id += 2) subscriptions.forget(id);
+        subscriptions.note(world.tree.root());
+        while (const auto id = subscriptions.take_reevaluation()) ASSERT_EQ(*id % 2, 0U);
+        ASSERT_EQ(world.tree.referenced, 0U);
+    }
+    EXPECT_GT(touched, 10'000U);
+    EXPECT_GT(spared, 10'000U);
+}
+
 }  // namespace
