@@ -86,6 +86,24 @@ void TableSchema<Base>::encodeGroupSpecials(const PropertyChain& chain, int32_t 
                  this->class_name(), group_id);
 }
 
+template <class Base>
+void TableSchema<Base>::listTemplates(const SchemaObject& /*parent*/,
+                                      std::vector<TemplateValues>& out) const {
+    if (!table_.suggestion.label.empty()) out.emplace_back();
+}
+
+template <class Base>
+void TableSchema<Base>::encodeTemplateSpecials(const SchemaObject* parent,
+                                               const TemplateValues& values,
+                                               const tql::pattern_t& pattern,
+                                               tql::property_map_t& out) const {
+    const TemplateRow& suggestion = table_.suggestion;
+    if (suggestion.label.empty())
+        Base::encodeTemplateSpecials(parent, values, pattern, out);
+    else
+        add_labels(pattern, out, suggestion.sibling_name, suggestion.label, suggestion.label);
+}
+
 template class TableSchema<NodetypeSchema>;
 template class TableSchema<SingletonSchema>;
 template class TableSchema<SingletonIfChildOfMountPointSchema>;

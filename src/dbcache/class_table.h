@@ -144,6 +144,13 @@ struct GreaterRow {
     std::string_view message{};
 };
 
+/// The one suggestion of an object of a class, without values of its own.
+struct TemplateRow {
+    std::string_view sibling_name{};
+    /// Of the tree and in full; empty for no suggestion.
+    std::string_view label{};
+};
+
 struct ClassTable {
     uint32_t nodetype = 0;
     uint32_t tql_class = 0;
@@ -156,6 +163,7 @@ struct ClassTable {
     std::span<const GreaterRow> greater{};
     /// The property, a text or a number, whose value is the sibling name; 0 for none.
     uint32_t sibling_name = 0;
+    TemplateRow suggestion{};
 };
 
 /// The schema object of one row; a row that makes no sense is a fatal assertion.
@@ -171,6 +179,10 @@ class TableSchema : public Base {
     void encodeGroupSpecials(const PropertyChain& chain, int32_t group_id,
                              const tql::pattern_t& pattern,
                              tql::property_map_t& out) const override;
+    void listTemplates(const SchemaObject& parent, std::vector<TemplateValues>& out) const override;
+    void encodeTemplateSpecials(const SchemaObject* parent, const TemplateValues& values,
+                                const tql::pattern_t& pattern,
+                                tql::property_map_t& out) const override;
 
   protected:
     [[nodiscard]] const ClassTable& table() const noexcept { return table_; }

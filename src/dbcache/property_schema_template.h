@@ -319,4 +319,64 @@ class PropertyConversionSchemaTemplate : public Schema {
     uint32_t old_number_;
 };
 
+/// A property whose record stands under another number, `stored_number`, since a change of its
+/// stored class; otherwise as PropertyConversionSchemaTemplate. A record of the old class stands
+/// under the property's own number. Queries know that number alone.
+template <class Old, class Schema, class Convert>
+class PropertyMovedSchemaTemplate : public Schema {
+    using New = typename Schema::stored_t;
+
+  public:
+    template <class... Args>
+    explicit PropertyMovedSchemaTemplate(uint32_t stored_number, Args&&... args)
+        : Schema(std::forward<Args>(args)...), stored_number_(stored_number) {}
+
+    void store(const NodeId& id, const PropertyChain& chain, const work_t& work, const work_t& old,
+               RecordSink& sink) const override {
+        RenamingSink renaming(sink, stored_number_);
+        Schema::store(id, chain, work, old, renaming);
+    }
+
+  protected:
+    [[nodiscard]] found_t read(const PropertyChain& chain, unsigned level,
+                               mdb::Property& into) const override {
+        New moved(stored_number_);
+        const found_t found = chain.read(level, moved);
+        if (found != found_t::absent) {
+            into.inherited = moved.inherited;
+            static_cast<New&>(into).value = std::move(moved.value);
+            return found;
+        }
+        Old old_form(this->property);
+        const found_t found_old = chain.read(level, old_form);
+        into.inherited = old_form.inherited;
+        if (found_old == found_t::value) Convert::convert(old_form, static_cast<New&>(into));
+        return found_old;
+    }
+
+  private:
+    /// Hands records on under the other number.
+    class RenamingSink final : public RecordSink {
+      public:
+        RenamingSink(RecordSink& sink, uint32_t number) : sink_(sink), number_(number) {}
+        void add(const mdb::Property& property) override { sink_.add(renamed(property)); }
+        void add_null(const mdb::Property& property) override { sink_.add_null(renamed(property)); }
+        [[nodiscard]] uint32_t write_lob(std::span<const uint8_t> bytes) override {
+            return sink_.write_lob(bytes);
+        }
+        void free_lob(uint32_t block) override { sink_.free_lob(block); }
+
+      private:
+        [[nodiscard]] New renamed(const mdb::Property& property) const {
+            New copy = static_cast<const New&>(property);
+            copy.id = number_;
+            return copy;
+        }
+        RecordSink& sink_;
+        uint32_t number_;
+    };
+
+    uint32_t stored_number_;
+};
+
 }  // namespace dbcache

@@ -20,6 +20,11 @@ constexpr PropertyRow kClusterServerConfigRows[] = {
     {.number = prop::serverNumber, .kind = kind_t::u32, .flags = K, .initial = 0},
 };
 
+constexpr PropertyRow kCustomAlertPathConfigRows[] = {
+    {.number = prop::name, .kind = kind_t::string, .flags = K},
+    {.number = prop::commandTemplate, .kind = kind_t::string},
+};
+
 }  // namespace
 
 ClusterConfigSchema::ClusterConfigSchema()
@@ -42,5 +47,13 @@ ClusterServerConfigSchema::ClusterServerConfigSchema()
                    .tql_class = cls::ClusterServerConfig,
                    .origin_type = kClusterOrigin,
                    .properties = kClusterServerConfigRows}) {}
+
+CustomAlertPathConfigSchema::CustomAlertPathConfigSchema()
+    : TableSchema({.nodetype = nodetype::CustomAlertPathConfig,
+                   .tql_class = cls::CustomAlertPathConfig,
+                   .origin_type = kClusterOrigin,
+                   .properties = kCustomAlertPathConfigRows,
+                   .sibling_name = prop::name,
+                   .suggestion = {"template", "New type of Custom AlertPath"}}) {}
 
 }  // namespace dbcache

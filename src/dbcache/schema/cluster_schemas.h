@@ -1,4 +1,5 @@
-// The settings of a cluster of servers: one folder under the root, and a server in it.
+// The settings of a cluster of servers: one folder under the root, with the servers and the
+// operators' own ways of sending alerts in it.
 #pragma once
 
 #include "dbcache/class_table.h"
@@ -15,6 +16,12 @@ class ClusterConfigSchema : public TableSchema<SingletonSchema> {
 class ClusterServerConfigSchema : public TableSchema<NodetypeSchema> {
   public:
     ClusterServerConfigSchema();
+};
+
+/// A way of sending alerts that an operator has added.
+class CustomAlertPathConfigSchema : public TableSchema<NodetypeSchema> {
+  public:
+    CustomAlertPathConfigSchema();
 };
 
 }  // namespace dbcache

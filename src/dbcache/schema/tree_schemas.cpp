@@ -210,23 +210,12 @@ NodeSchema::NodeSchema()
                    .properties = kNodeRows,
                    .children = kNodeChildren,
                    .groups = kNodeGroups,
-                   .sibling_name = prop::name}) {}
+                   .sibling_name = prop::name,
+                   .suggestion = {"template", "Add Node"}}) {}
 
 void NodeSchema::encodeSpecials(const SchemaObject& /*object*/, const PropertyChain& chain,
                                 const tql::pattern_t& pattern, tql::property_map_t& out) const {
     add_named_labels(*this, chain, pattern, out);
-}
-
-void NodeSchema::encodeTemplateSpecials(const SchemaObject* /*parent*/,
-                                        const TemplateValues& /*values*/,
-                                        const tql::pattern_t& pattern,
-                                        tql::property_map_t& out) const {
-    add_labels(pattern, out, "template", "Add Node", "Add Node");
-}
-
-void NodeSchema::listTemplates(const SchemaObject& /*parent*/,
-                               std::vector<TemplateValues>& out) const {
-    out.emplace_back();
 }
 
 void NodeSchema::afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,

@@ -21,10 +21,6 @@ class NodeSchema : public TableSchema<NodetypeSchema> {
     NodeSchema();
     void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,
                         const tql::pattern_t& pattern, tql::property_map_t& out) const override;
-    void encodeTemplateSpecials(const SchemaObject* parent, const TemplateValues& values,
-                                const tql::pattern_t& pattern,
-                                tql::property_map_t& out) const override;
-    void listTemplates(const SchemaObject& parent, std::vector<TemplateValues>& out) const override;
     /// Marks the agent's configuration as touched.
     void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,
                      WorkArray& work) const override;
