@@ -97,6 +97,40 @@ std::optional<uint32_t> create_incident_series(queues::childqueue& queue) {
     return std::nullopt;
 }
 
+/// The classes and the stored objects, below the object layer. Opening replays the journal.
+struct Storage {
+    Storage(const control::Server_Configuration_Fields& config, queues::childqueue& queue,
+            platform::FileSystem& files, const platform::Clock& clock)
+        : database({.database_path = config.dbms_odb_file_path,
+                    .journal_path = config.dbms_odbj_file_path,
+                    .buffer_blocks = config.dbms_buffer_blocks},
+                   files, clock),
+          indexes(database),
+          objects(database, indexes),
+          parts{.database = database,
+                .objects = objects,
+                .indexes = indexes,
+                .schemas = schemas,
+                .clock = clock,
+                .drop_backend_block =
+                    [&queue](uint32_t block) { queues::delete_time_series(&queue, block); },
+                .create_backend_block =
+                    [&queue](const tsdb::time_series_layout_t& layout) {
+                        return queues::create_time_series(&queue, layout);
+                    }} {
+        dbcache::schema::declare_all(schemas);
+        indexes.init_required_indexes();
+    }
+    Storage(const Storage&) = delete;
+    Storage& operator=(const Storage&) = delete;
+
+    dbcache::SchemaTable schemas;
+    mdb::Database database;
+    mdb::IndexTable indexes;
+    mdb::ObjectStore objects;
+    const dbcache::Store::Parts parts;
+};
+
 tqlengine::MetaTree make_meta_tree(const control::Server_Configuration_Fields& config) {
     return {tqlengine::read_layout_file(config.layout_conf_path), config.report_generator};
 }
@@ -157,47 +191,28 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     tqlengine::MetaTree meta_tree = make_meta_tree(config);
 
     // The database: classes, files, replay, the objects and indexes that must be there.
-    dbcache::SchemaTable schemas;
-    dbcache::schema::declare_all(schemas);
-    mdb::Database database({.database_path = config.dbms_odb_file_path,
-                            .journal_path = config.dbms_odbj_file_path,
-                            .buffer_blocks = config.dbms_buffer_blocks},
-                           files, clock);
-    mdb::IndexTable indexes(database);
-    mdb::ObjectStore objects(database, indexes);
-    const dbcache::Store::Parts parts{
-        .database = database,
-        .objects = objects,
-        .indexes = indexes,
-        .schemas = schemas,
-        .clock = clock,
-        .drop_backend_block = [&](uint32_t block) { queues::delete_time_series(&queue, block); },
-        .create_backend_block =
-            [&](const tsdb::time_series_layout_t& layout) {
-                return queues::create_time_series(&queue, layout);
-            }};
-    indexes.init_required_indexes();
+    Storage storage(config, queue, files, clock);
     dbcache::Sequence sequence =
-        dbcache::read_sequence(parts, [&] { return last_ring_sequence(queue); });
-    dbcache::ensure_root(parts);
-    dbcache::check_indexes(parts, sequence.format);
+        dbcache::read_sequence(storage.parts, [&] { return last_ring_sequence(queue); });
+    dbcache::ensure_root(storage.parts);
+    dbcache::check_indexes(storage.parts, sequence.format);
 
     // The object layer and the query engine.
     platform::Random random(clock);
     const uint32_t id_start = random.next_u32();
     ++sequence.ring_sequence;
-    dbcache::store_sequence(parts, sequence);
+    dbcache::store_sequence(storage.parts, sequence);
     dbcache::VersionSource versions(sequence.ring_sequence);
-    dbcache::Store store(parts, kFirstWordOfNewIds, id_start);
+    dbcache::Store store(storage.parts, kFirstWordOfNewIds, id_start);
     give_cache_its_sizes(store.cache(), config);
     open_cache_trace(store.cache(), config.dbms_cache_tracefile);
     tqlengine::Engine engine;
-    connect(engine, store, schemas, meta_tree);
-    dbcache::convert_format(parts, sequence, [&] { return create_incident_series(queue); });
-    dbcache::prime_mark_lists(parts);
-    dbcache::ensure_accounting(parts);
+    connect(engine, store, storage.schemas, meta_tree);
+    dbcache::convert_format(storage.parts, sequence, [&] { return create_incident_series(queue); });
+    dbcache::prime_mark_lists(storage.parts);
+    dbcache::ensure_accounting(storage.parts);
     store.resolver().resume();
-    database.journal().journal_checkpoint();
+    storage.database.journal().journal_checkpoint();
     logger.info("Caches primed");
 
     // Ready: tell the main process, then serve.
@@ -209,20 +224,21 @@ void serve(const platform::Clock& clock, platform::FileSystem& files) {
     Services services{clock,    queue,  config,      engine,         store,     versions,
                       log_mask, meters, subscribers, tsdb_callbacks, net_checks};
     Dispatcher dispatcher(services, make_event_table(), trace, [&] {
-        return Leftovers{database.journal().transaction_active(), store.referenced_handlers()};
+        return Leftovers{storage.database.journal().transaction_active(),
+                         store.referenced_handlers()};
     });
     engine.set_operation_hook([&](auto& object, tqlengine::object_operation_t operation) {
         subscribers.notify(object, operation, dispatcher.last_event_sender());
     });
     ensure_cluster_objects(services);
-    const auto control = make_control_socket(database, clock);
+    const auto control = make_control_socket(storage.database, clock);
     MainLoop loop(
         services,
-        {messenger, database.journal(), dispatcher, introspection, log_mask, control.get()},
+        {messenger, storage.database.journal(), dispatcher, introspection, log_mask, control.get()},
         {&store.resolver()});
     loop.run();
 
-    database.journal().journal_checkpoint();
+    storage.database.journal().journal_checkpoint();
     store.resolver().pause();
     if (messenger.shutdownInitiated()) messenger.completeShutdown();
 }
