@@ -143,13 +143,13 @@ class PutDataRecord final : public AsyncTsdbCallback {
 
 // ---- objects and their series ------------------------------------------------------------------
 
-dbcache::ObjectHandlerRef get_object(EventContext& context, const tql::id_t& id,
-                                     const char* what) {
+dbcache::ObjectHandlerRef get_object(EventContext& context, const tql::id_t& id, const char* what) {
     dbcache::ObjectHandlerRef object =
         context.services.store.resolver().find_object(id.to_node_id_lenient());
     if (!object)
-        throw errors::tql(errors::ERR_NO_SUCH_ID, fmt::format("{} got request for unknown object {}",
-                                                              what, id.to_string()));
+        throw errors::tql(
+            errors::ERR_NO_SUCH_ID,
+            fmt::format("{} got request for unknown object {}", what, id.to_string()));
     return object;
 }
 
@@ -200,9 +200,8 @@ tsdb::Put_Data_Data put_request(EventContext& context, uint32_t index, uint32_t 
 
 void put_data(EventContext& context, uint32_t index, const tsdb::data_entry_t& entry,
               uint32_t data_type, const TsdbCallbacks::Callback& callback) {
-    send_for<queues::PUT_DATA>(context.services,
-                               put_request(context, index, tsdb::kStore, data_type, {entry}),
-                               callback);
+    send_for<queues::PUT_DATA>(
+        context.services, put_request(context, index, tsdb::kStore, data_type, {entry}), callback);
 }
 
 void store_index(dbcache::ObjectHandler& object, uint32_t property, uint32_t index) {
@@ -229,9 +228,9 @@ void answer_outcome(EventContext& context, const queues::event& asked, const cha
     } catch (const errors::remote_error& failure) {
         reply_record = failed<Reply>(errors::ERR_BACKEND, failure.text());
     } catch (const mdb::error_nullprop&) {
-        reply_record = failed<Reply>(
-            errors::ERR_BACKEND,
-            fmt::format("{} was requested to put in property {}", handler, property));
+        reply_record =
+            failed<Reply>(errors::ERR_BACKEND,
+                          fmt::format("{} was requested to put in property {}", handler, property));
     } catch (const io::EEndOfStream& gone) {
         reply_record = failed<Reply>(errors::ERR_BACKEND, gone.text());
     }
@@ -257,8 +256,7 @@ void putDataSeries(Services& services, dbcache::ObjectHandler& object, uint32_t 
                                        "TSDB", "tsdb::Return_Put_Data_Alloc");
         index = queues::data<queues::RETURN_PUT_DATA_ALLOC>(*reply);
     } catch (const errors::remote_error& refusal) {
-        throw errors::db_anomaly(
-            fmt::format("Error allocating time series: {}", refusal.text()));
+        throw errors::db_anomaly(fmt::format("Error allocating time series: {}", refusal.text()));
     }
     // The second answer comes when the data is stored.
     services.tsdb_callbacks.enter(
@@ -311,8 +309,7 @@ void ev_tsdb_truncate_old_data(EventContext& context, queues::event& received) {
             const auto object = get_holder(context, asked.id, "Truncate_Old_Data");
             check_series_property(*object, asked.index_property);
             send_for<queues::TRUNCATE_OLD_DATA>(
-                context.services,
-                {dbcache::tsdb_index(*object, asked.index_property), asked.time},
+                context.services, {dbcache::tsdb_index(*object, asked.index_property), asked.time},
                 std::make_shared<TruncateOldDataCallback>(context.services.queue, received));
         });
 }
@@ -352,8 +349,7 @@ void ev_tsdb_append_data(EventContext& context, queues::event& received) {
             const auto callback = std::make_shared<AppendDataCallback>(
                 context.services.queue, received,
                 description(*object, asked.index_property, asked.data_type));
-            const bool has_series =
-                present_index(*object, asked.index_property) != tsdb::kNoSeries;
+            const bool has_series = present_index(*object, asked.index_property) != tsdb::kNoSeries;
             if (!has_series && !asked.data.empty())
                 putDataSeries(context.services, *object, asked.index_property,
                               std::move(asked.data), asked.data_type);

@@ -1,5 +1,5 @@
-// The events by which others reach the time series of an object: each is turned into requests to the
-// time series store by the index that the object holds. Gets, appends and truncates wait for
+// The events by which others reach the time series of an object: each is turned into requests to
+// the time series store by the index that the object holds. Gets, appends and truncates wait for
 // nothing; a put, a merge and the first data of an object wait for the store.
 //
 // A failure is told in the status of the reply and never ends the process.

@@ -164,8 +164,9 @@ TEST_F(TsdbHandlersTest, GetsWaitForNobodyAndFailWithTheStore) {
     EXPECT_EQ(answer<RETURN_TSDB_APPEND_DATA>(), "14 Put_Data called with property of wrong type");
     wrong.index_property = prop::tsdbForecast;
     ask<TSDB_APPEND_DATA>(ev_tsdb_append_data, wrong);
-    EXPECT_EQ(answer<RETURN_TSDB_APPEND_DATA>(),
-              fmt::format("14 Append_Data was requested to put in property {}", prop::tsdbForecast));
+    EXPECT_EQ(
+        answer<RETURN_TSDB_APPEND_DATA>(),
+        fmt::format("14 Append_Data was requested to put in property {}", prop::tsdbForecast));
 }
 
 }  // namespace
