@@ -1,6 +1,7 @@
 #include "dbms/main_loop.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "dbms/subscribers.h"
 #include "dbms/tsdb_callbacks.h"
@@ -26,7 +27,10 @@ MainLoop::MainLoop(Services& services, const Parts& parts, std::vector<idle::Idl
       span_clock_(services.clock),
       deferred_evaluations_(span_clock_),
       log_flags_(span_clock_) {
-    services_.queue.on_end([this](queues::queue_t peer) { services_.subscribers.lose(peer); });
+    services_.queue.on_end([this](queues::queue_t peer) {
+        services_.subscribers.lose(peer);
+        if (peer == queues::queue_t::tsdb) time_series_ended_ = true;
+    });
     selector_.add(services_.queue.front(), 0);
     selector_.add(deferred_evaluations_, 0);
     selector_.add(log_flags_, 0);
@@ -89,7 +93,7 @@ void MainLoop::take_event() {
     const std::unique_ptr<queues::event> received = services_.queue.read();
     if (received == nullptr) {
         services_.subscribers.drop_lost();
-        if (services_.queue.lost_peers().test(queues::queue_t::tsdb))
+        if (std::exchange(time_series_ended_, false))
             services_.tsdb_callbacks.fail_all("The time series store ended");
         stop_ = services_.queue.lost_peers().test(queues::queue_t::main);
         return;

@@ -71,6 +71,8 @@ class MainLoop {
     io::Timer log_flags_;
     io::Selector<int> selector_;
     bool stop_ = false;
+    /// The store of time series has ended since its awaited replies were last failed.
+    bool time_series_ended_ = false;
     bool shutting_down_ = false;
 };
 
