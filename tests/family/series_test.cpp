@@ -1,0 +1,96 @@
+// Checks and the process that keeps their time series: a check gets its series when it is made, a
+// store that is slow or dies costs time and a restart, and nothing that was acknowledged.
+#include <future>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "running_family.h"
+
+namespace family {
+namespace {
+
+using nlohmann::json;
+
+constexpr uint32_t kNoSeries = 0xFFFFFFFF;
+
+class Series : public testing::Test {
+  protected:
+    Series() { node = create_node("web"); }
+    /// Each request has a connection of its own, so that several can wait at once.
+    [[nodiscard]] Outcome ask(const std::string& path, const json& body) const {
+        cli::ApiClient api(family.url());
+        return post(api, path, body);
+    }
+    [[nodiscard]] std::string create_node(const std::string& name) const {
+        const Outcome made =
+            ask("/api/v1/create",
+                {{"parent", "0.1"}, {"class", "Node"}, {"properties", {{"name", name}}}});
+        EXPECT_TRUE(made.ok()) << made.text;
+        return made.ok() ? made.answer->at("id").get<std::string>() : std::string();
+    }
+    [[nodiscard]] Outcome create_check(const std::string& name) const {
+        return ask("/api/v1/create",
+                   {{"parent", node + ".0"},
+                    {"class", "Check"},
+                    {"properties", {{"remoteName", name}, {"remoteType", "ICMP"}}}});
+    }
+    /// The index of the check's series.
+    [[nodiscard]] uint32_t series_of(const std::string& check) const {
+        const Outcome found =
+            ask("/api/v1/select", {{"roots", {check}}, {"pattern", "Check[tsdbIndex]"}});
+        EXPECT_TRUE(found.ok()) << found.text;
+        return found.answer->at("results").at(0).at("properties").at("tsdbIndex").get<uint32_t>();
+    }
+
+    RunningFamily family;
+    std::string node;
+};
+
+TEST_F(Series, ACheckGetsOneAndASlowStoreOnlyCostsTime) {
+    const Outcome first = create_check("a");
+    ASSERT_TRUE(first.ok()) << first.text;
+    const uint32_t series = series_of(first.answer->at("id"));
+    EXPECT_NE(series, kNoSeries);
+
+    const pid_t store = family.child_pid("tsdb");
+    ASSERT_GT(store, 0);
+    ::kill(store, SIGSTOP);
+    auto second = std::async(std::launch::async, [&] { return create_check("b"); });
+    // Asked while the server waits for the store, answered after it, in order.
+    auto other = std::async(std::launch::async, [&] { return create_node("db"); });
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
+    ::kill(store, SIGCONT);
+    const Outcome waited = second.get();
+    ASSERT_TRUE(waited.ok()) << waited.text;
+    EXPECT_NE(series_of(waited.answer->at("id")), kNoSeries);
+    EXPECT_NE(series_of(waited.answer->at("id")), series);
+    EXPECT_NE(other.get(), "");
+    EXPECT_EQ(family.stop().code, 0) << family.log_text();
+}
+
+TEST_F(Series, AStoreThatDiesIsStartedAgainAndChecksCanBeMadeAgain) {
+    const Outcome first = create_check("a");
+    ASSERT_TRUE(first.ok()) << first.text;
+    const uint32_t series = series_of(first.answer->at("id"));
+    const pid_t store = family.child_pid("tsdb");
+    ::kill(store, SIGSTOP);
+    auto second = std::async(std::launch::async, [&] { return create_check("b"); });
+    EXPECT_EQ(second.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
+    ::kill(store, SIGKILL);
+    EXPECT_FALSE(second.get().ok());
+
+    // Service comes back by itself.
+    Outcome again;
+    for (int tries = 0; tries < 120 && !again.ok(); ++tries) {
+        EXPECT_TRUE(family.wait_healthy()) << family.log_text();
+        again = create_check("c");
+        if (!again.ok()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    ASSERT_TRUE(again.ok()) << again.text << family.log_text();
+    EXPECT_EQ(series_of(first.answer->at("id")), series);
+    EXPECT_NE(series_of(again.answer->at("id")), series);
+    EXPECT_EQ(family.stop().code, 0) << family.log_text();
+}
+
+}  // namespace
+}  // namespace family
