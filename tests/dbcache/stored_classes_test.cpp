@@ -244,6 +244,18 @@ TEST_F(StoredClasses, EntriesOfViewsShowWhatTheyPointAt) {
     EXPECT_EQ(world.value(list, prop::condensed), "-");
 }
 
+TEST_F(StoredClasses, TagMatchesAreFoundByTheListThatASelectGoesBy) {
+    const NodeId node = world.node(kRootId, "n");
+    const NodeId group = world.create(tql::id_t{node.first, node.second, 2}, cls::CheckGroup,
+                                      values({"mibObject=1.1", "snmpInstanceId=1.2", "tag=eth0"}));
+    const NodeId match = world.create(group, cls::TagRuleMatch, values({"rule=1.2", "tagId=1.3"}));
+    tqlengine::HandlerList found;
+    EXPECT_TRUE(world.store->resolver().obviousMatches(found, tql::id_t::from_node_id(kRootId),
+                                                       tql::pattern_t(cls::TagRuleMatch)));
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found.front()->tqlId(), tql::id_t::from_node_id(match));
+}
+
 TEST_F(StoredClasses, ExportsAndLinksAreLabelledByTheirStation) {
     const NodeId bare = world.create(kRootId, cls::DomainExport, values({"gid=01:02:03:04"}));
     EXPECT_EQ(world.value(bare, prop::treeLabel), "\"Export to 01:02:03:04\"");

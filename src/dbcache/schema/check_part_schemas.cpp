@@ -53,7 +53,9 @@ constexpr PropertyRow kEnumCheckTagRuleRows[] = {
     {.number = prop::state, .kind = kind_t::u32, .flags = K},
     {.number = prop::tagId, .kind = kind_t::object, .flags = K, .classes = kTag},
 };
+// All matches are found by the list of what is active, which a select of them goes by.
 constexpr PropertyRow kTagRuleMatchRows[] = {
+    {.number = prop::activeMark, .kind = kind_t::mark, .flags = X | R, .member = marks_always},
     {.number = prop::rule, .kind = kind_t::object, .flags = K, .classes = kTagRule},
     {.number = prop::tagId, .kind = kind_t::object, .flags = K, .classes = kTag},
 };
