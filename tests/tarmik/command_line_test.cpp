@@ -269,6 +269,42 @@ TEST_F(ShellTest, ExitCodesTellWhatHappened) {
     EXPECT_THAT(out, testing::HasSubstr("5  version conflict"));
 }
 
+TEST_F(ShellTest, LoadPutsIdsInPlaceOfNames) {
+    const support::TempDir dir;
+    const auto load = [&](const std::string& objects) {
+        std::ofstream(dir.file("site.json")) << R"({"objects": [)" << objects << "]}";
+        return run("load " + dir.file("site.json"));
+    };
+    api.answers = {
+        {409,
+         R"({"error": {"code": 4, "name": "ERR_EXISTS", "text": "EXISTS{1.7} Duplicate", "details": []}})"},
+        {200, R"({"id": "1.8", "version": "1.1"})"},
+        {200, R"({"id": "1.9", "version": "1.2"})"}};
+    const std::string mail =
+        R"({"class": "AlertGroup", "as": "mail"}, {"class": "AlertGroup", "as": "pager"})";
+    EXPECT_EQ(load(mail + R"(, {"class": "Node", "properties": {
+                  "alertGroup": {"object": "mail"},
+                  "dependsOn": [{"object": "pager"}, "1.3"]}})"),
+              0);
+    ASSERT_EQ(api.asked.size(), 3U);
+    EXPECT_THAT(api.asked[2],
+                testing::HasSubstr(R"({"alertGroup":"1.7","dependsOn":["1.8","1.3"]})"));
+
+    api.asked.clear();
+    const std::map<std::string, std::string> wrong = {
+        {R"({"class": "Node", "properties": {"alertGroup": {"object": "mail"}}}, )" + mail,
+         "no object above is called \"mail\""},
+        {R"({"class": "Node", "properties": {"dependsOn": [{"object": 5}]}})",
+         "no object above is called 5"},
+        {mail + ", " + mail, "two objects are called \"mail\""},
+        {R"({"class": "Node", "as": 5})", "\"as\" must be text: 5"}};
+    for (const auto& [objects, text] : wrong) {
+        EXPECT_EQ(load(objects), 1) << objects;
+        EXPECT_THAT(err, testing::HasSubstr(text));
+    }
+    EXPECT_TRUE(api.asked.empty()) << "nothing is created of a file that is wrong further down";
+}
+
 TEST_F(ShellTest, LoadSkipsWhatExists) {
     const support::TempDir dir;
     std::ofstream(dir.file("site.json")) << R"({"parent": "0.1", "objects": [

@@ -1,8 +1,14 @@
 // `load`: creates the objects of a file through the gateway.
+//
+// An object of the file may have a name of its own, "as": "mail". Below it in the file {"object":
+// "mail"} stands for its id, as a value or in a list of values.
 #include <fmt/format.h>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <string>
 
 #include "tarmik/commands.h"
 
@@ -33,25 +39,63 @@ json read_file(const std::string& path) {
     }
 }
 
-/// Checks the form of the whole file before anything is created, and counts its objects.
-size_t count_objects(const std::string& path, const json& objects, int depth) {
-    if (!objects.is_array()) refuse(path, "\"objects\" and \"children\" must be lists");
-    if (depth > kMaxDepth) refuse(path, fmt::format("nested more than {} levels deep", kMaxDepth));
-    size_t count = 0;
-    for (const json& object : objects) {
-        if (!object.is_object() || !object.contains("class") || !object["class"].is_string())
-            refuse(path, "each object needs a \"class\"");
-        if (object.contains("properties") && !object["properties"].is_object())
-            refuse(path, "\"properties\" must be an object of values by name");
-        for (const auto& [field, value] : object.items())
-            if (field != "class" && field != "properties" && field != "children")
-                refuse(path, fmt::format("unknown field \"{}\"", field));
-        ++count;
-        if (object.contains("children"))
-            count += count_objects(path, object["children"], depth + 1);
-    }
-    return count;
+/// The name in {"object": NAME}, or null where the value is of another form.
+const json* reference_in(const json& value) {
+    const bool is_one = value.is_object() && value.size() == 1 && value.contains("object");
+    return is_one ? &value["object"] : nullptr;
 }
+
+/// Checks the form of the whole file before anything is created.
+class FormCheck {
+  public:
+    explicit FormCheck(const std::string& path) : path_(path) {}
+
+    /// The number of objects.
+    size_t count(const json& objects, int depth = 1) {
+        if (!objects.is_array()) refuse(path_, "\"objects\" and \"children\" must be lists");
+        if (depth > kMaxDepth)
+            refuse(path_, fmt::format("nested more than {} levels deep", kMaxDepth));
+        size_t count = 0;
+        for (const json& object : objects) {
+            check_object(object);
+            ++count;
+            if (object.contains("children")) count += this->count(object["children"], depth + 1);
+        }
+        return count;
+    }
+
+  private:
+    void check_object(const json& object) {
+        if (!object.is_object() || !object.contains("class") || !object["class"].is_string())
+            refuse(path_, "each object needs a \"class\"");
+        if (object.contains("properties") && !object["properties"].is_object())
+            refuse(path_, "\"properties\" must be an object of values by name");
+        for (const auto& [field, value] : object.items())
+            if (field != "class" && field != "properties" && field != "children" && field != "as")
+                refuse(path_, fmt::format("unknown field \"{}\"", field));
+        for (const json& value : object.value("properties", json::object())) {
+            check_reference(value);
+            if (value.is_array())
+                for (const json& element : value) check_reference(element);
+        }
+        if (object.contains("as")) add_name(object["as"]);
+    }
+
+    void add_name(const json& name) {
+        if (!name.is_string()) refuse(path_, fmt::format("\"as\" must be text: {}", name.dump()));
+        if (!names_.insert(name.get<std::string>()).second)
+            refuse(path_, fmt::format("two objects are called {}", name.dump()));
+    }
+
+    void check_reference(const json& value) const {
+        const json* name = reference_in(value);
+        if (name && !(name->is_string() && names_.contains(name->get<std::string>())))
+            refuse(path_, fmt::format("no object above is called {}", name->dump()));
+    }
+
+    const std::string& path_;
+    std::set<std::string> names_;
+};
 
 class Loader {
   public:
@@ -61,6 +105,7 @@ class Loader {
     void load(const json& objects, const std::string& parent) {
         for (const json& object : objects) {
             const std::string id = ensure(object, parent);
+            if (object.contains("as")) ids_[object["as"].get<std::string>()] = id;
             show_progress();
             if (object.contains("children")) load(object["children"], id);
         }
@@ -74,7 +119,7 @@ class Loader {
     std::string ensure(const json& object, const std::string& parent) {
         json body{{"class", object["class"]},
                   {"parent", parent},
-                  {"properties", object.value("properties", json::object())}};
+                  {"properties", with_ids(object.value("properties", json::object()))}};
         try {
             const ordered_json answer = api_.post("/api/v1/create", body);
             ++created_;
@@ -90,6 +135,19 @@ class Loader {
             ++existing_;
             return id;
         }
+    }
+
+    /// The values with ids in place of the names of objects.
+    json with_ids(json properties) const {
+        const auto put_id = [this](json& value) {
+            if (const json* name = reference_in(value)) value = ids_.at(name->get<std::string>());
+        };
+        for (json& value : properties) {
+            put_id(value);
+            if (value.is_array())
+                for (json& element : value) put_id(element);
+        }
+        return properties;
     }
 
     /// The text of such a refusal begins with "EXISTS{", the id and "}".
@@ -110,6 +168,7 @@ class Loader {
     Api& api_;
     const Output& output_;
     size_t total_;
+    std::map<std::string, std::string> ids_;
     size_t created_ = 0;
     size_t existing_ = 0;
 };
@@ -121,7 +180,7 @@ void Commands::load(const std::string& path) {
     if (!file.is_object() || !file.contains("objects") ||
         (file.contains("parent") && !file["parent"].is_string()))
         refuse(path, "expected {\"parent\": id, \"objects\": [...]}");
-    Loader loader(api_, output_, count_objects(path, file["objects"], 1));
+    Loader loader(api_, output_, FormCheck(path).count(file["objects"]));
     loader.load(file["objects"], file.value("parent", "0.1"));
     if (output_.json)
         output_.print(fmt::format("{{\"created\": {}, \"existing\": {}}}\n", loader.created(),
