@@ -43,6 +43,9 @@ class PatchRun {
         for (uint32_t i = 0; i < kMatching; ++i) subscribe(site, ".*");
         while (requests_.size() < sizes_.watched) watch_elsewhere();
         writes("write_watched", kMatching);
+        while (requests_.size() > kMatching) forget(requests_.rbegin()->first);
+        watch_by_name();
+        writes("write_named", kMatching);
         return figures_;
     }
 
@@ -71,6 +74,15 @@ class PatchRun {
                       "Domain*^ > Node");
         else
             subscribe(check.id, "Check");
+    }
+
+    /// Checks by name in the site that is written to, each under another one and none of it there.
+    void watch_by_name() {
+        for (uint32_t i = 0; i < sizes_.watched; ++i) {
+            const std::string steps = fmt::format("Domain*^ > Node > Check{{name = \"{}\"}}", i);
+            subscriptions().watch(++last_, {tql::id_t::from_node_id(tree_.sites.front())},
+                                  tql::parse_pattern(steps), true);
+        }
     }
 
     void forget(uint32_t number) {
@@ -150,6 +162,10 @@ std::vector<Row> patch_rows() {
          .decimals = 1},
         {.key = "write_watched_sent",
          .title = "  its 10 patches, us",
+         .better = better_t::less,
+         .decimals = 1},
+        {.key = "write_named",
+         .title = "write, 10 000 watch other names here, us",
          .better = better_t::less,
          .decimals = 1},
     };

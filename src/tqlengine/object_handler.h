@@ -177,7 +177,7 @@ class TqlObjectHandler {
     /// errors::tql.
     virtual void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) = 0;
     /// Lets a class test a condition by itself: true when it did, with `result` 0 for "holds".
-    /// Default false.
+    /// Which ones it tests depends on the property alone, never on the value. Default false.
     virtual bool tqlSpecialMatch(uint32_t& result, const tql::condition_t& condition);
 
     // ---- writing --------------------------------------------------------------------------------

@@ -55,6 +55,7 @@ class Object : public tqlengine::TqlObjectHandler {
     }
 
     uint32_t flags = tqlengine::kObjectStored;
+    size_t encoded = 0;  ///< calls of tqlEncode
     tql::version_t version;
     tql::property_map_t properties;
     std::vector<Object*> children;
@@ -143,6 +144,7 @@ inline tqlengine::TqlIdResolver* Object::tqlIdResolver() {
 }
 
 inline void Object::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {
+    ++encoded;
     for (const auto& [number, value] : properties)
         if (pattern.wants(number)) out[number] = value;
 }

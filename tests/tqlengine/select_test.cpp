@@ -452,6 +452,46 @@ TEST(SelectRandom, AgreesWithTheModelWithAndWithoutShortcuts) {
 
 using Way = std::vector<fake::Object*>;
 
+constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
+
+tql::value_t random_value(support::Rng& rng) {
+    const auto number = static_cast<uint32_t>(rng.below(3));
+    tql::value_t value;
+    switch (rng.below(4)) {
+        case 0:
+            value = std::make_unique<tql::property_string_t>(
+                prop::comment, std::array{"alpha", "ALPHA", "beta"}[number]);
+            break;
+        case 1:
+            value = std::make_unique<tql::property_real_t>(prop::order,
+                                                           std::array{0.0, -0.0, kNan}[number]);
+            break;
+        case 2:
+            value = std::make_unique<tql::property_enum_t>(prop::snmpPort, 0x10001, number, 0);
+            break;
+        default:
+            value = std::make_unique<tql::property_object_t>(prop::masterId, tql::id_t(1, number));
+    }
+    value->is_null = rng.chance(20);
+    return value;
+}
+
+/// Demands of several values at once, mixed with other conditions in any order.
+void add_demands(RandomSelect& world, tql::pattern_t& step) {
+    for (uint64_t n = world.rng.below(4); n > 0; --n) {
+        if (world.rng.chance(15)) {
+            step.where.push_back(where_name(world.random_name()));
+            step.where.back().value->property = prop::label;
+        } else if (world.rng.chance(30)) {
+            step.where.push_back(world.random_condition());
+        } else {
+            const std::array kOperators{relop_t::eq, relop_t::eq, relop_t::ieq, relop_t::ne};
+            step.where.push_back({random_value(world.rng), kOperators[world.rng.below(4)]});
+        }
+    }
+    for (tql::pattern_t& successor : step.next) add_demands(world, successor);
+}
+
 /// Whether `step`, read along `way` from `place` on, can reach its last object.
 bool would_match(const Way& way, size_t place, const tql::pattern_t& step) {
     if (place == way.size()) return false;
@@ -479,8 +519,14 @@ TEST(SubscriptionRandom, AWriteTouchesThoseWhomAskingEveryoneWouldFind) {
         tqlengine::Subscriptions& subscriptions = world.engine.subscriptions();
         std::vector<tql::pattern_t> patterns;
         std::vector<std::set<tql::id_t>> roots;
+        for (size_t n = 0; n < world.tree.size(); ++n)
+            for (int values = 0; values < 4; ++values) {
+                tql::value_t value = random_value(world.rng);
+                world.tree.object(n).properties[value->property] = value;
+            }
         for (uint32_t id = 0; id < kSubscriptions; ++id) {
             patterns.push_back(world.random_pattern(3));
+            if (id % 2 == 0) add_demands(world, patterns.back());
             roots.push_back({world.random_id(), {}});
             if (world.rng.chance(70)) roots.back().insert({0, 1});
             if (world.rng.chance(5))  // more than are worth an entry each

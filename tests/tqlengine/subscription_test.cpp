@@ -195,6 +195,25 @@ TEST_F(Subscribing, AConditionThatCannotBeTestedCountsAsTouched) {
     EXPECT_EQ(due(), "3:0.1!(1.1!(2.1!=\"kept\")) 2:again ");
 }
 
+TEST_F(Subscribing, WhoDemandsAnotherValueIsNotAsked) {
+    constexpr uint32_t kNames = 1'000;
+    for (uint32_t n = 1; n <= kNames; ++n)
+        engine.subscriptions().watch(
+            n, {{0, 1}}, tql::parse_pattern(fmt::format("Domain* > Node{{name = \"{}\"}}", n)),
+            false);
+    x.encoded = 0;
+    rename(x, "7");
+    rename(x, "8");
+    EXPECT_EQ(due(), "7:again 8:again ");
+    EXPECT_LE(x.encoded, 8U);
+
+    // What is demanded can't be compared with what x holds now: for all that anybody knows, they
+    // all are touched.
+    x.properties[prop::name] = std::make_unique<tql::property_uint_t>(prop::name, 9U);
+    update(x);
+    EXPECT_EQ(engine.subscriptions().watched(), 0U);
+}
+
 TEST_F(Subscribing, DepthCostsNeitherStackNorSquares) {
     constexpr uint32_t kLevels = 10'000;
     fake::Object* deepest = &tree.root();

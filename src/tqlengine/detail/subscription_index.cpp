@@ -29,14 +29,14 @@ void erase(std::vector<uint32_t>& ascending, uint32_t number) {
 class SubscriptionIndex::Collector {
   public:
     void collect(const tql::pattern_t& step, Way way);
-    [[nodiscard]] bool too_many() const { return places_.size() > kMostPlaces; }
-    [[nodiscard]] std::vector<Place> take() { return std::move(places_); }
+    [[nodiscard]] bool too_many() const { return entries_.size() > kMostPlaces; }
+    [[nodiscard]] std::vector<Entry> take() { return std::move(entries_); }
 
   private:
     void add(const tql::pattern_t& step, const Way& way);
     void collect_successors(const tql::pattern_t& step, const Way& way);
 
-    std::vector<Place> places_;
+    std::vector<Entry> entries_;
 };
 
 void SubscriptionIndex::Collector::collect(const tql::pattern_t& step, Way way) {
@@ -65,9 +65,10 @@ void SubscriptionIndex::Collector::collect(const tql::pattern_t& step, Way way) 
 }
 
 void SubscriptionIndex::Collector::add(const tql::pattern_t& step, const Way& way) {
+    const Equality equality = equality_of(step);
     for (const tql::id_t& anchor : *way.anchors) {
         if (too_many()) return;
-        places_.push_back({anchor, step.class_, way.distance});
+        entries_.push_back({{anchor, step.class_, way.distance}, equality});
     }
 }
 
@@ -91,42 +92,78 @@ void SubscriptionIndex::add(uint32_t subscription, const std::set<tql::id_t>& ro
         everywhere_.insert(subscription);
         return;
     }
-    const std::vector<Place>& places =
-        places_.emplace(subscription, collector.take()).first->second;
-    for (const Place& place : places) insert(at_[place], subscription);
+    const std::vector<Entry>& entries =
+        entries_.emplace(subscription, collector.take()).first->second;
+    for (const Entry& entry : entries) enter(subscription, entry);
+}
+
+void SubscriptionIndex::enter(uint32_t subscription, const Entry& entry) {
+    Entries& there = at_[entry.place];
+    if (entry.equality.fields.empty())
+        insert(there.whatever, subscription);
+    else
+        insert(there.by_fields[entry.equality.fields][entry.equality.values], subscription);
 }
 
 void SubscriptionIndex::remove(uint32_t subscription) {
     everywhere_.erase(subscription);
-    const auto known = places_.find(subscription);
-    if (known == places_.end()) return;
-    for (const Place& place : known->second) {
-        const auto there = at_.find(place);
-        if (there == at_.end()) continue;
-        erase(there->second, subscription);
-        if (there->second.empty()) at_.erase(there);
+    const auto known = entries_.find(subscription);
+    if (known == entries_.end()) return;
+    for (const Entry& entry : known->second) leave(subscription, entry);
+    entries_.erase(known);
+}
+
+/// The same entry may have been left before, where two steps of a pattern make the same one.
+void SubscriptionIndex::leave(uint32_t subscription, const Entry& entry) {
+    const auto place = at_.find(entry.place);
+    if (place == at_.end()) return;
+    Entries& there = place->second;
+    const auto with_fields = there.by_fields.find(entry.equality.fields);
+    if (with_fields == there.by_fields.end()) {
+        if (entry.equality.fields.empty()) erase(there.whatever, subscription);
+    } else {
+        ByValues& by_values = with_fields->second;
+        const auto with_values = by_values.find(entry.equality.values);
+        if (with_values == by_values.end()) return;
+        erase(with_values->second, subscription);
+        if (with_values->second.empty()) by_values.erase(with_values);
+        if (by_values.empty()) there.by_fields.erase(with_fields);
     }
-    places_.erase(known);
+    if (there.empty()) at_.erase(place);
 }
 
 std::vector<uint32_t> SubscriptionIndex::candidates(const Chain& chain) const {
-    std::vector<uint32_t> found(everywhere_.begin(), everywhere_.end());
+    Numbers found(everywhere_.begin(), everywhere_.end());
+    HeldValues held(*chain.back().object);
     const uint32_t class_number = chain.back().object->class_number();
     uint32_t distance = static_cast<uint32_t>(chain.size());
     for (const ChainLink& link : chain) {
         --distance;
         for (const uint32_t wanted : {class_number, cls::Any})
             for (const uint32_t apart : {distance, kAnyDistance})
-                append(found, {link.id, wanted, apart});
+                append(found, {link.id, wanted, apart}, held);
     }
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());
     return found;
 }
 
-void SubscriptionIndex::append(std::vector<uint32_t>& out, const Place& place) const {
+void SubscriptionIndex::append(Numbers& out, const Place& place, HeldValues& held) const {
     const auto there = at_.find(place);
-    if (there != at_.end()) out.insert(out.end(), there->second.begin(), there->second.end());
+    if (there == at_.end()) return;
+    const auto add = [&out](const Numbers& more) {
+        out.insert(out.end(), more.begin(), more.end());
+    };
+    add(there->second.whatever);
+    for (const auto& [fields, by_values] : there->second.by_fields) {
+        const HeldValues::Outcome outcome = held.compare(fields);
+        if (outcome.outcome == HeldValues::outcome_t::unknown) {
+            for (const auto& [values, numbers] : by_values) add(numbers);
+        } else if (outcome.outcome == HeldValues::outcome_t::hash) {
+            const auto equal = by_values.find(outcome.values);
+            if (equal != by_values.end()) add(equal->second);
+        }
+    }
 }
 
 }  // namespace tqlengine::detail

@@ -6,12 +6,15 @@
 //     by the id condition of the last plain step with one, this step or one before it, or, without
 //     such a step, one of the roots;
 //   - if the object stands as far below the anchor as there are plain steps between, or at any
-//     distance when a recursive step stands between.
-// Each subscription is entered once for each (anchor, class, distance) of its steps, and a change
-// looks up the objects on its way. What it finds is too many but never too few.
+//     distance when a recursive step stands between;
+//   - if the object holds the values that the step's conditions demand by equality.
+// Each subscription is entered once for each (anchor, class, distance) of its steps, there among
+// those with the same demands, and a change looks up the objects on its way and what it holds. What
+// it finds is too many but never too few.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "tql/id.h"
 #include "tql/pattern.h"
 #include "tqlengine/detail/chain.h"
+#include "tqlengine/detail/equality.h"
 
 namespace tqlengine::detail {
 
@@ -31,7 +35,8 @@ class SubscriptionIndex {
     /// Nothing happens if it isn't in the index.
     void remove(uint32_t subscription);
 
-    /// Ascending: all that the last object of `chain` can touch, and few others.
+    /// Ascending: all that the last object of `chain` can touch, and few others. Reads of the
+    /// object what subscriptions for its class and place demand of it by equality.
     [[nodiscard]] std::vector<uint32_t> candidates(const Chain& chain) const;
 
   private:
@@ -47,6 +52,20 @@ class SubscriptionIndex {
     struct PlaceHash {
         size_t operator()(const Place& place) const noexcept;
     };
+    /// Where a subscription is entered.
+    struct Entry {
+        Place place;
+        Equality equality;
+    };
+    using Numbers = std::vector<uint32_t>;  ///< ascending
+    using ByValues = std::unordered_map<uint64_t, Numbers>;
+    /// The subscriptions with steps at one place.
+    struct Entries {
+        Numbers whatever;  ///< those that demand nothing by equality
+        std::map<EqualityFields, ByValues> by_fields;
+
+        [[nodiscard]] bool empty() const { return whatever.empty() && by_fields.empty(); }
+    };
     /// From what a step's distance counts, as seen on the way down the pattern.
     struct Way {
         const std::set<tql::id_t>* anchors;
@@ -54,10 +73,12 @@ class SubscriptionIndex {
     };
     class Collector;
 
-    void append(std::vector<uint32_t>& out, const Place& place) const;
+    void enter(uint32_t subscription, const Entry& entry);
+    void leave(uint32_t subscription, const Entry& entry);
+    void append(Numbers& out, const Place& place, HeldValues& held) const;
 
-    std::unordered_map<Place, std::vector<uint32_t>, PlaceHash> at_;  ///< ascending
-    std::unordered_map<uint32_t, std::vector<Place>> places_;
+    std::unordered_map<Place, Entries, PlaceHash> at_;
+    std::unordered_map<uint32_t, std::vector<Entry>> entries_;
     /// Those with more places than an entry for each is worth; candidates of every change.
     std::set<uint32_t> everywhere_;
 };
