@@ -304,6 +304,10 @@ std::span<const std::string_view> agent_state_labels(uint32_t check_type) {
     }
 }
 
+void check_agent_thresholds(const NodetypeSchema& schema, const WorkArray& work, uint32_t subtype) {
+    Thresholds(schema, work, subtype).check();
+}
+
 bool is_top_group(const PropertyChain& chain, const NodeId& id, std::string_view agent_id) {
     bool found = false;
     chain.visit_object(id, [&](const PropertyChain& group) {
@@ -367,7 +371,7 @@ void AgentCheckSchema::validate(const SchemaObject& object, const PropertyChain&
     CheckSchema::validate(object, chain, work, new_parent);
     const uint32_t own_subtype = subtype(object, work);
     if (own_subtype == kInteger || own_subtype == kFloating)
-        Thresholds(*this, work, own_subtype).check();
+        check_agent_thresholds(*this, work, own_subtype);
 }
 
 void AgentCheckSchema::before_series(WorkArray& work, uint32_t subtype) const {

@@ -64,4 +64,9 @@ class AgentCheckGroupSchema final : public TableSchema<NodetypeSchema> {
 /// beyond the end are no states.
 [[nodiscard]] std::span<const std::string_view> agent_state_labels(uint32_t check_type);
 
+/// The rules between the thresholds of a measured agent check, given as values or in per cent of
+/// its range. `work` is that of a class with the eight thresholds, in `subtype`; a range that the
+/// class doesn't store is unknown. Throws errors::tql with code 10.
+void check_agent_thresholds(const NodetypeSchema& schema, const WorkArray& work, uint32_t subtype);
+
 }  // namespace dbcache

@@ -13,6 +13,7 @@
 #include "dbcache/schema/grid_schemas.h"
 #include "dbcache/schema/mib_schemas.h"
 #include "dbcache/schema/net_check_schema.h"
+#include "dbcache/schema/node_class_schemas.h"
 #include "dbcache/schema/plan_schemas.h"
 #include "dbcache/schema/report_schemas.h"
 #include "dbcache/schema/scan_schemas.h"
@@ -54,6 +55,7 @@ void declare_all(SchemaTable& table) {
     declare_forecasts(table);
     declare_grid(table);
     declare_scans(table);
+    declare_node_classes(table);
     table.seal();
 }
 
