@@ -71,12 +71,15 @@ template <class Record>
 struct ChangeRequest {
     Record record;
     bool has_version = false;
+    /// False: the values weren't read, as it takes the object's class to do so.
+    bool has_properties = true;
 };
-[[nodiscard]] ChangeRequest<dbms::Tql_Update_Data> update_request(const nlohmann::json& body);
+[[nodiscard]] ChangeRequest<dbms::Tql_Update_Data> update_request(
+    const nlohmann::json& body, std::optional<uint32_t> class_number = {});
 [[nodiscard]] ChangeRequest<dbms::Tql_Delete_Data> delete_request(const nlohmann::json& body);
-/// Asks for the object alone, without properties: its version is in the answer. A pattern matches
-/// either templates or all the others, so it takes two requests to find any object.
-[[nodiscard]] dbms::Tql_Select_Data version_request(const tql::id_t& id, bool is_template);
+/// Asks for the object alone, without properties: class and version are in the answer. A pattern
+/// matches either templates or all the others, so it takes two requests to find any object.
+[[nodiscard]] dbms::Tql_Select_Data lookup_request(const tql::id_t& id, bool is_template);
 
 [[nodiscard]] Response answer(const dbms::Return_Tql_Select_Data& returned);
 [[nodiscard]] Response answer(const dbms::Return_Tql_Create_Data& returned);

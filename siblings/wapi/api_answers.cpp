@@ -79,17 +79,26 @@ Response answer(const dbms::Return_Tql_Class_Names_Data& returned) {
     return respond(200, {{"classes", std::move(classes)}});
 }
 
+namespace {
+
+void add_kind(ordered_json& entry, tql::value_kind_t kind) {
+    if (kind.type == tql::property_type_t::none) return;
+    entry["type"] = tql::kind_word(kind);
+    const auto* enumeration = tql::find_enumeration(kind.enumeration);
+    if (kind.type == tql::property_type_t::enum_ && enumeration != nullptr)
+        entry["enumeration"] = enumeration->name;
+}
+
+}  // namespace
+
 Response answer(const dbms::Return_Tql_Property_Names_Data& returned) {
     ordered_json properties = ordered_json::array();
     for (const dbms::property_name_t& known : returned.names) {
         ordered_json entry{{"number", known.property}, {"name", known.name}};
-        const tql::property_row_t* row = tql::find_property_row(known.property);
-        if (row != nullptr && row->usual_kind.type != tql::property_type_t::none) {
-            entry["type"] = tql::type_word(row->usual_kind.type);
-            const auto* enumeration = tql::find_enumeration(row->usual_kind.enumeration);
-            if (row->usual_kind.type == tql::property_type_t::enum_ && enumeration != nullptr)
-                entry["enumeration"] = enumeration->name;
-        }
+        add_kind(entry, tql::property_kind(cls::Any, known.property));
+        for (const tql::class_kind_row_t& row : tql::class_kinds(known.property))
+            add_kind(entry["classes"][std::string(tql::find_class_name(row.class_number))],
+                     row.kind);
         properties.push_back(std::move(entry));
     }
     return respond(200, {{"properties", std::move(properties)}});

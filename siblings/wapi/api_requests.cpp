@@ -67,11 +67,17 @@ uint32_t get_flags(const json& body) {
     return found->get<bool>() ? kIgnoreUnknown : 0;
 }
 
-std::vector<tql::value_t> get_properties(const json& body) {
+/// The object of values by name; null if there is none.
+const json* find_properties(const json& body) {
     const auto found = body.find("properties");
-    if (found == body.end()) return {};
+    if (found == body.end()) return nullptr;
     if (!found->is_object()) refuse("Field \"properties\" must be an object of values by name");
-    return values_from_json(*found);
+    return &*found;
+}
+
+std::vector<tql::value_t> get_properties(const json& body, uint32_t class_number) {
+    const json* found = find_properties(body);
+    return found == nullptr ? std::vector<tql::value_t>() : values_from_json(class_number, *found);
 }
 
 template <class Record>
@@ -168,18 +174,23 @@ dbms::Tql_Create_Data create_request(const json& body) {
     record.new_id = find_id(body, "id");
     record.user_id = find_id(body, "user");
     record.flags = get_flags(body);
-    record.properties = get_properties(body);
+    record.properties = get_properties(body, record.class_);
     return record;
 }
 
-ChangeRequest<dbms::Tql_Update_Data> update_request(const json& body) {
+ChangeRequest<dbms::Tql_Update_Data> update_request(const json& body,
+                                                    std::optional<uint32_t> class_number) {
     allow_only(body, {"id", "version", "properties", "user", "ignore_unknown"});
     ChangeRequest<dbms::Tql_Update_Data> request;
     request.record.id = get_id(body, "id");
     read_version(body, request);
     request.record.user_id = find_id(body, "user");
     request.record.flags = get_flags(body);
-    request.record.properties = get_properties(body);
+    const json* properties = find_properties(body);
+    request.has_properties =
+        class_number.has_value() || properties == nullptr || !depend_on_class(*properties);
+    if (request.has_properties)
+        request.record.properties = get_properties(body, class_number.value_or(cls::Any));
     return request;
 }
 
@@ -192,7 +203,7 @@ ChangeRequest<dbms::Tql_Delete_Data> delete_request(const json& body) {
     return request;
 }
 
-dbms::Tql_Select_Data version_request(const tql::id_t& id, bool is_template) {
+dbms::Tql_Select_Data lookup_request(const tql::id_t& id, bool is_template) {
     dbms::Tql_Select_Data record;
     record.root_ids.push_back(id);
     record.pattern = tql::pattern_t(tql::get_class("."), is_template ? tql::kPatternTemplates : 0);

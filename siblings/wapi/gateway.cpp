@@ -52,7 +52,14 @@ struct Gateway::Routes {
         call.request = to_server<queues::TQL_CREATE>(create_request(parse_body(request.body)));
     }
     static void update(Call& call, const Request& request) {
-        change<queues::TQL_UPDATE>(call, update_request(parse_body(request.body)));
+        const nlohmann::json body = parse_body(request.body);
+        auto wanted = update_request(body);
+        if (wanted.has_properties) return change<queues::TQL_UPDATE>(call, std::move(wanted));
+        look_up(call, wanted.record.id, [body](const tql::result_t& object) {
+            auto read = update_request(body, object.class_);
+            if (!read.has_version) read.record.version = object.version;
+            return to_server<queues::TQL_UPDATE>(std::move(read.record));
+        });
     }
     static void remove(Call& call, const Request& request) {
         change<queues::TQL_DELETE>(call, delete_request(parse_body(request.body)));
@@ -77,10 +84,21 @@ struct Gateway::Routes {
     template <queues::event_t N>
     static void change(Call& call, ChangeRequest<queues::record_t<N>> wanted) {
         call.id = wanted.record.id;
-        call.request = to_server<N>(std::move(wanted.record));
-        if (wanted.has_version) return;
-        call.after_version = std::move(call.request);
-        call.request = to_server<queues::TQL_SELECT>(version_request(call.id, false));
+        if (wanted.has_version) {
+            call.request = to_server<N>(std::move(wanted.record));
+            return;
+        }
+        look_up(call, call.id,
+                [record = std::move(wanted.record)](const tql::result_t& object) mutable {
+                    record.version = object.version;
+                    return to_server<N>(std::move(record));
+                });
+    }
+
+    static void look_up(Call& call, const tql::id_t& id, decltype(Call::make_change) make_change) {
+        call.id = id;
+        call.make_change = std::move(make_change);
+        call.request = to_server<queues::TQL_SELECT>(lookup_request(id, false));
     }
 };
 
@@ -143,32 +161,31 @@ bool Gateway::take_event(const queues::event& received) {
     if (found.empty()) return false;
     Call call = std::move(found.mapped());
     in_flight_bytes_ -= call.weight_bytes;
-    if (call.after_version && call.token != 0 && !received.exception &&
+    if (call.make_change && call.token != 0 && !received.exception &&
         received.number() == queues::RETURN_TQL_SELECT)
-        take_version(std::move(call), queues::data<queues::RETURN_TQL_SELECT>(received));
+        take_object(std::move(call), queues::data<queues::RETURN_TQL_SELECT>(received));
     else
         finish(call, received);
     send_queued();
     return true;
 }
 
-void Gateway::take_version(Call call, const dbms::Return_Tql_Select_Data& found) {
+void Gateway::take_object(Call call, const dbms::Return_Tql_Select_Data& found) {
     if (found.status != 0) return answer(call, refusal(found.status, found.details));
     if (found.res.empty() && !call.asked_templates) {
         call.asked_templates = true;
-        call.request = to_server<queues::TQL_SELECT>(version_request(call.id, true));
+        call.request = to_server<queues::TQL_SELECT>(lookup_request(call.id, true));
         queued_.push_front(std::move(call));
         return;
     }
     if (found.res.empty())
         return answer(call, refusal(errors::ERR_NO_SUCH_ID,
                                     {{3, fmt::format("{} not found", call.id.to_string())}}));
-    const tql::version_t version = found.res.front().version;
-    if (call.after_version->number() == queues::TQL_UPDATE)
-        queues::data<queues::TQL_UPDATE>(*call.after_version).version = version;
-    else
-        queues::data<queues::TQL_DELETE>(*call.after_version).version = version;
-    call.request = std::move(call.after_version);
+    try {
+        call.request = std::exchange(call.make_change, nullptr)(found.res.front());
+    } catch (const error::Exception& wrong) {
+        return answer(call, refusal(wrong));
+    }
     // Ahead of the others: the less time passes, the less likely is a change in between.
     queued_.push_front(std::move(call));
 }

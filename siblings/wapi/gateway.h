@@ -6,7 +6,8 @@
 //
 //   take_request --> queued --room in the window--> in flight --reply--> answered
 //                       ^                              |
-//                       '---- version looked up -------'   (a change without version)
+//                       '---- object looked up --------'   (a change that lacks its version, or
+//                                                           needs its class to be read)
 //
 // Whatever happens, each token gets exactly one answer: the reply, 503 when the server is gone or
 // the gateway stops, or 504 when no reply came in time. A call whose client was told 504 stays in
@@ -18,6 +19,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -59,9 +61,10 @@ class Gateway final : public Endpoint {
     struct Call {
         token_t token = 0;  ///< 0: nobody waits any more
         std::unique_ptr<queues::event> request;
-        /// The change that goes out once the version of the object is known.
-        std::unique_ptr<queues::event> after_version;
-        bool asked_templates = false;  ///< the version of no other object was found
+        /// Makes the change of an object that is looked up first. Throws what wapi::refusal()
+        /// takes.
+        std::function<std::unique_ptr<queues::event>(const tql::result_t& object)> make_change;
+        bool asked_templates = false;  ///< no other object was found
         bool is_health = false;
         tql::id_t id;  ///< of an update or delete
         size_t weight_bytes = 0;
@@ -72,7 +75,7 @@ class Gateway final : public Endpoint {
     void send_queued();
     void answer(Call& call, Response response);
     void finish(Call& call, const queues::event& received);
-    void take_version(Call call, const dbms::Return_Tql_Select_Data& found);
+    void take_object(Call call, const dbms::Return_Tql_Select_Data& found);
     void refuse_all(std::string_view text);
 
     GatewayPorts& ports_;

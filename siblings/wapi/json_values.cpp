@@ -69,7 +69,7 @@ std::string expected_word(property_type_t type) {
     throw errors::tql(errors::ERR_ILLEGAL_TYPE,
                       fmt::format("{}: expected {} for a value of type {}, found {}",
                                   tql::property_name(property), expected_word(kind.type),
-                                  tql::type_word(kind.type), json_word(found)));
+                                  tql::kind_word(kind), json_word(found)));
 }
 
 bool takes_whole_numbers(property_type_t type) {
@@ -151,16 +151,15 @@ tql::value_t read_form(uint32_t property, const json& form) {
     const auto value = form.find("value");
     if (type == form.end() || !type->is_string() || value == form.end())
         refuse_form(property, "an object needs the fields \"type\", a text, and \"value\"");
-    const auto found = tql::find_type(type->get_ref<const std::string&>());
-    if (!found)
+    auto kind = tql::find_kind(type->get_ref<const std::string&>());
+    if (!kind)
         refuse_form(property, fmt::format("{} is no type of values", type->dump(-1, ' ', true)));
-    value_kind_t kind{.type = *found, .enumeration = 0};
-    if (*found == property_type_t::enum_) kind.enumeration = enumeration_from_json(property, form);
+    const bool is_enumeration = kind->type == property_type_t::enum_;
+    if (is_enumeration) kind->enumeration = enumeration_from_json(property, form);
     for (const auto& [field, content] : form.items())
-        if (field != "type" && field != "value" &&
-            !(field == "enumeration" && *found == property_type_t::enum_))
+        if (field != "type" && field != "value" && !(field == "enumeration" && is_enumeration))
             refuse_form(property, fmt::format("unknown field \"{}\"", field));
-    return read_as(property, kind, *value);
+    return read_as(property, *kind, *value);
 }
 
 /// {"inherit": true}
@@ -218,33 +217,40 @@ ordered_json payload_to_json(const tql::property_t& value) {
 
 }  // namespace
 
-tql::value_t value_from_json(uint32_t property, const json& json_value) {
+tql::value_t value_from_json(uint32_t class_number, uint32_t property, const json& json_value) {
     if (json_value.is_object() && json_value.contains("inherit"))
         return read_inherit_request(property, json_value);
     if (json_value.is_object()) return read_form(property, json_value);
-    const tql::property_row_t* row = tql::find_property_row(property);
-    if (row == nullptr || row->usual_kind.type == property_type_t::none)
+    const value_kind_t kind = tql::property_kind(class_number, property);
+    if (kind.type == property_type_t::none)
         refuse_form(
             property,
             "has no usual type, give {\"type\": ..., \"value\": ...} in place of the value");
-    return read_as(property, row->usual_kind, json_value);
+    return read_as(property, kind, json_value);
 }
 
-std::vector<tql::value_t> values_from_json(const json& object) {
+std::vector<tql::value_t> values_from_json(uint32_t class_number, const json& object) {
     std::vector<tql::value_t> values;
     values.reserve(object.size());
     for (const auto& [name, value] : object.items())
-        values.push_back(value_from_json(tql::get_property(name), value));
+        values.push_back(value_from_json(class_number, tql::get_property(name), value));
     return values;
 }
 
-ordered_json value_to_json(const tql::property_t& value) {
+bool depend_on_class(const json& object) {
+    for (const auto& [name, value] : object.items()) {
+        const auto property = tql::find_property(name);
+        if (property && !value.is_object() && !tql::class_kinds(*property).empty()) return true;
+    }
+    return false;
+}
+
+ordered_json value_to_json(uint32_t class_number, const tql::property_t& value) {
     const value_kind_t kind = tql::kind_of(value);
-    const tql::property_row_t* row = tql::find_property_row(value.property);
     ordered_json payload = payload_to_json(value);
-    if (row != nullptr && row->usual_kind == kind) return payload;
+    if (tql::property_kind(class_number, value.property) == kind) return payload;
     ordered_json form;
-    form["type"] = tql::type_word(kind.type);
+    form["type"] = tql::kind_word(kind);
     if (kind.type == property_type_t::enum_) {
         const tql::enumeration_t* named = tql::find_enumeration(kind.enumeration);
         if (named != nullptr)
@@ -256,9 +262,10 @@ ordered_json value_to_json(const tql::property_t& value) {
     return form;
 }
 
-ordered_json values_to_json(const tql::property_map_t& values) {
+ordered_json values_to_json(uint32_t class_number, const tql::property_map_t& values) {
     ordered_json object = ordered_json::object();
-    for (const auto& [number, value] : values) object[name_of(number)] = value_to_json(*value);
+    for (const auto& [number, value] : values)
+        object[name_of(number)] = value_to_json(class_number, *value);
     return object;
 }
 

@@ -35,7 +35,7 @@ ordered_json node_to_json(const tql::result_t& node, size_t depth, const tql::id
     if (is_patch_node) tags.erase(std::prev(tags.end()));  // the highest of all
     if (!tags.empty()) object["tags"] = std::move(tags);
     if (node.origin != tql::origin_t()) object["origin"] = origin_to_json(node.origin);
-    object["properties"] = values_to_json(node.properties);
+    object["properties"] = values_to_json(node.class_, node.properties);
     if (ordered_json inherited = inherited_to_json(node.properties); !inherited.empty())
         object["inherited"] = std::move(inherited);
     if ((node.flags & kTemplate) != 0) object["settable"] = settable_to_json(node.properties);

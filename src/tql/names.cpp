@@ -27,9 +27,18 @@ constexpr property_row_t kProperties[] = {
     { property_type_t::type, 0 }
 #define TQL_KIND_ENUM(constant) \
     { property_type_t::enum_, enumeration::constant }
+#define TQL_KIND_UNIT \
+    { property_type_t::blob, 0, true }
 #define TQL_PROPERTY(number, constant, text, kind) {number, text, kind},
 #include "tql/detail/property_names.inc"
 #undef TQL_PROPERTY
+};
+
+constexpr class_kind_row_t kClassKinds[] = {
+#define TQL_CLASS_KIND(class_constant, constant, kind) {prop::constant, cls::class_constant, kind},
+#include "tql/detail/class_kinds.inc"
+#undef TQL_CLASS_KIND
+#undef TQL_KIND_UNIT
 #undef TQL_KIND_ENUM
 #undef TQL_KIND
 };
@@ -45,6 +54,13 @@ static_assert(std::size(kClasses) == cls::kCount - 1,
 static_assert(std::ranges::adjacent_find(kProperties, std::ranges::greater_equal(),
                                          &property_row_t::number) == std::end(kProperties),
               "property numbers ascend and none stands twice");
+
+constexpr bool is_behind(const class_kind_row_t& a, const class_kind_row_t& b) {
+    return a.property > b.property ||
+           (a.property == b.property && a.class_number >= b.class_number);
+}
+static_assert(std::ranges::adjacent_find(kClassKinds, is_behind) == std::end(kClassKinds),
+              "rows ascend by property and class, and none stands twice");
 
 // Positions of kProperties by name: a search by name costs a few comparisons.
 constexpr auto kPropertiesByName = [] {
@@ -111,6 +127,17 @@ uint32_t get_property(std::string_view name) {
 const property_row_t* find_property_row(uint32_t number) noexcept {
     const auto at = std::ranges::lower_bound(kProperties, number, {}, &property_row_t::number);
     return at == std::end(kProperties) || at->number != number ? nullptr : &*at;
+}
+
+std::span<const class_kind_row_t> class_kinds(uint32_t property) noexcept {
+    return std::ranges::equal_range(kClassKinds, property, {}, &class_kind_row_t::property);
+}
+
+value_kind_t property_kind(uint32_t class_number, uint32_t property) noexcept {
+    for (const class_kind_row_t& row : class_kinds(property))
+        if (row.class_number == class_number) return row.kind;
+    const property_row_t* row = find_property_row(property);
+    return row ? row->usual_kind : value_kind_t{};
 }
 
 std::string property_name(uint32_t number) {

@@ -4,7 +4,8 @@
 // Numbers are persistent: they are stored and travel in events, and a number is never used again
 // for something else. Code uses the constants: cls::Node, prop::label, nodetype::AgentCheck. Each
 // number stands once, in detail/class_names.inc, detail/property_names.inc and
-// detail/nodetype_names.inc.
+// detail/nodetype_names.inc. detail/class_kinds.inc says which classes have another kind of value
+// for a property than most.
 #pragma once
 
 #include <cstdint>
@@ -52,6 +53,13 @@ struct property_row_t {
     value_kind_t usual_kind;
 };
 
+/// A class whose values of a property aren't of its usual kind.
+struct class_kind_row_t {
+    uint32_t property;
+    uint32_t class_number;
+    value_kind_t kind;
+};
+
 /// All class names in order of their numbers; 97 entries. The reserved number 78 has an empty text.
 [[nodiscard]] std::span<const std::string_view> class_names() noexcept;
 /// All properties in order of their numbers.
@@ -75,6 +83,13 @@ struct property_row_t {
 [[nodiscard]] uint32_t get_property(std::string_view name);
 /// The row of a property; null for a number without name. Lives for ever.
 [[nodiscard]] const property_row_t* find_property_row(uint32_t number) noexcept;
+/// The kind that a value of this property has in objects of this class: the usual one but for what
+/// class_kinds() tells. Any class may be asked for, also one without the property and cls::Any; of
+/// type none where the property has no name, or no usual kind.
+[[nodiscard]] value_kind_t property_kind(uint32_t class_number, uint32_t property) noexcept;
+/// The classes that have another kind for this property than the usual one, by number. Lives for
+/// ever.
+[[nodiscard]] std::span<const class_kind_row_t> class_kinds(uint32_t property) noexcept;
 /// The name of a property, or "<unknown property: N>".
 [[nodiscard]] std::string property_name(uint32_t number);
 

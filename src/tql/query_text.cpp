@@ -50,7 +50,13 @@ std::string step_text(const pattern_t& step) {
     if (step.tag != kNoTag) text += fmt::format("@{}", step.tag);
     if (!step.wanted_properties.empty())
         text += "[" + join(step.wanted_properties, ", ", detail::property_text) + "]";
-    if (!step.where.empty()) text += "{" + join(step.where, " & ", detail::condition_text) + "}";
+    if (!step.where.empty())
+        text += "{" +
+                join(step.where, " & ",
+                     [&](const condition_t& condition) {
+                         return detail::condition_text(condition, step.class_);
+                     }) +
+                "}";
     return text;
 }
 
@@ -202,7 +208,7 @@ class PatternParser {
             if (!lexer_.take("]")) lexer_.fail("\",\" or \"]\"");
         }
         if (lexer_.take("{") && !lexer_.take("}")) {
-            do step.where.push_back(detail::read_condition(lexer_));
+            do step.where.push_back(detail::read_condition(lexer_, step.class_));
             while (lexer_.take("&"));
             if (!lexer_.take("}")) lexer_.fail("\"&\" or \"}\"");
         }

@@ -6,6 +6,7 @@
 #include "tql/detail/scalar_text.h"
 #include "tql/enumerations.h"
 #include "tql/property_kinds.h"
+#include "util/unit_expression.h"
 
 namespace tql {
 
@@ -53,10 +54,10 @@ std::string_view expected_form(property_type_t type) {
 [[noreturn]] void refuse(value_kind_t kind, std::string_view text) {
     const enumeration_t* enumeration =
         kind.type == property_type_t::enum_ ? find_enumeration(kind.enumeration) : nullptr;
-    throw value_text_error(fmt::format(
-        "\"{}{}\" is not a value of type {}: expected {}", text.substr(0, kShownBytes),
-        text.size() > kShownBytes ? "..." : "",
-        enumeration ? enumeration->name : type_word(kind.type), expected_form(kind.type)));
+    throw value_text_error(
+        fmt::format("\"{}{}\" is not a value of type {}: expected {}", text.substr(0, kShownBytes),
+                    text.size() > kShownBytes ? "..." : "",
+                    enumeration ? enumeration->name : kind_word(kind), expected_form(kind.type)));
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -140,6 +141,14 @@ void read_into(property_enum_t& to, value_kind_t kind, std::string_view text) {
     to.value = *value;
 }
 
+void read_into(property_blob_t& to, value_kind_t kind, std::string_view text) {
+    if (kind.is_unit) {
+        to.value = UnitExpression(trimmed(text)).to_blob();
+        return;
+    }
+    to.value = from_base64(trimmed(text));
+}
+
 template <class Kind>
 void read_into(Kind& to, value_kind_t kind, std::string_view text) {
     auto value = read_scalar<Kind>(trimmed(text));
@@ -181,7 +190,7 @@ void take_elements(property_oid_t& to, value_kind_t kind,
 
 template <class Kind>
 void take_elements(Kind&, value_kind_t kind, const std::vector<std::string>&) {
-    throw value_text_error(fmt::format("A value of type {} is not a list", type_word(kind.type)));
+    throw value_text_error(fmt::format("A value of type {} is not a list", kind_word(kind)));
 }
 
 // Kinds whose elements stand in one text, joined by commas.
@@ -270,6 +279,8 @@ value_t parse_value(uint32_t property, value_kind_t kind, std::string_view text)
 
 std::string value_text(const property_t& value) {
     if (value.is_null) return "null";
+    if (kind_of(value).is_unit)
+        return *find_unit_text(static_cast<const property_blob_t&>(value).value);
     return visit_kind(value, [](const auto& kind) { return scalar_text(kind); });
 }
 

@@ -8,6 +8,7 @@
 //   set            ids joined by ","             bool           true, false
 //   real           0.5, -inf                     enum           its text, or its number
 //   blob, lob      base64                        date           2026-11-22 22:30:00 (UTC)
+//   unit           kB/s
 #pragma once
 
 #include <string>
@@ -32,8 +33,9 @@ class value_text_error : public error::Exception {
 /// alone. Throws value_text_error.
 [[nodiscard]] value_t parse_value(uint32_t property, value_kind_t kind, std::string_view text);
 
-/// The text of a value, which parse_value() reads back with the same payload; "null" for a null
-/// value. Enumerations print the text of their value where it is unique, dates print in UTC.
+/// The text of a value, which parse_value() reads back as kind_of() the value with the same
+/// payload, a unit as the same unit; "null" for a null value. Enumerations print the text of their
+/// value where it is unique, dates print in UTC.
 [[nodiscard]] std::string value_text(const property_t& value);
 
 /// A null value of that kind, whose type must not be none.

@@ -106,6 +106,33 @@ TEST_F(Catalogue, EveryPropertyAndChildHasAName) {
     });
 }
 
+// What people write for a property is read as the kind that its class has.
+TEST_F(Catalogue, KindsAreThoseThatTextsAreReadAs) {
+    std::set<std::pair<uint32_t, uint32_t>> seen;
+    each_entry([&](const NodetypeSchema& schema, const PropertySchema& property) {
+        seen.emplace(schema.tql_class, property.property);
+        const tql::value_kind_t told = tql::property_kind(schema.tql_class, property.property);
+        tql::value_kind_t kind{};
+        if (property.kind == "action") {
+            kind.type = tql::property_type_t::action;
+        } else {
+            kind = tql::kind_of(*property.to_tql({}, test::FakeChain(tree, kNew)));
+            kind.is_unit = property.kind.starts_with("unit");
+        }
+        EXPECT_EQ(tql::kind_word(told), tql::kind_word(kind));
+        EXPECT_EQ(told.enumeration, kind.enumeration);
+    });
+    for (const tql::property_row_t& row : tql::property_rows())
+        for (const tql::class_kind_row_t& other : tql::class_kinds(row.number)) {
+            SCOPED_TRACE(tql::class_name(other.class_number) + "." + std::string(row.name));
+            EXPECT_FALSE(other.kind == row.usual_kind);
+            bool is_stored = false;  // computed classes are in no table
+            for (uint32_t number = 0; number < nodetype::kCount; ++number)
+                is_stored |= tql::find_nodetype_class(number) == other.class_number;
+            EXPECT_EQ(seen.contains({other.class_number, row.number}), is_stored);
+        }
+}
+
 TEST_F(Catalogue, LabelsOfDomainsNodesAndGroups) {
     tree.add(kNew, cls::Node, kRoot);
     tree.put(kNew, mdb::PropertyString(prop::name, "web1"));

@@ -56,6 +56,10 @@ TEST(QueryText, PrintsAsRead) {
             "= 0}",
             "MibObject{snmpId = 00:00:00:01, 00:00:00:03 & snmpId = []}",
             R"(Node{copyVersion = "5.1.6" & active = true/0x80000000 & icon = "AAEC" & - ~= null})",
+            R"(Check{unit = "kB/s" & unit = blob:"EQ0=" & unit = null})",
+            R"(PropertyLayout{unit = "s"} > ReportSendTo{destination = "a", "b" & user = "c"})",
+            R"(AlertPath{graphShowMinMax = enum(65564, 1) & graphShowMinMax = bool:true})",
+            R"(.{order = 5 & order = int:5 & order = int:null & user = object:"1.2" & type = int:5})",
             R"(Node{alertGroup = "1.2"@("0.1", "1.9", 7) & label = strings:"a", "b" & label = strings:[]})",
         }) {
         EXPECT_EQ(pattern_text(parse_pattern(text)), text);
@@ -78,6 +82,17 @@ TEST(QueryText, ReadsOtherFormsOfTheSame) {
          "Node{9999 = string:\"a\" & 9999 = int:5 & 9999 = real:5.5 & 9999 = bool:true}"},
         {"Node{dependsOn subset {\"1.2\"}}", "Node{dependsOn <= {\"1.2\"}}"},
         {"Node{snmpPort = 0x10}", "Node{snmpPort = 16}"},
+        {R"(Report{date = "Last week" & goodScore = true & type = "Incidents"})",
+         "Report{date = enum(65546, 2) & goodScore = true & type = enum(65566, 2)}"},
+        {R"(MonthPlanner{order = 1} > Event)", "MonthPlanner{order = 1} > Event"},
+        // Of any class: what the usual kind doesn't take and one other does.
+        {R"(.{order = -1 & date = "Yesterday" & destination = "a","b" & user = "1.2"@("", "", 7)})",
+         R"(.{order = int:-1 & date = enum(65546, 1) & destination = strings:"a", "b" & )"
+         R"(user = object:"1.2"@("", "", 7)})"},
+        {R"(.{type = "Incidents" & type = 5 & user = "1.2" & order = -1/8})",
+         R"(.{type = enum(65566, 2) & type = int:5 & user = "1.2" & order = int:-1/0x8})"},
+        {"PropertyLayout{unit = blob:\"UQERDQ==\"} > QuickLink{icon = unit:\"s\"}",
+         "PropertyLayout{unit = unit:\"Hz\"} > QuickLink{icon = \"UQERAQ==\"}"},
     };
     for (const auto& [given, printed] : cases)
         EXPECT_EQ(pattern_text(parse_pattern(given)), printed);
@@ -132,6 +147,9 @@ TEST(QueryText, TellsWhereAndWhatWasExpected) {
          "line 1, column 16: expected \">\", \"|\", \":\" or \")\", found the end"},
         {"Domain > ( Node : Check : User )",
          "line 1, column 25: expected \">\", \"|\" or \")\", found \":\""},
+        {".{order = x}",
+         "line 1, column 11: \"x\" is not a value of type uint: expected a number from 0 to "
+         "4294967295"},
         {"Node)", "line 1, column 5: expected \">\" or the end, found \")\""},
     };
     for (const auto& [text, message] : cases) {

@@ -96,13 +96,46 @@ TEST(ValueText, RefusesWhatIsNoValue) {
     };
     for (const auto& [kind, text] : cases)
         EXPECT_THROW((void)parse_value(prop::label, kind, text), value_text_error)
-            << type_word(kind.type) << " " << text;
+            << kind_word(kind) << " " << text;
     try {
         (void)parse_value(prop::snmpPort, {uint, 0}, "many");
         ADD_FAILURE();
     } catch (const value_text_error& error) {
         EXPECT_EQ(error.text(),
                   "\"many\" is not a value of type uint: expected a number from 0 to 4294967295");
+    }
+}
+
+TEST(ValueText, UnitsAreTexts) {
+    using Bytes = std::vector<uint8_t>;
+    const value_kind_t unit = property_kind(cls::Check, prop::unit);
+    struct {
+        Bytes bytes;
+        const char* text;
+        Bytes back;
+    } cases[] = {
+        {{0x51, 1, 0x11, 1, 0x11, 9, 1, 9, 0x21, 1, 0x21, 2},
+         "kB/s",
+         {0x51, 1, 0x11, 1, 0x11, 9, 1, 9, 0x21, 1, 0x21, 2}},
+        {{}, "", {0x51, 1}},
+        {{0x11, 13}, "Hz", {0x51, 1, 0x11, 13}},  // of the oldest form, without mark
+        {{0x51, 1, 0x11, 1, 1, 7, 0x21, 2}, "/s", {0x51, 1, 0x11, 1, 1, 7, 0x21, 2}},
+        {{0x51, 1, 0x34, 'j', 'o', 'b', 's'}, "jobs", {0x51, 1, 0x34, 'j', 'o', 'b', 's'}},
+    };
+    for (const auto& c : cases) {
+        const property_blob_t value(prop::unit, c.bytes);
+        EXPECT_EQ(kind_of(value), unit) << c.text;
+        EXPECT_EQ(value_text(value), c.text);
+        EXPECT_EQ(parse_value(prop::unit, unit, c.text),
+                  value_t(std::make_unique<property_blob_t>(prop::unit, c.back)));
+    }
+    // No text stands for a later form, for what is no unit, and for a plain blob.
+    for (const auto& [property, bytes] : {std::pair{prop::unit, Bytes{0x51, 2, 7}},
+                                          {prop::unit, {0x21, 2}},
+                                          {prop::icon, {0x11, 13}}}) {
+        const property_blob_t value(property, bytes);
+        EXPECT_FALSE(kind_of(value).is_unit);
+        EXPECT_EQ(value_text(value), to_base64(bytes));
     }
 }
 

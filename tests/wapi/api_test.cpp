@@ -40,6 +40,11 @@ TEST(ApiRequests, BodiesBecomeRecords) {
     EXPECT_EQ(update.record.version, (tql::version_t{3, 4}));
     EXPECT_TRUE(update.record.properties.at(0)->is_null);
     EXPECT_FALSE(wapi::delete_request(json::parse(R"({"id": "1.2"})")).has_version);
+    // Some values can't be read before it is known whose they are.
+    const json order = json::parse(R"({"id": "1.2", "properties": {"order": 5}})");
+    EXPECT_FALSE(wapi::update_request(order).has_properties);
+    EXPECT_EQ(wapi::update_request(order, cls::MonthPlanner).record.properties.at(0)->type(),
+              tql::property_type_t::int_);
 }
 
 TEST(ApiRequests, WrongBodiesAreToldWhatIsWrong) {

@@ -64,8 +64,8 @@ std::vector<Row> all_kinds() {
 TEST(JsonValues, EveryKindGoesOutAndComesBack) {
     for (const Row& row : all_kinds()) {
         SCOPED_TRACE(row.json_text);
-        EXPECT_EQ(wapi::value_to_json(*row.value).dump(), row.json_text);
-        const tql::value_t back = wapi::value_from_json(9999, json::parse(row.json_text));
+        EXPECT_EQ(wapi::value_to_json(cls::Any, *row.value).dump(), row.json_text);
+        const tql::value_t back = wapi::value_from_json(cls::Any, 9999, json::parse(row.json_text));
         EXPECT_TRUE(back == row.value) << back->print();
     }
 }
@@ -74,18 +74,19 @@ TEST(JsonValues, AnEnumerationIsToldByTextAndByName) {
     const uint32_t status = tql::enumeration::Status;
     const uint32_t known = tql::find_enumeration_value(status, "Alert").value();
     const tql::value_t value = std::make_unique<tql::property_enum_t>(9999, status, known, 0);
-    EXPECT_EQ(wapi::value_to_json(*value).dump(),
+    EXPECT_EQ(wapi::value_to_json(cls::Any, *value).dump(),
               R"({"type":"enum","enumeration":"Status","value":"Alert"})");
     for (const char* text : {R"({"type":"enum","enumeration":"Status","value":"alert"})",
                              R"({"type":"enum","enumeration":65541,"value":"Alert"})"}) {
         SCOPED_TRACE(text);
-        EXPECT_TRUE(wapi::value_from_json(9999, json::parse(text)) == value);
+        EXPECT_TRUE(wapi::value_from_json(cls::Any, 9999, json::parse(text)) == value);
     }
     // A number that has no text stays a number, with an enumeration that has no name.
     const tql::value_t bare = std::make_unique<tql::property_enum_t>(9999, 0x10008, 77, 0);
-    EXPECT_EQ(wapi::value_to_json(*bare).dump(),
+    EXPECT_EQ(wapi::value_to_json(cls::Any, *bare).dump(),
               R"({"type":"enum","enumeration":65544,"value":77})");
-    EXPECT_TRUE(wapi::value_from_json(9999, json::parse(wapi::value_to_json(*bare).dump())) ==
+    EXPECT_TRUE(wapi::value_from_json(cls::Any, 9999,
+                                      json::parse(wapi::value_to_json(cls::Any, *bare).dump())) ==
                 bare);
 }
 
@@ -94,17 +95,56 @@ TEST(JsonValues, TheUsualKindNeedsNoForm) {
     tql::add<tql::property_string_t>(map, prop::label, "Lab");
     tql::add<tql::property_uint_t>(map, prop::comment, 5);  // not its usual kind
     tql::add<tql::property_uint_t>(map, 9999, 6);
-    EXPECT_EQ(json(wapi::values_to_json(map)),
+    EXPECT_EQ(json(wapi::values_to_json(cls::Any, map)),
               json::parse(R"({"label":"Lab","comment":{"type":"uint","value":5},
                               "9999":{"type":"uint","value":6}})"));
     const auto values = wapi::values_from_json(
-        json::parse(R"({"label":"Lab","comment":{"type":"uint","value":5}})"));
+        cls::Any, json::parse(R"({"label":"Lab","comment":{"type":"uint","value":5}})"));
     ASSERT_EQ(values.size(), 2U);
     EXPECT_TRUE(values[0] == map[prop::comment]);
     EXPECT_TRUE(values[1] == map[prop::label]);
     // The text form of the command line will do as well.
-    EXPECT_EQ(tql::as_uint(*wapi::value_from_json(9999, form("uint", "0x10"))), 16U);
-    EXPECT_TRUE(wapi::value_from_json(prop::label, nullptr)->is_null);
+    EXPECT_EQ(tql::as_uint(*wapi::value_from_json(cls::Any, 9999, form("uint", "0x10"))), 16U);
+    EXPECT_TRUE(wapi::value_from_json(cls::Any, prop::label, nullptr)->is_null);
+}
+
+TEST(JsonValues, AClassHasKindsOfItsOwn) {
+    const std::tuple<uint32_t, uint32_t, tql::value_t, const char*, const char*> cases[] = {
+        {cls::AlertPath, prop::graphAutoScale,
+         std::make_unique<tql::property_enum_t>(prop::graphAutoScale,
+                                                tql::enumeration::YesNoDefault, 2, 0),
+         R"("Default")", R"({"type":"enum","enumeration":"YesNoDefault","value":"Default"})"},
+        {cls::ReportSendTo, prop::destination,
+         std::make_unique<tql::property_string_list_t>(prop::destination,
+                                                       std::vector<std::string>{"a", "b"}),
+         R"(["a","b"])", R"({"type":"strings","value":["a","b"]})"},
+        {cls::MonthPlanner, prop::order, std::make_unique<tql::property_int_t>(prop::order, -1),
+         "-1", R"({"type":"int","value":-1})"},
+        {cls::PropertyLayout, prop::unit, std::make_unique<tql::property_string_t>(prop::unit, "s"),
+         R"("s")", R"({"type":"string","value":"s"})"},
+    };
+    for (const auto& [class_number, property, value, plain, form] : cases) {
+        EXPECT_EQ(wapi::value_to_json(class_number, *value).dump(), plain);
+        EXPECT_EQ(wapi::value_to_json(cls::Node, *value).dump(), form);
+        EXPECT_TRUE(wapi::value_from_json(class_number, property, json::parse(plain)) == value);
+        EXPECT_TRUE(wapi::value_from_json(cls::Node, property, json::parse(form)) == value);
+        const std::string name = tql::property_name(property);
+        EXPECT_TRUE(wapi::depend_on_class({{name, json::parse(plain)}})) << name;
+        EXPECT_FALSE(wapi::depend_on_class({{name, json::parse(form)}, {"label", "a"}})) << name;
+    }
+}
+
+TEST(JsonValues, AUnitIsAText) {
+    const tql::value_t rate =
+        wapi::value_from_json(cls::Check, prop::unit, json::parse(R"("kB/s")"));
+    EXPECT_EQ(rate->type(), tql::property_type_t::blob);
+    EXPECT_EQ(wapi::value_to_json(cls::Check, *rate).dump(), R"("kB/s")");
+    EXPECT_EQ(wapi::value_to_json(cls::PropertyLayout, *rate).dump(),
+              R"({"type":"unit","value":"kB/s"})");
+    // Bytes that no text stands for, as those of a later form, come and go as they are.
+    const std::string later = R"({"type":"blob","value":"UQIH"})";
+    const tql::value_t bytes = wapi::value_from_json(cls::Check, prop::unit, json::parse(later));
+    EXPECT_EQ(wapi::value_to_json(cls::Check, *bytes).dump(), later);
 }
 
 TEST(JsonValues, InheritedValuesAreToldAndAskedFor) {
@@ -115,7 +155,7 @@ TEST(JsonValues, InheritedValuesAreToldAndAskedFor) {
     EXPECT_EQ(wapi::inherited_to_json(map).dump(), R"(["label","9999"])");
 
     const auto values = wapi::values_from_json(
-        json::parse(R"({"label": {"inherit": true}, "checkinFrequency": {"inherit": true},
+        cls::Any, json::parse(R"({"label": {"inherit": true}, "checkinFrequency": {"inherit": true},
                         "inherits": "1.7"})"));
     for (const tql::value_t& value : values) {
         SCOPED_TRACE(tql::property_name(value->property));
@@ -124,7 +164,8 @@ TEST(JsonValues, InheritedValuesAreToldAndAskedFor) {
         EXPECT_EQ(value->is_null, asks);
     }
     // A property without a usual kind can be inherited as well.
-    EXPECT_EQ(wapi::value_from_json(9999, {{"inherit", true}})->flags, tql::kFlagInherited);
+    EXPECT_EQ(wapi::value_from_json(cls::Any, 9999, {{"inherit", true}})->flags,
+              tql::kFlagInherited);
 }
 
 TEST(JsonValues, OfATemplateACreateTakesWhatTheServerDoesNotMake) {
@@ -181,7 +222,7 @@ TEST(JsonValues, WrongValuesNameTheProperty) {
     for (const Wrong& row : rows) {
         SCOPED_TRACE(row.text);
         try {
-            (void)wapi::values_from_json(json::parse(row.text));
+            (void)wapi::values_from_json(cls::Any, json::parse(row.text));
             ADD_FAILURE() << "nothing thrown";
         } catch (const errors::tql& refused) {
             EXPECT_EQ(refused.code(), row.code);
@@ -189,7 +230,7 @@ TEST(JsonValues, WrongValuesNameTheProperty) {
         }
     }
     try {
-        (void)wapi::values_from_json(json{{"colour", 1}});
+        (void)wapi::values_from_json(cls::Any, json{{"colour", 1}});
         ADD_FAILURE() << "nothing thrown";
     } catch (const errors::tql& refused) {
         EXPECT_EQ(refused.code(), errors::ERR_NO_SUCH_PROPERTY);

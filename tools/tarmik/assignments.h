@@ -1,4 +1,4 @@
-// Property values as arguments: name=value is a text that the property's usual kind reads, as
+// Property values as arguments: name=value is a text that the property's kind reads, as
 // label="Test lab" or active=false; name:=JSON is JSON, for null and for values of another kind.
 #pragma once
 

@@ -19,15 +19,20 @@ std::string json_line(const ordered_json& answer) {
     return answer.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n";
 }
 
+/// The enumeration, else the type; empty if there is neither.
+std::string kind_text(const ordered_json& entry) {
+    return entry.value("enumeration", entry.value("type", ""));
+}
+
 void print_names(const Output& output, const ordered_json& answer, const char* list) {
     if (output.json) return output.print(json_line(answer));
     for (const ordered_json& entry : answer.at(list)) {
         std::string line = fmt::format("{:>6}  {}", entry.at("number").get<unsigned>(),
                                        entry.at("name").get<std::string>());
-        if (entry.contains("enumeration"))
-            line += fmt::format("  {}", entry["enumeration"].get<std::string>());
-        else if (entry.contains("type"))
-            line += fmt::format("  {}", entry["type"].get<std::string>());
+        if (const std::string kind = kind_text(entry); !kind.empty()) line += "  " + kind;
+        if (entry.contains("classes"))
+            for (const auto& [class_name, kind] : entry["classes"].items())
+                line += fmt::format("  {}: {}", class_name, kind_text(kind));
         output.print(line + "\n");
     }
 }

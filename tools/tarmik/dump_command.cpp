@@ -57,9 +57,11 @@ class Dump {
                           {"offset", place.handle.offset}};
         ordered_json properties = ordered_json::object();
         std::vector<std::string> inherited;
+        // The nodetype stands before all whose kind hangs on the class.
+        uint32_t class_number = cls::Any;
         try {
             for (const mdb::RecordView record : mdb::ObjectRecords(object))
-                add(record, place, line, properties, inherited);
+                add(record, place, class_number, line, properties, inherited);
         } catch (const mdb::error_generic& damage) {
             complain(place, damage.text());
         }
@@ -70,16 +72,19 @@ class Dump {
     [[nodiscard]] bool whole() const { return whole_; }
 
   private:
-    void add(const mdb::RecordView& record, const Place& place, ordered_json& line,
-             ordered_json& properties, std::vector<std::string>& inherited) {
+    void add(const mdb::RecordView& record, const Place& place, uint32_t& class_number,
+             ordered_json& line, ordered_json& properties, std::vector<std::string>& inherited) {
         const tql::property_row_t* row = tql::find_property_row(record.id());
         const std::string name =
             row == nullptr ? std::to_string(record.id()) : std::string(row->name);
         try {
-            ordered_json value = stored_value_to_json(database_, record);
+            ordered_json value = stored_value_to_json(database_, class_number, record);
             if (record.is_inherited()) inherited.push_back(name);
-            if (record.id() == prop::nodeType && value.is_number_unsigned())
+            if (record.id() == prop::nodeType && value.is_number_unsigned()) {
                 line["class"] = class_of(value.get<uint32_t>());
+                class_number =
+                    tql::find_nodetype_class(value.get<uint32_t>()).value_or(uint32_t{cls::Any});
+            }
             if (record.id() != prop::id) properties[name] = std::move(value);
         } catch (const mdb::error_generic& damage) {
             complain(place, fmt::format("{}: {}", name, damage.text()));

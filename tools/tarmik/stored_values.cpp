@@ -34,43 +34,39 @@ constexpr size_t kWordRecord = 16;
 
 /// A record read by class `Stored` as a value of kind `Wire`.
 template <class Stored, class Wire>
-ordered_json convert(const mdb::RecordView& record) {
+tql::value_t convert(const mdb::RecordView& record) {
     Stored stored;
     stored.load(record.bytes());
-    Wire wire;
-    wire.property = record.id();
-    wire.value = static_cast<typename Wire::value_type>(stored.value);
-    return wapi::value_to_json(wire);
+    return std::make_unique<Wire>(record.id(),
+                                  static_cast<typename Wire::value_type>(stored.value));
 }
 
-ordered_json enumeration(const mdb::RecordView& record, uint32_t enumeration_id) {
+tql::value_t enumeration(const mdb::RecordView& record, uint32_t enumeration_id) {
     mdb::PropertySomething32<uint32_t, stored_enum> stored;
     stored.load(record.bytes());
-    return wapi::value_to_json(tql::property_enum_t(record.id(), enumeration_id, stored.value, 0));
+    return std::make_unique<tql::property_enum_t>(record.id(), enumeration_id, stored.value, 0);
 }
 
-ordered_json large_object(mdb::Database& database, const mdb::RecordView& record) {
+tql::value_t large_object(mdb::Database& database, const mdb::RecordView& record) {
     mdb::PropertyUint32 first_block;
     first_block.load(record.bytes());
     std::vector<std::byte> bytes;
     mdb::read_lob(database, first_block.value, bytes);
-    tql::property_lob_t value;
-    value.property = record.id();
-    for (const std::byte byte : bytes) value.value.push_back(std::to_integer<uint8_t>(byte));
-    return wapi::value_to_json(value);
+    auto value = std::make_unique<tql::property_lob_t>(record.id(), std::vector<uint8_t>());
+    for (const std::byte byte : bytes) value->value.push_back(std::to_integer<uint8_t>(byte));
+    return value;
 }
 
 /// A number with the four parts of an address.
-ordered_json address(const mdb::RecordView& record) {
+tql::value_t address(const mdb::RecordView& record) {
     mdb::PropertyUint32 stored;
     stored.load(record.bytes());
-    tql::property_string_t value;
-    value.property = record.id();
-    dbcache::IPv4Conversion::to_wire(stored, value);
-    return wapi::value_to_json(value);
+    auto value = std::make_unique<tql::property_string_t>(record.id(), std::string());
+    dbcache::IPv4Conversion::to_wire(stored, *value);
+    return value;
 }
 
-ordered_json unsigned_value(mdb::Database& database, const mdb::RecordView& record,
+tql::value_t unsigned_value(mdb::Database& database, const mdb::RecordView& record,
                             tql::value_kind_t kind) {
     switch (kind.type) {
         case property_type_t::gid:
@@ -96,31 +92,26 @@ ordered_json mark(const mdb::RecordView& record) {
             {"last", stored.value.last.to_string()}};
 }
 
-ordered_json version(const mdb::RecordView& record) {
+tql::value_t version(const mdb::RecordView& record) {
     mdb::PropertyVersion stored;
     stored.load(record.bytes());
-    tql::property_version_t value;
-    value.property = record.id();
-    value.value = {stored.value.sequence, stored.value.counter};
-    return wapi::value_to_json(value);
+    return std::make_unique<tql::property_version_t>(
+        record.id(), tql::version_t{stored.value.sequence, stored.value.counter});
 }
 
-ordered_json reference(const mdb::RecordView& record) {
+tql::value_t reference(const mdb::RecordView& record) {
     mdb::PropertyNodeId stored;
     stored.load(record.bytes());
-    tql::property_object_t value;
-    value.property = record.id();
-    value.value = tql::id_t::from_node_id(stored.value);
-    return wapi::value_to_json(value);
+    return std::make_unique<tql::property_object_t>(record.id(),
+                                                    tql::id_t::from_node_id(stored.value));
 }
 
-ordered_json reference_set(const mdb::RecordView& record) {
+tql::value_t reference_set(const mdb::RecordView& record) {
     mdb::PropertyNodeIdList stored;
     stored.load(record.bytes());
-    tql::property_object_set_t value;
-    value.property = record.id();
-    for (const NodeId& id : stored.value) value.value.insert(tql::id_t::from_node_id(id));
-    return wapi::value_to_json(value);
+    auto value = std::make_unique<tql::property_object_set_t>(record.id(), std::set<tql::id_t>());
+    for (const NodeId& id : stored.value) value->value.insert(tql::id_t::from_node_id(id));
+    return value;
 }
 
 ordered_json unknown(const mdb::RecordView& record) {
@@ -139,12 +130,9 @@ bool is_date(const mdb::RecordView& record, tql::value_kind_t kind) {
            (kind.type != property_type_t::bignum && record.bytes().size() == kWordRecord);
 }
 
-}  // namespace
-
-ordered_json stored_value_to_json(mdb::Database& database, const mdb::RecordView& record) {
-    if (record.is_null()) return nullptr;
-    const tql::property_row_t* row = tql::find_property_row(record.id());
-    const tql::value_kind_t kind = row == nullptr ? tql::value_kind_t{} : row->usual_kind;
+/// None for types that queries have no value for.
+tql::value_t stored_value(mdb::Database& database, const mdb::RecordView& record,
+                          tql::value_kind_t kind) {
     switch (record.type_id()) {
         case stored_uint:
             return unsigned_value(database, record, kind);
@@ -175,15 +163,8 @@ ordered_json stored_value_to_json(mdb::Database& database, const mdb::RecordView
             return convert<mdb::PropertySeries, tql::property_uint_t>(record);
         case mdb::PropertyVersion::kTypeId:
             return version(record);
-        case mdb::PropertyUint64::kTypeId: {
-            mdb::PropertyUint64 stored;
-            stored.load(record.bytes());
-            return stored.value;
-        }
         case mdb::PropertyBlob::kTypeId:
             return convert<mdb::PropertyBlob, tql::property_blob_t>(record);
-        case mdb::PropertyMarkIndex::kTypeId:
-            return mark(record);
         case mdb::PropertySnmpOid::kTypeId:
             return convert<mdb::PropertySnmpOid, tql::property_oid_t>(record);
         case mdb::PropertyStringList::kTypeId:
@@ -191,8 +172,24 @@ ordered_json stored_value_to_json(mdb::Database& database, const mdb::RecordView
         case mdb::PropertyNodeIdList::kTypeId:
             return reference_set(record);
         default:
-            return unknown(record);
+            return {};
     }
+}
+
+}  // namespace
+
+ordered_json stored_value_to_json(mdb::Database& database, uint32_t class_number,
+                                  const mdb::RecordView& record) {
+    if (record.is_null()) return nullptr;
+    if (record.type_id() == mdb::PropertyMarkIndex::kTypeId) return mark(record);
+    if (record.type_id() == mdb::PropertyUint64::kTypeId) {
+        mdb::PropertyUint64 stored;
+        stored.load(record.bytes());
+        return stored.value;
+    }
+    const tql::value_t value =
+        stored_value(database, record, tql::property_kind(class_number, record.id()));
+    return value ? wapi::value_to_json(class_number, *value) : unknown(record);
 }
 
 }  // namespace cli

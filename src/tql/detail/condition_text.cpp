@@ -1,5 +1,6 @@
 #include "tql/detail/condition_text.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 
@@ -7,6 +8,7 @@
 #include "tql/enumerations.h"
 #include "tql/names.h"
 #include "tql/property_kinds.h"
+#include "tql/query_text.h"
 #include "tql/value_text.h"
 
 namespace tql::detail {
@@ -130,18 +132,53 @@ std::string literal_text(const Kind& from) {
         return fmt::format("{}", from.value);
 }
 
-// The kind of a value that stands behind `op` without one in front: that of the property, and for
-// "in" the set that may hold it.
-value_kind_t usual_kind(uint32_t property, relop_t op) {
-    const property_row_t* row = find_property_row(property);
-    if (!row) return {};
-    if (op == relop_t::in && row->usual_kind.type == property_type_t::object)
-        return {property_type_t::object_set, 0};
-    return row->usual_kind;
+// Where a condition stands: the kind of its value hangs on all three.
+struct Place {
+    uint32_t class_number;
+    uint32_t property;
+    relop_t op;
+};
+
+// For "in", the set that may hold an object.
+value_kind_t behind(relop_t op, value_kind_t kind) {
+    const bool is_set = op == relop_t::in && kind.type == property_type_t::object;
+    return is_set ? value_kind_t{property_type_t::object_set, 0} : kind;
 }
 
-std::string condition_value_text(const property_t& value, relop_t op) {
-    const value_kind_t kind = kind_of(value);
+// The kind of a value without one in front.
+value_kind_t expected_kind(const Place& place) {
+    return behind(place.op, property_kind(place.class_number, place.property));
+}
+
+// The kinds that the property has in one class or another, but for the usual one; where the class
+// is known, there is no question.
+std::vector<value_kind_t> other_kinds(const Place& place) {
+    std::vector<value_kind_t> kinds;
+    if (place.class_number != cls::Any) return kinds;
+    for (const class_kind_row_t& row : class_kinds(place.property)) {
+        const value_kind_t kind = behind(place.op, row.kind);
+        if (std::find(kinds.begin(), kinds.end(), kind) == kinds.end()) kinds.push_back(kind);
+    }
+    return kinds;
+}
+
+// Several stored forms may be one unit; its text stands for one of them.
+bool is_told_by_text(const property_blob_t& unit, value_kind_t kind) {
+    if (unit.is_null) return true;
+    const value_t read = parse_value(unit.property, kind, value_text(unit));
+    return static_cast<const property_blob_t&>(*read).value == unit.value;
+}
+
+value_kind_t written_kind(const property_t& value) {
+    value_kind_t kind = kind_of(value);
+    if (kind.is_unit)
+        kind.is_unit = is_told_by_text(static_cast<const property_blob_t&>(value), kind);
+    return kind;
+}
+
+std::string condition_value_text(const property_t& value, const Place& place) {
+    const value_kind_t kind = written_kind(value);
+    const value_kind_t expected = expected_kind(place);
     std::string text;
     if (kind.type == property_type_t::enum_ && value.is_null)
         text = fmt::format("enum({}, null)", kind.enumeration);
@@ -149,11 +186,14 @@ std::string condition_value_text(const property_t& value, relop_t op) {
         // Enumerations and whole sets tell their kind by their form.
         const bool speaks_for_itself = kind.type == property_type_t::enum_ ||
                                        (kind.type == property_type_t::object_set && !value.is_null);
-        if (!speaks_for_itself && kind.type != usual_kind(value.property, op).type)
-            text = fmt::format("{}:", type_word(kind.type));
-        text += value.is_null
-                    ? "null"
-                    : visit_kind(value, [](const auto& from) { return literal_text(from); });
+        if (!speaks_for_itself && (kind.type != expected.type || kind.is_unit != expected.is_unit))
+            text = fmt::format("{}:", kind_word(kind));
+        if (value.is_null)
+            text += "null";
+        else if (kind.is_unit)
+            text += quoted_text(value_text(value));
+        else
+            text += visit_kind(value, [](const auto& from) { return literal_text(from); });
     }
     if (value.flags != 0) text += fmt::format("/{:#x}", value.flags);
     return text;
@@ -285,7 +325,7 @@ void read_literal(QueryLexer& lexer, value_kind_t kind, Kind& to) {
     const size_t place = lexer.place();
     std::string text = lexer.peek() == '"' ? lexer.take_quoted("") : std::string(lexer.take_word());
     if (text.empty() && lexer.place() == place)
-        lexer.fail(fmt::format("a value of type {}", type_word(kind.type)));
+        lexer.fail(fmt::format("a value of type {}", kind_word(kind)));
     if (text == "nan" && lexer.take("(")) {
         text += fmt::format("({})", lexer.take_word());
         lexer.expect(")");
@@ -313,39 +353,75 @@ std::optional<property_type_t> kind_by_form(QueryLexer& lexer) {
 // Passes over "kind:" or the name of an enumeration with a colon, if one stands there.
 std::optional<value_kind_t> take_kind(QueryLexer& lexer) {
     const std::string_view word = lexer.peek_name();
-    const auto type = find_type(word);
-    const enumeration_t* enumeration = type ? nullptr : find_enumeration(word);
-    if (!type && !enumeration) return std::nullopt;
+    const auto kind = find_kind(word);
+    const enumeration_t* enumeration = kind ? nullptr : find_enumeration(word);
+    if (!kind && !enumeration) return std::nullopt;
     QueryLexer ahead = lexer;
     ahead.advance(word.size());
     if (!ahead.take(":")) return std::nullopt;
     lexer = ahead;
     if (enumeration) return value_kind_t{property_type_t::enum_, enumeration->id};
-    return value_kind_t{*type, 0};
+    return kind;
 }
 
-value_kind_t decide_kind(QueryLexer& lexer, uint32_t property, relop_t op) {
-    const value_kind_t usual = usual_kind(property, op);
-    if (const auto told = take_kind(lexer))
-        return told->type == usual.type && told->enumeration == 0 ? usual : *told;
-    if (lexer.peek() == '{') return {property_type_t::object_set, 0};
-    if (lexer.peek_name() == "enum") return {property_type_t::enum_, usual.enumeration};
-    if (usual.type != property_type_t::none) return usual;
+// The kind that the text tells by a word or by its form.
+std::optional<value_kind_t> take_told_kind(QueryLexer& lexer, value_kind_t expected) {
+    if (auto told = take_kind(lexer)) {
+        if (told->type == property_type_t::enum_ && told->enumeration == 0 &&
+            expected.type == property_type_t::enum_)
+            return expected;
+        return told;
+    }
+    if (lexer.peek() == '{') return value_kind_t{property_type_t::object_set, 0};
+    if (lexer.peek_name() == "enum")
+        return value_kind_t{property_type_t::enum_, expected.enumeration};
+    return std::nullopt;
+}
+
+value_t read_value_as(QueryLexer& lexer, uint32_t property, value_kind_t kind) {
+    if (lexer.peek_name() == "null") {
+        lexer.advance(4);
+        return make_null(property, kind);
+    }
+    value_t value = make_value(kind.type);
+    value->property = property;
+    visit_kind(*value, [&](auto& to) { read_literal(lexer, kind, to); });
+    return value;
+}
+
+// Whether a whole value of this kind stands at the lexer's place. What is wrong with a value that
+// doesn't fit costs no more than a look at that value.
+bool fits(const QueryLexer& lexer, uint32_t property, value_kind_t kind) {
+    QueryLexer ahead(lexer.rest());
+    try {
+        (void)read_value_as(ahead, property, kind);
+        const char next = ahead.peek();
+        return next == '&' || next == '}' || next == '/';
+    } catch (const query_text_error&) {
+        return false;
+    }
+}
+
+// The kind of a value that doesn't tell it. The expected one goes before those of single classes,
+// and of these one is taken only if no other would do.
+value_kind_t decide_kind(QueryLexer& lexer, const Place& place, value_kind_t expected) {
+    const bool is_expected = expected.type != property_type_t::none;
+    const std::vector<value_kind_t> others = other_kinds(place);
+    if (others.empty() && is_expected) return expected;
+    if (is_expected && fits(lexer, place.property, expected)) return expected;
+    const auto fitting = [&](value_kind_t kind) { return fits(lexer, place.property, kind); };
+    if (std::count_if(others.begin(), others.end(), fitting) == 1)
+        return *std::find_if(others.begin(), others.end(), fitting);
+    if (is_expected) return expected;  // to be told what is wrong with it
     if (const auto type = kind_by_form(lexer)) return {*type, 0};
     lexer.fail("a value, with its kind in front as in string:null");
 }
 
-value_t read_value(QueryLexer& lexer, uint32_t property, relop_t op) {
-    const value_kind_t kind = decide_kind(lexer, property, op);
-    value_t value;
-    if (lexer.peek_name() == "null") {
-        lexer.advance(4);
-        value = make_null(property, kind);
-    } else {
-        value = make_value(kind.type);
-        value->property = property;
-        visit_kind(*value, [&](auto& to) { read_literal(lexer, kind, to); });
-    }
+value_t read_value(QueryLexer& lexer, const Place& place) {
+    const value_kind_t expected = expected_kind(place);
+    const auto told = take_told_kind(lexer, expected);
+    const value_kind_t kind = told ? *told : decide_kind(lexer, place, expected);
+    value_t value = read_value_as(lexer, place.property, kind);
     if (lexer.take("/")) value->flags = read_number(lexer, "the flags of the value");
     return value;
 }
@@ -378,14 +454,15 @@ uint32_t read_property(QueryLexer& lexer) {
     return *property;
 }
 
-std::string condition_text(const condition_t& condition) {
+std::string condition_text(const condition_t& condition, uint32_t class_number) {
     if (!condition.value) return "-" + operator_text(condition.op, false) + "null";
     const bool before_set = condition.value->type() == property_type_t::object_set;
     return property_text(condition.value->property) + operator_text(condition.op, before_set) +
-           condition_value_text(*condition.value, condition.op);
+           condition_value_text(*condition.value,
+                                {class_number, condition.value->property, condition.op});
 }
 
-condition_t read_condition(QueryLexer& lexer) {
+condition_t read_condition(QueryLexer& lexer, uint32_t class_number) {
     condition_t condition;
     if (lexer.take("-")) {
         condition.op = read_operator(lexer).op;
@@ -395,7 +472,7 @@ condition_t read_condition(QueryLexer& lexer) {
     }
     const uint32_t property = read_property(lexer);
     const OperatorRead read = read_operator(lexer);
-    condition.value = read_value(lexer, property, read.op);
+    condition.value = read_value(lexer, {class_number, property, read.op});
     const bool before_set = condition.value->type() == property_type_t::object_set;
     condition.op = read.by_sign && before_set ? for_sets(read.op) : read.op;
     return condition;

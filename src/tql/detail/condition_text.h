@@ -8,10 +8,10 @@
 
 namespace tql::detail {
 
-/// "name = "branch"": reads back as an identical condition.
-[[nodiscard]] std::string condition_text(const condition_t& condition);
-/// Reads one condition; fails through the lexer.
-[[nodiscard]] condition_t read_condition(QueryLexer& lexer);
+/// "name = "branch"", in a step for this class: reads back there as an identical condition.
+[[nodiscard]] std::string condition_text(const condition_t& condition, uint32_t class_number);
+/// Reads one condition of a step for this class; fails through the lexer.
+[[nodiscard]] condition_t read_condition(QueryLexer& lexer, uint32_t class_number);
 
 /// The name of a property, or its number where it has none.
 [[nodiscard]] std::string property_text(uint32_t property);

@@ -39,6 +39,8 @@ class QueryLexer {
 
     /// Passes over `count` bytes.
     void advance(size_t count) noexcept { at_ += count; }
+    /// The text from the present place on.
+    [[nodiscard]] std::string_view rest() const noexcept { return text_.substr(at_); }
     /// The present place, for fail_at().
     [[nodiscard]] size_t place() const noexcept { return at_; }
 
