@@ -29,8 +29,8 @@ constexpr PropertyRow kLogCheckRuleRows[] = {
     kInheritsMark,
     {.number = prop::order, .kind = kind_t::u32, .flags = K},
     {.number = prop::logCheckRegex, .kind = kind_t::pattern},
-    {.number = prop::logCheckStatus, .kind = kind_t::enumeration, .initial = 0, .enumeration = tql::enumeration::LogCheckStatus},
-    {.number = prop::logCheckLogDecision, .kind = kind_t::enumeration, .initial = 0, .enumeration = tql::enumeration::LogCheckLogDecision, .determines_subtype = true},
+    {.number = prop::logCheckStatus, .kind = kind_t::enumeration, .enumeration = tql::enumeration::LogCheckStatus},
+    {.number = prop::logCheckLogDecision, .kind = kind_t::enumeration, .enumeration = tql::enumeration::LogCheckLogDecision, .determines_subtype = true},
     {.number = prop::destination, .kind = kind_t::object, .flags = N, .subtypes = kWithDestination},
 };
 constexpr PropertyRow kLogCheckRuleCommentRows[] = {

@@ -34,7 +34,7 @@ constexpr PropertyRow kCheckAccumulationRows[] = {
     {.number = prop::acknowledgeAlerts, .kind = kind_t::boolean},
     {.number = prop::lastAcknowledge, .kind = kind_t::date, .flags = N | X},
     {.number = prop::resetScore, .kind = kind_t::action, .flags = X},
-    {.number = prop::dependsOn, .kind = kind_t::object_set, .flags = X, .classes = kDependable},
+    {.number = prop::dependsOn, .kind = kind_t::object_set, .flags = X},
     {.number = prop::warningSentTo, .kind = kind_t::object_set, .flags = X},
     {.number = prop::alertSentTo, .kind = kind_t::object_set, .flags = X},
     {.number = prop::tsdbIndex, .kind = kind_t::series, .flags = X | R},
@@ -42,7 +42,7 @@ constexpr PropertyRow kCheckAccumulationRows[] = {
 
 constexpr PropertyRow kMultiCheckRows[] = {
     {.number = prop::name, .kind = kind_t::icase_string, .flags = K},
-    {.number = prop::active, .kind = kind_t::boolean, .flags = C, .initial = true},
+    {.number = prop::active, .kind = kind_t::boolean, .flags = C},
     kActiveMark,
     {.number = prop::infoUrl, .kind = kind_t::string, .flags = N},
     kComment,

@@ -15,7 +15,7 @@ using namespace check_rows;
 
 constexpr uint32_t kContinuousOnly[] = {EsxiCheckSchema::kContinuous};
 constexpr uint32_t kEnumeratedOnly[] = {EsxiCheckSchema::kEnumerated};
-constexpr uint32_t kUptimeOnly[] = {EsxiCheckSchema::kUptime};
+constexpr uint32_t kMeasured[] = {EsxiCheckSchema::kContinuous, EsxiCheckSchema::kUptime};
 
 /// Green, yellow, red, unknown, no data.
 class EsxiStates final : public StateEnumeration {
@@ -32,7 +32,7 @@ constexpr PropertyRow kEsxiCheckRows[] = {
     {.number = prop::esxiEntityType, .kind = kind_t::string, .flags = K | X},
     {.number = prop::esxiEntityIdent, .kind = kind_t::string, .flags = K | X},
     {.number = prop::esxiCounterKey, .kind = kind_t::string, .flags = K | X},
-    {.number = prop::esxiValueModifier, .kind = kind_t::i32, .flags = X, .initial = 0},
+    {.number = prop::esxiValueModifier, .kind = kind_t::i32, .flags = X},
     kLabel,
     kActive,
     kFrequency,
@@ -41,10 +41,8 @@ constexpr PropertyRow kEsxiCheckRows[] = {
     {.number = prop::unit, .kind = kind_t::unit_from_text, .flags = N | X},
     {.number = prop::alertIfAbove, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kContinuousOnly},
     {.number = prop::warnIfAbove, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kContinuousOnly},
-    {.number = prop::warnIfBelow, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kContinuousOnly},
-    {.number = prop::alertIfBelow, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kContinuousOnly},
-    {.number = prop::warnIfBelow, .kind = kind_t::real, .flags = N, .subtypes = kUptimeOnly},
-    {.number = prop::alertIfBelow, .kind = kind_t::real, .flags = N, .subtypes = kUptimeOnly},
+    {.number = prop::warnIfBelow, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kMeasured},
+    {.number = prop::alertIfBelow, .kind = kind_t::real, .flags = N, .high = 4294967295, .subtypes = kMeasured},
     {.number = prop::stateAction0, .kind = kind_t::state_action, .initial = 0, .states = &kEsxiStates, .subtypes = kEnumeratedOnly},
 };
 
@@ -52,7 +50,7 @@ constexpr PropertyRow kEsxiCheckGroupRows[] = {
     {.number = prop::isArray, .kind = kind_t::boolean},
     {.number = prop::name, .kind = kind_t::string, .flags = K},
     {.number = prop::esxiObjectType, .kind = kind_t::u32, .initial = 1000},
-    {.number = prop::esxiEntityType, .kind = kind_t::string},
+    {.number = prop::esxiEntityType, .kind = kind_t::string, .flags = K},
     {.number = prop::esxiEntityIdent, .kind = kind_t::string, .flags = K},
     {.number = prop::esxiCounterKey, .kind = kind_t::string},
     {.number = prop::esxiEntityName, .kind = kind_t::string},
@@ -155,9 +153,10 @@ EsxiCheckGroupSchema::EsxiCheckGroupSchema()
                    .children = kEsxiCheckGroupChildren}) {}
 
 std::optional<std::string> EsxiCheckGroupSchema::siblingName(const PropertyChain& chain) const {
-    std::string ident = own_text(chain, prop::esxiEntityIdent);
+    const std::string entity =
+        own_text(chain, prop::esxiEntityType) + ":" + own_text(chain, prop::esxiEntityIdent);
     std::string name = own_text(chain, prop::name);
-    return ident.empty() ? std::move(name) : name + ":" + ident;
+    return entity == ":" ? std::move(name) : name + ":" + entity;
 }
 
 void EsxiCheckGroupSchema::encodeSpecials(const SchemaObject& /*object*/,

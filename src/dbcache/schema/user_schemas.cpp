@@ -105,7 +105,7 @@ constexpr PropertyRow kQuickLinkRows[] = {
 
 constexpr PropertyRow kGraphicalViewRows[] = {
     {.number = prop::name, .kind = kind_t::string, .flags = K},
-    {.number = prop::largeImage, .kind = kind_t::large_png, .flags = N},
+    {.number = prop::largeImage, .kind = kind_t::large_png},
     {.number = prop::owner, .kind = kind_t::object, .flags = N},
     {.number = prop::public_, .kind = kind_t::boolean},
     {.number = prop::publicEdit, .kind = kind_t::boolean},
