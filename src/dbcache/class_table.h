@@ -78,7 +78,7 @@ enum class kind_t : uint8_t {
 
 class StateEnumeration;
 
-/// The name of a kind as it stands in the dump of the catalogue.
+/// The name of a kind for people.
 [[nodiscard]] std::string_view kind_text(kind_t kind);
 
 /// Nothing, or a value in the natural type of the kind; ids for references.

@@ -47,7 +47,7 @@ class PropertySchema {
     std::function<bool(const PropertyChain&)> applies;
     /// No two siblings of one class may have the same value.
     bool unique_among_siblings = false;
-    /// The name of the kind, "identifier" for instance, for the dump of the catalogue; a literal.
+    /// The name of the kind, "identifier" for instance; a literal.
     std::string_view kind = "";
     /// Ids got by inheritance are translated to the inheriting object's own subtree.
     bool translate_inherited = true;
@@ -102,7 +102,7 @@ class PropertySchema {
     virtual void encode(const PropertyChain& chain, const NodeId& id,
                         tql::property_map_t& out) const = 0;
 
-    /// Defaults, limits and allowed classes as text, for the dump of the catalogue; may be empty.
+    /// Defaults, limits and allowed classes as text, for people; may be empty.
     [[nodiscard]] virtual std::string describe() const { return {}; }
 
   protected:

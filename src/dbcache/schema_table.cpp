@@ -8,40 +8,6 @@
 
 namespace dbcache {
 
-namespace {
-
-std::string subtype_text(uint32_t subtype) {
-    return subtype == kAllSubtypes ? std::string() : fmt::format(" [{}]", subtype);
-}
-
-std::string flag_text(uint32_t flags) {
-    std::string text;
-    for (const auto& [bit, letter] :
-         {std::pair{kNullable, 'N'}, std::pair{kPrimaryKey, 'K'}, std::pair{kConst, 'C'},
-          std::pair{kNoInheritance, 'X'}, std::pair{kComputed, 'R'}})
-        if ((flags & bit) != 0) text += letter;
-    return text.empty() ? "-" : text;
-}
-
-std::string entry_text(const NodetypeSchema::Entry& entry) {
-    const PropertySchema& schema = *entry.schema;
-    std::string text =
-        fmt::format("  {} {}{} {} {}", entry.property, schema.name(), subtype_text(entry.subtype),
-                    schema.kind, flag_text(schema.flags));
-    if (const std::string more = schema.describe(); !more.empty()) text += " " + more;
-    if (entry.determines_subtype) text += " determines subtype";
-    return text + "\n";
-}
-
-std::string children_text(const std::map<uint32_t, uint32_t>& classes) {
-    std::string text;
-    for (const auto& [child_class, child_nodetype] : classes)
-        text += fmt::format(" {}:{}", tql::class_name(child_class), child_nodetype);
-    return text + "\n";
-}
-
-}  // namespace
-
 ENoSchema::ENoSchema(uint32_t nodetype)
     : Exception(fmt::format("No schema found for nodetype {}", nodetype)), nodetype_(nodetype) {}
 
@@ -114,27 +80,6 @@ const NodetypeSchema& SchemaTable::get(uint32_t nodetype) const {
     const NodetypeSchema* schema = find(nodetype);
     if (schema == nullptr) throw ENoSchema(nodetype);
     return *schema;
-}
-
-std::string SchemaTable::dump() const {
-    std::string text;
-    for (const auto& schema : schemas_) {
-        if (schema == nullptr) continue;
-        text += fmt::format("nodetype {} class {} {} origin {}{}\n", schema->nodetype,
-                            schema->tql_class, schema->class_name(), schema->origin_type,
-                            schema->is_singleton() ? " singleton" : "");
-        for (const auto& entry : schema->properties()) text += entry_text(entry);
-        if (!schema->child_classes().empty())
-            text += "  contains" + children_text(schema->child_classes());
-        for (const auto& [id, group] : schema->groups())
-            text += fmt::format("  group {} {}{}", id, tql::class_name(group.tql_class),
-                                children_text(group.child_classes));
-        for (const auto& rule : schema->restrictions())
-            text += fmt::format("  rule {} {}{}: {}\n", tql::property_name(rule.property_1),
-                                tql::property_name(rule.property_2), subtype_text(rule.subtype),
-                                rule.message);
-    }
-    return text;
 }
 
 }  // namespace dbcache

@@ -54,10 +54,6 @@ class SchemaTable {
         return reparentable_classes_;
     }
 
-    /// The whole catalogue as text, one line for each class, property, child, group and
-    /// restriction.
-    [[nodiscard]] std::string dump() const;
-
   private:
     void check_inheritable(const NodetypeSchema& schema, uint32_t other_class) const;
 

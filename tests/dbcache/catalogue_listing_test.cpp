@@ -1,5 +1,7 @@
 // The classes that the server registers against those that stand in tests/data/catalogue, which a
 // person has typed: what one of the two has and the other hasn't, and what they say differently.
+#include "support/catalogue_listing.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <fmt/format.h>
@@ -9,7 +11,6 @@
 #include "dbcache/schema/declare_all.h"
 #include "dbcache/schema_table.h"
 #include "fake_tree.h"
-#include "support/catalogue_listing.h"
 #include "tql/enumerations.h"
 #include "tql/property_kinds.h"
 
@@ -62,7 +63,8 @@ std::string told_by_listing(const support::ListedProperty& property, bool class_
     if (more.empty() && property.kind == "date") more = "0..4294967295";
     if (more.empty() && property.kind == "non-empty-string") more = "length 1..";
     if (is_enumeration(property.kind))
-        more += fmt::format("of {:x}", enumeration_of(property.of.at(0)));
+        more +=
+            fmt::format("{}of {:x}", more.empty() ? "" : " ", enumeration_of(property.of.at(0)));
     else
         more += targets_of(property.of);
     return fmt::format("{} {} = {} or {} {}{}", property.kind, ordered,
@@ -164,10 +166,10 @@ class Listing : public testing::Test {
                              rule.subtype == kAllSubtypes ? "all" : std::to_string(rule.subtype))] =
                 rule.message;
         for (const NodetypeSchema::Entry& entry : schema.properties())
-            told[fmt::format("{} {}{}", entry.property, entry.schema->name(),
-                             entry.subtype == kAllSubtypes
-                                 ? ""
-                                 : fmt::format(" in {}", entry.subtype))] = told_by_schema(entry);
+            told[fmt::format(
+                "{} {}{}", entry.property, entry.schema->name(),
+                entry.subtype == kAllSubtypes ? "" : fmt::format(" in {}", entry.subtype))] =
+                told_by_schema(entry);
         return told;
     }
 
@@ -199,14 +201,13 @@ TEST_F(Listing, SaysTheSameAsTheSchemas) {
     for (uint32_t nodetype = 0; nodetype < nodetype::kCount; ++nodetype) {
         const NodetypeSchema* schema = table.find(nodetype);
         const auto listed = catalogue.find(nodetype);
-        const std::string where =
-            fmt::format("nodetype {} {}", nodetype,
-                        schema != nullptr              ? schema->class_name()
-                        : listed != catalogue.end() ? listed->second.name
-                                                       : "");
+        const std::string where = fmt::format("nodetype {} {}", nodetype,
+                                              schema != nullptr           ? schema->class_name()
+                                              : listed != catalogue.end() ? listed->second.name
+                                                                          : "");
         if ((schema != nullptr) != (listed != catalogue.end()))
-            ADD_FAILURE() << where << ": only the "
-                          << (schema != nullptr ? "server" : "listing") << " has it";
+            ADD_FAILURE() << where << ": only the " << (schema != nullptr ? "server" : "listing")
+                          << " has it";
         else if (schema != nullptr)
             compare(where, told_by_listing(listed->second), told_by_schema(*schema));
     }

@@ -204,7 +204,9 @@ TEST_F(CheckRules, MutualRestrictions) {
     const NodeId vm = world.create(
         world.create(world.create(group(3), cls::CheckGroup, list(text(prop::name, "VMs"))),
                      cls::CheckGroup, list(text(prop::name, "vm1"))),
-        cls::Check, list(choice(prop::esxiType, 0), text(prop::name, "cpu")));
+        cls::Check,
+        list(choice(prop::esxiType, 0), text(prop::name, "cpu"),
+             std::make_unique<tql::property_int_t>(prop::esxiValueModifier, 0)));
     six(vm);
     const NodeId net = net_check(2);
     six(world.create(net, cls::CheckAccumulation, {}));
@@ -325,7 +327,8 @@ TEST_F(CheckRules, ChangesTouchTheConfigurationOfTheAgent) {
     EXPECT_TRUE(touched_by([&] { world.update(host, list(text(prop::label, "Front"))); }));
     EXPECT_TRUE(touched_by([&] {
         world.create(check, cls::LogCheckRule,
-                     list(number(prop::order, 1), text(prop::logCheckRegex, "'error'")));
+                     list(number(prop::order, 1), text(prop::logCheckRegex, "'error'"),
+                          choice(prop::logCheckStatus, 0), choice(prop::logCheckLogDecision, 0)));
     }));
     EXPECT_FALSE(touched_by([&] { net_check(2); }));
 

@@ -73,7 +73,7 @@ TEST_F(StoredClasses, RefuseWhatBreaksTheirRules) {
          "wish for this view to be public editable."},
         {cls::View, {"name=a", "owner=0.1", "noOfCols=2", "publicEdit=true", "public=true"}, ""},
         {cls::GraphicalView,
-         {"name=a", "publicEdit=true"},
+         {"name=a", "largeImage=iVBORw0KGgo=", "publicEdit=true"},
          "10 Only public viewable graphical views, can be public editable. Enable Public viewable "
          "if you wish for this graphical  view to be public editable."},
         {cls::NetworkScan,

@@ -57,9 +57,9 @@ std::string unescaped(std::string text) {
 /// What a property starts with when the listing says nothing and null isn't allowed.
 std::optional<std::string> natural_start(const ListedProperty& property) {
     static const std::set<std::string> kEmptyTexts = {
-        "string",   "string-any-case", "identifier", "markup",
-        "regex",    "password",        "string-list", "object-set",
-        "acyclic-set", "object-set-moved", "oid", "blob", "unit", "unit-from-text"};
+        "string",      "string-any-case", "identifier",  "markup",           "regex", "password",
+        "string-list", "object-set",      "acyclic-set", "object-set-moved", "oid",   "blob",
+        "unit",        "unit-from-text"};
     if (property.kind == "bool") return "false";
     if (kEmptyTexts.contains(property.kind)) return "";
     return std::nullopt;

@@ -139,7 +139,7 @@ class GroupNameSchema : public PropertyIdentifierSchema {
             fail_illegal_value("Value of property " + name() + " too long");
     }
     [[nodiscard]] std::string describe() const override {
-        return fmt::format("length ..{}", kMaxLength);
+        return fmt::format("{} length ..{}", PropertyIdentifierSchema::describe(), kMaxLength);
     }
 
   private:
@@ -188,7 +188,8 @@ class AlertGroupSchema : public TableSchema<NodetypeSchema> {
                        .origin_type = 18,
                        .sibling_name = prop::name,
                        .suggestion = {"template:AlertGroup", "Add AlertGroup"}}) {
-        const auto name = std::make_shared<GroupNameSchema>(prop::name, kPrimaryKey);
+        const auto name = std::make_shared<GroupNameSchema>(prop::name, kPrimaryKey,
+                                                            Defaults<std::string>::both({}));
         name->kind = kind_text(kind_t::identifier);
         addPropertySchema(name);
         const auto list = std::make_shared<PathListSchema>(
