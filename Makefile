@@ -1,6 +1,6 @@
 # The words that people type. Everything else is CMake's.
 .DEFAULT_GOAL := build
-.PHONY: deps build run test torture asan asan-test seeded-faults bench fuzz coverage lint format clean
+.PHONY: deps build run test torture model asan asan-test seeded-faults bench fuzz coverage lint format clean
 
 JOBS ?= $(shell nproc)
 
@@ -21,6 +21,10 @@ test: build
 torture: build
 	@TORTURE_MINUTES=$(or $(T),10) TORTURE_SEED=$(or $(SEED),1) \
 	  build/bin/test_torture --gtest_filter=Torture.LongRun
+
+# STEPS: writes, selects and patches in all; SEED: of the first tree.
+model: build
+	@MODEL_STEPS=$(or $(STEPS),1000000) MODEL_SEED=$(or $(SEED),1) build/bin/test_queries
 
 asan: deps
 	@cmake --preset asan >/dev/null

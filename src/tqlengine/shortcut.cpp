@@ -30,6 +30,8 @@ Shortcut choose_shortcut(const tql::pattern_t& pattern) {
     using tql::property_object_set_t;
     using tql::property_object_t;
     using tql::relop_t;
+    // No index knows templates, which have the id of another object or none.
+    if ((pattern.flags & tql::kPatternTemplates) != 0) return NoShortcut{};
     if (const auto* id = find_condition<property_object_t>(pattern, prop::id, relop_t::eq)) {
         if (id->is_null) return MatchesNothing{};
         return ById{id->value};

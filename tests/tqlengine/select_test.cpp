@@ -403,12 +403,10 @@ struct RandomSelect {
     std::string expected(const tql::pattern_t& pattern, const tql::id_t& root) {
         fake::Object* object = tree.lookup(root);
         if (!object) return "";
-        fake::Result result = fake::model(*object, pattern);
+        model::Result result = model::select(*object, pattern);
         if (!result) return "";
-        if (pattern.wants(prop::parentId))
-            result->properties[prop::parentId] =
-                object->parent() ? "\"" + object->parent()->tqlId().to_string() + "\"" : "null";
-        return fake::text_of(*result);
+        model::add_parent(*result, pattern, object->parent());
+        return model::text_of(*result);
     }
 
     support::Rng rng;
@@ -438,7 +436,7 @@ TEST(SelectRandom, AgreesWithTheModelWithAndWithoutShortcuts) {
                 const auto reply = tqlengine::process_select(request, context, report);
                 ASSERT_EQ(reply.status, 0U);
                 std::string text;
-                for (const auto& result : reply.res) text += fake::text_of(result);
+                for (const auto& result : reply.res) text += model::text_of(result);
                 ASSERT_EQ(text, expected);
                 ASSERT_EQ(world.tree.referenced, 0U);
             }
@@ -449,8 +447,6 @@ TEST(SelectRandom, AgreesWithTheModelWithAndWithoutShortcuts) {
 
 // ---- random subscriptions against asking everyone
 // ---------------------------------------------------
-
-using Way = std::vector<fake::Object*>;
 
 constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
 
@@ -492,24 +488,6 @@ void add_demands(RandomSelect& world, tql::pattern_t& step) {
     for (tql::pattern_t& successor : step.next) add_demands(world, successor);
 }
 
-/// Whether `step`, read along `way` from `place` on, can reach its last object.
-bool would_match(const Way& way, size_t place, const tql::pattern_t& step) {
-    if (place == way.size()) return false;
-    const bool last = place + 1 == way.size();
-    const bool recursive = (step.flags & tql::kPatternRecursive) != 0;
-    const auto any_successor_at = [&](size_t there) {
-        const auto reaches = [&](const tql::pattern_t& successor) {
-            return would_match(way, there, successor);
-        };
-        return std::any_of(step.next.begin(), step.next.end(), reaches) ||
-               std::any_of(step.cond_next.begin(), step.cond_next.end(), reaches);
-    };
-    if (recursive && any_successor_at(place)) return true;
-    if (!fake::object_fits(*way[place], step)) return false;
-    if (last || recursive) return last || would_match(way, place + 1, step);
-    return !step.next.empty() && any_successor_at(place + 1);
-}
-
 TEST(SubscriptionRandom, AWriteTouchesThoseWhomAskingEveryoneWouldFind) {
     constexpr uint32_t kSubscriptions = 60;
     size_t touched = 0;
@@ -534,7 +512,7 @@ TEST(SubscriptionRandom, AWriteTouchesThoseWhomAskingEveryoneWouldFind) {
             subscriptions.watch(id + 1, roots[id], patterns[id], false);
         }
         for (size_t n = 0; n < world.tree.size(); ++n) {
-            Way way;
+            model::Way<fake::Object> way;
             for (auto* step = &world.tree.object(n); step; step = step->parent())
                 way.insert(way.begin(), step);
             subscriptions.note(*way.back());
@@ -545,7 +523,7 @@ TEST(SubscriptionRandom, AWriteTouchesThoseWhomAskingEveryoneWouldFind) {
                 for (size_t place = 0; place < way.size(); ++place)
                     expected = expected || (!way[place]->tqlId().empty() &&
                                             roots[id].contains(way[place]->tqlId()) &&
-                                            would_match(way, place, patterns[id]));
+                                            model::would_match(way, place, patterns[id]));
                 ASSERT_EQ(noted.contains(id + 1), expected)
                     << "seed " << seed << " object " << n << ": "
                     << tql::pattern_text(patterns[id]);
