@@ -14,9 +14,15 @@ constexpr uint32_t kOwnValues[] = {
     prop::agentId,     prop::checkType, prop::dependsOn, prop::startTime,   prop::alertNotifyObject,
 };
 /// Counters, values from elsewhere, and what no class has.
-constexpr uint32_t kOtherValues[] = {prop::id,           prop::countNodes,    prop::countNetChecks,
-                                     prop::treeLabel,    prop::longLabel,     prop::remoteType,
-                                     prop::anyOverridden, prop::activeMark,   16383};
+constexpr uint32_t kOtherValues[] = {prop::id,
+                                     prop::countNodes,
+                                     prop::countNetChecks,
+                                     prop::treeLabel,
+                                     prop::longLabel,
+                                     prop::remoteType,
+                                     prop::anyOverridden,
+                                     prop::activeMark,
+                                     16383};
 constexpr relop_t kOrders[] = {relop_t::eq, relop_t::gt, relop_t::lt,
                                relop_t::ge, relop_t::le, relop_t::ne};
 
@@ -103,16 +109,15 @@ tql::condition_t PatternMaker::index_condition() {
         case 5:
             return where<tql::property_boolean_t>(prop::hasInherits, relop_t::eq, rng_.chance(80));
         case 6:
-            return where<tql::property_string_t>(prop::siblingName, relop_t::eq,
-                                                 random_name(rng_));
+            return where<tql::property_string_t>(prop::siblingName, relop_t::eq, random_name(rng_));
         default:
             return where<tql::property_boolean_t>(prop::active, relop_t::eq, rng_.chance(80));
     }
 }
 
 tql::condition_t PatternMaker::text_condition() {
-    constexpr relop_t kOnTexts[] = {relop_t::eq, relop_t::gt,  relop_t::lt,  relop_t::ge,
-                                    relop_t::le, relop_t::ne,  relop_t::ieq, relop_t::ine,
+    constexpr relop_t kOnTexts[] = {relop_t::eq, relop_t::gt,     relop_t::lt,  relop_t::ge,
+                                    relop_t::le, relop_t::ne,     relop_t::ieq, relop_t::ine,
                                     relop_t::ge, relop_t::isubstr};
     const uint32_t property =
         pick(rng_, std::array{prop::name, prop::name, prop::label, prop::comment});
@@ -147,9 +152,8 @@ tql::condition_t PatternMaker::odd_condition() {
         case 4:
             return where_null<tql::property_object_t>(prop::masterId, relop_t::ne);
         case 5:
-            return rng_.chance(50)
-                       ? where_null<tql::property_object_t>(prop::id, relop_t::eq)
-                       : where_null<tql::property_object_set_t>(prop::id, relop_t::in);
+            return rng_.chance(50) ? where_null<tql::property_object_t>(prop::id, relop_t::eq)
+                                   : where_null<tql::property_object_set_t>(prop::id, relop_t::in);
         case 6:
             return where<tql::property_uint_t>(prop::countNodes, pick(rng_, kOrders),
                                                static_cast<uint32_t>(rng_.below(3)));

@@ -182,8 +182,8 @@ class Trial {
     }
 
     /// Selects, under a subscription if there is one, and compares with the model.
-    std::pair<Answer, std::vector<tql::result_t>> check_select(
-        const dbms::Tql_Select_Data& request, uint32_t subscription = 0) {
+    std::pair<Answer, std::vector<tql::result_t>> check_select(const dbms::Tql_Select_Data& request,
+                                                               uint32_t subscription = 0) {
         tqlengine::SelectReport report;
         tqlengine::RequestContext asker = context();
         auto reply = tqlengine::process_select(request, asker, report, subscription);
@@ -194,9 +194,9 @@ class Trial {
         tally_.found += !expected.trees.empty();
         tally_.failed += expected.status != 0 && answer.status != 0;
         const bool fails_well =
-            expected.status != 0 && (answer.status == errors::ERR_INCOMPARABLE ||
-                                     answer.status == errors::ERR_BACKEND ||
-                                     (answer.status == 0 && may_look_at_less(request.pattern)));
+            expected.status != 0 &&
+            (answer.status == errors::ERR_INCOMPARABLE || answer.status == errors::ERR_BACKEND ||
+             (answer.status == 0 && may_look_at_less(request.pattern)));
         if (!fails_well && answer != expected)
             disagree("A select", request, expected.text(), answer.text());
         return {std::move(answer), std::move(reply.res)};
@@ -207,8 +207,8 @@ class Trial {
     void exchange_subscription() {
         if (subscriptions_.size() == kSubscriptions) {
             if (rng_.chance(85)) return;
-            const auto leaves = std::next(subscriptions_.begin(),
-                                          static_cast<long>(rng_.below(kSubscriptions)));
+            const auto leaves =
+                std::next(subscriptions_.begin(), static_cast<long>(rng_.below(kSubscriptions)));
             world_.store.engine->subscriptions().forget(leaves->first);
             subscriptions_.erase(leaves);
         }
@@ -344,10 +344,9 @@ class Trial {
     }
 
     [[noreturn]] void disagree(const std::string& what, const dbms::Tql_Select_Data& request,
-                               const std::string& expected,
-                               const std::string& there) {
-        std::string text = fmt::format("{}, MODEL_SEED={} round {}\nafter:{}\n", what, seed_,
-                                       round_, what_);
+                               const std::string& expected, const std::string& there) {
+        std::string text =
+            fmt::format("{}, MODEL_SEED={} round {}\nafter:{}\n", what, seed_, round_, what_);
         if (!request.root_ids.empty()) {
             text += fmt::format("pattern: {}\nroots:", tql::pattern_text(request.pattern));
             for (const tql::id_t& root : request.root_ids) text += " " + root.to_string();

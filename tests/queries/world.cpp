@@ -102,8 +102,8 @@ const Item& pick(support::Rng& rng, const std::vector<Item>& items) {
 std::vector<uint32_t> classes_below(uint32_t class_number) {
     switch (class_number) {
         case cls::Domain:
-            return {cls::Domain, cls::Domain, cls::Node, cls::Node, cls::Plan,
-                    cls::NotificationJob};
+            return {cls::Domain, cls::Domain, cls::Node,
+                    cls::Node,   cls::Plan,   cls::NotificationJob};
         case cls::Node:
             return {cls::CheckGroup, cls::CheckGroup, cls::NodeInfoGroup, cls::Plan};
         case cls::CheckGroup:
@@ -143,16 +143,15 @@ std::string World::told(std::string what, uint32_t status) {
 }
 
 std::string World::create(support::Rng& rng) {
-    const uint32_t class_number =
-        pick(rng, std::vector<uint32_t>{cls::Domain, cls::Domain, cls::Node, cls::Node, cls::Check,
-                                        cls::Check, cls::CheckGroup, cls::NodeInfoGroup, cls::Plan,
-                                        cls::WeekPlanner, cls::ExpectedEvent,
-                                        cls::NotificationJob});
+    const uint32_t class_number = pick(
+        rng, std::vector<uint32_t>{cls::Domain, cls::Domain, cls::Node, cls::Node, cls::Check,
+                                   cls::Check, cls::CheckGroup, cls::NodeInfoGroup, cls::Plan,
+                                   cls::WeekPlanner, cls::ExpectedEvent, cls::NotificationJob});
     dbms::Tql_Create_Data request;
     request.parent_id = place_for(rng, class_number);
     const bool again = last_number_ > 0 && rng.chance(5);
-    request.new_id = {7, again ? 1 + static_cast<uint32_t>(rng.below(last_number_))
-                               : ++last_number_};
+    request.new_id = {7,
+                      again ? 1 + static_cast<uint32_t>(rng.below(last_number_)) : ++last_number_};
     request.class_ = class_number;
     const bool under_node = request.parent_id.size() == 3 && request.parent_id[2] == 0;
     request.properties = start_values(rng, class_number, under_node);
@@ -313,11 +312,10 @@ std::string World::move(support::Rng& rng) {
     });
     if (id.empty()) return update(rng);
     const uint32_t class_number = known_.at(id).class_number;
-    const tql::id_t parent =
-        random_known(rng, [&](const Known& known) {
-            const std::vector<uint32_t> below = classes_below(known.class_number);
-            return std::find(below.begin(), below.end(), class_number) != below.end();
-        });
+    const tql::id_t parent = random_known(rng, [&](const Known& known) {
+        const std::vector<uint32_t> below = classes_below(known.class_number);
+        return std::find(below.begin(), below.end(), class_number) != below.end();
+    });
     if (parent.empty()) return update(rng);
     Values values;
     values.push_back(object(prop::parentId, parent));
@@ -413,7 +411,7 @@ std::string World::difference(const SeenTree& tree, bool with_values) {
         const tql::property_map_t& values = way.back()->values();
         for (const auto& [property, expected] : known.values) {
             const auto value = values.find(property);
-            const std::string there = value == values.end()     ? "nothing"
+            const std::string there = value == values.end()    ? "nothing"
                                       : value->second->is_null ? "null"
                                                                : value->second->print();
             if (there != expected)

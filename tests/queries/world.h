@@ -69,8 +69,7 @@ class World {
 
     Values start_values(support::Rng& rng, uint32_t class_number, bool under_node);
     tql::value_t random_value(support::Rng& rng, uint32_t class_number);
-    tql::id_t random_known(support::Rng& rng,
-                           const std::function<bool(const Known&)>& fits) const;
+    tql::id_t random_known(support::Rng& rng, const std::function<bool(const Known&)>& fits) const;
     tql::id_t place_for(support::Rng& rng, uint32_t class_number) const;
     void note_values(Known& known, const Values& values);
     [[nodiscard]] bool is_below(tql::id_t id, const tql::id_t& above) const;
