@@ -1,5 +1,6 @@
 // `load`: creates the objects of a file through the gateway.
 //
+// "group": 1 puts a child into a group of its parent, as the checks of a node are.
 // An object of the file may have a name of its own, "as": "mail". Below it in the file {"object":
 // "mail"} stands for its id, as a value or in a list of values.
 #include <fmt/format.h>
@@ -71,13 +72,16 @@ class FormCheck {
         if (object.contains("properties") && !object["properties"].is_object())
             refuse(path_, "\"properties\" must be an object of values by name");
         for (const auto& [field, value] : object.items())
-            if (field != "class" && field != "properties" && field != "children" && field != "as")
+            if (field != "class" && field != "properties" && field != "children" && field != "as" &&
+                field != "group")
                 refuse(path_, fmt::format("unknown field \"{}\"", field));
         for (const json& value : object.value("properties", json::object())) {
             check_reference(value);
             if (value.is_array())
                 for (const json& element : value) check_reference(element);
         }
+        if (object.contains("group") && !object["group"].is_number_unsigned())
+            refuse(path_, fmt::format("\"group\" must be a number: {}", object["group"].dump()));
         if (object.contains("as")) add_name(object["as"]);
     }
 
@@ -104,7 +108,9 @@ class Loader {
 
     void load(const json& objects, const std::string& parent) {
         for (const json& object : objects) {
-            const std::string id = ensure(object, parent);
+            const std::string group =
+                object.contains("group") ? "." + object["group"].dump() : std::string();
+            const std::string id = ensure(object, parent + group);
             if (object.contains("as")) ids_[object["as"].get<std::string>()] = id;
             show_progress();
             if (object.contains("children")) load(object["children"], id);
