@@ -113,4 +113,16 @@ std::optional<tql::origin_t> ObjectView::parent_origin() const {
     return above->tqlOrigin();
 }
 
+std::string object_path(ObjectHandler& object) {
+    std::string path;
+    ObjectHandlerRef at(&object);
+    for (ObjectHandlerRef above = at->parent_object(); above; above = at->parent_object()) {
+        const InheritanceChain chain(at->store(), at->node_id(), at->location());
+        const auto name = at->schema().siblingName(chain);
+        path = "/" + (name && !name->empty() ? *name : at->node_id().to_string()) + path;
+        at = std::move(above);
+    }
+    return path.empty() ? "/" : path;
+}
+
 }  // namespace dbcache

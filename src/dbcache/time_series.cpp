@@ -8,6 +8,7 @@
 #include "dbcache/object_view.h"
 #include "dbcache/special_kinds.h"
 #include "dbcache/store.h"
+#include "io/exception.h"
 #include "log/log.h"
 #include "tql/errors.h"
 #include "tql/names.h"
@@ -24,6 +25,14 @@ bool holds_series(const NodetypeSchema& schema) {
     const auto entries = schema.properties();
     return std::any_of(entries.begin(), entries.end(),
                        [](const auto& entry) { return entry.schema->has_backend(); });
+}
+
+/// In any subtype.
+bool is_series(const NodetypeSchema& schema, uint32_t property) {
+    const auto entries = schema.properties();
+    return std::any_of(entries.begin(), entries.end(), [&](const auto& entry) {
+        return entry.property == property && entry.schema->has_backend();
+    });
 }
 
 uint32_t make_series(Store& store, const tsdb::time_series_layout_t& layout) {
@@ -44,7 +53,11 @@ void allocate_if(ObjectHandler& handler, bool should_be_allocated, uint32_t prop
     const auto slot = schema.lookupProperty(property, schema.subtype(ObjectView(handler), work));
     error::check(slot.has_value() || !should_be_allocated,
                  "allocateIf got property {}, which the object doesn't have", property);
-    if (!slot) return;
+    if (!slot) {
+        if (const uint32_t left = stored_series(handler, property); left != kNoSeries)
+            store.drop_backend_block(left);
+        return;
+    }
     work_t& value = work[*slot];
     if (value.is_null()) value.prop = std::make_unique<mdb::PropertySeries>(property, kNoSeries);
     uint32_t& index = static_cast<mdb::PropertySeries&>(*value.prop).value;
@@ -58,10 +71,28 @@ void allocate_if(ObjectHandler& handler, bool should_be_allocated, uint32_t prop
     }
 }
 
+void allocate_when_possible(ObjectHandler& handler, uint32_t property,
+                            const tsdb::time_series_layout_t& layout, WorkArray& work) {
+    try {
+        allocate_if(handler, true, property, &layout, work);
+    } catch (const io::EEndOfStream& gone) {
+        logger.info("No time series for {} yet: {}", handler.node_id(), gone.text());
+    }
+}
+
+uint32_t stored_series(const ObjectHandler& object, uint32_t property) {
+    if (!object.is_stored()) return kNoSeries;
+    const InheritanceChain chain(object.store(), object.node_id(), object.location());
+    mdb::PropertySeries series(property, kNoSeries);
+    return chain.read(0, series) == found_t::value ? series.value : kNoSeries;
+}
+
 uint32_t tsdb_index(const NodetypeSchema& schema, const PropertyChain& chain, uint32_t property) {
     if (!holds_series(schema))
         throw errors::db_anomaly("Request of tsdb property from " + schema.class_name());
     mdb::PropertySeries series(property);
+    if (!is_series(schema, property))
+        throw errors::db_anomaly("No tsdbIndex found in " + schema.class_name());
     switch (chain.read(0, series)) {
         case found_t::absent:
             throw errors::db_anomaly("No tsdbIndex found in " + schema.class_name());

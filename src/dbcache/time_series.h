@@ -32,11 +32,20 @@ using tsdb::kUptimeData;
 /// have one. The write that is under way stores the index. A series that is made waits for the
 /// store of time series and goes again if the write is aborted; one that is given up goes when the
 /// write has committed. Where a Store has no store of time series, the object stays without one
-/// until its first data. A property that the object's subtype doesn't have is left alone; a series
-/// without a layout, and one for such a property, is a fatal assertion. Throws errors::tql with
-/// code 14 when the store of time series refuses, and error::EFatal when it is gone.
+/// until its first data. A property that the object's new subtype doesn't have gives up the series
+/// that the old subtype had; a series without a layout, and one for such a property, is a fatal
+/// assertion. Throws errors::tql with code 14 when the store of time series refuses,
+/// io::EEndOfStream when it is known to be gone, and error::EFatal when it goes meanwhile.
 void allocate_if(ObjectHandler& handler, bool should_be_allocated, uint32_t property,
                  const tsdb::time_series_layout_t* layout, WorkArray& work);
+/// allocate_if() for an object that always has this series, and is of use without one: with the
+/// store of time series known to be gone the series is left to the object's next write or its first
+/// data, whichever comes first.
+void allocate_when_possible(ObjectHandler& handler, uint32_t property,
+                            const tsdb::time_series_layout_t& layout, WorkArray& work);
+
+/// The index of the series in `property` of a stored object; tsdb::kNoSeries when it has none.
+[[nodiscard]] uint32_t stored_series(const ObjectHandler& object, uint32_t property);
 
 /// The index of the series in `property`. Throws errors::db_anomaly when the class has no series,
 /// the object no record of this one, or when there is none yet.

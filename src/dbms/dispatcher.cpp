@@ -3,6 +3,7 @@
 #include <new>
 
 #include "dbms/event_meters.h"
+#include "dbms/tsdb_callbacks.h"
 #include "error/exception.h"
 #include "io/exception.h"
 #include "log/log.h"
@@ -85,6 +86,17 @@ void Dispatcher::timed_handler(EventContext& context, const EventRow& row,
         logger.warning("Event {} took {} sec.", queues::event_name(&received),
                        static_cast<double>(elapsed_us) / 1e6);
     services_.meters.add(received.peer, received.number(), elapsed_us);
+}
+
+bool Dispatcher::finish_callback(const queues::event& received) {
+    if (!services_.tsdb_callbacks.awaits(received)) return false;
+    const uint64_t start_us = services_.clock.monotonic_us();
+    trace_.begin();
+    const std::string name = services_.tsdb_callbacks.take(received);
+    const uint64_t elapsed_us = services_.clock.monotonic_us() - start_us;
+    if (trace_.active()) trace_.end(elapsed_us, "Callback: " + name);
+    services_.meters.add(received.peer, received.number(), elapsed_us);
+    return true;
 }
 
 void Dispatcher::answer_failure(const EventRow& row, const queues::event& received,

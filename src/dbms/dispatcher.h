@@ -35,6 +35,10 @@ class Dispatcher {
     /// left over are fatal assertions.
     void dispatch(queues::event& received);
 
+    /// False for an event that is no reply of the time series store that somebody waits for. Such a
+    /// one is handed to who does; it counts and is traced as an event is.
+    [[nodiscard]] bool finish_callback(const queues::event& received);
+
     /// The sender of the event being handled; none between events.
     [[nodiscard]] queues::queue_t last_event_sender() const noexcept { return last_event_sender_; }
 

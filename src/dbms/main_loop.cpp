@@ -100,7 +100,7 @@ void MainLoop::take_event() {
     }
     if (received->number() == queues::SYS_EXIT) return begin_shutdown();
     if (introspection_.consumed(*received)) return;
-    if (services_.tsdb_callbacks.take(*received)) return;
+    if (dispatcher_.finish_callback(*received)) return;
     dispatcher_.dispatch(*received);
     for_subscribers([&](Subscribers& subscribers) {
         subscribers.tqlPeriodicUpdate(received->peer, queues::event_name(received.get()));

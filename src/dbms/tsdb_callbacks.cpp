@@ -20,34 +20,31 @@ void TsdbCallbacks::enter(uint32_t uid, Callback callback) {
     waiting_[uid] = std::move(callback);
 }
 
-bool TsdbCallbacks::take(const queues::event& received) {
-    if (received.peer != queues::queue_t::tsdb) return false;
-    const auto found = waiting_.find(received.uid);
-    if (found == waiting_.end()) return false;
-    const Callback callback = std::move(found->second);
-    waiting_.erase(found);
-    if (received.number() == queues::MESSAGE_EXCEPTION)
-        finish(*callback, nullptr, static_cast<const queues::exevent&>(received).text);
-    else
-        finish(*callback, &received, {});
-    return true;
+bool TsdbCallbacks::awaits(const queues::event& received) const {
+    return received.peer == queues::queue_t::tsdb && waiting_.contains(received.uid);
+}
+
+std::string TsdbCallbacks::take(const queues::event& received) {
+    const Callback callback = std::move(waiting_.extract(received.uid).mapped());
+    finish(*callback, received);
+    return callback->name();
 }
 
 void TsdbCallbacks::fail_all(const std::string& text) {
     const auto failed = std::move(waiting_);
     waiting_.clear();
-    for (const auto& [uid, callback] : failed) finish(*callback, nullptr, text);
+    for (const auto& [uid, callback] : failed)
+        finish(*callback, queues::exevent(queues::queue_t::tsdb, uid, text));
 }
 
 /// An asker that is gone meanwhile holds up nobody.
-void TsdbCallbacks::finish(AsyncTsdbCallback& callback, const queues::event* reply,
-                           const std::string& error) {
+void TsdbCallbacks::finish(AsyncTsdbCallback& callback, const queues::event& reply) {
     const bool last = callback.dec_ref();
     try {
-        if (reply != nullptr)
-            callback.on_reply(*reply);
+        if (reply.number() == queues::MESSAGE_EXCEPTION)
+            callback.on_error(static_cast<const queues::exevent&>(reply));
         else
-            callback.on_error(error);
+            callback.on_reply(reply);
         if (last) callback.on_done();
     } catch (const io::EEndOfStream& gone) {
         logger.info("Lost peer: {}", gone.text());

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,7 +24,7 @@ class AsyncTsdbCallback {
     AsyncTsdbCallback& operator=(const AsyncTsdbCallback&) = delete;
 
     virtual void on_reply(const queues::event& reply) = 0;
-    virtual void on_error(const std::string& text) = 0;
+    virtual void on_error(const queues::exevent& failure) = 0;
     /// After the last reply.
     virtual void on_done() {}
     /// Its name in the event trace and the log.
@@ -36,10 +35,10 @@ class AsyncTsdbCallback {
     [[nodiscard]] bool dec_ref();
 
   protected:
+    [[nodiscard]] bool is_awaited() const noexcept { return queues::wants_reply(asker_uid_); }
     template <queues::event_t N>
     void answer(queues::childqueue& queue, queues::record_t<N> record) const {
-        if (queues::wants_reply(asker_uid_))
-            queue.send(queues::devent<N>(asker_, asker_uid_, std::move(record)));
+        if (is_awaited()) queue.send(queues::devent<N>(asker_, asker_uid_, std::move(record)));
     }
 
   private:
@@ -55,15 +54,15 @@ class TsdbCallbacks {
 
     /// `callback` waits for one reply more, that to `uid`.
     void enter(uint32_t uid, Callback callback);
-    /// False for an event that nobody here waits for.
-    [[nodiscard]] bool take(const queues::event& received);
+    [[nodiscard]] bool awaits(const queues::event& received) const;
+    /// Hands an event that is awaited to who waits for it, whose name this gives.
+    std::string take(const queues::event& received);
     /// The store is gone: each reply that is awaited becomes an error with `text`.
     void fail_all(const std::string& text);
     [[nodiscard]] size_t pending() const noexcept { return waiting_.size(); }
 
   private:
-    static void finish(AsyncTsdbCallback& callback, const queues::event* reply,
-                       const std::string& error);
+    static void finish(AsyncTsdbCallback& callback, const queues::event& reply);
 
     std::map<uint32_t, Callback> waiting_;
 };

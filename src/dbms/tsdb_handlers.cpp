@@ -7,8 +7,8 @@
 
 #include "dbcache/inheritance.h"
 #include "dbcache/object_handler.h"
+#include "dbcache/object_view.h"
 #include "dbcache/resolver.h"
-#include "dbcache/special_kinds.h"
 #include "dbcache/store.h"
 #include "dbcache/time_series.h"
 #include "dbms/tsdb_callbacks.h"
@@ -42,80 +42,97 @@ Reply failed(uint32_t status, const std::string& text) {
     return reply;
 }
 
-class GetDataCallback final : public AsyncTsdbCallback {
+/// Passes the one reply on to the asker.
+class AnsweringCallback : public AsyncTsdbCallback {
   public:
-    GetDataCallback(queues::childqueue& queue, const queues::event& asked)
+    AnsweringCallback(queues::childqueue& queue, const queues::event& asked)
         : AsyncTsdbCallback(asked.peer, asked.uid), queue_(queue) {}
-    void on_reply(const queues::event& reply) override {
-        const auto& got = queues::data<queues::RETURN_GET_DATA>(reply);
-        Return_TSDB_Get_Data_Data out;
-        out.data_type = got.data_type;
-        out.data = got.data;
-        answer<queues::RETURN_TSDB_GET_DATA>(queue_, std::move(out));
+
+  protected:
+    [[nodiscard]] queues::childqueue& queue() const noexcept { return queue_; }
+    template <queues::event_t N>
+    void fail(const queues::exevent& failure) const {
+        if (!is_awaited()) return logger.warning("{}", failure.text);
+        answer<N>(queue_, failed<queues::record_t<N>>(errors::ERR_BACKEND, failure.text));
     }
-    void on_error(const std::string& text) override {
-        answer<queues::RETURN_TSDB_GET_DATA>(
-            queue_, failed<Return_TSDB_Get_Data_Data>(errors::ERR_BACKEND, text));
-    }
-    [[nodiscard]] const char* name() const override { return "GetDataCallback"; }
 
   private:
     queues::childqueue& queue_;
 };
 
-class GetLatestDataCallback final : public AsyncTsdbCallback {
+class GetDataCallback final : public AnsweringCallback {
   public:
-    GetLatestDataCallback(queues::childqueue& queue, const queues::event& asked)
-        : AsyncTsdbCallback(asked.peer, asked.uid), queue_(queue) {}
+    using AnsweringCallback::AnsweringCallback;
+    void on_reply(const queues::event& reply) override {
+        const auto& got = queues::data<queues::RETURN_GET_DATA>(reply);
+        Return_TSDB_Get_Data_Data out;
+        out.data_type = got.data_type;
+        out.data = got.data;
+        answer<queues::RETURN_TSDB_GET_DATA>(queue(), std::move(out));
+    }
+    void on_error(const queues::exevent& failure) override {
+        fail<queues::RETURN_TSDB_GET_DATA>(failure);
+    }
+    [[nodiscard]] const char* name() const override { return "GetDataCallback"; }
+};
+
+class GetLatestDataCallback final : public AnsweringCallback {
+  public:
+    using AnsweringCallback::AnsweringCallback;
     void on_reply(const queues::event& reply) override {
         const auto& got = queues::data<queues::RETURN_GET_DATA>(reply);
         error::check(got.data.size() <= 1, "Got more than one record");
         Return_TSDB_Get_Latest_Data_Record_Data out;
         out.data_type = got.data_type;
         if (!got.data.empty()) out.data = got.data.front();
-        answer<queues::RETURN_TSDB_GET_LATEST_DATA_RECORD>(queue_, std::move(out));
+        answer<queues::RETURN_TSDB_GET_LATEST_DATA_RECORD>(queue(), std::move(out));
     }
-    void on_error(const std::string& text) override {
-        answer<queues::RETURN_TSDB_GET_LATEST_DATA_RECORD>(
-            queue_, failed<Return_TSDB_Get_Latest_Data_Record_Data>(errors::ERR_BACKEND, text));
+    void on_error(const queues::exevent& failure) override {
+        fail<queues::RETURN_TSDB_GET_LATEST_DATA_RECORD>(failure);
     }
     [[nodiscard]] const char* name() const override { return "GetLatestDataCallback"; }
-
-  private:
-    queues::childqueue& queue_;
 };
 
-class TruncateOldDataCallback final : public AsyncTsdbCallback {
+class TruncateOldDataCallback final : public AnsweringCallback {
   public:
-    TruncateOldDataCallback(queues::childqueue& queue, const queues::event& asked)
-        : AsyncTsdbCallback(asked.peer, asked.uid), queue_(queue) {}
+    using AnsweringCallback::AnsweringCallback;
     void on_reply(const queues::event& /*reply*/) override {
-        answer<queues::RETURN_TSDB_TRUNCATE_OLD_DATA>(queue_, {});
+        answer<queues::RETURN_TSDB_TRUNCATE_OLD_DATA>(queue(), {});
     }
-    void on_error(const std::string& text) override {
-        answer<queues::RETURN_TSDB_TRUNCATE_OLD_DATA>(
-            queue_, failed<Return_TSDB_Truncate_Old_Data_Data>(errors::ERR_BACKEND, text));
+    void on_error(const queues::exevent& failure) override {
+        fail<queues::RETURN_TSDB_TRUNCATE_OLD_DATA>(failure);
     }
     [[nodiscard]] const char* name() const override { return "TruncateOldDataCallback"; }
+};
 
-  private:
-    queues::childqueue& queue_;
+/// What a write was about, in words for the log. Where the object lies is looked up when it is
+/// asked for: hardly ever.
+struct Write {
+    dbcache::Store& store;
+    NodeId id;
+    uint32_t property;
+    uint32_t data_type;
+
+    [[nodiscard]] std::string description() const {
+        const dbcache::ObjectHandlerRef object = store.resolver().find_object(id);
+        return fmt::format("Error putting datatype {} into {} of {} by {}", data_type,
+                           tql::property_name(property),
+                           object ? dbcache::object_path(*object) : id.to_string(),
+                           queues::queue_name(queues::queue_t::dbms));
+    }
 };
 
 /// Answers when all records are stored, with all that went wrong.
 class AppendDataCallback final : public AsyncTsdbCallback {
   public:
-    AppendDataCallback(queues::childqueue& queue, const queues::event& asked,
-                       std::string description)
-        : AsyncTsdbCallback(asked.peer, asked.uid),
-          queue_(queue),
-          description_(std::move(description)) {}
+    AppendDataCallback(queues::childqueue& queue, const queues::event& asked, const Write& write)
+        : AsyncTsdbCallback(asked.peer, asked.uid), queue_(queue), write_(write) {}
     void on_reply(const queues::event& /*reply*/) override {}
-    void on_error(const std::string& text) override { errors_.push_back(text); }
+    void on_error(const queues::exevent& failure) override { errors_.push_back(failure.text); }
     void on_done() override {
         if (errors_.empty()) return answer<queues::RETURN_TSDB_APPEND_DATA>(queue_, {});
         const std::string all = fmt::format("{}", fmt::join(errors_, ", "));
-        logger.error("{}: {}", description_, all);
+        logger.error("{}: {}", write_.description(), all);
         answer<queues::RETURN_TSDB_APPEND_DATA>(
             queue_, failed<Return_TSDB_Append_Data_Data>(errors::ERR_BACKEND, all));
     }
@@ -123,22 +140,23 @@ class AppendDataCallback final : public AsyncTsdbCallback {
 
   private:
     queues::childqueue& queue_;
-    std::string description_;
+    const Write write_;
     std::vector<std::string> errors_;
 };
 
 /// Nobody waits any more; what goes wrong is logged.
 class PutDataRecord final : public AsyncTsdbCallback {
   public:
-    explicit PutDataRecord(std::string description)
-        : AsyncTsdbCallback(queues::queue_t::none, queues::kNoReply),
-          description_(std::move(description)) {}
+    explicit PutDataRecord(const Write& write)
+        : AsyncTsdbCallback(queues::queue_t::none, queues::kNoReply), write_(write) {}
     void on_reply(const queues::event& /*reply*/) override {}
-    void on_error(const std::string& text) override { logger.error("{}: {}", description_, text); }
+    void on_error(const queues::exevent& failure) override {
+        logger.error("{}: {}", write_.description(), failure.text);
+    }
     [[nodiscard]] const char* name() const override { return "PutDataRecord"; }
 
   private:
-    std::string description_;
+    const Write write_;
 };
 
 // ---- objects and their series ------------------------------------------------------------------
@@ -172,17 +190,8 @@ void check_series_property(const dbcache::ObjectHandler& object, uint32_t proper
         throw errors::db_anomaly("Put_Data called with property of wrong type");
 }
 
-uint32_t present_index(const dbcache::ObjectHandler& object, uint32_t property) {
-    const dbcache::InheritanceChain chain(object.store(), object.node_id(), object.location());
-    mdb::PropertySeries series(property, tsdb::kNoSeries);
-    return chain.read(0, series) == dbcache::found_t::value ? series.value : tsdb::kNoSeries;
-}
-
-std::string description(const dbcache::ObjectHandler& object, uint32_t property,
-                        uint32_t data_type) {
-    return fmt::format("Error putting datatype {} into {} of {} by {}", data_type,
-                       tql::property_name(property), object.node_id().to_string(),
-                       queues::queue_name(queues::queue_t::dbms));
+Write write_of(const dbcache::ObjectHandler& object, uint32_t property, uint32_t data_type) {
+    return {object.store(), object.node_id(), property, data_type};
 }
 
 /// Sends `request` under a new dialog id, to whose reply `callback` listens.
@@ -243,10 +252,11 @@ void answer_outcome(EventContext& context, const queues::event& asked, const cha
 
 void putDataSeries(Services& services, dbcache::ObjectHandler& object, uint32_t property, Data data,
                    uint32_t data_type) {
-    const uint32_t before = present_index(object, property);
     logger.debug("Entering putDataSeries index_prop is {} id is {} data_type is {}", property,
                  object.node_id().to_string(), data_type);
+    error::check(object.is_stored(), "Attempted putDataSeries on object only for recovery");
     check_series_property(object, property);
+    const uint32_t before = dbcache::stored_series(object, property);
     queues::devent<queues::PUT_DATA> request(
         kTsdb, queues::kNoReply,
         {queues::queue_t::dbms, before, tsdb::kAllocateAndStore, data_type, std::move(data)});
@@ -260,9 +270,14 @@ void putDataSeries(Services& services, dbcache::ObjectHandler& object, uint32_t 
     }
     // The second answer comes when the data is stored.
     services.tsdb_callbacks.enter(
-        request.uid, std::make_shared<PutDataRecord>(description(object, property, data_type)));
+        request.uid, std::make_shared<PutDataRecord>(write_of(object, property, data_type)));
     if (index == before) return;
-    store_index(object, property, index);
+    try {
+        store_index(object, property, index);
+    } catch (const errors::stdanomaly&) {
+        services.store.drop_backend_block(index);  // nobody knows of it
+        throw;
+    }
     if (before != tsdb::kNoSeries) services.store.drop_backend_block(before);
 }
 
@@ -330,13 +345,13 @@ void ev_tsdb_append_data_record(EventContext& context, queues::event& received) 
         context, received, "Append_Data_Record", asked.index_property, true, [&] {
             const auto object = get_holder(context, asked.id, "Append_Data_Record");
             check_series_property(*object, asked.index_property);
-            if (present_index(*object, asked.index_property) == tsdb::kNoSeries)
+            if (dbcache::stored_series(*object, asked.index_property) == tsdb::kNoSeries)
                 return putDataSeries(context.services, *object, asked.index_property, {asked.data},
                                      asked.data_type);
             put_data(context, dbcache::tsdb_index(*object, asked.index_property), asked.data,
                      asked.data_type,
                      std::make_shared<PutDataRecord>(
-                         description(*object, asked.index_property, asked.data_type)));
+                         write_of(*object, asked.index_property, asked.data_type)));
         });
 }
 
@@ -348,8 +363,9 @@ void ev_tsdb_append_data(EventContext& context, queues::event& received) {
             check_series_property(*object, asked.index_property);
             const auto callback = std::make_shared<AppendDataCallback>(
                 context.services.queue, received,
-                description(*object, asked.index_property, asked.data_type));
-            const bool has_series = present_index(*object, asked.index_property) != tsdb::kNoSeries;
+                write_of(*object, asked.index_property, asked.data_type));
+            const bool has_series =
+                dbcache::stored_series(*object, asked.index_property) != tsdb::kNoSeries;
             if (!has_series && !asked.data.empty())
                 putDataSeries(context.services, *object, asked.index_property,
                               std::move(asked.data), asked.data_type);

@@ -1,5 +1,8 @@
 // The rules of the classes of checks: what a check's subtype comes from, which values go together,
 // and what a write of one does beside it.
+#include <algorithm>
+#include <fmt/ranges.h>
+
 #include "check_world.h"
 #include "dbcache/object_view.h"
 #include "dbcache/schema/agent_check_schema.h"
@@ -250,9 +253,10 @@ TEST_F(CheckRules, NetChecks) {
 
 TEST_F(CheckRules, SeriesFollowActivityAndForecasts) {
     const auto made = [&] { return world.series_made.size(); };
+    EXPECT_EQ(world.series_made, std::vector{dbcache::small_incident_layout()}) << "the node's";
     net_check(2);
-    ASSERT_EQ(made(), 1U);
-    EXPECT_EQ(world.series_made[0], dbcache::continuous_layout());
+    ASSERT_EQ(made(), 2U);
+    EXPECT_EQ(world.series_made.back(), dbcache::continuous_layout());
 
     const NodeId place = agent_group(group(1), "m", "M");
     const struct {
@@ -289,6 +293,56 @@ TEST_F(CheckRules, SeriesFollowActivityAndForecasts) {
     EXPECT_EQ(dbcache::tsdb_data_type(dynamic_cast<dbcache::ObjectHandler&>(*world.get(total)),
                                       prop::tsdbIndex),
               dbcache::kContinuousData);
+}
+
+TEST_F(CheckRules, AnotherKindOfValuesNeedsAnotherSeries) {
+    const NodeId check = agent_check(agent_group(group(1), "m", "M"), 0, "cpu", true);
+    world.update(check, list(flag(prop::forecastEnabled, true)));
+    const std::string series = world.value(check, prop::tsdbIndex);
+    const std::string forecast = world.value(check, prop::tsdbForecast);
+    world.update(check, list(choice(prop::checkType, 7)));
+    EXPECT_EQ(world.value(check, prop::tsdbIndex), series) << "of the same layout";
+    EXPECT_EQ(world.value(check, prop::tsdbForecast), forecast);
+    EXPECT_TRUE(world.dropped.empty());
+
+    world.update(check, list(choice(prop::checkType, 1)));
+    EXPECT_EQ(world.series_made.back(), dbcache::enumerated_layout());
+    EXPECT_NE(world.value(check, prop::tsdbIndex), series);
+    EXPECT_EQ(world.value(check, prop::tsdbForecast), "-");
+    std::sort(world.dropped.begin(), world.dropped.end());
+    EXPECT_EQ(fmt::format("{}", fmt::join(world.dropped, " ")), series + " " + forecast);
+    EXPECT_EQ(dbcache::tsdb_data_type(dynamic_cast<dbcache::ObjectHandler&>(*world.get(check)),
+                                      prop::tsdbIndex),
+              dbcache::kEnumeratedData);
+    world.update(check, list(choice(prop::checkType, 8)));
+    EXPECT_EQ(world.value(check, prop::tsdbIndex), "4294967295") << "actions have none";
+    EXPECT_EQ(world.dropped.size(), 3U);
+}
+
+TEST_F(CheckRules, NodesAndExportsHaveTheirSeriesFromTheStart) {
+    world.store_of_series_is_gone = true;
+    const NodeId late = world.node(dbcache::kRootId, "late");
+    EXPECT_EQ(world.value(late, prop::tsdbIncident), "4294967295");
+    world.store_of_series_is_gone = false;
+    world.update(late, list(text(prop::label, "l")));
+    EXPECT_EQ(world.value(late, prop::tsdbIncident), "101");
+    world.update(late, list(text(prop::label, "m")));
+    EXPECT_EQ(world.value(late, prop::tsdbIncident), "101");
+
+    const size_t before = world.series_made.size();
+    const NodeId shown = world.create(
+        dbcache::kRootId, cls::DomainExport,
+        list(std::make_unique<tql::property_gid_t>(prop::gid, 0x1234), text(prop::comment, "")));
+    EXPECT_EQ(world.series_made.at(before), dbcache::enumerated_layout());
+    EXPECT_EQ(world.series_made.at(before + 1), dbcache::small_incident_layout());
+    const auto type = [&](uint32_t property) {
+        return dbcache::tsdb_data_type(dynamic_cast<dbcache::ObjectHandler&>(*world.get(shown)),
+                                       property);
+    };
+    EXPECT_EQ(type(prop::tsdbIndex), dbcache::kEnumeratedData);
+    EXPECT_EQ(type(prop::tsdbIncident), dbcache::kIncidentData);
+    world.remove(shown);
+    EXPECT_EQ(world.dropped.size(), 2U);
 }
 
 TEST_F(CheckRules, ActionsFireAndActiveChecksCount) {

@@ -17,6 +17,7 @@
 #include "dbcache/schema_table.h"
 #include "dbcache/store.h"
 #include "dbcache/version_source.h"
+#include "io/exception.h"
 #include "log/log.h"
 #include "mdb/database.h"
 #include "mdb/format.h"
@@ -97,6 +98,7 @@ class TestStore {
             .create_backend_block =
                 [this](const tsdb::time_series_layout_t& layout) {
                     if (create_refuses) throw errors::remote_error("disk full");
+                    if (store_of_series_is_gone) throw io::EEndOfStream("tsdb", "gone", 20);
                     series_made.push_back(layout);
                     return static_cast<uint32_t>(99 + series_made.size());
                 }};
@@ -231,6 +233,7 @@ class TestStore {
     /// Layouts of the series that the store had made, the first of which is number 100.
     std::vector<tsdb::time_series_layout_t> series_made;
     bool create_refuses = false;
+    bool store_of_series_is_gone = false;
     std::unique_ptr<mdb::Database> database;
     std::unique_ptr<mdb::IndexTable> indexes;
     std::unique_ptr<mdb::ObjectStore> objects;

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "dbcache/inheritance.h"
 #include "dbcache/object_handler.h"
 #include "dbcache/object_view.h"
 #include "dbcache/schema/name_format.h"
@@ -210,6 +211,12 @@ void CheckSchema::afterUpdate(ObjectHandler& handler, tqlengine::RequestContext&
     const Layout* made_as = layout(own_subtype, type);
     before_series(work, own_subtype);
     const bool recorded = made_as != nullptr && flag_in(*this, work, prop::active);
+    // A series of another layout takes no data of the new kind, for ever.
+    if (recorded && handler.is_stored()) {
+        const InheritanceChain before(handler.store(), handler.node_id(), handler.location());
+        if (stored_layout(before) != made_as)
+            allocate_if(handler, false, prop::tsdbIndex, nullptr, work);
+    }
     allocate_if(handler, recorded, prop::tsdbIndex, made_as, work);
     const bool foreseen = flag_in(*this, work, prop::forecastEnabled, own_subtype);
     allocate_if(handler, recorded && foreseen, prop::tsdbForecast, &continuous_layout(), work);

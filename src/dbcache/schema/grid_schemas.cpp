@@ -5,6 +5,7 @@
 
 #include "dbcache/schema/subtype_by_value.h"
 #include "dbcache/schema_table.h"
+#include "dbcache/time_series.h"
 #include "tql/enumerations.h"
 #include "tql/property_map.h"
 
@@ -196,6 +197,16 @@ class DomainExportSchema : public TableSchema<NodetypeSchema> {
         for (const uint32_t number : {prop::treeLabel, prop::longLabel})
             if (pattern.wants(number))
                 tql::add<tql::property_string_t>(out, number, shown, kComputed);
+    }
+    void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& /*context*/,
+                     WorkArray& work) const override {
+        allocate_when_possible(handler, prop::tsdbIndex, enumerated_layout(), work);
+        allocate_when_possible(handler, prop::tsdbIncident, small_incident_layout(), work);
+    }
+    [[nodiscard]] uint32_t tsdbGetDataType(const PropertyChain& chain,
+                                           uint32_t property) const override {
+        if (property == prop::tsdbIndex) return kEnumeratedData;
+        return TableSchema::tsdbGetDataType(chain, property);
     }
 };
 

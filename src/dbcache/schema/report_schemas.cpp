@@ -8,6 +8,7 @@
 #include "dbcache/schema/public_edit.h"
 #include "dbcache/schema/subtype_by_value.h"
 #include "dbcache/schema_table.h"
+#include "mdb/property_types.h"
 #include "tql/enumerations.h"
 #include "tql/property_map.h"
 
@@ -244,6 +245,20 @@ class ReportSchema : public PublicEdit<SubtypeByValue<StoredEnum>> {
     }
 };
 
+/// A part of a report that keeps a copy of a check's data: `dataType` says of what type.
+template <class Base>
+class WithDataType final : public Base {
+  public:
+    using Base::Base;
+    [[nodiscard]] uint32_t tsdbGetDataType(const PropertyChain& chain,
+                                           uint32_t property) const override {
+        mdb::PropertyInt32 type(prop::dataType);
+        if (property != prop::tsdbIndex || chain.read(0, type) != found_t::value)
+            return Base::tsdbGetDataType(chain, property);
+        return static_cast<uint32_t>(type.value);
+    }
+};
+
 namespace schema {
 
 void declare_reports(SchemaTable& table) {
@@ -272,11 +287,12 @@ void declare_reports(SchemaTable& table) {
          .tql_class = cls::ReportInstance,
          .properties = kReportInstanceRows,
          .children = kReportInstanceChildren});
-    add({.nodetype = nodetype::ReportResult,
-         .tql_class = cls::ReportResult,
-         .properties = kReportResultRows,
-         .children = kReportResultChildren,
-         .sibling_name = prop::name});
+    table.registerSchema(std::make_unique<WithDataType<TableSchema<NodetypeSchema>>>(
+        ClassTable{.nodetype = nodetype::ReportResult,
+                   .tql_class = cls::ReportResult,
+                   .properties = kReportResultRows,
+                   .children = kReportResultChildren,
+                   .sibling_name = prop::name}));
     add_ordered({.nodetype = nodetype::ReportResultFolder,
                  .tql_class = cls::ReportResultFolder,
                  .properties = kReportResultFolderRows,
@@ -284,10 +300,11 @@ void declare_reports(SchemaTable& table) {
     add_ordered({.nodetype = nodetype::ReportResultRow,
                  .tql_class = cls::ReportResultRow,
                  .properties = kReportResultRowRows});
-    add_ordered({.nodetype = nodetype::ReportResultGraph,
-                 .tql_class = cls::ReportResultGraph,
-                 .properties = kReportResultGraphRows,
-                 .greater = kGraphRules});
+    table.registerSchema(std::make_unique<WithDataType<OrderSiblingEncoder>>(
+        ClassTable{.nodetype = nodetype::ReportResultGraph,
+                   .tql_class = cls::ReportResultGraph,
+                   .properties = kReportResultGraphRows,
+                   .greater = kGraphRules}));
     add_ordered({.nodetype = nodetype::ReportResultLog,
                  .tql_class = cls::ReportResultLog,
                  .properties = kReportResultLogRows});

@@ -2,6 +2,7 @@
 
 #include "dbcache/accounting.h"
 #include "dbcache/schema/agent_config.h"
+#include "dbcache/time_series.h"
 #include "mdb/property_types.h"
 #include "tql/enumerations.h"
 #include "tql/names.h"
@@ -219,7 +220,8 @@ void NodeSchema::encodeSpecials(const SchemaObject& /*object*/, const PropertyCh
 }
 
 void NodeSchema::afterUpdate(ObjectHandler& handler, tqlengine::RequestContext& context,
-                             WorkArray& /*work*/) const {
+                             WorkArray& work) const {
+    allocate_when_possible(handler, prop::tsdbIncident, small_incident_layout(), work);
     touch_agent_config(handler, context);
 }
 
