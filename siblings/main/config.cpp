@@ -293,7 +293,7 @@ Config default_config(const std::string& program_dir) {
     config.log_dir = "var/log";
     config.siblings = {
         // The server doesn't wait for the time series: it asks for them when it needs one.
-        {"tsdb", queues::queue_t::tsdb, program_dir + "/tsdb", {}, kSliceBytes, true},
+        {"tsdb", queues::queue_t::tsdb, program_dir + "/tsdb", {}, kSliceBytes, true, true},
         {"dbms", queues::queue_t::dbms, program_dir + "/dbms", {}, kServerSliceBytes, true},
         {"wapi",
          queues::queue_t::wapi,

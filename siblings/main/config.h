@@ -30,6 +30,9 @@ struct SiblingConfig {
     std::set<queues::queue_t> depend_on;  ///< siblings that must be up before it is started
     uint32_t slice_size_bytes = 0;        ///< its write area in the pool, a multiple of 8
     bool enabled = true;
+    /// It never waits for another sibling, so that one without an answer hangs. All others may owe
+    /// an answer because they are owed one.
+    bool waits_for_nobody = false;
 };
 
 struct Config {

@@ -193,6 +193,7 @@ void Family::note_end(SupervisedSibling& sibling) {
     if (stopping_) sibling.request_stop(0);  // nobody starts it again
     messenger_.siblingGone(sibling_id(sibling.config().queue));
     needs_.erase(sibling.config().queue);
+    questions_.erase(sibling.config().queue);
     if (asked)
         say(fmt::format("{} stopped with {}", sibling.config().name, how));
     else if (stopping_)
@@ -286,6 +287,10 @@ void Family::look_for_stuck(SupervisedSibling& sibling) {
         what = "does not read its signals";
         since_us = messenger_.holdsUpOthersSince_us(sibling_id(queue));
     }
+    if (const auto asked = questions_.find(queue); !since_us && asked != questions_.end()) {
+        what = "does not answer";
+        since_us = asked->second.since_us;
+    }
     const int64_t held_up_ms =
         since_us ? static_cast<int64_t>((clock_.monotonic_us() - *since_us) / 1000) : 0;
     const Patience::verdict_t verdict = sibling.judge(held_up_ms);
@@ -294,6 +299,30 @@ void Family::look_for_stuck(SupervisedSibling& sibling) {
         say(fmt::format("{} {}", sibling.config().name, reason), logging::level_t::warning);
     else if (verdict == Patience::verdict_t::give_up)
         give_up(queue, reason);
+    else
+        ask_whether_alive(sibling);
+}
+
+// By one of its metrics: any answer will do.
+void Family::ask_whether_alive(const SupervisedSibling& sibling) {
+    const queues::queue_t queue = sibling.config().queue;
+    if (!sibling.config().waits_for_nobody || questions_.contains(queue) ||
+        sibling.state() != SupervisedSibling::state_t::up)
+        return;
+    const uint32_t uid = queue_.new_uid();
+    try {
+        send(queues::devent<queues::GET_METRIC>(queue, uid, {.id = {"metering", "time"}}));
+        questions_[queue] = {uid, clock_.monotonic_us()};
+    } catch (const io::EEndOfStream&) {
+        // It is ending; the end of its process comes as an event of its own.
+    }
+}
+
+bool Family::says_that_it_lives(const queues::event& received) {
+    const auto asked = questions_.find(received.peer);
+    if (asked == questions_.end() || asked->second.uid != received.uid) return false;
+    questions_.erase(asked);
+    return true;
 }
 
 void Family::give_up(queues::queue_t queue, std::string_view reason) {
@@ -403,6 +432,7 @@ void Family::take_event() {
 }
 
 void Family::dispatch(queues::event& received) {
+    if (says_that_it_lives(received)) return;
     switch (received.number()) {
         case queues::INIT_OK:
             return on_init_ok(received);

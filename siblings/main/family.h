@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -59,6 +60,8 @@ class Family final : private io::ParentPolicy {
     void look_at(SupervisedSibling& sibling);
     void end_overdue_stops();
     void look_for_stuck(SupervisedSibling& sibling);
+    void ask_whether_alive(const SupervisedSibling& sibling);
+    [[nodiscard]] bool says_that_it_lives(const queues::event& received);
     void give_up(queues::queue_t queue, std::string_view reason);
     void arm_timer();
     [[nodiscard]] bool is_up(queues::queue_t queue) const;
@@ -96,6 +99,12 @@ class Family final : private io::ParentPolicy {
     std::vector<std::unique_ptr<SupervisedSibling>> siblings_;
     /// What each sibling said that it needs, besides what its configuration says.
     std::map<queues::queue_t, std::set<queues::queue_t>> needs_;
+    /// What a sibling that waits for nobody was asked and hasn't answered yet.
+    struct Question {
+        uint32_t uid;
+        uint64_t since_us;
+    };
+    std::map<queues::queue_t, Question> questions_;
     io::ParentMessenger messenger_;
     queues::childqueue queue_;
     io::FdSelectable stop_order_;

@@ -12,7 +12,8 @@ namespace mainprocess {
 struct PatienceLimits {
     /// Without a sign of readiness; each further warning comes after twice the time.
     int64_t start_warning_ms = 10'000;
-    /// In the middle of a record, or with its channel full of what nobody reads.
+    /// In the middle of a record, with its channel full of what nobody reads, or with a question
+    /// that it hasn't answered.
     int64_t stuck_warning_ms = 10'000;
     int64_t stuck_limit_ms = 60'000;
 };

@@ -15,7 +15,9 @@ constexpr uint32_t kNoSeries = 0xFFFFFFFF;
 
 class Series : public testing::Test {
   protected:
-    Series() { node = create_node("web"); }
+    explicit Series(const std::string& settings = {}) : family(4U << 20, settings) {
+        node = create_node("web");
+    }
     /// Each request has a connection of its own, so that several can wait at once.
     [[nodiscard]] Outcome ask(const std::string& path, const json& body) const {
         cli::ApiClient api(family.url());
@@ -40,6 +42,24 @@ class Series : public testing::Test {
             ask("/api/v1/select", {{"roots", {check}}, {"pattern", "Check[tsdbIndex]"}});
         EXPECT_TRUE(found.ok()) << found.text;
         return found.answer->at("results").at(0).at("properties").at("tsdbIndex").get<uint32_t>();
+    }
+
+    [[nodiscard]] std::string create_first() const {
+        const Outcome first = create_check("a");
+        EXPECT_TRUE(first.ok()) << first.text;
+        return first.answer->at("id");
+    }
+    /// By itself, and what was acknowledged is still there.
+    void expect_service_again(const std::string& first, uint32_t series) {
+        Outcome again;
+        for (int tries = 0; tries < 120 && !again.ok(); ++tries) {
+            EXPECT_TRUE(family.wait_healthy()) << family.log_text();
+            again = create_check("c");
+            if (!again.ok()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        ASSERT_TRUE(again.ok()) << again.text << family.log_text();
+        EXPECT_EQ(series_of(first), series);
+        EXPECT_NE(series_of(again.answer->at("id")), series);
     }
 
     RunningFamily family;
@@ -69,27 +89,36 @@ TEST_F(Series, ACheckGetsOneAndASlowStoreOnlyCostsTime) {
 }
 
 TEST_F(Series, AStoreThatDiesIsStartedAgainAndChecksCanBeMadeAgain) {
-    const Outcome first = create_check("a");
-    ASSERT_TRUE(first.ok()) << first.text;
-    const uint32_t series = series_of(first.answer->at("id"));
+    const std::string first = create_first();
+    const uint32_t series = series_of(first);
     const pid_t store = family.child_pid("tsdb");
     ::kill(store, SIGSTOP);
     auto second = std::async(std::launch::async, [&] { return create_check("b"); });
     EXPECT_EQ(second.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
     ::kill(store, SIGKILL);
     EXPECT_FALSE(second.get().ok());
-
-    // Service comes back by itself.
-    Outcome again;
-    for (int tries = 0; tries < 120 && !again.ok(); ++tries) {
-        EXPECT_TRUE(family.wait_healthy()) << family.log_text();
-        again = create_check("c");
-        if (!again.ok()) std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    }
-    ASSERT_TRUE(again.ok()) << again.text << family.log_text();
-    EXPECT_EQ(series_of(first.answer->at("id")), series);
-    EXPECT_NE(series_of(again.answer->at("id")), series);
+    expect_service_again(first, series);
     EXPECT_EQ(family.stop().code, 0) << family.log_text();
+}
+
+/// Whoever waits for a store that hangs waits as long as the family is patient.
+class HungStore : public Series {
+  protected:
+    HungStore() : Series("stuck_warning_ms = 500\nstuck_limit_ms = 3000\n") {}
+};
+
+TEST_F(HungStore, IsEndedAndServiceComesBack) {
+    const std::string first = create_first();
+    const uint32_t series = series_of(first);
+    const pid_t store = family.child_pid("tsdb");
+    ::kill(store, SIGSTOP);
+    const Outcome second = create_check("b");
+    EXPECT_FALSE(second.ok());
+    EXPECT_TRUE(family.logs("tsdb does not answer for 3 s, ending it by force"))
+        << family.log_text();
+    expect_service_again(first, series);
+    EXPECT_NE(family.child_pid("tsdb"), store);
+    (void)family.stop();
 }
 
 }  // namespace
