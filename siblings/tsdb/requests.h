@@ -37,6 +37,8 @@ class Requests {
     /// When must_commit() will be true if nothing happens, on the monotonic clock.
     [[nodiscard]] std::optional<uint64_t> commit_due_us() const;
     void commit();
+    /// The last commit. Series that were made ahead go.
+    void finish();
 
     /// Work that can be done while nothing arrives; false when there is none.
     [[nodiscard]] bool work_idly();
@@ -56,6 +58,7 @@ class Requests {
 
     void open_if_due();
     void handle(const queues::event& received);
+    void handle_create(const queues::event& received);
     void handle_put(const queues::event& received);
     void answer_after_commit(const queues::event& asked, std::unique_ptr<queues::event> answer);
     template <queues::event_t N, class Record>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <limits>
+#include <utility>
 
 #include "tsdb/failures.h"
 #include "tsdb/reading.h"
@@ -15,6 +16,8 @@ namespace {
 /// Series whose layout and counts are kept at hand.
 constexpr size_t kMostKnown = 50'000;
 constexpr size_t kMostLevels = 16;
+/// Series of other layouts than these many are never made ahead.
+constexpr size_t kMostSpareLayouts = 8;
 constexpr uint32_t kMostLevelRecords = 1U << 24;
 constexpr uint32_t kPurgeAtOnce = 500;
 constexpr int64_t kEndOfTime = std::numeric_limits<int64_t>::max();
@@ -64,6 +67,11 @@ void SeriesStore::commit() {
     try {
         storage_.commit();
         uncommitted_ = 0;
+        for (Spares& spares : spares_) {
+            spares.ready.insert(spares.ready.end(), spares.uncommitted.begin(),
+                                spares.uncommitted.end());
+            spares.uncommitted.clear();
+        }
     } catch (const EStorage&) {
         abort();
         throw;
@@ -73,6 +81,7 @@ void SeriesStore::commit() {
 void SeriesStore::abort() noexcept {
     storage_.abort();
     known_.clear();
+    for (Spares& spares : spares_) spares.uncommitted.clear();
     uncommitted_ = 0;
 }
 
@@ -97,6 +106,37 @@ uint32_t SeriesStore::create(const time_series_layout_t& layout) {
     step.done();
     ++uncommitted_;
     return index;
+}
+
+SeriesStore::Spares* SeriesStore::find_spares(const time_series_layout_t& layout) {
+    for (Spares& spares : spares_)
+        if (spares.layout == layout) return &spares;
+    return nullptr;
+}
+
+std::optional<uint32_t> SeriesStore::take_spare(const time_series_layout_t& layout) {
+    Spares* spares = find_spares(layout);
+    if (spares == nullptr || spares->ready.empty()) return std::nullopt;
+    const uint32_t index = spares->ready.back();
+    spares->ready.pop_back();
+    return index;
+}
+
+void SeriesStore::make_spares(const time_series_layout_t& layout) {
+    Spares* spares = find_spares(layout);
+    if (spares == nullptr && spares_.size() < kMostSpareLayouts)
+        spares = &spares_.emplace_back(Spares{.layout = layout});
+    if (spares == nullptr || !spares->uncommitted.empty()) return;
+    // One series alone gives no reason to expect another one.
+    for (uint32_t made = 1; made < spares->next_batch; ++made)
+        spares->uncommitted.push_back(create(layout));
+    spares->next_batch = std::min(2 * spares->next_batch, kMostSpares + 1);
+}
+
+void SeriesStore::drop_spares() {
+    for (Spares& spares : std::exchange(spares_, {}))
+        for (const auto& indexes : {spares.ready, spares.uncommitted})
+            for (const uint32_t index : indexes) remove(index);
 }
 
 void SeriesStore::remove(uint32_t index) {

@@ -39,6 +39,15 @@ class SeriesStore {
     [[nodiscard]] bool has_uncommitted() const { return storage_.in_transaction(); }
 
     [[nodiscard]] uint32_t create(const time_series_layout_t& layout);
+    /// A series that was made ahead and is durable already; none when there is none. Handed out
+    /// once.
+    [[nodiscard]] std::optional<uint32_t> take_spare(const time_series_layout_t& layout);
+    /// Makes series of this layout ahead, more of them each time, for take_spare() after the next
+    /// commit. Those that are left when the process is killed stay behind, empty.
+    void make_spares(const time_series_layout_t& layout);
+    /// Removes all that were made ahead and not taken.
+    void drop_spares();
+    static constexpr uint32_t kMostSpares = 64;
     /// Nothing to do for a series that isn't there: an object may be deleted twice.
     void remove(uint32_t index);
     /// A small part of the work that removed series leave. False when there is none.
@@ -95,8 +104,17 @@ class SeriesStore {
     void check_data(const Known& series, const Data& data) const;
     void merge_extract(uint32_t index, Known& series, std::string_view extract);
 
+    struct Spares {
+        time_series_layout_t layout;
+        uint32_t next_batch = 1;
+        std::vector<uint32_t> ready;
+        std::vector<uint32_t> uncommitted;
+    };
+    Spares* find_spares(const time_series_layout_t& layout);
+
     Storage& storage_;
     std::unordered_map<uint32_t, Known> known_;
+    std::vector<Spares> spares_;
     size_t uncommitted_ = 0;
 };
 

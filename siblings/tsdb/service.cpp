@@ -66,7 +66,7 @@ void Service::run() {
                 idle_work = requests_.work_idly();
         }
     }
-    requests_.commit();
+    requests_.finish();
 }
 
 void Service::arm_timer() {

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <set>
 
 #include "log/log.h"
 #include "queues/records/tsdb_requests.h"
@@ -112,6 +113,45 @@ TEST_F(RequestsTest, PromisesAreGivenAfterTheCommit) {
     EXPECT_EQ(answers(), "11 got 4");
 }
 
+TEST_F(RequestsTest, SeriesMadeAheadAreDurableAndHandedOutOnce) {
+    std::set<uint32_t> made;
+    size_t commits = 0;
+    const auto make = [&](size_t wanted) {
+        for (size_t i = 0; i < wanted; ++i) {
+            ask<CREATE_TIMESERIES>(1, i % 2 == 0 ? uptime_layout() : small_incident_layout());
+            if (requests->someone_waits()) {
+                ++commits;
+                requests->commit();
+            }
+            const std::string answer = answers();
+            ASSERT_TRUE(answer.starts_with("1 made ")) << answer;
+            EXPECT_TRUE(made.insert(static_cast<uint32_t>(std::stoul(answer.substr(7)))).second);
+        }
+    };
+    const auto expect_made = [&](bool only) {
+        for (uint32_t index = 100; index < 600; ++index) {
+            ask<DESCRIBE_TIMESERIES>(1, index);
+            if (made.contains(index))
+                EXPECT_EQ(answers(), "1 RETURN_DESCRIBE_TIMESERIES") << index;
+            else if (only)
+                EXPECT_EQ(answers(), fmt::format("1 There is no time series {}", index));
+        }
+        answers();
+    };
+    open();
+    make(100);
+    EXPECT_LE(commits, 14U) << "not one for each";
+    requests->finish();
+    requests.reset();
+    open();
+    expect_made(true);
+    make(20);
+    requests.reset();  // killed
+    open();
+    expect_made(false);
+    make(20);
+}
+
 TEST_F(RequestsTest, WhatCantBeIsAnsweredWithTheReason) {
     open();
     ask<CREATE_TIMESERIES>(1, {9, {{1, 1}}});
@@ -126,8 +166,8 @@ TEST_F(RequestsTest, WhatCantBeIsAnsweredWithTheReason) {
     EXPECT_EQ(answers(),
               "1 9 is no type of time series, 2 There is no time series 4711, "
               "3 1 is no operation of PUT_DATA, 4 77 is no type of data, "
-              "6 There is no time series 4711, 5 put 101, 5 An incident at -5 can't be, "
-              "7 RETURN_DELETE_TIMESERIES");
+              "6 There is no time series 4711, 7 RETURN_DELETE_TIMESERIES, "
+              "5 put 101, 5 An incident at -5 can't be");
     EXPECT_NE(log.find("PUT_DATA from dbms: There is no time series 4711"), std::string::npos)
         << log;
     devent<SOCKETIO_TIDY_CACHES> foreign(kAsker, 8);
