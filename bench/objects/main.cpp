@@ -27,6 +27,12 @@ const std::vector<bench::Row> kRows = {
     {"delete_rate", "its background delete, objects/s"},
     {"delete_usual", "999 of 1000 of its steps take at most, us", better_t::less, {}, 1},
     {"delete_longest", "its longest step, ms", better_t::less, {}, 2},
+    {"node_create", "create of a node, not flushed, 1/s"},
+    {"check_create", "create of a check, not flushed, 1/s"},
+    {"start_all", "start with all the checks, ms", better_t::less, {}, 0},
+    {"check_memory", "memory of a check that was read, bytes", better_t::less},
+    {"start_memory", "memory after the start, MB", better_t::less},
+    {"check_file", "room of a check in the file, bytes", better_t::less},
     {"format_same", "units formatted, 1/s"},
     {"format_converted", "units converted and formatted, 1/s"},
     {"format_duration", "durations formatted, 1/s"},
@@ -54,6 +60,7 @@ int main(int argc, char** argv) {
         sizes.questions = 20;
         sizes.subtrees = {10, 100, 1'000};
         sizes.formats = 20'000;
+        sizes.real_checks = 2'000;
     }
 
     bench::Report report({"tarmik", "walk", "SQLite", "SQLite up"});
@@ -71,6 +78,7 @@ int main(int argc, char** argv) {
         for (const auto& [subject, figures] : bench::measure_tree(folder, sizes))
             report.add(subject, figures);
         report.add("tarmik", bench::measure_subtrees(folder, sizes));
+        report.add("tarmik", bench::measure_checks(folder, sizes));
         report.add("tarmik", bench::measure_units(sizes));
     }
     fmt::print("{}{}\n", report.table(rows), bench::machine_line());

@@ -1,5 +1,6 @@
 #include "objects/world.h"
 
+#include "dbcache/accounting_rebuild.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/object_handler.h"
 #include "mdb/format.h"
@@ -19,10 +20,15 @@ constexpr uint32_t kBufferBlocks = 16'384;
 constexpr uint32_t kCacheIn = 25'000, kCacheOut = 50'000, kCacheMain = 75'000;
 constexpr uint32_t kFirstWord = 1, kSecondWord = 4'000'000'000;
 
-dbcache::Store::Parts prepare(dbcache::Store::Parts parts) {
+dbcache::Store::Parts prepare(dbcache::Store::Parts parts, const World::Options& options) {
+    parts.create_backend_block = options.create_series;
     parts.indexes.init_required_indexes();
     dbcache::ensure_root(parts);
     dbcache::check_indexes(parts, dbcache::kDatabaseFormat);
+    if (options.existing) {
+        dbcache::prime_mark_lists(parts);
+        dbcache::ensure_accounting(parts);
+    }
     return parts;
 }
 
@@ -46,29 +52,42 @@ tql::value_t number(uint32_t property, uint32_t value) {
 tql::value_t flag(uint32_t property, bool value) {
     return std::make_unique<tql::property_boolean_t>(property, value);
 }
+tql::value_t choice(uint32_t property, uint32_t value) {
+    const uint32_t id = tql::find_property_row(property)->usual_kind.enumeration;
+    return std::make_unique<tql::property_enum_t>(property, id, value, 0U);
+}
+Values net_check(std::string name) {
+    constexpr uint32_t kPing = 2;
+    Values values;
+    values.push_back(text(prop::remoteName, std::move(name)));
+    values.push_back(choice(prop::remoteType, kPing));
+    return values;
+}
 tql::value_t reference(uint32_t property, const NodeId& id) {
     return std::make_unique<tql::property_object_t>(property, as_id(id));
 }
 
-World::Format::Format(platform::FileSystem& files, const std::string& folder) {
+World::Format::Format(platform::FileSystem& files, const std::string& folder, bool existing) {
     mdb::FormatOptions options;
     options.database_path = folder + "/objects.odb";
     options.journal_path = folder + "/objects.odbj";
     options.journal_size_bytes = kJournalBytes;
-    mdb::format_database(files, options);
+    if (!existing) mdb::format_database(files, options);
     settings.database_path = options.database_path;
     settings.buffer_blocks = kBufferBlocks;
 }
 
-World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&))
-    : format_(files_, folder),
+World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
+             const Options& options)
+    : format_(files_, folder, options.existing),
       database_(format_.settings, files_, clock_),
       indexes_(database_),
       objects_(database_, indexes_),
-      parts_(prepare(
-          {database_, objects_, indexes_, (declare(schemas_), std::ref(schemas_)), clock_})),
+      parts_(
+          prepare({database_, objects_, indexes_, (declare(schemas_), std::ref(schemas_)), clock_},
+                  options)),
       versions_(1),
-      store_(parts_, kFirstWord, kSecondWord) {
+      store_(parts_, kFirstWord, kSecondWord - (options.existing ? 1'000'000'000 : 0)) {
     store_.cache().cache_set_limits(kCacheIn, kCacheOut, kCacheMain);
     engine_.add_resolver(store_.resolver());
     store_.resolver().resume();
@@ -87,11 +106,11 @@ void World::write(const std::function<void(tqlengine::RequestContext&)>& request
     transaction.commit(true);
 }
 
-NodeId World::create(const NodeId& parent, uint32_t class_number, const Values& values) {
+NodeId World::create(const tql::id_t& parent, uint32_t class_number, const Values& values) {
     const NodeId id = store_.resolver().new_node_id();
     write([&](tqlengine::RequestContext& context) {
-        engine_.get(as_id(parent))
-            ->tqlCreate(as_id(id), class_number, {{}, context.new_version, values, 0, context});
+        engine_.get(parent)->tqlCreate(as_id(id), class_number,
+                                       {{}, context.new_version, values, 0, context});
     });
     return id;
 }

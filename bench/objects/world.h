@@ -26,19 +26,35 @@ using Values = std::vector<tql::value_t>;
 [[nodiscard]] tql::value_t text(uint32_t property, std::string value);
 [[nodiscard]] tql::value_t number(uint32_t property, uint32_t value);
 [[nodiscard]] tql::value_t flag(uint32_t property, bool value);
+/// Of the property's own enumeration.
+[[nodiscard]] tql::value_t choice(uint32_t property, uint32_t value);
+/// A check that a host answers; `name` is the host's.
+[[nodiscard]] Values net_check(std::string name);
 [[nodiscard]] tql::value_t reference(uint32_t property, const NodeId& id);
 
 class World {
   public:
     /// Makes the files in `folder`, for objects of the classes that `declare` registers. The caches
     /// have the sizes that the server has by itself.
-    World(const std::string& folder, void (*declare)(dbcache::SchemaTable&));
+    World(const std::string& folder, void (*declare)(dbcache::SchemaTable&))
+        : World(folder, declare, Options{}) {}
+    struct Options {
+        /// Takes the files that are in the folder, as a start of the server does.
+        bool existing = false;
+        /// How a time series is made; without it objects go without.
+        std::function<uint32_t(const tsdb::time_series_layout_t&)> create_series{};
+    };
+    World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
+          const Options& options);
 
     /// Room for `objects` in the main queue of the object cache, instead of the server's own.
     void set_cache_size(uint32_t objects);
     /// Each write is a request of its own. It is flushed before it returns while `durable`.
     void set_durable(bool durable) { durable_ = durable; }
-    NodeId create(const NodeId& parent, uint32_t class_number, const Values& values);
+    NodeId create(const NodeId& parent, uint32_t class_number, const Values& values) {
+        return create(tql::id_t::from_node_id(parent), class_number, values);
+    }
+    NodeId create(const tql::id_t& parent, uint32_t class_number, const Values& values);
     void update(const NodeId& id, const Values& values);
     void remove(const NodeId& id);
     /// All properties; gives how many there are.
@@ -54,7 +70,7 @@ class World {
 
   private:
     struct Format {
-        Format(platform::FileSystem& files, const std::string& folder);
+        Format(platform::FileSystem& files, const std::string& folder, bool existing);
         mdb::Settings settings;
     };
 
