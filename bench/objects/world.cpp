@@ -2,6 +2,7 @@
 
 #include "dbcache/accounting_rebuild.h"
 #include "dbcache/fixed_ids.h"
+#include "dbcache/format_conversion.h"
 #include "dbcache/object_handler.h"
 #include "mdb/format.h"
 #include "tql/names.h"

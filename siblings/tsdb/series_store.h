@@ -107,8 +107,8 @@ class SeriesStore {
     struct Spares {
         time_series_layout_t layout;
         uint32_t next_batch = 1;
-        std::vector<uint32_t> ready;
-        std::vector<uint32_t> uncommitted;
+        std::vector<uint32_t> ready{};
+        std::vector<uint32_t> uncommitted{};
     };
     Spares* find_spares(const time_series_layout_t& layout);
 
