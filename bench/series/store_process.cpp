@@ -18,6 +18,7 @@ namespace bench {
 namespace {
 
 constexpr uint64_t kPoolBytes = 32 << 20;
+constexpr uint32_t kFirstUid = 1'000'000;
 constexpr queues::queue_t kStore = queues::queue_t::tsdb;
 
 std::string program() {
@@ -42,9 +43,12 @@ void StoreProcess::start() {
     while (true) {
         const std::unique_ptr<queues::event> received = queue_.read();
         if (!received) throw std::runtime_error("tsdb ended");
-        if (received->number() == queues::INIT_OK) return;
+        if (received->number() == queues::INIT_OK) break;
         if (received->number() == queues::REQUEST_SERVER_CONFIGURATION)
             answer_configuration(*received);
+    }
+    // Beyond the numbers that its log lines will have, which aren't to be taken for answers.
+    while (queue_.new_uid() < kFirstUid) {
     }
 }
 

@@ -319,6 +319,10 @@ void Family::ask_whether_alive(const SupervisedSibling& sibling) {
 }
 
 bool Family::says_that_it_lives(const queues::event& received) {
+    // Its own requests are numbered too.
+    if (received.number() != queues::RETURN_METRIC_TIMING &&
+        received.number() != queues::RETURN_METRIC_ERROR)
+        return false;
     const auto asked = questions_.find(received.peer);
     if (asked == questions_.end() || asked->second.uid != received.uid) return false;
     questions_.erase(asked);

@@ -105,11 +105,11 @@ uint64_t samples(const Reading& reading) {
 std::string SeriesStore::checksum(uint32_t index) {
     const Known& series = known(index);
     security::Crc32 sum;
-    const std::string head = head_of(series.layout);
+    const std::string head = head_of(series.shape->layout);
     sum.update(head.size(), head.data());
     uint64_t records = 0;
     std::string one;
-    for (uint32_t level = 0; level < series.levels.size(); ++level)
+    for (uint32_t level = 0; level < series.shape->levels.size(); ++level)
         storage_.walk(index, level, kFirstKey, kLastKey, false,
                       [&](RecordKey key, std::string_view bytes) {
                           one.clear();
@@ -123,8 +123,8 @@ std::string SeriesStore::checksum(uint32_t index) {
 
 std::string SeriesStore::extract(uint32_t index) {
     const Known& series = known(index);
-    std::string out = head_of(series.layout);
-    for (uint32_t level = 0; level < series.levels.size(); ++level)
+    std::string out = head_of(series.shape->layout);
+    for (uint32_t level = 0; level < series.shape->levels.size(); ++level)
         storage_.walk(
             index, level, kFirstKey, kLastKey, false, [&](RecordKey key, std::string_view bytes) {
                 append(out, level, key, bytes);
@@ -144,14 +144,14 @@ void SeriesStore::merge_extracts(uint32_t index, const std::vector<std::string>&
 }
 
 void SeriesStore::merge_extract(uint32_t index, Known& series, std::string_view extract) {
-    for (const Record& record : records_of(extract, series.layout)) {
+    for (const Record& record : records_of(extract, series.shape->layout)) {
         if (series.is_incident()) {
             put_incident(index, series, decode_incident(record.bytes, record.key.time), true);
             continue;
         }
         const auto stored = storage_.find(index, record.level, record.key);
         const auto read = [&](std::string_view bytes) {
-            return decode(bytes, series.layout.type, record.key.time);
+            return decode(bytes, series.shape->layout.type, record.key.time);
         };
         if (!stored || samples(read(*stored)) < samples(read(record.bytes)))
             write(index, series, record.level, record.key, record.bytes, !stored);

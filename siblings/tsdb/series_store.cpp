@@ -13,8 +13,9 @@ namespace tsdb {
 
 namespace {
 
-/// Series whose layout and counts are kept at hand.
-constexpr size_t kMostKnown = 50'000;
+/// Series whose layout and counts are kept at hand, each in some 150 bytes.
+constexpr size_t kMostKnown = 150'000;
+constexpr size_t kMostShapes = 64;
 constexpr size_t kMostLevels = 16;
 /// Series of other layouts than these many are never made ahead.
 constexpr size_t kMostSpareLayouts = 8;
@@ -87,14 +88,22 @@ void SeriesStore::abort() noexcept {
 
 // ---- series ------------------------------------------------------------------------------------
 
+std::shared_ptr<const SeriesStore::Shape> SeriesStore::shape_of(time_series_layout_t layout) {
+    for (const auto& shape : shapes_)
+        if (shape->layout == layout) return shape;
+    if (shapes_.size() >= kMostShapes) shapes_.clear();
+    std::vector<level_t> levels(layout.levels.begin(), layout.levels.end());
+    return shapes_.emplace_back(
+        std::make_shared<const Shape>(Shape{std::move(layout), std::move(levels)}));
+}
+
 SeriesStore::Known& SeriesStore::known(uint32_t index) {
     if (const auto found = known_.find(index); found != known_.end()) return found->second;
     std::optional<SeriesRow> row = storage_.find_series(index);
     if (!row) throw EBadRequest(fmt::format("There is no time series {}", index));
     if (known_.size() >= kMostKnown) known_.clear();
     Known& made = known_[index];
-    made.layout = std::move(row->layout);
-    made.levels.assign(made.layout.levels.begin(), made.layout.levels.end());
+    made.shape = shape_of(std::move(row->layout));
     made.counts = std::move(row->counts);
     return made;
 }
@@ -152,7 +161,7 @@ bool SeriesStore::purge_some() {
 }
 
 time_series_layout_t SeriesStore::describe(uint32_t index) {
-    return known(index).layout;
+    return known(index).shape->layout;
 }
 
 uint32_t SeriesStore::ensure(uint32_t index, uint32_t data_type) {
@@ -169,7 +178,7 @@ void SeriesStore::check_data(const Known& series, const Data& data) const {
     for (const data_entry_t& entry : data) {
         if (!entry) throw EBadRequest("A record without data");
         if (!series.is_incident())
-            static_cast<void>(to_reading(*entry, series.layout.type));
+            static_cast<void>(to_reading(*entry, series.shape->layout.type));
         else if (entry->type() == interval_type_t::incident)
             static_cast<void>(
                 encode_incident(static_cast<const data_interval_incident_t&>(*entry)));
@@ -188,7 +197,7 @@ void SeriesStore::put(uint32_t index, const Data& data) {
             put_incident(index, series, static_cast<const data_interval_incident_t&>(*entry),
                          false);
         else
-            put_reading(index, series, to_reading(*entry, series.layout.type));
+            put_reading(index, series, to_reading(*entry, series.shape->layout.type));
     }
     step.done();
 }
@@ -204,25 +213,26 @@ void SeriesStore::merge(uint32_t index, const Data& data) {
             put_incident(index, series, static_cast<const data_interval_incident_t&>(*entry), true);
             continue;
         }
-        const Reading reading = to_reading(*entry, series.layout.type);
-        const int64_t slot = slot_of(reading.start, series.levels.front().span_s);
+        const Reading reading = to_reading(*entry, series.shape->layout.type);
+        const int64_t slot = slot_of(reading.start, series.shape->levels.front().span_s);
         if (!storage_.find(index, 0, {slot, 0})) missing.push_back(entry.get());
     }
     for (const data_interval_t* interval : missing)
-        put_reading(index, series, to_reading(*interval, series.layout.type));
+        put_reading(index, series, to_reading(*interval, series.shape->layout.type));
     step.done();
 }
 
 void SeriesStore::put_reading(uint32_t index, Known& series, const Reading& reading) {
-    for (uint32_t level = 0; level < series.levels.size(); ++level) {
-        const int64_t slot = slot_of(reading.start, series.levels[level].span_s);
+    for (uint32_t level = 0; level < series.shape->levels.size(); ++level) {
+        const int64_t slot = slot_of(reading.start, series.shape->levels[level].span_s);
         const auto stored = storage_.find(index, level, {slot, 0});
         Reading sum = reading;
         if (stored) {
-            sum = decode(*stored, series.layout.type, slot);
+            sum = decode(*stored, series.shape->layout.type, slot);
             consolidate(sum, reading);
         }
-        write(index, series, level, {slot, 0}, encode(sum, series.layout.type, slot), !stored);
+        write(index, series, level, {slot, 0}, encode(sum, series.shape->layout.type, slot),
+              !stored);
     }
 }
 
@@ -248,7 +258,7 @@ void SeriesStore::write(uint32_t index, Known& series, uint32_t level, RecordKey
     storage_.put(index, level, key, bytes);
     ++uncommitted_;
     if (!is_new) return;
-    if (series.counts[level] < series.levels[level].records)
+    if (series.counts[level] < series.shape->levels[level].records)
         ++series.counts[level];
     else
         storage_.erase_oldest(index, level);
@@ -259,7 +269,7 @@ void SeriesStore::write(uint32_t index, Known& series, uint32_t level, RecordKey
 /// Whether the level holds all there ever was from `time` on.
 bool SeriesStore::reaches_back_to(uint32_t index, const Known& series, uint32_t level,
                                   int64_t time) {
-    if (series.counts[level] < series.levels[level].records) return true;
+    if (series.counts[level] < series.shape->levels[level].records) return true;
     bool reaches = false;
     storage_.walk(index, level, kFirstKey, kLastKey, false,
                   [&](RecordKey oldest, std::string_view) {
@@ -272,10 +282,10 @@ bool SeriesStore::reaches_back_to(uint32_t index, const Known& series, uint32_t 
 uint32_t SeriesStore::choose_level(uint32_t index, const Known& series,
                                    const Get_Data_Data& wanted) {
     if (wanted.raw || series.is_incident()) return 0;
-    const uint32_t last = static_cast<uint32_t>(series.levels.size()) - 1;
+    const uint32_t last = static_cast<uint32_t>(series.shape->levels.size()) - 1;
     const uint32_t resolution_s = resolution_of(wanted.flags);
     uint32_t level = 0;
-    while (level < last && series.levels[level + 1].span_s <= resolution_s) ++level;
+    while (level < last && series.shape->levels[level + 1].span_s <= resolution_s) ++level;
     if (from_newest(wanted.flags) && wanted.start == 0) return level;
     while (level < last && !reaches_back_to(index, series, level, wanted.start)) ++level;
     return level;
@@ -284,7 +294,7 @@ uint32_t SeriesStore::choose_level(uint32_t index, const Known& series,
 SeriesStore::Data SeriesStore::get(const Get_Data_Data& wanted) {
     const Known& series = known(wanted.handle);
     const uint32_t level = choose_level(wanted.handle, series, wanted);
-    const int64_t span_s = series.levels[level].span_s;
+    const int64_t span_s = series.shape->levels[level].span_s;
     const int64_t end = wanted.end == 0 ? kEndOfTime : wanted.end;
     const uint32_t most = wanted.count == 0 ? kMostRecords : std::min(wanted.count, kMostRecords);
 
@@ -313,9 +323,9 @@ SeriesStore::Data SeriesStore::get(const Get_Data_Data& wanted) {
                       if (series.is_incident())
                           return take(data_entry_t(std::make_unique<data_interval_incident_t>(
                               decode_incident(bytes, key.time))));
-                      const Reading reading = decode(bytes, series.layout.type, key.time);
+                      const Reading reading = decode(bytes, series.shape->layout.type, key.time);
                       if (reading.end < start || reading.start > end) return true;
-                      return take(to_entry(reading, series.layout.type));
+                      return take(to_entry(reading, series.shape->layout.type));
                   });
     if (backward) std::reverse(data.begin(), data.end());
     return data;
@@ -328,16 +338,16 @@ int64_t SeriesStore::oldest_time() {
 void SeriesStore::truncate(uint32_t index, int64_t time) {
     Known& series = known(index);
     Step step(*this, index, &series);
-    for (uint32_t level = 0; level < series.levels.size(); ++level) {
+    for (uint32_t level = 0; level < series.shape->levels.size(); ++level) {
         std::vector<RecordKey> old;
-        storage_.walk(index, level, kFirstKey, {time, 0}, false,
-                      [&](RecordKey key, std::string_view bytes) {
-                          const int64_t end = series.is_incident()
-                                                  ? key.time
-                                                  : decode(bytes, series.layout.type, key.time).end;
-                          if (end < time) old.push_back(key);
-                          return true;
-                      });
+        storage_.walk(
+            index, level, kFirstKey, {time, 0}, false, [&](RecordKey key, std::string_view bytes) {
+                const int64_t end = series.is_incident()
+                                        ? key.time
+                                        : decode(bytes, series.shape->layout.type, key.time).end;
+                if (end < time) old.push_back(key);
+                return true;
+            });
         for (const RecordKey& key : old) storage_.erase(index, level, key);
         series.counts[level] -= static_cast<uint32_t>(old.size());
         uncommitted_ += old.size();

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -80,17 +81,22 @@ class SeriesStore {
     void merge_extracts(uint32_t index, const std::vector<std::string>& extracts);
 
   private:
-    struct Known {
+    /// Of many series; there are few.
+    struct Shape {
         time_series_layout_t layout;
         std::vector<level_t> levels;
+    };
+    struct Known {
+        std::shared_ptr<const Shape> shape;
         std::vector<uint32_t> counts;
 
-        [[nodiscard]] bool is_incident() const { return layout.type == incident; }
+        [[nodiscard]] bool is_incident() const { return shape->layout.type == incident; }
     };
     class Step;
 
     /// Valid until the next call.
     Known& known(uint32_t index);
+    std::shared_ptr<const Shape> shape_of(time_series_layout_t layout);
     void put_reading(uint32_t index, Known& series, const Reading& reading);
     void put_incident(uint32_t index, Known& series, const data_interval_incident_t& incident,
                       bool unless_there);
@@ -114,6 +120,7 @@ class SeriesStore {
 
     Storage& storage_;
     std::unordered_map<uint32_t, Known> known_;
+    std::vector<std::shared_ptr<const Shape>> shapes_;
     std::vector<Spares> spares_;
     size_t uncommitted_ = 0;
 };
