@@ -56,6 +56,8 @@ inline constexpr int kMaxJsonDepth = 32;
 /// names and values, tql::query_text_error for the pattern.
 [[nodiscard]] dbms::Tql_Select_Data select_request(const nlohmann::json& body);
 [[nodiscard]] dbms::Tql_Create_Data create_request(const nlohmann::json& body);
+/// What references in a node class mean to an object, or to one that is yet to be created.
+[[nodiscard]] dbms::NodeClass_Translate_Data translate_request(const nlohmann::json& body);
 
 /// Levels of loggers to set. Takes the texts of the levels.
 struct LogLevelRequest {
@@ -87,6 +89,7 @@ struct ChangeRequest {
 [[nodiscard]] Response answer(const dbms::Return_Tql_Delete_Data& returned, const tql::id_t& id);
 [[nodiscard]] Response answer(const dbms::Return_Tql_Class_Names_Data& returned);
 [[nodiscard]] Response answer(const dbms::Return_Tql_Property_Names_Data& returned);
+[[nodiscard]] Response answer(const dbms::Return_NodeClass_Translate_Data& returned);
 /// Of a server that is up.
 [[nodiscard]] Response healthy();
 

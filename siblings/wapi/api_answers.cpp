@@ -91,6 +91,18 @@ void add_kind(ordered_json& entry, tql::value_kind_t kind) {
 
 }  // namespace
 
+Response answer(const dbms::Return_NodeClass_Translate_Data& returned) {
+    ordered_json references = ordered_json::array();
+    for (const dbms::path_step_t& step : returned.ids) {
+        ordered_json id = step.id.empty() ? ordered_json() : ordered_json(step.id.to_string());
+        if (!step.inside)
+            references.push_back({{"id", std::move(id)}, {"candidates", ordered_json::array()}});
+        else if (!references.empty())
+            references.back()["candidates"].push_back(std::move(id));
+    }
+    return respond(200, {{"references", std::move(references)}});
+}
+
 Response answer(const dbms::Return_Tql_Property_Names_Data& returned) {
     ordered_json properties = ordered_json::array();
     for (const dbms::property_name_t& known : returned.names) {

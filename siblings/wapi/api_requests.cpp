@@ -60,6 +60,20 @@ tql::id_t find_id(const json& body, const char* field) {
     return text == nullptr ? tql::id_t() : read_id(*text, field);
 }
 
+std::list<tql::id_t> get_ids(const json& body, const char* field) {
+    const auto refuse_field = [&] {
+        refuse(fmt::format("Field \"{}\" must be a list of ids", field));
+    };
+    const auto found = body.find(field);
+    if (found == body.end() || !found->is_array()) refuse_field();
+    std::list<tql::id_t> ids;
+    for (const json& id : *found) {
+        if (!id.is_string()) refuse_field();
+        ids.push_back(read_id(id.get_ref<const std::string&>(), field));
+    }
+    return ids;
+}
+
 uint32_t get_flags(const json& body) {
     const auto found = body.find("ignore_unknown");
     if (found == body.end()) return 0;
@@ -126,16 +140,22 @@ dbms::Tql_Select_Data select_request(const json& body) {
     allow_only(body, {"pattern", "roots"});
     dbms::Tql_Select_Data record;
     record.pattern = tql::parse_pattern(get_text(body, "pattern"));
-    const auto roots = body.find("roots");
-    if (roots == body.end()) {
+    if (body.contains("roots"))
+        record.root_ids = get_ids(body, "roots");
+    else
         record.root_ids.push_back(kRootId);
-        return record;
-    }
-    if (!roots->is_array()) refuse("Field \"roots\" must be a list of ids");
-    for (const json& root : *roots) {
-        if (!root.is_string()) refuse("Field \"roots\" must be a list of ids");
-        record.root_ids.push_back(read_id(root.get_ref<const std::string&>(), "roots"));
-    }
+    return record;
+}
+
+dbms::NodeClass_Translate_Data translate_request(const json& body) {
+    allow_only(body, {"id", "parent", "inherits", "references"});
+    dbms::NodeClass_Translate_Data record;
+    record.id = find_id(body, "id");
+    record.parent = find_id(body, "parent");
+    if (record.id.empty() == record.parent.empty())
+        refuse("One of the fields \"id\" and \"parent\" must be given");
+    record.inherits = get_id(body, "inherits");
+    record.references = get_ids(body, "references");
     return record;
 }
 

@@ -65,6 +65,12 @@ struct Gateway::Routes {
         change<queues::TQL_DELETE>(call, delete_request(parse_body(request.body)));
     }
 
+    static void translate(Call& call, const Request& request) {
+        call.request =
+            to_server<queues::NODECLASS_TRANSLATE>(translate_request(parse_body(request.body)));
+        call.failure_code = errors::ERR_ILLEGAL_VALUE;
+    }
+
     static const Route* find(std::string_view path) {
         static constexpr Route kRoutes[] = {
             {"/healthz", "GET", &health},
@@ -74,6 +80,7 @@ struct Gateway::Routes {
             {"/api/v1/create", "POST", &create},
             {"/api/v1/update", "POST", &update},
             {"/api/v1/delete", "POST", &remove},
+            {"/api/v1/translate", "POST", &translate},
         };
         const auto* found = std::find_if(std::begin(kRoutes), std::end(kRoutes),
                                          [&](const Route& route) { return route.path == path; });
@@ -193,7 +200,7 @@ void Gateway::take_object(Call call, const dbms::Return_Tql_Select_Data& found) 
 void Gateway::finish(Call& call, const queues::event& received) {
     if (call.token == 0) return;
     if (received.exception)
-        return answer(call, refusal(errors::ERR_BACKEND,
+        return answer(call, refusal(call.failure_code,
                                     {{3, static_cast<const queues::exevent&>(received).text}}));
     switch (received.number()) {
         case queues::RETURN_TQL_SELECT:
@@ -209,6 +216,9 @@ void Gateway::finish(Call& call, const queues::event& received) {
         case queues::RETURN_TQL_PROPERTY_NAMES:
             return answer(call,
                           wapi::answer(queues::data<queues::RETURN_TQL_PROPERTY_NAMES>(received)));
+        case queues::RETURN_NODECLASS_TRANSLATE:
+            return answer(call,
+                          wapi::answer(queues::data<queues::RETURN_NODECLASS_TRANSLATE>(received)));
         case queues::RETURN_TQL_CLASS_NAMES:
             return answer(
                 call, call.is_health

@@ -26,6 +26,7 @@
 #include <string_view>
 
 #include "platform/clock.h"
+#include "tql/errors.h"
 #include "wapi/endpoint.h"
 
 namespace wapi {
@@ -66,6 +67,8 @@ class Gateway final : public Endpoint {
         std::function<std::unique_ptr<queues::event>(const tql::result_t& object)> make_change;
         bool asked_templates = false;  ///< no other object was found
         bool is_health = false;
+        /// What an exception in place of an answer is reported as.
+        uint32_t failure_code = errors::ERR_BACKEND;
         tql::id_t id;  ///< of an update or delete
         size_t weight_bytes = 0;
         uint64_t deadline_us = 0;

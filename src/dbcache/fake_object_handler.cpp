@@ -14,11 +14,11 @@ namespace {
 
 }  // namespace
 
-FakeObjectHandler::FakeObjectHandler(Store& store, const NodeId& id, const NodeId& parent)
+FakeObjectHandler::FakeObjectHandler(Store& store, const NodeId& id, const tql::id_t& parent)
     : TqlObjectHandler(0), store_(store), id_(id), parent_(parent) {}
 
 tqlengine::HandlerRef FakeObjectHandler::tqlParentHandler() {
-    return store_.resolver().find_object(parent_);
+    return store_.resolver().find(parent_);
 }
 
 tql::version_t FakeObjectHandler::tqlVersion() const {

@@ -1,6 +1,6 @@
-// FakeObjectHandler: a place in the tree where no object stands yet. It serves replication when
-// references are translated for an object that is about to be created. It has an id and a parent;
-// every other operation ends the process.
+// FakeObjectHandler: a place in the tree where no object stands yet, while references are
+// translated for one that is about to be created there. It has an id and a parent; every other
+// operation ends the process.
 #pragma once
 
 #include "dbcache/object_handler.h"
@@ -9,7 +9,8 @@ namespace dbcache {
 
 class FakeObjectHandler final : public tqlengine::TqlObjectHandler {
   public:
-    FakeObjectHandler(Store& store, const NodeId& id, const NodeId& parent);
+    /// `id` may be null; `parent` may be a group without storage. Neither is looked up here.
+    FakeObjectHandler(Store& store, const NodeId& id, const tql::id_t& parent);
 
     [[nodiscard]] tql::id_t tqlId() const override { return tql::id_t::from_node_id(id_); }
     /// Empty when the parent isn't there either.
@@ -31,7 +32,7 @@ class FakeObjectHandler final : public tqlengine::TqlObjectHandler {
   private:
     Store& store_;
     NodeId id_;
-    NodeId parent_;
+    tql::id_t parent_;
 };
 
 }  // namespace dbcache

@@ -1,7 +1,8 @@
 // IdTranslation: what the ids in an inherited value mean for the object that inherits it. A node
 // class mirrors the tree of a node; an object under a node inherits from an object of the class,
 // and ids in its values name other objects of the class. Each stands for the object that inherits
-// from it under the same node:
+// from it under the same node, or for every object of its kind where the configuration is one
+// `forAll`; the latter is how groups correspond, which have no `inherits`:
 //
 //     NodeClassNodeConfig             Node
 //     └─ G                            └─ g
@@ -10,7 +11,7 @@
 //
 // The ways down from the two tops are compared level by level, groups without storage counted as a
 // level. What they have in common leads to the place under the node from which the rest of the way
-// is looked up, by `inherits`.
+// is looked up.
 #pragma once
 
 #include <vector>
@@ -35,7 +36,8 @@ class IdTranslation {
     /// The ids that correspond to `id`; `id` alone where it names nothing, or something outside of
     /// any node class, or where object or parent stand outside of them. Throws errors::tql with
     /// code 10 for an id in another node class, and for an object that stands higher than the way
-    /// from the parent to `id` begins. Costs a listing of the children of each object on that way.
+    /// from the parent to `id` begins; with code 14 for damaged objects on the way. Costs a listing
+    /// of the children of each object on that way.
     [[nodiscard]] std::vector<NodeId> candidates(const NodeId& id) const;
 
   private:
@@ -46,8 +48,9 @@ class IdTranslation {
     static Path path_to(tqlengine::HandlerRef object);
     [[nodiscard]] Path path_to(const NodeId& id) const;
     [[nodiscard]] std::vector<NodeId> correspondents(const Path& wanted) const;
-    /// The children of `places` that inherit from the object `inherits`.
-    [[nodiscard]] static Path children_inheriting(const Path& places, const tql::id_t& inherits);
+    /// The children of `places` that `member`, an object of the class, stands for.
+    [[nodiscard]] static Path children_for(const Path& places,
+                                           const tqlengine::TqlObjectHandler& member);
 
     Store& store_;
     tqlengine::TqlObjectHandler& object_;

@@ -53,7 +53,12 @@ void PropertySchema::fetch_inherited(const SchemaObject& object, const PropertyC
                     translate(object, chain.inherits(), work);
                 return;
             case found_t::explicit_null:
-                work.prop.reset();
+                // A null that the parent has inherited itself says that nobody gave a value; one of
+                // its own can't be had where null isn't allowed.
+                if (stored->inherited == 0 && has(kNullable))
+                    work.prop.reset();
+                else
+                    use_inherit_default(work);
                 return;
             case found_t::absent:
                 use_inherit_default(work);

@@ -1,6 +1,7 @@
 #include "dbms/event_table.h"
 
 #include "dbms/netcheck_handlers.h"
+#include "dbms/node_class_handlers.h"
 #include "dbms/query_handlers.h"
 #include "dbms/subscription_handlers.h"
 #include "dbms/tsdb_handlers.h"
@@ -20,6 +21,7 @@ EventTable make_event_table() {
     table[queues::TQL_SIMPLE_SUBSCRIBE] = {ev_tql_simple_subscribe, nullptr, 0};
     table[queues::TQL_ACKNOWLEDGE] = {ev_tql_acknowledge, nullptr, 0};
     table[queues::TQL_FORGET] = {ev_tql_forget, nullptr, kAnswered};
+    table[queues::NODECLASS_TRANSLATE] = {ev_nodeclass_translate, nullptr, kAnswered};
     table[queues::TSDB_GET_DATA] = {ev_tsdb_get_data, nullptr, kAnswered};
     table[queues::TSDB_PUT_DATA] = {ev_tsdb_put_data, nullptr, kAnswered};
     table[queues::TSDB_MERGE_DATA] = {ev_tsdb_merge_data, nullptr, kAnswered};
