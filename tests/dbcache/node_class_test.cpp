@@ -296,7 +296,9 @@ TEST_F(NodeClasses, LogsAndRemediesFollowTheirClassToo) {
     const NodeId log_config = group_config(group_config(all, "log"), "/forward");
     const NodeId source = config(log_config, "source");
     const NodeId reader = config(log_config, "reader", {"parasiteOn=" + source.to_string()});
-    const NodeId rule = make(reader, cls::LogCheckRule, {"order=1", "logCheckRegex='error'"});
+    const NodeId rule =
+        make(reader, cls::LogCheckRule,
+             {"order=1", "logCheckRegex='error'", "logCheckStatus=1", "logCheckLogDecision=0"});
     const NodeId remedy =
         make(reader, cls::ActionConnection, {"order=1", "actionId=" + source.to_string()});
     const NodeId own_source = heir(log, source, 9);

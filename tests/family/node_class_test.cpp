@@ -1,0 +1,112 @@
+// A node class in a running family: a site of JSON gives a class and a node that follows it, and
+// people see what came from where.
+#include <fstream>
+#include <gtest/gtest.h>
+
+#include "processes.h"
+#include "running_family.h"
+
+namespace family {
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+constexpr const char* kSite = R"({"parent": "0.1", "objects": [
+  {"class": "AlertGroup", "as": "web team", "properties": {"name": "web team"}},
+  {"class": "NodeClass", "as": "class", "properties": {"name": "Web server"}, "children": [
+    {"class": "NodeClassNodeConfig", "children": [
+      {"class": "NodeClassCheckGroupConfig", "properties": {"tag": "netchecks", "forAll": true}, "children": [
+        {"class": "NodeClassCheckConfig", "as": "ping", "properties":
+          {"tag": "ping", "remoteType": "ICMP", "checkAttempts": 3, "frequency": 60}},
+        {"class": "NodeClassCheckConfig", "as": "http", "properties":
+          {"tag": "http", "remoteType": "HTTP", "httpUrl": "/health", "frequency": 120,
+           "warnIfAbove": 250, "alertIfAbove": 900, "alertGroup": {"object": "web team"},
+           "dependsOn": [{"object": "ping"}]}}]}]}]},
+  {"class": "Node", "as": "host", "properties": {"name": "web-1", "nodeClasses": [{"object": "class"}]},
+   "children": [
+    {"class": "Check", "as": "own ping", "properties":
+      {"remoteName": "web-1", "remoteType": "ICMP", "inherits": {"object": "ping"}}},
+    {"class": "Check", "as": "own http", "properties":
+      {"remoteName": "web-1", "remoteType": "HTTP", "frequency": 30, "inherits": {"object": "http"}}}]}]})";
+
+TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
+    RunningFamily family;
+    cli::ApiClient api(family.url());
+    const std::string site = family.dir().file("site.json");
+    std::ofstream(site) << kSite;
+    ASSERT_EQ(platform::wait_for_end(
+                  platform::spawn({.program = RunningFamily::program("tarmik"),
+                                   .arguments = {"--url=" + family.url(), "load", site}}))
+                  .code,
+              0);
+    const auto ask = [&](const std::string& path, const json& body) {
+        const Outcome outcome = post(api, path, body);
+        EXPECT_TRUE(outcome.ok()) << path << " " << outcome.text;
+        return outcome.ok() ? *outcome.answer : ordered_json();
+    };
+    /// All objects that match below the root, whatever stands above them.
+    const auto find = [&](const std::string& pattern) {
+        ordered_json found = ask("/api/v1/select", {{"pattern", pattern}})["results"];
+        while (!found.empty() && found[0].contains("children")) found = found[0]["children"];
+        return found;
+    };
+    const std::string checks =
+        "Domain > Node > CheckGroup > Check[remoteType,frequency,httpUrl,warnIfAbove,alertGroup,"
+        "dependsOn,goodScore,anyOverridden,hasInherits]";
+    const auto check = [&](const char* type) {
+        return find(checks + "{remoteType=\"" + type + "\"}").at(0);
+    };
+    const ordered_json ping = check("ICMP");
+    ordered_json http = check("HTTP");
+    const auto value = [&](const char* name) { return http["properties"][name]; };
+    EXPECT_EQ(value("frequency"), 30);
+    EXPECT_EQ(value("httpUrl"), "/health");
+    EXPECT_EQ(value("warnIfAbove"), 250);
+    EXPECT_EQ(value("goodScore"), -5);
+    EXPECT_EQ(value("dependsOn"), json::array({ping["id"]}));
+    EXPECT_EQ(value("alertGroup"), find("Domain > AlertGroup").at(0)["id"]);
+    EXPECT_EQ(value("anyOverridden"), true);
+    EXPECT_EQ(http["inherited"],
+              json({"dependsOn", "alertGroup", "goodScore", "warnIfAbove", "httpUrl"}));
+    EXPECT_EQ(find(".*^ > Check{hasInherits=true}").size(), 2U);
+
+    // The class changes: whoever follows is found and written, and the override is taken back.
+    const std::string config =
+        find(
+            "Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig > "
+            "NodeClassCheckConfig{tag=\"http\"}")
+            .at(0)["id"];
+    ask("/api/v1/update", {{"id", config}, {"properties", {{"httpUrl", "/ready"}}}});
+    http = check("HTTP");
+    EXPECT_EQ(value("httpUrl"), "/health");
+    ask("/api/v1/update",
+        {{"id", http["id"]}, {"properties", {{"frequency", {{"inherit", true}}}}}});
+    http = check("HTTP");
+    EXPECT_EQ(value("httpUrl"), "/ready");
+    EXPECT_EQ(value("frequency"), 120);
+    EXPECT_EQ(value("anyOverridden"), true) << "its name";
+
+    // What would a further check get that follows the same configuration?
+    const std::string ping_config =
+        find(
+            "Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig > "
+            "NodeClassCheckConfig{tag=\"ping\"}")
+            .at(0)["id"];
+    const std::string group =
+        find("Domain > Node > CheckGroup{siblingName=\"netchecks\"}").at(0)["id"];
+    const ordered_json translated =
+        ask("/api/v1/translate",
+            {{"parent", group}, {"inherits", config}, {"references", {ping_config, "0.1"}}});
+    EXPECT_EQ(translated["references"].dump(), "[{\"id\":\"" + ping_config + "\",\"candidates\":[" +
+                                                   ping["id"].dump() +
+                                                   "]},{\"id\":\"0.1\",\"candidates\":[\"0.1\"]}]");
+    const json unknown{{"id", "7.7"}, {"inherits", config}, {"references", {"0.1"}}};
+    const Outcome refused = post(api, "/api/v1/translate", unknown);
+    EXPECT_TRUE(refused.refused);
+    EXPECT_NE(refused.text.find("7.7 not found"), std::string::npos) << refused.text;
+    EXPECT_EQ(family.stop().code, 0) << family.log_text();
+}
+
+}  // namespace
+}  // namespace family
