@@ -22,7 +22,8 @@ constexpr const char* kSite = R"({"parent": "0.1", "objects": [
         {"class": "NodeClassCheckConfig", "as": "http", "properties":
           {"tag": "http", "remoteType": "HTTP", "httpUrl": "/health", "frequency": 120,
            "warnIfAbove": 250, "alertIfAbove": 900, "alertGroup": {"object": "web team"},
-           "dependsOn": [{"object": "ping"}]}}]}]}]},
+           "dependsOn": [{"object": "ping"}]}}]},
+      {"class": "NodeClassCheckGroupConfig", "properties": {"tag": "agentchecks", "forAll": true}}]}]},
   {"class": "Node", "as": "host", "properties": {"name": "web-1", "nodeClasses": [{"object": "class"}]},
    "children": [
     {"class": "Check", "as": "own ping", "properties":
@@ -35,11 +36,13 @@ TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     cli::ApiClient api(family.url());
     const std::string site = family.dir().file("site.json");
     std::ofstream(site) << kSite;
-    ASSERT_EQ(platform::wait_for_end(
-                  platform::spawn({.program = RunningFamily::program("tarmik"),
-                                   .arguments = {"--url=" + family.url(), "load", site}}))
-                  .code,
-              0);
+    const auto load = [&] {
+        return platform::wait_for_end(
+                   platform::spawn({.program = RunningFamily::program("tarmik"),
+                                    .arguments = {"--url=" + family.url(), "load", site}}))
+            .code;
+    };
+    ASSERT_EQ(load(), 0);
     const auto ask = [&](const std::string& path, const json& body) {
         const Outcome outcome = post(api, path, body);
         EXPECT_TRUE(outcome.ok()) << path << " " << outcome.text;
@@ -105,6 +108,12 @@ TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     const Outcome refused = post(api, "/api/v1/translate", unknown);
     EXPECT_TRUE(refused.refused);
     EXPECT_NE(refused.text.find("7.7 not found"), std::string::npos) << refused.text;
+
+    // A second time everything is there, the configurations without a whole key too.
+    EXPECT_EQ(load(), 0);
+    EXPECT_EQ(find("Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig").size(),
+              2U);
+    EXPECT_EQ(find(".*^ > NodeClassCheckConfig").size(), 2U);
     EXPECT_EQ(family.stop().code, 0) << family.log_text();
 }
 

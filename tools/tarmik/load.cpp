@@ -126,6 +126,10 @@ class Loader {
         json body{{"class", object["class"]},
                   {"parent", parent},
                   {"properties", with_ids(object.value("properties", json::object()))}};
+        if (const std::string id = existing_config(body); !id.empty()) {
+            ++existing_;
+            return id;
+        }
         try {
             const ordered_json answer = api_.post("/api/v1/create", body);
             ++created_;
@@ -141,6 +145,24 @@ class Loader {
             ++existing_;
             return id;
         }
+    }
+
+    /// The server knows an object again by its key. In that of a configuration of a node class an
+    /// object tag is usually missing, and it takes any number of such; so one is looked for here.
+    std::string existing_config(const json& body) {
+        const json& properties = body["properties"];
+        const auto& class_name = body["class"].get_ref<const std::string&>();
+        if ((class_name != "NodeClassCheckGroupConfig" && class_name != "NodeClassCheckConfig") ||
+            !properties.value("tagId", json()).is_null())
+            return {};
+        const json tag = properties.value("tag", json(""));
+        const json for_all = properties.value("forAll", json(false));
+        if (!tag.is_string() || !for_all.is_boolean()) return {};  // for the server to refuse
+        const std::string pattern = fmt::format(". > {}{{tag = {} & forAll = {} & tagId = null}}",
+                                                class_name, tag.dump(), for_all.dump());
+        const ordered_json found = api_.post(
+            "/api/v1/select", {{"roots", {body["parent"]}}, {"pattern", pattern}})["results"];
+        return found.empty() ? "" : found[0].at("children").at(0).at("id").get<std::string>();
     }
 
     /// The values with ids in place of the names of objects.
