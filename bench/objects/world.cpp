@@ -57,11 +57,12 @@ tql::value_t choice(uint32_t property, uint32_t value) {
     const uint32_t id = tql::find_property_row(property)->usual_kind.enumeration;
     return std::make_unique<tql::property_enum_t>(property, id, value, 0U);
 }
-Values net_check(std::string name) {
-    constexpr uint32_t kPing = 2;
+Values net_check(uint32_t port) {
+    constexpr uint32_t kTcp = 6;
     Values values;
-    values.push_back(text(prop::remoteName, std::move(name)));
-    values.push_back(choice(prop::remoteType, kPing));
+    values.push_back(text(prop::remoteName, "web.example"));
+    values.push_back(choice(prop::remoteType, kTcp));
+    values.push_back(number(prop::port, port));
     return values;
 }
 tql::value_t reference(uint32_t property, const NodeId& id) {

@@ -28,8 +28,8 @@ using Values = std::vector<tql::value_t>;
 [[nodiscard]] tql::value_t flag(uint32_t property, bool value);
 /// Of the property's own enumeration.
 [[nodiscard]] tql::value_t choice(uint32_t property, uint32_t value);
-/// A check that a host answers; `name` is the host's.
-[[nodiscard]] Values net_check(std::string name);
+/// A check that a host answers on `port`.
+[[nodiscard]] Values net_check(uint32_t port);
 [[nodiscard]] tql::value_t reference(uint32_t property, const NodeId& id);
 
 class World {

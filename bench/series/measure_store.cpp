@@ -112,7 +112,7 @@ double create_checks(World& world, uint32_t count) {
     world.set_durable(true);
     return count / seconds_of([&] {
                for (uint32_t i = 0; i < count; ++i)
-                   world.create(group, cls::Check, net_check(fmt::format("host{}", i)));
+                   world.create(group, cls::Check, net_check(1 + i));
            });
 }
 

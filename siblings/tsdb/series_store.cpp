@@ -191,6 +191,8 @@ void SeriesStore::check_data(const Known& series, const Data& data) const {
 void SeriesStore::put(uint32_t index, const Data& data) {
     Known& series = known(index);
     check_data(series, data);
+    if (data.size() == 1 && !series.is_incident())
+        return put_single(index, series, to_reading(*data.front(), series.shape->layout.type));
     Step step(*this, index, &series);
     for (const data_entry_t& entry : data) {
         if (series.is_incident())
@@ -222,18 +224,45 @@ void SeriesStore::merge(uint32_t index, const Data& data) {
     step.done();
 }
 
+/// The usual request, without the cost of a step: all that can be wrong with it shows before
+/// anything is written. What goes wrong then is the storage's own fault, and takes all with it that
+/// isn't committed.
+void SeriesStore::put_single(uint32_t index, Known& series, const Reading& reading) {
+    const std::vector<Sum> sums = sums_with(index, series, reading);
+    const std::vector<uint32_t> counts = series.counts;
+    try {
+        for (uint32_t level = 0; level < sums.size(); ++level)
+            write(index, series, level, {sums[level].slot, 0}, sums[level].bytes,
+                  sums[level].is_new);
+        if (series.counts != counts) storage_.set_counts(index, series.counts);
+    } catch (const EStorage&) {
+        abort();
+        throw;
+    }
+}
+
 void SeriesStore::put_reading(uint32_t index, Known& series, const Reading& reading) {
+    const std::vector<Sum> sums = sums_with(index, series, reading);
+    for (uint32_t level = 0; level < sums.size(); ++level)
+        write(index, series, level, {sums[level].slot, 0}, sums[level].bytes, sums[level].is_new);
+}
+
+std::vector<SeriesStore::Sum> SeriesStore::sums_with(uint32_t index, const Known& series,
+                                                     const Reading& reading) {
+    const uint32_t type = series.shape->layout.type;
+    std::vector<Sum> sums;
+    sums.reserve(series.shape->levels.size());
     for (uint32_t level = 0; level < series.shape->levels.size(); ++level) {
         const int64_t slot = slot_of(reading.start, series.shape->levels[level].span_s);
         const auto stored = storage_.find(index, level, {slot, 0});
         Reading sum = reading;
         if (stored) {
-            sum = decode(*stored, series.shape->layout.type, slot);
+            sum = decode(*stored, type, slot);
             consolidate(sum, reading);
         }
-        write(index, series, level, {slot, 0}, encode(sum, series.shape->layout.type, slot),
-              !stored);
+        sums.push_back({slot, encode(sum, type, slot), !stored});
     }
+    return sums;
 }
 
 void SeriesStore::put_incident(uint32_t index, Known& series,

@@ -97,6 +97,15 @@ class SeriesStore {
     /// Valid until the next call.
     Known& known(uint32_t index);
     std::shared_ptr<const Shape> shape_of(time_series_layout_t layout);
+    /// What the record of one level is to become.
+    struct Sum {
+        int64_t slot;
+        std::string bytes;
+        bool is_new;
+    };
+    [[nodiscard]] std::vector<Sum> sums_with(uint32_t index, const Known& series,
+                                             const Reading& reading);
+    void put_single(uint32_t index, Known& series, const Reading& reading);
     void put_reading(uint32_t index, Known& series, const Reading& reading);
     void put_incident(uint32_t index, Known& series, const data_interval_incident_t& incident,
                       bool unless_there);

@@ -125,7 +125,8 @@ class SqliteStorage::Run {
 SqliteStorage::SqliteStorage(const std::string& path, uint32_t first_index) : path_(path) {
     sqlite3* opened = nullptr;
     const int result =
-        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+        sqlite3_open_v2(path.c_str(), &opened,
+                        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     database_.reset(opened);
     if (result != SQLITE_OK) fail("open");
     sqlite3_extended_result_codes(opened, 1);

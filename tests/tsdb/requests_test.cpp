@@ -21,13 +21,15 @@ using namespace queues;
 constexpr queue_t kAsker = queue_t::dbms;
 constexpr const char* kNoRoom = "database or disk is full";
 
-/// Has room for so many records; then it loses its transaction, as a full disk does.
+/// Has room for so many records; then it loses its transaction, as a full disk does, or fails the
+/// one write alone.
 class SmallStorage final : public SqliteStorage {
   public:
-    SmallStorage(const std::string& path, int& room) : SqliteStorage(path, 100), room_(room) {}
+    SmallStorage(const std::string& path, int& room, const bool& loses_all)
+        : SqliteStorage(path, 100), room_(room), loses_all_(loses_all) {}
     void put(uint32_t index, uint32_t level, RecordKey key, std::string_view bytes) override {
         if (room_ == 0) {
-            abort();
+            if (loses_all_) abort();
             throw EStorage(kNoRoom);
         }
         --room_;
@@ -36,6 +38,7 @@ class SmallStorage final : public SqliteStorage {
 
   private:
     int& room_;
+    const bool& loses_all_;
 };
 
 class RequestsTest : public testing::Test {
@@ -71,7 +74,7 @@ class RequestsTest : public testing::Test {
     }
     void open() {
         requests = std::make_unique<Requests>(
-            clock, [this] { return std::make_unique<SmallStorage>(path, room); },
+            clock, [this] { return std::make_unique<SmallStorage>(path, room, loses_all); },
             [this](const event& answer) { note(answer); });
     }
 
@@ -79,6 +82,7 @@ class RequestsTest : public testing::Test {
     std::string path = dir.file("tsdb");
     support::FakeClock clock;
     int room = 1'000'000;
+    bool loses_all = true;
     std::string sent;
     std::string log;
     logging::OutletScope outlet{
@@ -192,6 +196,37 @@ TEST_F(RequestsTest, AFullDiskFailsWhatWasPromisedToNobodyYet) {
     ask<GET_DATA>(6, {.handle = 101, .data_type = kIncidentData});
     EXPECT_EQ(answers(), "5 put 101, 6 got 1");
     EXPECT_NE(log.find("All data since the last commit is lost"), std::string::npos) << log;
+}
+
+TEST_F(RequestsTest, ARecordThatFitsOnlyInPartLeavesNothing) {
+    open();
+    ask<CREATE_TIMESERIES>(1, continuous_layout());
+    requests->commit();
+    answers();
+    loses_all = false;
+    const auto put_one = [&](uint32_t uid) {
+        auto point = std::make_unique<data_interval_continuous_t>();
+        point->ngood = 1;
+        Put_Data_Data wanted{.handle = 101, .operation = kStore, .data_type = kContinuousData};
+        wanted.data.emplace_back(std::move(point));
+        ask<PUT_DATA>(uid, std::move(wanted));
+    };
+    room = 2;  // of five levels
+    put_one(2);
+    EXPECT_EQ(answers(), fmt::format("2 {}", kNoRoom));
+    room = 100;
+    requests->commit();
+    const auto get = [&](uint32_t resolution_s) {
+        ask<GET_DATA>(
+            3,
+            {.handle = 101, .data_type = kContinuousData, .flags = get_flags(false, resolution_s)});
+        return answers();
+    };
+    EXPECT_EQ(get(0), "3 got 0");
+    put_one(4);
+    requests->commit();
+    EXPECT_EQ(answers(), "4 put 101");
+    for (const uint32_t resolution_s : {0U, 900U, 10800U}) EXPECT_EQ(get(resolution_s), "3 got 1");
 }
 
 TEST_F(RequestsTest, ADamagedFileIsToldOfAndTriedAgain) {
