@@ -48,6 +48,20 @@ bool needs_children(const pattern_t& step) {
     return !step.next.empty() && !has(step, tql::kPatternKeep);
 }
 
+/// The classes of the steps that children of an object of `step` may match: of those that follow,
+/// and behind a recursive one of those that follow it, which may begin without it.
+void add_followers(const pattern_t& step, std::set<uint32_t>& classes) {
+    std::vector<const pattern_t*> open{&step};
+    while (!open.empty()) {
+        const pattern_t& above = *open.back();
+        open.pop_back();
+        for (const pattern_t& below : above.next) {
+            classes.insert(below.class_);
+            if (has(below, tql::kPatternRecursive)) open.push_back(&below);
+        }
+    }
+}
+
 }  // namespace
 
 std::optional<PatchPlan> make_patch_plan(const pattern_t& pattern, size_t root_count) {
@@ -64,7 +78,7 @@ std::optional<PatchPlan> make_patch_plan(const pattern_t& pattern, size_t root_c
         if (step->class_ == kAnyClass || std::any_of(steps.begin(), steps.end(), may_be_same))
             return std::nullopt;
         std::set<uint32_t>& keepers = plan.kept_by[step->class_];
-        for (const pattern_t& below : step->next) keepers.insert(below.class_);
+        add_followers(*step, keepers);
         if (has(*step, tql::kPatternRecursive)) keepers.insert(step->class_);
     }
     return plan;

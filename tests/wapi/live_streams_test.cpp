@@ -451,6 +451,7 @@ TEST(PatchPlan, OnlyWherePatchesSayItAll) {
         {"Domain*$ > Node[name]", 1, ""},
         {"Domain > ( Node : View )", 1, "3<4 "},
         {"Domain*{active = true} > Node > .", 1, nullptr},  // any class: the step isn't told
+        {"Domain* > Node* > Check", 1, "3<1,3,4 4<1,4 "},   // a check may follow without a node
         {"Domain > Domain > Node", 1, nullptr},
         {"Domain$ > Domain$ > Node", 1, ""},
         {".*!", 1, ""},
