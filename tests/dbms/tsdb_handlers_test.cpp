@@ -139,6 +139,36 @@ class TsdbHandlersTest : public testing::Test, protected dbms_test::TestFamily {
                           RETURN_TSDB_GET_LATEST_DATA_RECORD, RETURN_TSDB_APPEND_DATA_RECORD,
                           RETURN_TSDB_APPEND_DATA, RETURN_TSDB_TRUNCATE_OLD_DATA>(*received);
     }
+    struct StoreCase {
+        std::function<void(uint32_t uid)> ask;
+        bool server_waits;
+        std::string request;
+        std::function<std::unique_ptr<event>(uint32_t uid)> reply;
+        std::string good, bad;
+    };
+    void try_request(const StoreCase& one, uint32_t uid, bool refuses) {
+        const auto send = [&](uint32_t to) {
+            if (refuses)
+                store_answers(exevent(queue_t::dbms, to, "full"));
+            else
+                store_answers(*one.reply(to));
+        };
+        if (one.server_waits) send(next_uid());
+        one.ask(uid);
+        const auto asked = store_reads();
+        EXPECT_EQ(shown(asked.get()), one.request);
+        if (!one.server_waits && asked != nullptr) {
+            EXPECT_EQ(answer(), "-");
+            send(asked->uid);
+            take();
+        }
+        EXPECT_EQ(answer(), uid == 7U ? (refuses ? one.bad : one.good) : "-");
+        // A put is answered a second time.
+        while (services.tsdb_callbacks.pending() > 0) {
+            ASSERT_TRUE(one.server_waits);
+            services.tsdb_callbacks.fail_all("later");
+        }
+    }
     std::string index_of(const NodeId& id) {
         try {
             return std::to_string(
@@ -179,13 +209,7 @@ TEST_F(TsdbHandlersTest, WhatTheStoreIsAskedAndTheAskerHears) {
     const auto truncated = [](uint32_t uid) {
         return std::make_unique<devent<RETURN_TRUNCATE_OLD_DATA>>(queue_t::dbms, uid);
     };
-    const struct {
-        std::function<void(uint32_t uid)> ask;
-        bool server_waits;
-        std::string request;
-        std::function<std::unique_ptr<event>(uint32_t uid)> reply;
-        std::string good, bad;
-    } cases[] = {
+    const StoreCase cases[] = {
         {[&](uint32_t uid) { get(id, prop::tsdbIncident, uid); }, false,
          "get 64 type 4 flags 300 true 10-20 6+5", got, "RETURN_TSDB_GET_DATA 0 x1",
          "RETURN_TSDB_GET_DATA 14 full x0"},
@@ -203,34 +227,10 @@ TEST_F(TsdbHandlersTest, WhatTheStoreIsAskedAndTheAskerHears) {
          "put 64 operation 4 type 4 x2 for dbms", stored, "RETURN_TSDB_PUT_DATA 0",
          "RETURN_TSDB_PUT_DATA 14 Error allocating time series: full"},
     };
-    for (const auto& one : cases) {
+    for (const StoreCase& one : cases) {
         SCOPED_TRACE(one.request);
-        for (const auto& [uid, refuses] : {std::pair{7U, false},
-                                           {7U, true},
-                                           {kNoReplyAllOnes, false},
-                                           {kNoReplyAllOnes, true}}) {
-            const auto send = [&, fails = refuses](uint32_t to) {
-                if (fails)
-                    store_answers(exevent(queue_t::dbms, to, "full"));
-                else
-                    store_answers(*one.reply(to));
-            };
-            if (one.server_waits) send(next_uid());
-            one.ask(uid);
-            const auto asked = store_reads();
-            EXPECT_EQ(shown(asked.get()), one.request);
-            if (!one.server_waits && asked != nullptr) {
-                EXPECT_EQ(answer(), "-");
-                send(asked->uid);
-                take();
-            }
-            EXPECT_EQ(answer(), uid == 7U ? (refuses ? one.bad : one.good) : "-");
-            // A put is answered a second time.
-            while (services.tsdb_callbacks.pending() > 0) {
-                ASSERT_TRUE(one.server_waits);
-                services.tsdb_callbacks.fail_all("later");
-            }
-        }
+        for (const uint32_t uid : {7U, kNoReplyAllOnes})
+            for (const bool refuses : {false, true}) try_request(one, uid, refuses);
     }
     EXPECT_NE(log.find("Error putting datatype 4 into tsdbIncident of /n by dbms: later"),
               std::string::npos)
