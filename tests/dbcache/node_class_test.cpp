@@ -247,6 +247,12 @@ TEST_F(NodeClasses, AClassThatBuildsOnAnotherLeavesOpenWhatBothLeaveOpen) {
     world.update(ping, {});
     EXPECT_EQ(shown(ping, prop::alertIfAbove), "null inherited");
     EXPECT_EQ(shown(ping, prop::goodScore), "-5 inherited");
+    // Two that follow each other keep what they have: no read goes further than one level.
+    world.update(base, {object(prop::inherits, config_2)});
+    world.update(config_2, {});
+    world.update(base, {});
+    EXPECT_EQ(shown(base, prop::frequency), "300 inherited");
+    EXPECT_EQ(shown(base, prop::checkAttempts), "3 inherited");
 }
 
 // ---- references --------------------------------------------------------------------------------
