@@ -219,6 +219,7 @@ void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t
 void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
                                   tql::property_map_t& out) const {
     const bool all = (pattern.flags & tql::kPatternAllProperties) != 0;
+    out.reserve(all ? schema_->properties().size() : pattern.wanted_properties.size());
     auto wanted = pattern.wanted_properties.begin();
     const auto wanted_end = pattern.wanted_properties.end();
     for (const NodetypeSchema::Entry& entry : schema_->properties()) {

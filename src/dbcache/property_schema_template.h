@@ -127,9 +127,14 @@ class PropertySchemaTemplate : public PropertySchema {
     [[nodiscard]] std::unique_ptr<tql::property_t> to_tql(
         const work_t& work, const PropertyChain& /*chain*/) const override {
         const uint32_t flag_bits = flags | (work.is_inherited() ? kInherited : 0);
-        if (work.is_null()) return null_wire(flag_bits);
-        Stored copy(static_cast<const Stored&>(*work.prop));
-        return wire(copy, flag_bits);
+        auto made = std::make_unique<Wire>();
+        if (work.is_null()) {
+            set_null(*made, flag_bits);
+        } else {
+            Stored copy(static_cast<const Stored&>(*work.prop));
+            set_value(*made, copy, flag_bits);
+        }
+        return made;
     }
 
     [[nodiscard]] std::unique_ptr<tql::property_t> to_template_tql(
@@ -138,13 +143,16 @@ class PropertySchemaTemplate : public PropertySchema {
         detail::log_missing_value(property, {});
         Stored zero(property);
         zero.value = value_type{};
-        return wire(zero, flags);
+        auto made = std::make_unique<Wire>();
+        set_value(*made, zero, flags);
+        return made;
     }
 
     void encode(const PropertyChain& chain, const NodeId& id,
                 tql::property_map_t& out) const override {
         if (!applies_now(chain)) return;
-        out.insert_or_assign(out.end(), property, tql::value_t(read_wire(chain, id)));
+        // In its place at once: what it throws ends the request, and the map with it.
+        read_wire(chain, id, out[property].template emplace<Wire>());
     }
 
     [[nodiscard]] std::string describe() const override {
@@ -170,13 +178,11 @@ class PropertySchemaTemplate : public PropertySchema {
     }
     /// For kinds that refuse values by more than their class; throws errors::tql with code 9.
     virtual void check_wire(const Wire& /*value*/) const {}
-    /// A null value; for kinds that have more than a class of their own.
-    [[nodiscard]] virtual std::unique_ptr<Wire> null_wire(uint32_t flag_bits) const {
-        auto made = std::make_unique<Wire>();
-        made->property = property;
-        made->is_null = true;
-        made->flags = flag_bits;
-        return made;
+    /// Makes a new value a null one; for kinds that have more than a class of their own.
+    virtual void set_null(Wire& made, uint32_t flag_bits) const {
+        made.property = property;
+        made.is_null = true;
+        made.flags = flag_bits;
     }
 
     [[nodiscard]] std::unique_ptr<mdb::Property> make_stored() const override {
@@ -195,43 +201,43 @@ class PropertySchemaTemplate : public PropertySchema {
         return value == nullptr ? nullptr : std::make_unique<Stored>(property, *value);
     }
     /// Takes the payload out of `stored`.
-    [[nodiscard]] std::unique_ptr<Wire> wire(Stored& stored, uint32_t flag_bits) const {
-        auto made = null_wire(flag_bits);
-        made->is_null = false;
-        Conversion::to_wire(stored, *made);
-        return made;
+    void set_value(Wire& made, Stored& stored, uint32_t flag_bits) const {
+        set_null(made, flag_bits);
+        made.is_null = false;
+        Conversion::to_wire(stored, made);
     }
 
     /// encode() without the map: no work_t, so that the read path allocates nothing but the result.
-    [[nodiscard]] std::unique_ptr<Wire> read_wire(const PropertyChain& chain,
-                                                  const NodeId& id) const {
+    void read_wire(const PropertyChain& chain, const NodeId& id, Wire& made) const {
         Stored stored(property);
         bool inherited = false;
         try {
             const resolved_t result = resolve(chain, stored, inherited);
             const uint32_t flag_bits = flags | (inherited ? kInherited : 0);
             if (result == resolved_t::value && !stands_for_null(stored))
-                return wire(stored, flag_bits);
+                return set_value(made, stored, flag_bits);
             if (result == resolved_t::fallback && defaults_.inherit_default != nullptr) {
                 stored.value = *defaults_.inherit_default;
-                return wire(stored, flag_bits);
+                return set_value(made, stored, flag_bits);
             }
-            if (has(kNullable)) return null_wire(flag_bits);
+            if (has(kNullable)) return set_null(made, flag_bits);
             detail::log_missing_value(property, id);
             stored.value = value_type{};
-            return wire(stored, flag_bits);
+            return set_value(made, stored, flag_bits);
         } catch (const error::EParseError& fault) {
             detail::log_unreadable_value(property, fault.text());
         } catch (const mdb::error_wrongtype& fault) {
             detail::log_unreadable_value(property, fault.text());
         }
-        return null_wire(flags);
+        set_null(made, flags);
     }
 
     [[nodiscard]] std::string describe_default(const char* head, const value_type* value) const {
         if (value == nullptr) return {};
         Stored stored(property, *value);
-        return head + wire(stored, 0)->print();
+        Wire made;
+        set_value(made, stored, 0);
+        return head + made.print();
     }
 
     Defaults<value_type> defaults_;

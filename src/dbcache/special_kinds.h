@@ -50,11 +50,9 @@ class PropertyEnumSchema
     void check_wire(const tql::property_enum_t& value) const override {
         if (!value.is_null) static_cast<void>(tql::as_enum(value, enumeration_));
     }
-    [[nodiscard]] std::unique_ptr<tql::property_enum_t> null_wire(
-        uint32_t flag_bits) const override {
-        auto made = Base::null_wire(flag_bits);
-        made->enumeration = enumeration_;
-        return made;
+    void set_null(tql::property_enum_t& made, uint32_t flag_bits) const override {
+        Base::set_null(made, flag_bits);
+        made.enumeration = enumeration_;
     }
 
   private:

@@ -199,6 +199,14 @@ void put(Writer& out, const tql::value_t& field) {
     tql::visit_kind(std::as_const(*field), [&out](const auto& value) { put_payload(out, value); });
 }
 
+void put(Writer& out, const tql::property_map_t& field) {
+    put_count(out, field.size());
+    for (const auto& [number, value] : field) {
+        out.put32(number);
+        put(out, value);
+    }
+}
+
 void get(Reader& in, tql::property_map_t& field) {
     const std::uint32_t count = in.get_count();
     field.clear();

@@ -305,49 +305,69 @@ bool property_enum_t::identical(const property_t& other) const noexcept {
 }
 
 value_t make_value(property_type_t type) {
+    value_t made;
     switch (type) {
         case property_type_t::string:
-            return std::make_unique<property_string_t>();
+            made.emplace<property_string_t>();
+            break;
         case property_type_t::string_list:
-            return std::make_unique<property_string_list_t>();
+            made.emplace<property_string_list_t>();
+            break;
         case property_type_t::object_set:
-            return std::make_unique<property_object_set_t>();
+            made.emplace<property_object_set_t>();
+            break;
         case property_type_t::object:
-            return std::make_unique<property_object_t>();
+            made.emplace<property_object_t>();
+            break;
         case property_type_t::version:
-            return std::make_unique<property_version_t>();
+            made.emplace<property_version_t>();
+            break;
         case property_type_t::action:
-            return std::make_unique<property_action_t>();
+            made.emplace<property_action_t>();
+            break;
         case property_type_t::real:
-            return std::make_unique<property_real_t>();
+            made.emplace<property_real_t>();
+            break;
         case property_type_t::bignum:
-            return std::make_unique<property_bignum_t>();
+            made.emplace<property_bignum_t>();
+            break;
         case property_type_t::gid:
-            return std::make_unique<property_gid_t>();
+            made.emplace<property_gid_t>();
+            break;
         case property_type_t::gid_list:
-            return std::make_unique<property_gid_list_t>();
+            made.emplace<property_gid_list_t>();
+            break;
         case property_type_t::date:
-            return std::make_unique<property_date_t>();
+            made.emplace<property_date_t>();
+            break;
         case property_type_t::index:
-            return std::make_unique<property_index_t>();
+            made.emplace<property_index_t>();
+            break;
         case property_type_t::int_:
-            return std::make_unique<property_int_t>();
+            made.emplace<property_int_t>();
+            break;
         case property_type_t::uint:
-            return std::make_unique<property_uint_t>();
+            made.emplace<property_uint_t>();
+            break;
         case property_type_t::boolean:
-            return std::make_unique<property_boolean_t>();
+            made.emplace<property_boolean_t>();
+            break;
         case property_type_t::blob:
-            return std::make_unique<property_blob_t>();
+            made.emplace<property_blob_t>();
+            break;
         case property_type_t::lob:
-            return std::make_unique<property_lob_t>();
+            made.emplace<property_lob_t>();
+            break;
         case property_type_t::oid:
-            return std::make_unique<property_oid_t>();
+            made.emplace<property_oid_t>();
+            break;
         case property_type_t::enum_:
-            return std::make_unique<property_enum_t>();
+            made.emplace<property_enum_t>();
+            break;
         case property_type_t::none:
             break;
     }
-    return {};
+    return made;
 }
 
 }  // namespace tql

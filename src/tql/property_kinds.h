@@ -43,6 +43,9 @@ class basic_property : public property_t {
     [[nodiscard]] std::unique_ptr<property_t> clone() const final {
         return std::make_unique<Self>(static_cast<const Self&>(*this));
     }
+    property_t* move_to(void* memory) noexcept final {
+        return ::new (memory) Self(std::move(static_cast<Self&>(*this)));
+    }
     [[nodiscard]] std::string print() const override;
     [[nodiscard]] std::string type_name() const override;
     [[nodiscard]] bool compare(relop_t op, const property_t& other) const override;

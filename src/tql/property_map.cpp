@@ -26,14 +26,57 @@ const Kind& extract(const property_t& value, std::string_view class_text) {
 
 }  // namespace
 
+property_map_t::const_iterator property_map_t::find(uint32_t number) const {
+    const auto place = std::lower_bound(
+        entries_.begin(), entries_.end(), number,
+        [](const value_type& entry, uint32_t wanted) { return entry.first < wanted; });
+    return place != entries_.end() && place->first == number ? place : entries_.end();
+}
+
+property_map_t::iterator property_map_t::find(uint32_t number) {
+    return entries_.begin() + (std::as_const(*this).find(number) - entries_.cbegin());
+}
+
+const value_t& property_map_t::at(uint32_t number) const {
+    const auto found = find(number);
+    if (found == end()) throw std::out_of_range("no value of property " + property_name(number));
+    return found->second;
+}
+
+value_t& property_map_t::at(uint32_t number) {
+    return const_cast<value_t&>(std::as_const(*this).at(number));
+}
+
+value_t& property_map_t::operator[](uint32_t number) {
+    if (entries_.empty() || entries_.back().first < number)
+        return entries_.emplace_back(number, value_t()).second;
+    const auto place = std::lower_bound(
+        entries_.begin(), entries_.end(), number,
+        [](const value_type& entry, uint32_t wanted) { return entry.first < wanted; });
+    if (place->first == number) return place->second;
+    return entries_.emplace(place, number, value_t())->second;
+}
+
+bool property_map_t::emplace(uint32_t number, value_t value) {
+    if (contains(number)) return false;
+    (*this)[number] = std::move(value);
+    return true;
+}
+
+size_t property_map_t::erase(uint32_t number) {
+    const auto found = find(number);
+    if (found == end()) return 0;
+    entries_.erase(found);
+    return 1;
+}
+
 void add_enum(property_map_t& map, uint32_t property, uint32_t enumeration, uint32_t value,
               uint32_t flags) {
-    map[property] = std::make_unique<property_enum_t>(property, enumeration, value, flags);
+    map[property].emplace<property_enum_t>(property, enumeration, value, flags);
 }
 
 void add_null_enum(property_map_t& map, uint32_t property, uint32_t enumeration, uint32_t flags) {
-    map[property] =
-        std::make_unique<property_enum_t>(property_enum_t::null(property, enumeration, flags));
+    map[property].emplace<property_enum_t>(property_enum_t::null(property, enumeration, flags));
 }
 
 uint32_t as_uint(const property_t& value) {

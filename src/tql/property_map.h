@@ -15,13 +15,13 @@ namespace tql {
 template <class Kind>
 void add(property_map_t& map, uint32_t property, typename Kind::value_type value,
          uint32_t flags = 0) {
-    map[property] = std::make_unique<Kind>(property, std::move(value), flags);
+    map[property].template emplace<Kind>(property, std::move(value), flags);
 }
 
 /// Adds a null value of the given kind, replacing an entry that stands there.
 template <class Kind>
 void add_null(property_map_t& map, uint32_t property, uint32_t flags = 0) {
-    map[property] = std::make_unique<Kind>(Kind::null(property, flags));
+    map[property].template emplace<Kind>(Kind::null(property, flags));
 }
 
 /// As add(), for a value of an enumeration.

@@ -203,7 +203,7 @@ TEST_F(SpecialKindsTest, ActionsOfStatesThatThereAre) {
         if (entry.schema->kind == "state action") entry.schema->encode(chain, kSelf, out);
     ASSERT_EQ(out.size(), 16U);
     EXPECT_EQ(out.begin()->first, prop::stateAction0);
-    EXPECT_EQ(out.rbegin()->first, prop::stateAction0 + 30);
+    EXPECT_EQ(std::prev(out.end())->first, prop::stateAction0 + 30);
     EXPECT_EQ(out.begin()->second->print(), "enum(65538, 1)");
     EXPECT_DEATH(make_property({.number = prop::name, .kind = kind_t::state_action}),
                  "Row of property name names no states");

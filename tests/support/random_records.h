@@ -68,8 +68,9 @@ template <class T>
 void fill(Filler& f, std::list<T>& field);
 template <class T>
 void fill(Filler& f, std::set<T>& field);
-template <class K, class V>
-void fill(Filler& f, std::map<K, V>& field);
+template <class Map>
+requires requires { typename Map::mapped_type; }
+void fill(Filler& f, Map& field);
 
 inline void fill(Filler& f, tql::value_t& field) {
     static constexpr std::uint32_t kFirst = 7;
@@ -146,10 +147,11 @@ void fill(Filler& f, std::set<T>& field) {
         field.insert(element);
     }
 }
-template <class K, class V>
-void fill(Filler& f, std::map<K, V>& field) {
+template <class Map>
+requires requires { typename Map::mapped_type; }
+void fill(Filler& f, Map& field) {
     for (std::uint64_t n = f.rng.below(kMaxElements + 1); n > 0; --n) {
-        K key{};
+        typename Map::key_type key{};
         fill(f, key);
         fill(f, field[key]);
     }

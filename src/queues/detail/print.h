@@ -63,6 +63,7 @@ template <Record R>
 void show(Printer& out, std::string_view name, const R& field);
 template <class K, class V>
 void show(Printer& out, std::string_view name, const std::map<K, V>& field);
+inline void show(Printer& out, std::string_view name, const tql::property_map_t& field);
 
 /// Elements go by their place.
 template <class Range>
@@ -99,12 +100,19 @@ void show_range(Printer& out, std::string_view name, const Range& range) {
     return std::to_string(key);
 }
 
-template <class K, class V>
-void show(Printer& out, std::string_view name, const std::map<K, V>& field) {
+template <class Map>
+void show_map(Printer& out, std::string_view name, const Map& field) {
     out.head(name);
     if (!out.enter()) return;
     for (const auto& [key, value] : field) show(out, key_text(key), value);
     out.leave();
+}
+template <class K, class V>
+void show(Printer& out, std::string_view name, const std::map<K, V>& field) {
+    show_map(out, name, field);
+}
+void show(Printer& out, std::string_view name, const tql::property_map_t& field) {
+    show_map(out, name, field);
 }
 
 template <Record R>

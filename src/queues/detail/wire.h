@@ -107,6 +107,7 @@ void put(Writer& out, const std::vector<std::uint8_t>& field);
 void put(Writer& out, const Time& field);
 void put(Writer& out, const tql::id_t& field);
 void put(Writer& out, const tql::value_t& field);
+void put(Writer& out, const tql::property_map_t& field);
 void put(Writer& out, const tsdb::data_entry_t& field);
 
 template <class T>
