@@ -18,7 +18,7 @@ namespace {
 
 constexpr uint64_t kJournalBytes = 64U << 20;
 constexpr uint32_t kBufferBlocks = 16'384;
-constexpr uint32_t kCacheIn = 25'000, kCacheOut = 50'000, kCacheMain = 75'000;
+constexpr uint32_t kCacheIn = 25'000, kCacheOut = 125'000, kCacheMain = 125'000;
 constexpr uint32_t kFirstWord = 1, kSecondWord = 4'000'000'000;
 
 dbcache::Store::Parts prepare(dbcache::Store::Parts parts, const World::Options& options) {
@@ -95,9 +95,6 @@ World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
     store_.resolver().resume();
 }
 
-void World::set_cache_size(uint32_t objects) {
-    store_.cache().cache_set_limits(kCacheIn, kCacheOut, objects);
-}
 
 void World::write(const std::function<void(tqlengine::RequestContext&)>& request) {
     tqlengine::RequestContext context{

@@ -8,18 +8,9 @@
 
 namespace bench {
 
-namespace {
-
-constexpr uint32_t kCachedObjects = 200'000;
-
-}  // namespace
-
 QueryTree::QueryTree(const std::string& folder, const TreeSize& size)
     : world(folder, declare_query_classes), sqlite(folder), size_(size) {
-    // Both subjects hold all of it in memory. By the server's own sizes the cache would hold it
-    // too, but a question for everything, asked again and again, drives a tenth of it out each
-    // time.
-    world.set_cache_size(kCachedObjects);
+    // Both subjects hold all of it in memory, ours by the server's own sizes of its caches.
     sqlite.add({.id = dbcache::kRootId, .class_number = cls::Domain});
     for (uint32_t r = 0; r < size.regions; ++r) {
         const std::string region = fmt::format("region {}", r);

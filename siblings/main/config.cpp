@@ -232,9 +232,11 @@ void set_defaults(control::Server_Configuration_Fields& server) {
     server.dbms_tsdb_file_path = "var/tarmik.tsdb";
     server.dbms_odb_file_path = "var/tarmik.odb";
     server.dbms_odbj_file_path = "var/tarmik.odbj";
-    server.dbms_cache_size = 100'000;
+    // A walk over more objects than the two queues of newcomers hold finds none of them again the
+    // next time, however much room the main queue has. These hold a tree of 150,000.
+    server.dbms_cache_size = 150'000;
     server.dbms_cache_kin = 25'000;
-    server.dbms_cache_kout = 50'000;
+    server.dbms_cache_kout = 125'000;
     server.dbms_buffer_blocks = 16'384;
     server.variable_file = "var/variables.json";
     server.smem_size = kPoolBytes;

@@ -16,9 +16,16 @@ namespace tql::detail {
 template <class Node>
 void dismantle(Node& root) noexcept {
     std::vector<Node> pending;
-    const auto take_children = [&pending](Node& node) {
-        child_lists(node, [&pending](std::vector<Node>& list) {
-            for (Node& child : list) pending.push_back(std::move(child));
+    const auto has_children = [](const Node& node) {
+        bool any = false;
+        child_lists(node, [&any](const std::vector<Node>& list) { any = any || !list.empty(); });
+        return any;
+    };
+    // Most nodes are leaves, which can go where they are.
+    const auto take_children = [&](Node& node) {
+        child_lists(node, [&](std::vector<Node>& list) {
+            for (Node& child : list)
+                if (has_children(child)) pending.push_back(std::move(child));
             list.clear();
         });
     };
