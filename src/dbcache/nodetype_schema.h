@@ -181,6 +181,7 @@ class NodetypeSchema {
     virtual void afterStore(ObjectHandler& handler) const;
     /// First thing in a delete; may throw errors::tql_dont_delete.
     virtual void beforeDelete(ObjectHandler& handler) const;
+    /// Must follow from the object's place in the tree alone: it is kept until a place changes.
     [[nodiscard]] virtual tql::origin_t tqlOrigin(const SchemaObject& object) const;
     /// The kind of data in a series of this object, a series_data_t (time_series.h). The base knows
     /// that tsdbIncident holds incidents and throws errors::db_anomaly for all others.

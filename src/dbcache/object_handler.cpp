@@ -164,7 +164,13 @@ tqlengine::TqlIdResolver* ObjectHandler::tqlIdResolver() {
 
 tql::origin_t ObjectHandler::tqlOrigin() {
     if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
-    return detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
+    const uint64_t epoch = store_.tree_epoch();
+    if (origin_epoch_ != epoch) {
+        origin_ = detail::with_faults_as_failures(
+            [&] { return schema_->tqlOrigin(ObjectView(*this)); });
+        origin_epoch_ = epoch;
+    }
+    return origin_;
 }
 
 /// What is listed somewhere needn't be a child there.

@@ -182,6 +182,9 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     SiblingIndex::Entry sibling_entry_;
     /// The store's tree epoch in which the object was last seen to hang together with the root.
     uint64_t attached_epoch_ = 0;
+    /// The origin, as it was in that epoch.
+    tql::origin_t origin_;
+    uint64_t origin_epoch_ = 0;
 };
 
 }  // namespace dbcache

@@ -194,7 +194,9 @@ void Store::reload(ObjectHandler& handler) {
         return;
     }
     handler.deleted_ = false;
+    const NodeId parent = handler.parent_id();
     handler.load(*location);
+    if (handler.parent_id() != parent) advance_tree_epoch();
     handler.move_to(*location);
 }
 

@@ -111,8 +111,8 @@ class Store {
     /// them empties the set.
     [[nodiscard]] std::set<NodeId>& moved_nodes() noexcept { return moved_nodes_; }
 
-    /// Grows with each change that may cut objects off from the root; see
-    /// DbcacheIdResolver::is_detached().
+    /// Grows with each change of an object's place and each that may cut objects off from the root:
+    /// what hangs on the way to the root holds for one epoch.
     [[nodiscard]] uint64_t tree_epoch() const noexcept { return tree_epoch_; }
     void advance_tree_epoch() noexcept { ++tree_epoch_; }
 

@@ -57,6 +57,7 @@ class HandlerRollback {
         if (moved) handler_.move_to({});
         transaction_.reset();
         handler_.in_write_ = false;
+        if (handler_.parent_.value != parent_) handler_.store_.advance_tree_epoch();
         handler_.parent_.value = parent_;
         handler_.version_ = version_;
         handler_.copy_version_ = copy_version_;
