@@ -119,6 +119,8 @@ class ObjectCache {
     /// reference before it calls the cache again.
     [[nodiscard]] CachedObject* cache_find_by_id(const NodeId& node_id);
     [[nodiscard]] CachedObject* cache_find_by_handle(const mdb::block_handle_t& handle);
+    /// Makes a cache_find_by_handle() that follows soon cheaper; counts as no use.
+    void prefetch(const mdb::block_handle_t& handle) const noexcept { by_handle_.prefetch(handle); }
 
     /// Whether the cache holds an object at `handle`; counts nothing and moves nothing.
     [[nodiscard]] bool contains(const mdb::block_handle_t& handle) const;

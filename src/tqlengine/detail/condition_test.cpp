@@ -62,13 +62,13 @@ uint32_t ConditionTest::objectMatches(TqlObjectHandler& handler, const tql::patt
 
 uint32_t ConditionTest::test_conditions(TqlObjectHandler& handler, const tql::pattern_t& step) {
     ++statistics_.lengthy;
-    tql::property_map_t properties;
-    handler.tqlEncode(properties_of_conditions(step), properties);
+    values_.clear();
+    handler.tqlEncode(properties_of_conditions(step), values_);
     for (const tql::condition_t& condition : step.where) {
         uint32_t result = kMatch;
         if (handler.tqlSpecialMatch(result, condition)) {
             if (result != kMatch) return result;
-        } else if (!holds(handler, properties, condition)) {
+        } else if (!holds(handler, values_, condition)) {
             return kNoMatch;
         }
     }

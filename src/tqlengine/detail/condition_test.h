@@ -26,6 +26,8 @@ class ConditionTest {
 
     SelectStatistics& statistics_;
     std::unordered_map<const tql::pattern_t*, tql::pattern_t> condition_properties_;
+    /// Of the object being tested; kept for its memory.
+    tql::property_map_t values_;
 };
 
 }  // namespace tqlengine::detail

@@ -10,6 +10,7 @@ namespace {
 
 // Of thousands of children a few may match.
 constexpr size_t kReserveAtMost = 64;
+constexpr size_t kUsualDepth = 8;
 
 }  // namespace
 
@@ -35,6 +36,7 @@ ResultNodePtr Walk::run(const Call& first) {
 }
 
 void Walk::push(const Call& call) {
+    if (frames_.empty()) frames_.reserve(kUsualDepth);
     if (depth_ == frames_.size()) frames_.emplace_back();
     Frame& frame = frames_[depth_++];
     frame.call = call;
