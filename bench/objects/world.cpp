@@ -95,7 +95,6 @@ World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
     store_.resolver().resume();
 }
 
-
 void World::write(const std::function<void(tqlengine::RequestContext&)>& request) {
     tqlengine::RequestContext context{
         .engine = engine_, .clock = clock_, .new_version = versions_.next(), .user = {}};

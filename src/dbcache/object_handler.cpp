@@ -166,8 +166,8 @@ tql::origin_t ObjectHandler::tqlOrigin() {
     if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
     const uint64_t epoch = store_.tree_epoch();
     if (origin_epoch_ != epoch) {
-        origin_ = detail::with_faults_as_failures(
-            [&] { return schema_->tqlOrigin(ObjectView(*this)); });
+        origin_ =
+            detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
         origin_epoch_ = epoch;
     }
     return origin_;

@@ -113,8 +113,8 @@ class value_t {
     value_t() noexcept {}
     value_t(std::unique_ptr<property_t> value) noexcept : value_(value.release()) {}
     template <class Kind>
-    requires std::is_base_of_v<property_t, Kind> value_t(std::unique_ptr<Kind> value) noexcept
-        : value_(value.release()) {}
+    requires std::is_base_of_v<property_t, Kind> value_t(std::unique_ptr<Kind> value)
+    noexcept : value_(value.release()) {}
     value_t(const value_t& other) : value_(other ? other.value_->clone().release() : nullptr) {}
     value_t(value_t&& other) noexcept { take(other); }
     value_t& operator=(const value_t& other) { return *this = value_t(other); }

@@ -69,7 +69,9 @@ void fill(Filler& f, std::list<T>& field);
 template <class T>
 void fill(Filler& f, std::set<T>& field);
 template <class Map>
-requires requires { typename Map::mapped_type; }
+requires requires {
+    typename Map::mapped_type;
+}
 void fill(Filler& f, Map& field);
 
 inline void fill(Filler& f, tql::value_t& field) {
@@ -148,7 +150,9 @@ void fill(Filler& f, std::set<T>& field) {
     }
 }
 template <class Map>
-requires requires { typename Map::mapped_type; }
+requires requires {
+    typename Map::mapped_type;
+}
 void fill(Filler& f, Map& field) {
     for (std::uint64_t n = f.rng.below(kMaxElements + 1); n > 0; --n) {
         typename Map::key_type key{};
