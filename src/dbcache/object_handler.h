@@ -179,6 +179,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     bool in_write_ = false;
     /// Grows with each rewrite_records().
     uint32_t rewrites_ = 0;
+    /// Nothing stands below the object, nor ever will.
+    bool childless_ = false;
     SiblingIndex::Entry sibling_entry_;
     /// The store's tree epoch in which the object was last seen to hang together with the root.
     uint64_t attached_epoch_ = 0;

@@ -87,6 +87,7 @@ void ObjectHandler::list_templates(const std::map<uint32_t, uint32_t>& child_cla
 void ObjectHandler::list_stored(const std::set<uint32_t>& nodetypes,
                                 const tqlengine::ClassSet& classes, const tql::pattern_t& pattern,
                                 tqlengine::HandlerList& out) {
+    if (childless_) return;
     const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
     if (name != nullptr && pattern.class_ != cls::Any) {
         ObjectHandler* found = store_.sibling_index().find(id_.value, pattern.class_, name->value);
@@ -110,6 +111,8 @@ void ObjectHandler::list_stored(const std::set<uint32_t>& nodetypes,
     };
     detail::with_faults_as_failures(
         [&] { detail::walk_children(store_, id_.value, index, sort_child); });
+    // Where the class takes no children only strays of an older version can be, and none come.
+    childless_ = !active_only && strays.empty() && schema_->all_children().empty();
     discard_strays(strays);
 }
 
