@@ -95,6 +95,10 @@ World::World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
     store_.resolver().resume();
 }
 
+void World::set_cache_size(uint32_t objects) {
+    store_.cache().cache_set_limits(kCacheIn, kCacheOut, objects);
+}
+
 void World::write(const std::function<void(tqlengine::RequestContext&)>& request) {
     tqlengine::RequestContext context{
         .engine = engine_, .clock = clock_, .new_version = versions_.next(), .user = {}};

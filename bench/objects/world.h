@@ -47,6 +47,8 @@ class World {
     World(const std::string& folder, void (*declare)(dbcache::SchemaTable&),
           const Options& options);
 
+    /// Room for `objects` in the main queue of the object cache, instead of the server's own.
+    void set_cache_size(uint32_t objects);
     /// Each write is a request of its own. It is flushed before it returns while `durable`.
     void set_durable(bool durable) { durable_ = durable; }
     NodeId create(const NodeId& parent, uint32_t class_number, const Values& values) {
