@@ -7,6 +7,7 @@
 #include "dbcache/object_view.h"
 #include "dbcache/schema/agent_check_schema.h"
 #include "dbcache/time_series.h"
+#include "tql/value_text.h"
 
 using namespace dbcache_test;
 using dbcache::AgentCheckSchema;
@@ -247,6 +248,12 @@ TEST_F(CheckRules, NetChecks) {
     EXPECT_EQ(failure([&] { world.update(http, list(flag(prop::active, false))); }).substr(0, 37),
               "8 Cannot update const property active");
     EXPECT_EQ(world.value(host, prop::countNetChecks), "4");
+
+    const NodeId model = world.create(http, cls::ForecastModel, {});
+    const auto kind = tql::find_property_row(prop::forecastModel)->usual_kind;
+    try_updates(model, {{"model", list(choice(prop::forecastModel, 2)), ""},
+                        {"none", list(tql::make_null(prop::forecastModel, kind)),
+                         "10 Null given for property forecastModel"}});
 }
 
 // ---- what a write does beside ------------------------------------------------------------------

@@ -114,6 +114,13 @@ TEST_F(StoredClasses, ReportsKeepTheOrderOfTheirLimits) {
                           choice(prop::date, tql::enumeration::ReportPeriod, 1)};
     const NodeId report = world.create(kRootId, cls::Report, given);
     EXPECT_EQ(world.value(report, prop::hideSectionThreshold), "-");
+    EXPECT_EQ(failure([&] { world.update(report, values({"publicEdit=true"})); }),
+              "10 Only public viewable reports, can be public editable. Enable Public viewable if "
+              "you wish for this report to be public editable.");
+    EXPECT_EQ(failure([&] {
+                  world.update(report, values({"publicEdit=true", "public=true"}));
+              }),
+              "");
     EXPECT_EQ(suggestions(kRootId, cls::Report),
               (std::vector<std::string>{
                   R"("availability" "System availability" "System availability")",
@@ -162,6 +169,10 @@ TEST_F(StoredClasses, AlertPathsAreNamedByHowTheyReachWhom) {
     world.remove(pager);
     EXPECT_EQ(world.value(own, prop::treeLabel), "\"Custom -> a@b\"");
 
+    EXPECT_EQ(refusal(kRootId, cls::NotificationJob, {}), "10 Missing property alertNotifyJobType");
+    EXPECT_EQ(refusal(kRootId, cls::NotificationJob,
+                      {choice(prop::alertNotifyJobType, tql::enumeration::NotifyJobType, 6)}),
+              "10 Unknown type of notification job (6)");
     EXPECT_EQ(failure([&] { path(9, {}); }), "10 Unknown subtype of alertpath (9)");
     EXPECT_EQ(refusal(user, cls::AlertPath, values({"destination=a"})),
               "10 Null given for property method");

@@ -331,6 +331,7 @@ class NotificationJobSchema : public SubtypeByValue<StoredEnum> {
     [[nodiscard]] uint32_t subtype_of(uint32_t type) const override {
         return type < std::size(kJobSubtypes) ? kJobSubtypes[type] : 1;
     }
+    [[nodiscard]] std::string missing_text() const override { return "Missing property "; }
     void check_given(uint32_t type) const override {
         if (type >= std::size(kJobSubtypes))
             fail_illegal_value(fmt::format("Unknown type of notification job ({})", type));

@@ -14,7 +14,7 @@ using StoredEnum = mdb::PropertyEnum<enum_value_t>;
 
 /// `Stored` is the stored form of the property that determines the subtype: StoredEnum,
 /// mdb::PropertyBool or mdb::PropertyUint32. An object whose property is missing has subtype 0; new
-/// values without it are refused with code 10, "Null given for property " and its name.
+/// values without it are refused with code 10, missing_text() and its name.
 template <class Stored, class Base = NodetypeSchema>
 class SubtypeByValue : public TableSchema<Base> {
   public:
@@ -28,8 +28,7 @@ class SubtypeByValue : public TableSchema<Base> {
     }
     [[nodiscard]] uint32_t subtypeFromWork(const WorkArray& work) const override {
         const work_t& given = work[*this->subtypeProperty(number_)];
-        if (given.is_null())
-            fail_illegal_value("Null given for property " + tql::property_name(number_));
+        if (given.is_null()) fail_illegal_value(missing_text() + tql::property_name(number_));
         const auto value = static_cast<uint32_t>(static_cast<const Stored&>(*given.prop).value);
         check_given(value);
         return subtype_of(value);
@@ -38,6 +37,8 @@ class SubtypeByValue : public TableSchema<Base> {
   protected:
     /// The subtype that a value makes; by itself the value is the subtype.
     [[nodiscard]] virtual uint32_t subtype_of(uint32_t value) const { return value; }
+    /// What stands before the property's name when new values are without it.
+    [[nodiscard]] virtual std::string missing_text() const { return "Null given for property "; }
     /// Throws errors::tql for a value that no client may give.
     virtual void check_given(uint32_t /*value*/) const {}
 
