@@ -115,7 +115,8 @@ class CatalogueOfClasses : public testing::Test {
         }
     }
 
-    Outcome ask(const std::string& what, const json& body) {
+    Outcome ask(const std::string& what, json body) {
+        if (!user.empty() && what != "select") body["user"] = user;
         return post(api, "/api/v1/" + what, body);
     }
 
@@ -192,7 +193,8 @@ class CatalogueOfClasses : public testing::Test {
     json subtype_value(const ListedClass& one, const ListedProperty& property, uint32_t subtype) {
         if (one.nodetype == 4) return subtype == 1 ? get("Check") : get("Domain");
         if (property.kind == "object")
-            return subtype == 0 ? "77.1" : mib_object(subtype == 1 ? 12 : 14);
+            return subtype == 0 ? fmt::format("77.{}", ++serial)
+                                : mib_object(subtype == 1 ? 12 : 14);
         if (property.kind == "bool") return subtype != 0;
         const auto found = subtype_values().find(one.nodetype);
         const json value =
@@ -306,6 +308,9 @@ class CatalogueOfClasses : public testing::Test {
                     ADD_FAILURE() << property.name << " isn't read";
                 continue;
             }
+            if (property.kind == "last-user") {
+                EXPECT_EQ(*value, user);
+            }
             const auto wanted = given.find(property.name);
             if (wanted != given.end()) {
                 EXPECT_EQ(*value, *wanted) << property.name;
@@ -356,15 +361,17 @@ class CatalogueOfClasses : public testing::Test {
         return all;
     }
 
-    RunningFamily family;
+    RunningFamily family{4U << 20, {}, 0, 4096};  // some objects are larger than a small block
     cli::ApiClient api{family.url()};
     support::Catalogue classes;
     std::map<uint32_t, Place> places;
     std::map<uint32_t, std::string> standing;  ///< one of each that was asked for
     unsigned serial = 0;
+    std::string user;  ///< who writes
 };
 
 TEST_F(CatalogueOfClasses, LivesThroughTheApi) {
+    user = make(2);
     for (const auto& [nodetype, one] : classes) {
         if (!places.contains(nodetype)) {
             EXPECT_EQ(nodetype, 69U) << one.name << " belongs nowhere";

@@ -61,7 +61,7 @@ std::string RunningFamily::program(const std::string& name) {
 }
 
 RunningFamily::RunningFamily(uint64_t journal_bytes, const std::string& more_config,
-                             uint32_t log_mask) {
+                             uint32_t log_mask, uint32_t block_bytes) {
     const uint16_t port = free_port();
     url_ = fmt::format("http://127.0.0.1:{}", port);
     std::ofstream(dir_.file("tarmik.toml")) << fmt::format(
@@ -85,8 +85,9 @@ restart_longest_delay_ms = 50
 )",
         dir_.path().string(), port, more_config, log_mask);
     run_to_end({.program = program("tarmik"),
-                .arguments = {"format", database_path(), journal_path(), "--block-size", "1024",
-                              "--journal-size", std::to_string(journal_bytes)}});
+                .arguments = {"format", database_path(), journal_path(), "--block-size",
+                              std::to_string(block_bytes), "--journal-size",
+                              std::to_string(journal_bytes)}});
     start();
 }
 

@@ -31,11 +31,11 @@ struct Outcome {
 
 class RunningFamily {
   public:
-    /// Formats a database (blocks of 1024 bytes, a journal of `journal_bytes`) and starts the
+    /// Formats a database (blocks of `block_bytes`, a journal of `journal_bytes`) and starts the
     /// family, with `more_config` behind its configuration, which ends with the table [family],
     /// and with `log_mask` for its server. Fails the test when it isn't up within a minute.
     explicit RunningFamily(uint64_t journal_bytes = 4U << 20, const std::string& more_config = {},
-                           uint32_t log_mask = 0);
+                           uint32_t log_mask = 0, uint32_t block_bytes = 1024);
     /// Ends it by force if stop() was not called.
     ~RunningFamily();
     RunningFamily(const RunningFamily&) = delete;
