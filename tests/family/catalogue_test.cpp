@@ -84,9 +84,9 @@ const std::set<std::string> kComputed = {
 
 class CatalogueOfClasses : public testing::Test {
   protected:
-    CatalogueOfClasses() {
+    void SetUp() override {
         const char* source = std::getenv("TARMIK_SOURCE");
-        EXPECT_NE(source, nullptr) << "TARMIK_SOURCE tells where the listing is";
+        if (source == nullptr) GTEST_SKIP() << "TARMIK_SOURCE tells where the listing is";
         classes = support::read_catalogue(std::string(source) + "/tests/data/catalogue");
         find_places();
     }
