@@ -31,43 +31,58 @@ constexpr const char* kSite = R"({"parent": "0.1", "objects": [
     {"class": "Check", "as": "own http", "properties":
       {"remoteName": "web-1", "remoteType": "HTTP", "frequency": 30, "inherits": {"object": "http"}}}]}]})";
 
-TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
-    RunningFamily family;
-    cli::ApiClient api(family.url());
-    const std::string site = family.dir().file("site.json");
-    std::ofstream(site) << kSite;
-    const auto load = [&] {
+class NodeClass : public testing::Test {
+  protected:
+    NodeClass() {
+        std::ofstream(site_) << kSite;
+        EXPECT_EQ(load(), 0);
+    }
+    /// Ends with how the family ended.
+    void TearDown() override { EXPECT_EQ(family.stop().code, 0) << family.log_text(); }
+
+    int load() {
         return platform::wait_for_end(
                    platform::spawn({.program = RunningFamily::program("tarmik"),
-                                    .arguments = {"--url=" + family.url(), "load", site}}))
+                                    .arguments = {"--url=" + family.url(), "load", site_}}))
             .code;
-    };
-    ASSERT_EQ(load(), 0);
-    const auto ask = [&](const std::string& path, const json& body) {
+    }
+    ordered_json ask(const std::string& path, const json& body) {
         const Outcome outcome = post(api, path, body);
         EXPECT_TRUE(outcome.ok()) << path << " " << outcome.text;
         return outcome.ok() ? *outcome.answer : ordered_json();
-    };
+    }
     /// All objects that match below the root, whatever stands above them.
-    const auto find = [&](const std::string& pattern) {
+    ordered_json find(const std::string& pattern) {
         ordered_json found = ask("/api/v1/select", {{"pattern", pattern}})["results"];
         while (!found.empty() && found[0].contains("children")) found = found[0]["children"];
         return found;
-    };
-    const std::string checks =
-        "Domain > Node > CheckGroup > Check[remoteType,frequency,httpUrl,warnIfAbove,alertGroup,"
-        "dependsOn,goodScore,anyOverridden,hasInherits]";
-    const auto check = [&](const char* type) {
-        return find(checks + "{remoteType=\"" + type + "\"}").at(0);
-    };
-    const ordered_json ping = check("ICMP");
+    }
+    ordered_json check(const std::string& type) {
+        return find(
+                   "Domain > Node > CheckGroup > Check[remoteType,frequency,httpUrl,warnIfAbove,"
+                   "alertGroup,dependsOn,goodScore,anyOverridden,hasInherits]{remoteType=\"" +
+                   type + "\"}")
+            .at(0);
+    }
+    std::string config(const std::string& tag) {
+        return find(".*^ > NodeClassCheckConfig{tag=\"" + tag + "\"}").at(0)["id"];
+    }
+
+    RunningFamily family;
+    cli::ApiClient api{family.url()};
+
+  private:
+    const std::string site_ = family.dir().file("site.json");
+};
+
+TEST_F(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     ordered_json http = check("HTTP");
     const auto value = [&](const char* name) { return http["properties"][name]; };
     EXPECT_EQ(value("frequency"), 30);
     EXPECT_EQ(value("httpUrl"), "/health");
     EXPECT_EQ(value("warnIfAbove"), 250);
     EXPECT_EQ(value("goodScore"), -5);
-    EXPECT_EQ(value("dependsOn"), json::array({ping["id"]}));
+    EXPECT_EQ(value("dependsOn"), json::array({check("ICMP")["id"]}));
     EXPECT_EQ(value("alertGroup"), find("Domain > AlertGroup").at(0)["id"]);
     EXPECT_EQ(value("anyOverridden"), true);
     EXPECT_EQ(http["inherited"],
@@ -75,12 +90,7 @@ TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     EXPECT_EQ(find(".*^ > Check{hasInherits=true}").size(), 2U);
 
     // The class changes: whoever follows is found and written, and the override is taken back.
-    const std::string config =
-        find(
-            "Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig > "
-            "NodeClassCheckConfig{tag=\"http\"}")
-            .at(0)["id"];
-    ask("/api/v1/update", {{"id", config}, {"properties", {{"httpUrl", "/ready"}}}});
+    ask("/api/v1/update", {{"id", config("http")}, {"properties", {{"httpUrl", "/ready"}}}});
     http = check("HTTP");
     EXPECT_EQ(value("httpUrl"), "/health");
     ask("/api/v1/update",
@@ -89,22 +99,19 @@ TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     EXPECT_EQ(value("httpUrl"), "/ready");
     EXPECT_EQ(value("frequency"), 120);
     EXPECT_EQ(value("anyOverridden"), true) << "its name";
+}
 
-    // What would a further check get that follows the same configuration?
-    const std::string ping_config =
-        find(
-            "Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig > "
-            "NodeClassCheckConfig{tag=\"ping\"}")
-            .at(0)["id"];
+TEST_F(NodeClass, PeopleAskWhatAReferenceWouldMeanAndLoadTheSiteAgain) {
+    const std::string ping = config("ping");
     const std::string group =
         find("Domain > Node > CheckGroup{siblingName=\"netchecks\"}").at(0)["id"];
     const ordered_json translated =
         ask("/api/v1/translate",
-            {{"parent", group}, {"inherits", config}, {"references", {ping_config, "0.1"}}});
-    EXPECT_EQ(translated["references"].dump(), "[{\"id\":\"" + ping_config + "\",\"candidates\":[" +
-                                                   ping["id"].dump() +
+            {{"parent", group}, {"inherits", config("http")}, {"references", {ping, "0.1"}}});
+    EXPECT_EQ(translated["references"].dump(), "[{\"id\":\"" + ping + "\",\"candidates\":[" +
+                                                   check("ICMP")["id"].dump() +
                                                    "]},{\"id\":\"0.1\",\"candidates\":[\"0.1\"]}]");
-    const json unknown{{"id", "7.7"}, {"inherits", config}, {"references", {"0.1"}}};
+    const json unknown{{"id", "7.7"}, {"inherits", ping}, {"references", {"0.1"}}};
     const Outcome refused = post(api, "/api/v1/translate", unknown);
     EXPECT_TRUE(refused.refused);
     EXPECT_NE(refused.text.find("7.7 not found"), std::string::npos) << refused.text;
@@ -114,7 +121,6 @@ TEST(NodeClass, ALoadedNodeFollowsItsClassAndCatchesUp) {
     EXPECT_EQ(find("Domain > NodeClass > NodeClassNodeConfig > NodeClassCheckGroupConfig").size(),
               2U);
     EXPECT_EQ(find(".*^ > NodeClassCheckConfig").size(), 2U);
-    EXPECT_EQ(family.stop().code, 0) << family.log_text();
 }
 
 }  // namespace
