@@ -2,12 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <initializer_list>
 #include <nlohmann/json.hpp>
 
 #include "tql/names.h"
 #include "tql/query_text.h"
+#include "wapi/parameters.h"
 #include "wapi/result_json.h"
 
 namespace wapi {
@@ -25,66 +24,33 @@ constexpr uint64_t kMaxInterval_s = 86'400;
 constexpr std::array<std::string_view, 5> kOperationNames = {"created", "updated", "deleted",
                                                              "data", "checkin"};
 
-[[noreturn]] void refuse(std::string text) {
-    throw Refused(400, "BAD_REQUEST", std::move(text));
-}
-
-std::string cut(std::string_view text) {
-    return std::string(text.substr(0, 60));
-}
-
-void allow_only(const Request& request, std::initializer_list<std::string_view> names) {
-    for (const auto& [name, value] : request.query)
-        if (std::find(names.begin(), names.end(), name) == names.end())
-            refuse(fmt::format("Unknown parameter \"{}\"", cut(name)));
-}
-
-std::vector<std::string> find_all(const Request& request, std::string_view wanted) {
-    std::vector<std::string> values;
-    for (const auto& [name, value] : request.query)
-        if (name == wanted) values.push_back(value);
-    return values;
-}
-
-std::optional<std::string> find_one(const Request& request, std::string_view wanted) {
-    std::vector<std::string> values = find_all(request, wanted);
-    if (values.size() > 1) refuse(fmt::format("Parameter \"{}\" is given twice", wanted));
-    if (values.empty()) return std::nullopt;
-    return std::move(values.front());
-}
-
 bool read_flag(const Request& request, std::string_view name, bool usual) {
-    const auto text = find_one(request, name);
+    const auto text = find_parameter(request, name);
     if (!text) return usual;
     if (*text != "0" && *text != "1")
-        refuse(fmt::format("Parameter \"{}\": \"{}\" is neither 0 nor 1", name, cut(*text)));
+        refuse_parameter(
+            fmt::format("Parameter \"{}\": \"{}\" is neither 0 nor 1", name, shown_part(*text)));
     return *text == "1";
 }
 
 uint64_t read_interval(const Request& request) {
-    const auto text = find_one(request, "interval");
-    if (!text) return 0;
-    uint64_t seconds = 0;
-    const auto [end, failure] = std::from_chars(text->data(), text->data() + text->size(), seconds);
-    if (failure != std::errc() || end != text->data() + text->size() || seconds > kMaxInterval_s)
-        refuse(fmt::format("Parameter \"interval\": \"{}\" is no number of seconds up to {}",
-                           cut(*text), kMaxInterval_s));
-    return seconds;
+    return find_number(request, "interval", kMaxInterval_s, "number of seconds").value_or(0);
 }
 
 tql::id_t read_root(std::string_view text) {
     const auto id = tql::id_t::parse(text);
     if (!id || id->size() < 2)
-        refuse(fmt::format("Parameter \"root\": \"{}\" is no id, expected one like 1.4294960001",
-                           cut(text)));
+        refuse_parameter(
+            fmt::format("Parameter \"root\": \"{}\" is no id, expected one like 1.4294960001",
+                        shown_part(text)));
     return *id;
 }
 
 uint32_t read_operation(const std::string& text) {
     const auto* found = std::find(kOperationNames.begin(), kOperationNames.end(), text);
     if (found == kOperationNames.end())
-        refuse(fmt::format("Parameter \"operation\": \"{}\" is none of {}", cut(text),
-                           fmt::join(kOperationNames, ", ")));
+        refuse_parameter(fmt::format("Parameter \"operation\": \"{}\" is none of {}",
+                                     shown_part(text), fmt::join(kOperationNames, ", ")));
     return static_cast<uint32_t>(found - kOperationNames.begin());
 }
 
@@ -104,12 +70,12 @@ ordered_json plan_to_json(const PatchPlan& plan) {
 }  // namespace
 
 SubscribeRequest subscribe_request(const Request& request) {
-    allow_only(request, {"pattern", "root", "patches", "interval"});
-    const auto pattern = find_one(request, "pattern");
-    if (!pattern) refuse("Parameter \"pattern\" is missing");
+    allow_parameters(request, {"pattern", "root", "patches", "interval"});
+    const auto pattern = find_parameter(request, "pattern");
+    if (!pattern) refuse_parameter("Parameter \"pattern\" is missing");
     SubscribeRequest wanted;
     wanted.record.pattern = tql::parse_pattern(*pattern);
-    const std::vector<std::string> roots = find_all(request, "root");
+    const std::vector<std::string> roots = find_parameters(request, "root");
     for (const std::string& root : roots) {
         const tql::id_t id = read_root(root);
         auto& ids = wanted.record.root_ids;
@@ -125,14 +91,14 @@ SubscribeRequest subscribe_request(const Request& request) {
 }
 
 dbms::Tql_Simple_Subscribe_Data events_request(const Request& request) {
-    allow_only(request, {"root", "class", "operation", "own"});
+    allow_parameters(request, {"root", "class", "operation", "own"});
     dbms::Tql_Simple_Subscribe_Data record;
-    const auto root = find_one(request, "root");
+    const auto root = find_parameter(request, "root");
     record.root = root ? read_root(*root) : kRootId;
-    for (const std::string& name : find_all(request, "class"))
+    for (const std::string& name : find_parameters(request, "class"))
         record.classes.insert(tql::get_class(name));
     if (record.classes.empty()) record.classes.insert(tql::get_class("."));
-    for (const std::string& name : find_all(request, "operation"))
+    for (const std::string& name : find_parameters(request, "operation"))
         record.operations.insert(read_operation(name));
     if (record.operations.empty())
         for (uint32_t number = 0; number < kOperationNames.size(); ++number)

@@ -38,6 +38,7 @@ Service::Service(io::ChildMessenger& messenger, queues::childqueue& queue,
       gateway_(*this, clock),
       streams_(*this, clock),
       metrics_(*this, clock),
+      series_(*this, clock),
       http_ready_(http_.epoll_fd(), "http"),
       span_clock_(clock),
       timer_(span_clock_) {

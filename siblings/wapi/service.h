@@ -16,6 +16,7 @@
 #include "wapi/http_server.h"
 #include "wapi/live_streams.h"
 #include "wapi/metrics_endpoint.h"
+#include "wapi/series_endpoint.h"
 
 namespace wapi {
 
@@ -71,11 +72,12 @@ class Service final : private GatewayPorts, private HttpRequests {
     Gateway gateway_;
     LiveStreams streams_;
     MetricsEndpoint metrics_;
+    SeriesEndpoint series_;
     /// What others look into here.
     meter::Tree own_metrics_{"wapi"};
     std::optional<queues::Introspection> introspection_;  ///< from run() on
     /// All parts that answer requests. What none of them serves goes to the last one.
-    std::vector<Endpoint*> endpoints_{&streams_, &metrics_, &gateway_};
+    std::vector<Endpoint*> endpoints_{&streams_, &metrics_, &series_, &gateway_};
     io::FdSelectable http_ready_;
     platform::SpanClock span_clock_;
     io::Timer timer_;

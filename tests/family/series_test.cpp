@@ -10,6 +10,7 @@ namespace family {
 namespace {
 
 using nlohmann::json;
+using nlohmann::ordered_json;
 
 constexpr uint32_t kNoSeries = 0xFFFFFFFF;
 
@@ -85,6 +86,53 @@ TEST_F(Series, ACheckGetsOneAndASlowStoreOnlyCostsTime) {
     EXPECT_NE(series_of(waited.answer->at("id")), kNoSeries);
     EXPECT_NE(series_of(waited.answer->at("id")), series);
     EXPECT_NE(other.get(), "");
+    EXPECT_EQ(family.stop().code, 0) << family.log_text();
+}
+
+TEST_F(Series, RecordsGoInAndComeOutThroughTheGatewayAndOutliveTheStore) {
+    const Outcome check = create_check("a");
+    ASSERT_TRUE(check.ok()) << check.text;
+    const std::string path = "/api/v1/series/" + check.answer->at("id").get<std::string>();
+    const auto read = [&](const std::string& parameters) {
+        cli::ApiClient api(family.url());
+        return api.get(path + parameters).at("records");
+    };
+    EXPECT_TRUE(read("").empty());
+    json records = json::array();
+    for (int minute = 0; minute < 30; ++minute)
+        records.push_back({{"time", 1'700'000'100 + 60 * minute}, {"value", minute}});
+    const Outcome appended = ask(path, {{"records", records}});
+    ASSERT_TRUE(appended.ok()) << appended.text;
+
+    // An acknowledged append is durable.
+    ::kill(family.child_pid("tsdb"), SIGKILL);
+    ordered_json found;
+    for (int tries = 0; tries < 120 && found.empty(); ++tries) {
+        try {
+            found = read("?from=2023-11-14T22:16:00Z&to=1700000400");
+        } catch (const cli::CommandError& away) {
+            EXPECT_EQ(away.exit_code(), cli::kNotReachable) << away.text();
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+    }
+    ASSERT_EQ(found.size(), 5U) << family.log_text();
+    EXPECT_EQ(found[0]["start"], "2023-11-14T22:16:00Z");
+    EXPECT_EQ(found[4]["avg"], 5.0);
+    // By the quarter of an hour, and only the newest.
+    found = read("?resolution=900&count=1");
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0]["max"], 29.0);
+    EXPECT_EQ(found[0]["end"], "2023-11-14T22:44:00Z");
+
+    const std::string incidents = "/api/v1/series/" + node;
+    EXPECT_FALSE(
+        ask(incidents, {{"property", "tsdbIncident"}, {"records", {{{"value", 1}}}}}).ok());
+    const Outcome incident =
+        ask(incidents, {{"property", "tsdbIncident"}, {"records", {{{"message", "link down"}}}}});
+    ASSERT_TRUE(incident.ok()) << incident.text;
+    cli::ApiClient api(family.url());
+    EXPECT_EQ(api.get(incidents + "?property=tsdbIncident").at("records").at(0).at("message"),
+              "link down");
     EXPECT_EQ(family.stop().code, 0) << family.log_text();
 }
 

@@ -28,9 +28,9 @@ class Watcher {
     /// Takes what has come.
     void step() {
         if (!client_)
-            client_.emplace(url_, "/api/v1/subscribe",
-                            cli::LiveClient::Parameters{{"pattern", pattern_},
-                                                        {"patches", patches_ ? "1" : "0"}});
+            client_.emplace(
+                url_, "/api/v1/subscribe",
+                cli::Parameters{{"pattern", pattern_}, {"patches", patches_ ? "1" : "0"}});
         for (cli::StreamItem& item : client_->take()) {
             if (std::holds_alternative<cli::StreamEnd>(item)) {
                 client_.reset();

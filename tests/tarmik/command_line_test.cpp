@@ -167,6 +167,49 @@ TEST_F(ShellTest, InheritanceIsTakenAndGivenBack) {
     EXPECT_TRUE(api.asked.empty());
 }
 
+TEST_F(ShellTest, ASeriesIsListedAndDrawn) {
+    const std::string answer = R"({"id": "1.5", "label": "web\u001b", "property": "tsdbIndex",
+        "layout": {"type": "continuous", "levels": []}, "more": true,
+        "columns": [{"name": "start"}, {"name": "avg", "unit": "ms"}], "records": [
+        {"start": "2026-11-23T13:00:00Z", "end": "2026-11-23T13:00:00Z", "min": 10, "avg": 10,
+         "max": 10, "good": 1, "bad": 0},
+        {"start": "2026-11-23T13:30:00Z", "end": "2026-11-23T13:30:00Z", "min": 0, "avg": 0,
+         "max": 0, "good": 0, "bad": 2},
+        {"start": "2026-11-23T14:00:00Z", "end": "2026-11-23T14:00:00Z", "min": 20, "avg": 21.5,
+         "max": 32, "good": 3, "bad": 0}]})";
+    api.answers.assign(2, {200, answer});
+    EXPECT_EQ(run("series 1.5 --from -1d --count 3"), 0);
+    EXPECT_EQ(out,
+              "web\\u001b: tsdbIndex, continuous\n"
+              "start                 avg (ms)\n"
+              "2026-11-23T13:00:00Z  10\n"
+              "2026-11-23T13:30:00Z  0\n"
+              "2026-11-23T14:00:00Z  21.5\n");
+    EXPECT_NE(err, "");
+    EXPECT_EQ(run("series 1.5 --graph"), 0);
+    const std::string blank(62, ' ');
+    const std::string edge = "|" + blank + " :\n";
+    EXPECT_THAT(out, testing::HasSubstr("\n32 ms " + edge));
+    EXPECT_THAT(out, testing::HasSubstr("|" + blank + " o\n"));
+    EXPECT_THAT(out, testing::HasSubstr("\n10 ms |o\n"));
+    EXPECT_THAT(out, testing::HasSubstr("\n  bad |" + std::string(31, ' ') + "x\n"));
+    EXPECT_EQ(api.asked[0], "/api/v1/series/1.5?count=3&from=-1d null");
+
+    // A single value lies in the middle, and states have a line each.
+    std::string flat = answer.substr(0, answer.find(R"(,
+        {"start": "2026-11-23T13:30)")) +
+                       "]}";
+    std::string states = flat;
+    states.replace(states.find("continuous"), 10, "enumerated");
+    states.replace(states.find(R"("min": 10)"), 9, R"("states": [3, 0])");
+    api.answers = {{200, flat}, {200, states}};
+    EXPECT_EQ(run("series 1.5 --graph"), 0);
+    EXPECT_THAT(out, testing::HasSubstr("|o\n"));
+    EXPECT_EQ(run("series 1.5 --graph"), 0);
+    EXPECT_THAT(out, testing::HasSubstr("\nstate  0 |#"));
+    EXPECT_THAT(out, testing::HasSubstr("\nstate  3 |#"));
+}
+
 /// What the gateway tells of two templates of paths under a user, and with `plan` of another one.
 std::string templates_answer(const std::string& plan = "") {
     return R"({"results": [{"id": "1.5", "class": "User", "properties": {}, "children": [

@@ -4,6 +4,8 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "error/exception.h"
 #include "tarmik/exit_codes.h"
@@ -41,6 +43,10 @@ class ServerRefusal : public CommandError {
 /// Reads an answer. Throws CommandError for an answer that isn't the gateway's, that says that the
 /// server is away, and, as ServerRefusal, for a request that was refused.
 [[nodiscard]] nlohmann::ordered_json read_answer(int http_status, const std::string& body);
+
+using Parameters = std::vector<std::pair<std::string, std::string>>;
+/// The path with its parameters behind it, encoded.
+[[nodiscard]] std::string path_with(const std::string& path, const Parameters& parameters);
 
 /// What commands ask; tests put something else in its place.
 class Api {

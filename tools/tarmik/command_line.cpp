@@ -43,6 +43,7 @@ struct Parsed {
     LogsArguments logs;
     LogLevelArguments log_level;
     std::string metrics_path;
+    SeriesArguments series;
     std::string block_size = "4096";
     std::string journal_size = "64M";
 };
@@ -144,6 +145,20 @@ void load_arguments(CLI::App& app, Parsed& parsed) {
 
 void metrics_arguments(CLI::App& app, Parsed& parsed) {
     app.add_option("path", parsed.metrics_path, "What to show, as event/proc; without it, all");
+}
+
+void series_arguments(CLI::App& app, Parsed& parsed) {
+    constexpr const char* kMoment =
+        "as 2026-11-23T13:00:00Z, seconds since 1970, now, or -90m, -12h, -1d, -2w";
+    app.add_option("id", parsed.series.id, "Object that has the series")->required();
+    app.add_option("--property", parsed.series.property,
+                   "tsdbIndex (without it), tsdbIncident or tsdbForecast");
+    app.add_option("--from", parsed.series.from, fmt::format("Earliest time, {}", kMoment));
+    app.add_option("--to", parsed.series.to, "Latest time, likewise");
+    app.add_option("--count", parsed.series.count, "Only so many of the newest; without it, 500");
+    app.add_option("--resolution", parsed.series.resolution,
+                   "Seconds that a record may span; without it, the finest there is");
+    app.add_flag("--graph", parsed.series.graph, "Draw measured values and states over time");
 }
 
 CLI::IsMember is_level() {
@@ -271,6 +286,8 @@ const FamilyCommand kFamilyCommands[] = {
      [](Commands& commands, const Parsed& parsed) { commands.load(parsed.load_path); }},
     {{"metrics", "Shows what the server counts and measures", metrics_arguments},
      [](Commands& commands, const Parsed& parsed) { commands.metrics(parsed.metrics_path); }},
+    {{"series", "Shows the records of a time series", series_arguments},
+     [](Commands& commands, const Parsed& parsed) { commands.series(parsed.series); }},
     {{"log-level", "Sets from which level on a logger writes", log_level_arguments},
      [](Commands& commands, const Parsed& parsed) { commands.log_level(parsed.log_level); }},
 };

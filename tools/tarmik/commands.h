@@ -59,6 +59,17 @@ struct LogLevelArguments {
     std::string process;  ///< empty: the server and the gateway
 };
 
+/// Empty texts: what the gateway takes without them.
+struct SeriesArguments {
+    std::string id;
+    std::string property;
+    std::string from;
+    std::string to;
+    std::string count;
+    std::string resolution;
+    bool graph = false;
+};
+
 class Commands {
   public:
     /// Both must outlive this object.
@@ -78,6 +89,8 @@ class Commands {
     /// Prints the values of the server's metrics below a path; all for an empty one.
     void metrics(const std::string& path);
     void log_level(const LogLevelArguments& arguments);
+    /// Prints the records of a time series, a line each, or draws them where they can be drawn.
+    void series(const SeriesArguments& arguments);
     /// Creates the objects of a file, from the top down. What exists already under its parent, by
     /// the key of its class, is left as it is. Prints how many were created.
     void load(const std::string& path);

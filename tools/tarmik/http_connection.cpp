@@ -53,6 +53,13 @@ std::string checked_address(const std::string& url) {
 
 }  // namespace
 
+std::string path_with(const std::string& path, const Parameters& parameters) {
+    if (parameters.empty()) return path;
+    httplib::Params encoded;
+    for (const auto& [name, value] : parameters) encoded.emplace(name, value);
+    return httplib::append_query_params(path, encoded);
+}
+
 ApiClient::ApiClient(const std::string& url)
     : url_(url), connection_(std::make_unique<Connection>(checked_address(url))) {
     if (!connection_->client.is_valid()) refuse_address(url);
@@ -154,12 +161,8 @@ struct LiveClient::Worker {
 LiveClient::LiveClient(const std::string& url, const std::string& path,
                        const Parameters& parameters)
     : worker_(std::make_unique<Worker>(url)) {
-    httplib::Params encoded;
-    for (const auto& [name, value] : parameters) encoded.emplace(name, value);
-    worker_->thread =
-        std::thread([worker = worker_.get(), target = httplib::append_query_params(path, encoded)] {
-            worker->work(target);
-        });
+    worker_->thread = std::thread(
+        [worker = worker_.get(), target = path_with(path, parameters)] { worker->work(target); });
 }
 
 LiveClient::~LiveClient() {

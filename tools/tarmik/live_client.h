@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "tarmik/api_client.h"
 #include "tarmik/event_reader.h"
 
 namespace cli {
@@ -24,8 +25,6 @@ using StreamItem = std::variant<StreamEvent, StreamEnd>;
 
 class LiveClient {
   public:
-    using Parameters = std::vector<std::pair<std::string, std::string>>;
-
     /// Asks for `path` with these parameters. Throws CommandError with kUsage for a wrong address.
     /// Signals that the process blocks at this moment don't reach the thread.
     LiveClient(const std::string& url, const std::string& path, const Parameters& parameters);

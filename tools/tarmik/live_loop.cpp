@@ -24,7 +24,7 @@ constexpr int kNoAnswerInTime = 504;
 
 class Loop {
   public:
-    Loop(const std::string& url, const std::string& path, const LiveClient::Parameters& parameters,
+    Loop(const std::string& url, const std::string& path, const Parameters& parameters,
          LiveFollower& follower)
         : url_(url), path_(path), parameters_(parameters), follower_(follower) {}
 
@@ -123,7 +123,7 @@ class Loop {
     const platform::SystemClock clock_;
     const std::string& url_;
     const std::string& path_;
-    const LiveClient::Parameters& parameters_;
+    const Parameters& parameters_;
     LiveFollower& follower_;
     std::unique_ptr<LiveClient> client_;
     uint64_t retry_at_us_ = 0;
@@ -132,8 +132,8 @@ class Loop {
 
 }  // namespace
 
-void follow(const std::string& url, const std::string& path,
-            const LiveClient::Parameters& parameters, LiveFollower& follower) {
+void follow(const std::string& url, const std::string& path, const Parameters& parameters,
+            LiveFollower& follower) {
     Loop(url, path, parameters, follower).run();
 }
 

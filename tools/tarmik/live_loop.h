@@ -37,7 +37,7 @@ class LiveFollower {
 
 /// Follows a live request until a signal ends it or the follower does. Throws CommandError when
 /// the first connection fails, and for a refusal at any time.
-void follow(const std::string& url, const std::string& path,
-            const LiveClient::Parameters& parameters, LiveFollower& follower);
+void follow(const std::string& url, const std::string& path, const Parameters& parameters,
+            LiveFollower& follower);
 
 }  // namespace cli

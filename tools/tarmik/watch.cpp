@@ -185,7 +185,7 @@ class OperationLines final : public LineFollower {
 
 int watch_command(const WatchArguments& arguments, const std::string& url, const Output& output) {
     check_pattern(arguments.pattern);
-    LiveClient::Parameters parameters{{"pattern", arguments.pattern}, {"patches", "1"}};
+    Parameters parameters{{"pattern", arguments.pattern}, {"patches", "1"}};
     for (const std::string& root : arguments.roots) parameters.emplace_back("root", root);
     if (arguments.interval_s > 0)
         parameters.emplace_back("interval", std::to_string(arguments.interval_s));
@@ -200,7 +200,7 @@ int watch_command(const WatchArguments& arguments, const std::string& url, const
 }
 
 int events_command(const EventsArguments& arguments, const std::string& url, const Output& output) {
-    LiveClient::Parameters parameters;
+    Parameters parameters;
     if (!arguments.root.empty()) parameters.emplace_back("root", arguments.root);
     for (const std::string& name : arguments.classes) parameters.emplace_back("class", name);
     for (const std::string& name : arguments.operations) parameters.emplace_back("operation", name);
