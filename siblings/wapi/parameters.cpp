@@ -29,8 +29,7 @@ std::vector<std::string> find_parameters(const Request& request, std::string_vie
 
 std::optional<std::string> find_parameter(const Request& request, std::string_view wanted) {
     std::vector<std::string> values = find_parameters(request, wanted);
-    if (values.size() > 1)
-        refuse_parameter(fmt::format("Parameter \"{}\" is given twice", wanted));
+    if (values.size() > 1) refuse_parameter(fmt::format("Parameter \"{}\" is given twice", wanted));
     if (values.empty()) return std::nullopt;
     return std::move(values.front());
 }

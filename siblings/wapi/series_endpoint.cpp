@@ -84,8 +84,7 @@ void SeriesEndpoint::go_on(Call& call, const queues::event& received) {
         case queues::RETURN_TQL_SELECT:
             return take_object(call, queues::data<queues::RETURN_TQL_SELECT>(received));
         case queues::RETURN_TSDB_GET_DATA: {
-            const auto& returned =
-                check_data(queues::data<queues::RETURN_TSDB_GET_DATA>(received));
+            const auto& returned = check_data(queues::data<queues::RETURN_TSDB_GET_DATA>(received));
             return ports_.answer(call.token, answer(call.wanted, call.object, returned));
         }
         case queues::RETURN_TSDB_GET_LATEST_DATA_RECORD: {
@@ -97,8 +96,8 @@ void SeriesEndpoint::go_on(Call& call, const queues::event& received) {
             check_data(queues::data<queues::RETURN_TSDB_APPEND_DATA>(received));
             return ports_.answer(call.token, answer_append(call.wanted));
         default:
-            throw errors::tql(errors::ERR_BACKEND, fmt::format("Unexpected reply {}",
-                                                               queues::event_name(&received)));
+            throw errors::tql(errors::ERR_BACKEND,
+                              fmt::format("Unexpected reply {}", queues::event_name(&received)));
     }
 }
 

@@ -53,9 +53,10 @@ uint32_t read_property(const std::optional<std::string>& name) {
 
 int64_t get_moment(std::string_view what, std::string_view text, int64_t now_s) {
     if (const auto moment = read_moment(text, now_s)) return *moment;
-    refuse(fmt::format("{}: \"{}\" is no time, expected one like 2026-11-23T13:00:00Z, seconds "
-                       "since 1970, now, or -90m, -12h, -1d, -2w",
-                       what, shown_part(text)));
+    refuse(
+        fmt::format("{}: \"{}\" is no time, expected one like 2026-11-23T13:00:00Z, seconds "
+                    "since 1970, now, or -90m, -12h, -1d, -2w",
+                    what, shown_part(text)));
 }
 
 int64_t moment_parameter(const Request& request, std::string_view name, int64_t now_s) {
@@ -70,12 +71,13 @@ void read_range(const Request& request, int64_t now_s, SeriesRequest& into) {
     into.to = moment_parameter(request, "to", now_s);
     if (into.to != 0 && into.from > into.to)
         refuse(fmt::format("\"from\", {}, lies behind \"to\", {}", into.from, into.to));
-    into.count = static_cast<uint32_t>(
-        find_number(request, "count", kMostSeriesRecords, "number of records")
-            .value_or(kUsualSeriesRecords));
+    into.count =
+        static_cast<uint32_t>(find_number(request, "count", kMostSeriesRecords, "number of records")
+                                  .value_or(kUsualSeriesRecords));
     if (into.count == 0) refuse("Parameter \"count\" must be at least 1");
     into.resolution_s = static_cast<uint32_t>(
-        find_number(request, "resolution", tsdb::kMaxResolution_s, "number of seconds").value_or(0));
+        find_number(request, "resolution", tsdb::kMaxResolution_s, "number of seconds")
+            .value_or(0));
 }
 
 void read_appended(const Request& request, SeriesRequest& into) {
@@ -372,12 +374,10 @@ bool has_series(const SeriesRequest& wanted, const dbms::Return_Tql_Select_Data&
                           fmt::format("{} not found", wanted.id.to_string()));
     const tql::result_t& object = found.res.front();
     const auto value = object.properties.find(wanted.property);
-    if (value == object.properties.end() ||
-        value->second->type() != tql::property_type_t::index)
-        throw errors::tql(
-            errors::ERR_NO_SUCH_PROPERTY,
-            fmt::format("{} {} has no property {}", tql::class_name(object.class_),
-                        wanted.id.to_string(), tql::property_name(wanted.property)));
+    if (value == object.properties.end() || value->second->type() != tql::property_type_t::index)
+        throw errors::tql(errors::ERR_NO_SUCH_PROPERTY,
+                          fmt::format("{} {} has no property {}", tql::class_name(object.class_),
+                                      wanted.id.to_string(), tql::property_name(wanted.property)));
     return !value->second->is_null &&
            static_cast<const tql::property_index_t&>(*value->second).value != tsdb::kNoSeries;
 }

@@ -69,7 +69,7 @@ TEST(Words, SizesAndLines) {
 
 TEST(Words, CompletionKnowsWhereItStands) {
     const auto commands = cli::shell_commands();
-    EXPECT_THAT(cli::complete("  se", commands).candidates, testing::ElementsAre("select"));
+    EXPECT_THAT(cli::complete("  sel", commands).candidates, testing::ElementsAre("select"));
     EXPECT_THAT(cli::complete("select NodeInfoG", commands).candidates,
                 testing::ElementsAre("NodeInfoGroup"));
     const cli::Completion wanted = cli::complete("select Node[name, labe", commands);

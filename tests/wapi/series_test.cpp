@@ -1,6 +1,4 @@
 // Requests for time series, from the parameters to the answer, with the server played by the test.
-#include "wapi/series_endpoint.h"
-
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -9,6 +7,7 @@
 #include "tql/errors.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
+#include "wapi/series_endpoint.h"
 
 namespace {
 
@@ -39,7 +38,8 @@ TEST(SeriesRequests, MomentsAreReadInEveryForm) {
         {"9223372036854775807", {}},
         {"", {}},
     };
-    for (const auto& [text, moment] : cases) EXPECT_EQ(wapi::read_moment(text, kNow), moment) << text;
+    for (const auto& [text, moment] : cases)
+        EXPECT_EQ(wapi::read_moment(text, kNow), moment) << text;
 }
 
 class SeriesTest : public testing::Test, private wapi::GatewayPorts {
@@ -71,7 +71,8 @@ class SeriesTest : public testing::Test, private wapi::GatewayPorts {
         node.class_ = cls::Check;
         node.id = {1, 5};
         tql::add<tql::property_string_t>(node.properties, prop::treeLabel, "web [ICMP]");
-        tql::add<tql::property_blob_t>(node.properties, prop::unit, {0x51, 1, 0x11, 1, 1, 4, 0x21, 1});
+        tql::add<tql::property_blob_t>(node.properties, prop::unit,
+                                       {0x51, 1, 0x11, 1, 1, 4, 0x21, 1});
         if (index) tql::add<tql::property_index_t>(node.properties, property, *index);
         reply<queues::RETURN_TQL_SELECT>({.res = {node}});
     }
@@ -217,15 +218,17 @@ TEST_F(SeriesTest, WhatCanNotBeReadIsToldWhy) {
 }
 
 TEST_F(SeriesTest, RecordsAreAppendedAsTheSeriesHasThem) {
-    post({{"records", {{{"value", 1.5}, {"time", "-1m"}}, {{"avg", 2}, {"max", 3}, {"start", 60},
-                                                           {"end", 120}, {"good", 4}}}}});
+    post({{"records",
+           {{{"value", 1.5}, {"time", "-1m"}},
+            {{"avg", 2}, {"max", 3}, {"start", 60}, {"end", 120}, {"good", 4}}}}});
     reply_object(17);
     EXPECT_EQ(asked<queues::TSDB_GET_LATEST_DATA_RECORD>().index_property, prop::tsdbIndex);
     reply<queues::RETURN_TSDB_GET_LATEST_DATA_RECORD>({.data_type = tsdb::kUptimeData});
     const auto& appended = asked<queues::TSDB_APPEND_DATA>();
     EXPECT_EQ(appended.data_type, tsdb::kUptimeData);
     ASSERT_EQ(appended.data.size(), 2U);
-    const auto& first = static_cast<const tsdb::data_interval_continuous_t&>(*appended.data[0].get());
+    const auto& first =
+        static_cast<const tsdb::data_interval_continuous_t&>(*appended.data[0].get());
     EXPECT_EQ(std::tuple(first.start, first.end, first.min, first.max, first.ngood),
               std::tuple(kNow - 60, kNow - 60, 1.5F, 1.5F, 1U));
     const auto& second =
@@ -249,7 +252,8 @@ TEST_F(SeriesTest, RecordsAreAppendedAsTheSeriesHasThem) {
 TEST_F(SeriesTest, WrongRecordsAreRefusedWhole) {
     for (const json& records : {json(5), json::array(), json{1}, json(1001, json::object())}) {
         post({{"records", records}});
-        EXPECT_EQ(outcome(), "400 BAD_REQUEST: Field \"records\" must be a list of 1 to 1000 objects");
+        EXPECT_EQ(outcome(),
+                  "400 BAD_REQUEST: Field \"records\" must be a list of 1 to 1000 objects");
     }
     const std::tuple<uint32_t, const char*, const char*> wrong[] = {
         {tsdb::kContinuousData, R"({"message": "a"})", "field \"avg\" must be a number"},
@@ -259,7 +263,8 @@ TEST_F(SeriesTest, WrongRecordsAreRefusedWhole) {
         {tsdb::kContinuousData, R"({"value": 1, "good": -1})",
          "field \"good\" must be a number from 0 to 4294967295"},
         {tsdb::kContinuousData, R"({"value": 1, "start": 9, "end": 8})", "ends before it starts"},
-        {tsdb::kEnumeratedData, R"({"state": 32})", "field \"state\" must be a number from 0 to 31"},
+        {tsdb::kEnumeratedData, R"({"state": 32})",
+         "field \"state\" must be a number from 0 to 31"},
         {tsdb::kIncidentData, R"({"severity": 1})", "field \"message\" must be a text"},
     };
     for (const auto& [data_type, record, text] : wrong) {

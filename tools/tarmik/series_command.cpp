@@ -26,14 +26,13 @@ void Commands::series(const SeriesArguments& arguments) {
                                       {"count", &arguments.count},
                                       {"resolution", &arguments.resolution}})
         if (!value->empty()) parameters.emplace_back(name, *value);
-    const ordered_json answer =
-        api_.get(path_with("/api/v1/series/" + arguments.id, parameters));
+    const ordered_json answer = api_.get(path_with("/api/v1/series/" + arguments.id, parameters));
     if (output_.json)
-        return output_.print(
-            answer.dump(2, ' ', false, ordered_json::error_handler_t::replace) + "\n");
+        return output_.print(answer.dump(2, ' ', false, ordered_json::error_handler_t::replace) +
+                             "\n");
     if (answer.at("records").empty()) return output_.remark("No records in this range\n");
-    output_.print(fmt::format("{}: {}, {}\n", text_of(answer, "label"),
-                              text_of(answer, "property"), text_of(answer.at("layout"), "type")));
+    output_.print(fmt::format("{}: {}, {}\n", text_of(answer, "label"), text_of(answer, "property"),
+                              text_of(answer.at("layout"), "type")));
     const std::string graph = arguments.graph ? series_graph(answer) : std::string();
     output_.print(graph.empty() ? series_table(answer) : graph);
     if (answer.at("more").get<bool>())

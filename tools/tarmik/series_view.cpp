@@ -66,7 +66,8 @@ class TimeAxis {
     }
     [[nodiscard]] size_t column(int64_t moment) const {
         if (last_ <= first_) return 0;
-        const double part = static_cast<double>(moment - first_) / static_cast<double>(last_ - first_);
+        const double part =
+            static_cast<double>(moment - first_) / static_cast<double>(last_ - first_);
         return static_cast<size_t>(std::clamp(part, 0.0, 1.0) * static_cast<double>(columns_ - 1));
     }
     /// Both ends, in UTC, below the columns.
@@ -104,8 +105,8 @@ std::string framed(const std::vector<std::string>& lines, double low, double hig
     std::map<size_t, std::string> labels;
     for (const size_t row : {size_t{0}, lines.size() / 2, lines.size() - 1}) {
         const double part = static_cast<double>(row) / static_cast<double>(lines.size() - 1);
-        labels[row] = fmt::format("{:.6g}{}{}", high - (high - low) * part,
-                                  unit.empty() ? "" : " ", unit);
+        labels[row] =
+            fmt::format("{:.6g}{}{}", high - (high - low) * part, unit.empty() ? "" : " ", unit);
     }
     for (const auto& [row, label] : labels) indent = std::max(indent, label.size());
     std::string text;
