@@ -75,15 +75,37 @@ size_t find_counter(const ObjectHandler& handler, uint32_t number) {
     return *index;
 }
 
-/// Writes the counters that `diff` changes; `work` is what the object holds.
-void store_counters(ObjectHandler& handler, const WorkArray& work, const UseMap& diff) {
-    handler.rewrite_records([&](mdb::ObjectStore& objects, mdb::dobj& image) {
-        for (const auto& [number, difference] : diff) {
-            const uint32_t before = stored_count(work[find_counter(handler, number)]);
-            const mdb::PropertyCount counter(number, add_to_counter(before, difference));
-            objects.update_property(image, counter, true, false);
-        }
-    });
+/// An object whose counters change.
+struct Counting {
+    ObjectHandlerRef object;
+    std::vector<mdb::PropertyCount> counters;  ///< as they are to be
+};
+
+/// The counters that `diff` changes; `work` is what the object holds.
+std::vector<mdb::PropertyCount> counters_after(const ObjectHandler& handler, const WorkArray& work,
+                                               const UseMap& diff) {
+    std::vector<mdb::PropertyCount> counters;
+    for (const auto& [number, difference] : diff) {
+        const uint32_t before = stored_count(work[find_counter(handler, number)]);
+        counters.emplace_back(number, add_to_counter(before, difference));
+    }
+    return counters;
+}
+
+/// The ancestors that count `diff`, from `handler`'s parent up.
+std::vector<Counting> counting_ancestors(ObjectHandler& handler, UseMap diff) {
+    std::vector<Counting> way;
+    for (ObjectHandler* at = &handler; !diff.empty(); at = way.back().object.get()) {
+        ObjectHandlerRef parent = counting_parent(*at);
+        if (!parent) break;
+        const WorkArray work = parent->load_values();
+        UseMap above = diff;
+        parent->schema().account(ObjectView(*parent), work, above);
+        std::vector<mdb::PropertyCount> counters = counters_after(*parent, work, diff);
+        way.push_back({std::move(parent), std::move(counters)});
+        diff = std::move(above);
+    }
+    return way;
 }
 
 }  // namespace
@@ -144,13 +166,13 @@ UseMap get_use_diff(const UseMap& before, const UseMap& after) {
 // ---- the way up --------------------------------------------------------------------------------
 
 std::unique_ptr<StoreTransaction> accountParent(ObjectHandler& handler, const UseMap& diff) {
-    const ObjectHandlerRef parent = diff.empty() ? ObjectHandlerRef{} : counting_parent(handler);
-    if (!parent) return std::make_unique<StoreTransaction>(handler.store());
-    const WorkArray work = parent->load_values();
-    UseMap above = diff;
-    parent->schema().account(ObjectView(*parent), work, above);
-    std::unique_ptr<StoreTransaction> transaction = accountParent(*parent, above);
-    store_counters(*parent, work, diff);
+    std::vector<Counting> way = counting_ancestors(handler, diff);
+    auto transaction = std::make_unique<StoreTransaction>(handler.store());
+    for (; !way.empty(); way.pop_back())  // the top first
+        way.back().object->rewrite_records([&](mdb::ObjectStore& objects, mdb::dobj& image) {
+            for (const mdb::PropertyCount& counter : way.back().counters)
+                objects.update_property(image, counter, true, false);
+        });
     return transaction;
 }
 

@@ -58,7 +58,7 @@ void FakeObjectHandler::tqlDelete(const tqlengine::DeleteArguments&) {
     refuse("tqlDelete");
 }
 
-void FakeObjectHandler::tqlRevalidate(tqlengine::RevalidationFailures&) {
+void FakeObjectHandler::list_revalidated(tqlengine::HandlerList&) {
     refuse("tqlRevalidate");
 }
 

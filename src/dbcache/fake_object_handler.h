@@ -27,7 +27,7 @@ class FakeObjectHandler final : public tqlengine::TqlObjectHandler {
                        const tqlengine::WriteArguments& arguments) override;
     uint32_t tqlUpdate(const tqlengine::WriteArguments& arguments) override;
     void tqlDelete(const tqlengine::DeleteArguments& arguments) override;
-    void tqlRevalidate(tqlengine::RevalidationFailures& failures) override;
+    void list_revalidated(tqlengine::HandlerList& out) override;
 
   private:
     Store& store_;

@@ -128,22 +128,6 @@ ObjectHandlerRef ObjectHandler::parent_object() const {
                                    : store_.resolver().find_stored(parent_.value);
 }
 
-uint32_t ObjectHandler::depth() const {
-    uint32_t depth = 1;
-    for (ObjectHandlerRef at = parent_object(); at; at = at->parent_object()) ++depth;
-    return depth;
-}
-
-void ObjectHandler::check_depth(uint32_t levels) const {
-    const uint32_t own = depth();
-    if (own + levels <= kMaxTreeDepth) return;
-    const std::string what =
-        own < kMaxTreeDepth ? fmt::format("{} levels can't", levels) : std::string("nothing can");
-    throw errors::tql(
-        errors::ERR_ILLEGAL_CHILD,
-        fmt::format("Object {} stands at depth {}; {} stand below it", id_.value, own, what));
-}
-
 tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {
     ObjectHandlerRef parent = detail::with_faults_as_failures([&] { return parent_object(); });
     if (!parent) return {};
@@ -163,14 +147,30 @@ tqlengine::TqlIdResolver* ObjectHandler::tqlIdResolver() {
 }
 
 tql::origin_t ObjectHandler::tqlOrigin() {
-    if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
     const uint64_t epoch = store_.tree_epoch();
-    if (origin_epoch_ != epoch) {
-        origin_ =
-            detail::with_faults_as_failures([&] { return schema_->tqlOrigin(ObjectView(*this)); });
-        origin_epoch_ = epoch;
-    }
-    return origin_;
+    if (origin_epoch_ == epoch) return origin_;
+    return detail::with_faults_as_failures([&] {
+        std::vector<ObjectHandlerRef> way{ObjectHandlerRef(this)};
+        while (way.back()->origin_epoch_ != epoch) {
+            ObjectHandlerRef above = way.back()->parent_object();
+            if (!above) break;
+            way.push_back(std::move(above));
+        }
+        ObjectHandler& top = *way.back();
+        tql::origin_t origin = top.origin_epoch_ == epoch ? top.origin_ : top.origin_at_top();
+        for (way.pop_back(); !way.empty(); way.pop_back()) {
+            ObjectHandler& at = *way.back();
+            origin = at.schema_->tqlOrigin(ObjectView(at, origin));
+            at.origin_ = origin;
+            at.origin_epoch_ = epoch;
+        }
+        return origin;
+    });
+}
+
+tql::origin_t ObjectHandler::origin_at_top() {
+    if (id_.value == kRootId) return {tqlId(), {}, schema_->origin_type};
+    return schema_->tqlOrigin(ObjectView(*this));  // detached; the schema says what that means
 }
 
 /// What is listed somewhere needn't be a child there.
@@ -282,7 +282,6 @@ uint32_t ObjectHandler::create_child(const tql::id_t& new_id, const NodetypeSche
     detail::with_faults_as_failures([&] {
         if (store_.indexes().unique_find(mdb::node_id_index, id))
             throw errors::tql_exists(new_id, new_id.to_string() + " exists already");
-        check_depth();
     });
 
     const ObjectHandlerRef child(new ObjectHandler(store_, id, id_.value, child_schema));
@@ -328,22 +327,20 @@ void ObjectHandler::rewrite_records(const ImageChange& change) {
 
 // ---- validating again --------------------------------------------------------------------------
 
-void ObjectHandler::tqlRevalidate(tqlengine::RevalidationFailures& failures) {
-    revalidate_children(failures);
+void ObjectHandler::revalidate_own(tqlengine::RevalidationFailures& failures) {
     const InheritanceChain chain(store_, id_.value, location_);
     WorkArray work = load_values();
     collect_failures(ObjectView(*this), chain, work, failures);
 }
 
-void ObjectHandler::revalidate_children(tqlengine::RevalidationFailures& failures) {
+/// Of a node only what is active.
+void ObjectHandler::list_revalidated(tqlengine::HandlerList& out) {
     if (class_number() != cls::Node || !schema_->lookupProperty(prop::activeMark, subtype_)) {
-        TqlObjectHandler::tqlRevalidate(failures);
+        TqlObjectHandler::list_revalidated(out);
         return;
     }
-    tqlengine::HandlerList active;
-    MarkIndex(store_, prop::activeMark).traverse(active, id_.value);
-    for (const tqlengine::HandlerRef& one : active)
-        if (one.get() != this) one->tqlRevalidate(failures);
+    MarkIndex(store_, prop::activeMark).traverse(out, id_.value);
+    std::erase_if(out, [this](const tqlengine::HandlerRef& one) { return one.get() == this; });
 }
 
 void ObjectHandler::collect_failures(const SchemaObject& view, const PropertyChain& chain,

@@ -37,14 +37,13 @@ namespace dbcache {
 
 class InheritanceChain;
 
-/// The most objects below one another, the root included.
-inline constexpr uint32_t kMaxTreeDepth = 1000;
-
 /// A number of a nodetype as objects store it in property 3.
 enum class node_type_t : uint32_t {};
 
 using PropertyNodeType = mdb::PropertyEnum<node_type_t>;
 
+/// The tree may be of any depth: nothing recurses over it, neither down nor up. What climbs costs a
+/// step for each object above, so that depth makes writes dear to nobody but those below.
 class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObject {
   public:
     /// Loads the object at `location`. Throws mdb::error_generic and ENoSchema; the handler is in
@@ -75,13 +74,6 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// wrong type is logged and reads as the start value. Throws mdb::error_generic.
     [[nodiscard]] WorkArray load_values() const;
 
-    /// Objects on the way to the root, this one and the root included.
-    [[nodiscard]] uint32_t depth() const;
-    /// Throws errors::tql with code 5 when a child of this object, with `levels` objects below one
-    /// another from itself on, would reach too deep. Walks over the tree recurse, so that its depth
-    /// must have a bound.
-    void check_depth(uint32_t levels = 1) const;
-
     // ---- tqlengine::TqlObjectHandler ------------------------------------------------------------
 
     [[nodiscard]] tql::id_t tqlId() const override;
@@ -101,7 +93,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// faults of the store become code 14.
     uint32_t tqlUpdate(const tqlengine::WriteArguments& arguments) override;
     void tqlDelete(const tqlengine::DeleteArguments& arguments) override;
-    void tqlRevalidate(tqlengine::RevalidationFailures& failures) override;
+    void list_revalidated(tqlengine::HandlerList& out) override;
+    void revalidate_own(tqlengine::RevalidationFailures& failures) override;
 
     // ---- for the rest of the object layer -------------------------------------------------------
 
@@ -152,6 +145,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
                        tql::property_map_t& out) const;
     [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
+    /// The origin of an object that has no parent.
+    [[nodiscard]] tql::origin_t origin_at_top();
     void load_value(const PropertySchema& schema, const PropertyChain& chain, work_t& out) const;
     void list_groups(const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void list_templates(const std::map<uint32_t, uint32_t>& child_classes,
@@ -160,8 +155,6 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void list_stored(const std::set<uint32_t>& nodetypes, const tqlengine::ClassSet& classes,
                      const tql::pattern_t& pattern, tqlengine::HandlerList& out);
     void discard_strays(const std::vector<ObjectHandlerRef>& strays);
-    /// Revalidates what stands below this object; of a node what is active there.
-    void revalidate_children(tqlengine::RevalidationFailures& failures);
     /// Validates each value in `work` and adds those that fail.
     void collect_failures(const SchemaObject& view, const PropertyChain& chain, WorkArray& work,
                           tqlengine::RevalidationFailures& failures) const;

@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include "dbcache/accounting.h"
-#include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/large_objects.h"
 #include "dbcache/detail/record_writer.h"
 #include "dbcache/detail/update_operation.h"
@@ -35,20 +34,6 @@ std::string failures_text(const tqlengine::RevalidationFailures& failures) {
         text += fmt::format("{}{}:{}", text.empty() ? "" : " ", failure.id.to_string(),
                             tql::property_name(failure.property));
     return text;
-}
-
-/// Levels of the subtree from `top` on.
-uint32_t subtree_levels(Store& store, const NodeId& top) {
-    uint32_t levels = 0;
-    for (std::vector<NodeId> level{top}, below; !level.empty(); level.swap(below), ++levels) {
-        below.clear();
-        for (const NodeId& id : level)
-            detail::walk_children(store, id, mdb::parent_id_index, [&](const auto& child) {
-                below.push_back(child->node_id());
-                return true;
-            });
-    }
-    return levels;
 }
 
 }  // namespace
@@ -252,9 +237,6 @@ void UpdateOperation::take_new_parent(const tql::property_t& value) {
     // Below itself the object would be cut off from the tree with all that it has.
     for (ObjectHandlerRef at = parent; at; at = at->parent_object())
         if (at->node_id() == handler_.node_id()) fail_parent();
-    // Not deeper than now, all below it has room.
-    const bool deeper = is_new() || parent->depth() >= handler_.depth();
-    if (deeper) parent->check_depth(subtree_levels(handler_.store(), handler_.node_id()));
     new_parent_ = id;
 }
 
@@ -306,7 +288,9 @@ void UpdateOperation::move(const UseMap& use_after) {
 /// The subtree is validated where it is about to stand; the object itself with its new values.
 void UpdateOperation::revalidate_moved() {
     tqlengine::RevalidationFailures failures;
-    handler_.revalidate_children(failures);
+    tqlengine::HandlerList below;
+    handler_.list_revalidated(below);
+    for (const tqlengine::HandlerRef& object : below) object->tqlRevalidate(failures);
     handler_.collect_failures(view_, chain_, work_, failures);
     if (!failures.empty())
         throw errors::tql(errors::ERR_ACCESS_DENIED,

@@ -89,6 +89,8 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     /// What a step finds below an object. Some: it went down to it, or gave it up.
     enum class below_t : uint8_t { nothing, some, only_given_up };
 
+    void push(const Place& place);
+    void pop();
     void start_walk();
     void end_walk();
     [[nodiscard]] below_t go_down(const NodeId& parent);
@@ -108,6 +110,7 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     bool deletes_pending_ = false;
     /// Empty means no work; else the first is the parent of all tombstones that wait.
     std::vector<Place> stack_;
+    std::set<NodeId> on_stack_;  ///< the ids of stack_
     /// Entries of the index of parents that this walk passes over, as what they lead to can't be
     /// removed.
     std::set<mdb::block_handle_t> given_up_;

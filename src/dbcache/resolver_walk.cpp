@@ -4,7 +4,6 @@
 // A step's transaction is not waited for: what a power cut takes away is done again by the next
 // walk. A time series may be dropped twice then, but never one that has got a new owner: the
 // journal keeps its order, so with the new owner the removal of the old one is there too.
-#include <algorithm>
 #include <fmt/format.h>
 
 #include "dbcache/fixed_ids.h"
@@ -46,11 +45,22 @@ void DbcacheIdResolver::pause() {
     if (stack_.empty()) return;
     logger.debug("Incomplete cascading delete, pausing");
     stack_.clear();
+    on_stack_.clear();
+}
+
+void DbcacheIdResolver::push(const Place& place) {
+    stack_.push_back(place);
+    on_stack_.insert(place.id);
+}
+
+void DbcacheIdResolver::pop() {
+    on_stack_.erase(stack_.back().id);
+    stack_.pop_back();
 }
 
 void DbcacheIdResolver::start_walk() {
     given_up_.clear();
-    stack_.push_back({kFreshTombstones, {}});
+    push({kFreshTombstones, {}});
 }
 
 void DbcacheIdResolver::doWork() {
@@ -73,7 +83,7 @@ void DbcacheIdResolver::doWork() {
     } catch (const mdb::error_generic& fault) {
         give_up(top.entry, fmt::format("Object {}: {}", top.id, fault.text()));
     }
-    stack_.pop_back();
+    pop();
 }
 
 DbcacheIdResolver::below_t DbcacheIdResolver::go_down(const NodeId& parent) {
@@ -96,19 +106,18 @@ DbcacheIdResolver::below_t DbcacheIdResolver::go_down(const NodeId& parent) {
         give_up(entry, fault.text());
         return below_t::some;
     }
-    if (std::any_of(stack_.begin(), stack_.end(),
-                    [&](const Place& place) { return place.id == id.value; })) {
+    if (on_stack_.contains(id.value)) {
         give_up(entry, fmt::format("Object {} stands below itself", id.value));
         return below_t::some;
     }
     logger.debug("Pushing child {}", id.value);
-    stack_.push_back({id.value, entry});
+    push({id.value, entry});
     return below_t::some;
 }
 
 void DbcacheIdResolver::end_walk() {
     logger.debug("Background cascading delete done");
-    stack_.pop_back();
+    pop();
     deletes_pending_ = !given_up_.empty();
 }
 

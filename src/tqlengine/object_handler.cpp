@@ -23,11 +23,33 @@ bool TqlObjectHandler::tqlSpecialMatch(uint32_t&, const tql::condition_t&) {
 }
 
 void TqlObjectHandler::tqlRevalidate(RevalidationFailures& failures) {
-    const tql::pattern_t every_child(cls::Any);
-    HandlerList children;
-    tqlChildrenHandlers(children, every_child);
-    for (const HandlerRef& child : children) child->tqlRevalidate(failures);
+    struct Open {
+        TqlObjectHandler* object;  // held by the listing that it stands in
+        HandlerList below;
+        size_t next = 0;
+    };
+    std::vector<Open> way;
+    const auto enter = [&way](TqlObjectHandler& object) {
+        way.push_back({&object, {}});
+        object.list_revalidated(way.back().below);
+    };
+    enter(*this);
+    while (!way.empty()) {
+        Open& open = way.back();
+        if (open.next < open.below.size()) {
+            enter(*open.below[open.next++]);
+        } else {
+            open.object->revalidate_own(failures);
+            way.pop_back();
+        }
+    }
 }
+
+void TqlObjectHandler::list_revalidated(HandlerList& out) {
+    tqlChildrenHandlers(out, tql::pattern_t(cls::Any));
+}
+
+void TqlObjectHandler::revalidate_own(RevalidationFailures&) {}
 
 void TqlObjectHandler::fail_unreferenced() noexcept {
     error::fail_assertion("tqlRelease called on unreferenced TqlObjectHandler");

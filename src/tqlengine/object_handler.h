@@ -192,9 +192,13 @@ class TqlObjectHandler {
     /// Takes the object out of the tree; the caller holds a TqlUpdateWatcher. Throws
     /// errors::tql_dont_delete when the object is to stay without this being a failure.
     virtual void tqlDelete(const DeleteArguments& arguments) = 0;
-    /// Runs all validation of the subtree again and collects what fails; default: calls it on every
-    /// child.
-    virtual void tqlRevalidate(RevalidationFailures& failures);
+    /// Runs all validation of the subtree again and collects what fails, what is below an object
+    /// before the object itself. Calls the next two on each of them, without recursion.
+    void tqlRevalidate(RevalidationFailures& failures);
+    /// Appends the objects below this one that are validated with it; default: every child.
+    virtual void list_revalidated(HandlerList& out);
+    /// Validates the values of this object alone; default: it has none that can fail.
+    virtual void revalidate_own(RevalidationFailures& failures);
     /// Called when all notifications of an update are out; nothing by default.
     virtual void tqlUpdateDone() {}
 

@@ -76,8 +76,7 @@ void select(const dbms::Tql_Select_Data& request, const RequestContext& context,
     report.evaluated_us = context.clock.monotonic_us();
     reply.res.reserve(results.size());
     for (ResultNodePtr& node : results)
-        reply.res.push_back(detail::to_record(std::move(node), context.engine.limits().result_depth,
-                                              report.results));
+        reply.res.push_back(detail::to_record(std::move(node), report.results));
 }
 
 void delete_object(const dbms::Tql_Delete_Data& request, RequestContext& context) {
@@ -166,7 +165,7 @@ std::optional<tql::result_t> process_patch(const tql::id_t& id,
         context.engine.evaluatePatch(id, roots_of(request), request.pattern, statistics);
     if (!node) return std::nullopt;
     uint64_t results = 0;
-    return detail::to_record(std::move(node), context.engine.limits().result_depth, results);
+    return detail::to_record(std::move(node), results);
 }
 
 void log_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,

@@ -23,9 +23,6 @@ struct SelectLimits {
     size_t pattern_depth = tql::kMaxPatternDepth;
     /// Steps of a pattern in all.
     size_t pattern_steps = 20'000;
-    /// Objects below one another in a result, since the record that travels is nested. The walk
-    /// itself has no such bound.
-    size_t result_depth = 1'000;
     /// Tries of an object against a step. Recursive steps below recursive steps multiply what they
     /// try, so a pattern of a few hundred bytes could otherwise keep the server busy for years.
     uint64_t considered = 50'000'000;

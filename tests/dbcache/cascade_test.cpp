@@ -387,7 +387,7 @@ TEST_F(CascadeTest, NeitherMemoryNorJournalGrowsWithTheSubtree) {
     }
     // Down and away for each object, and the end.
     EXPECT_EQ(steps, 2 * (kObjects + kObjects / 100 + 1) + 1);
-    EXPECT_EQ(world.store->live_handlers(), 1U) << "the root";
+    EXPECT_LE(world.store->live_handlers(), 1U) << "the root at most";
     EXPECT_EQ(world.database->store().file_length(), file_bytes);
     EXPECT_EQ(world.store->sibling_keys().entries(), 0U);
 }

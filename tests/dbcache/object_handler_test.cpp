@@ -280,29 +280,3 @@ TEST_F(ObjectHandlerTest, HandlersComeAndGoWithTheCache) {
     EXPECT_EQ(world.children(kRootId).size(), hosts.size());
     EXPECT_EQ(world.fault(), "");
 }
-
-TEST_F(ObjectHandlerTest, TheTreeHasABottom) {
-    // Put down as records: creating them one by one would take its time.
-    NodeId above = kRootId;
-    for (uint32_t depth = 2; depth <= 1000; ++depth) {
-        dbcache::RecordWriter writer(world.database->serializer());
-        writer.add_head({8, depth}, above, {}, nodetype::Domain);
-        static_cast<void>(world.objects->store_object({}));
-        above = {8, depth};
-    }
-    const NodeId last = world.domain({8, 999}, "last");
-    EXPECT_EQ(world.children(last).size(), 0U);
-    EXPECT_EQ(failure([&] { world.domain(above, "d"); }),
-              "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
-    EXPECT_EQ(failure([&] { world.update(last, {object(prop::parentId, above)}); }),
-              "5 Object 8.1000 stands at depth 1000; nothing can stand below it");
-    // A subtree that moves reaches as far down as its lowest object.
-    const NodeId tower = world.domain(kRootId, "tower");
-    world.domain(tower, "top");
-    EXPECT_EQ(failure([&] {
-                  world.update(tower, {object(prop::parentId, {8, 999})});
-              }),
-              "5 Object 8.999 stands at depth 999; 2 levels can't stand below it");
-    world.update(tower, {object(prop::parentId, {8, 998})});
-    world.update(tower, {object(prop::parentId, {8, 500})});
-}

@@ -129,75 +129,101 @@ uint32_t stored_counter(const CountedObject& object, uint32_t number) {
 
 // ---- the walk ----------------------------------------------------------------------------------
 
-/// One level of the recursion, which needs a bound also where the stored tree has none.
-class AccountingWalk::Level {
-  public:
-    Level(AccountingWalk& walk, const CountedObject& object) : depth_(walk.depth_) {
-        if (depth_ >= kMaxTreeDepth)
-            throw mdb::error_need_repair(
-                fmt::format("Object {} stands deeper than {} objects", object.id, kMaxTreeDepth));
-        ++depth_;
-    }
-    ~Level() { --depth_; }
-    Level(const Level&) = delete;
-    Level& operator=(const Level&) = delete;
-
-  private:
-    uint32_t& depth_;
+/// An object whose children are being counted.
+struct AccountingWalk::Open {
+    CountedObject object;
+    const GroupKind* kind = nullptr;  ///< of a group of checks
+    Counters sum;
+    std::vector<CountedObject> below;  ///< those with something below them, the last one next
 };
 
-Counters AccountingWalk::domain(const CountedObject& at) {
-    const Level level(*this, at);
-    Counters sum = zeros(kDomainCounters);
-    children_(at.id, [&](const CountedObject& child) {
-        if (child.nodetype == nodetype::Domain)
-            add(sum, domain(child));
-        else if (child.nodetype == nodetype::Node)
-            add(sum, node(child));
-        else if (child.nodetype == nodetype::MountPoint)
-            mount_point(child);
-    });
-    result_("domain", at, sum);
-    return sum;
+AccountingWalk::AccountingWalk(Children children, Result result)
+    : children_(std::move(children)), result_(std::move(result)) {}
+AccountingWalk::~AccountingWalk() = default;
+
+void AccountingWalk::run(const CountedObject& root) {
+    enter(root);
+    while (!way_.empty()) {
+        if (way_.back().below.empty()) {
+            leave();
+            continue;
+        }
+        CountedObject next = std::move(way_.back().below.back());
+        way_.back().below.pop_back();
+        enter(std::move(next));
+    }
 }
 
-void AccountingWalk::mount_point(const CountedObject& at) {
-    const Level level(*this, at);
-    children_(at.id, [&](const CountedObject& child) {
-        if (child.nodetype == nodetype::Domain) static_cast<void>(domain(child));
-    });
+void AccountingWalk::enter(CountedObject object) {
+    // Only a wrong entry of the index leads to an object twice.
+    if (!on_way_.insert(object.id).second)
+        throw mdb::error_need_repair(
+            fmt::format("Object {} is its own ancestor", object.id.to_string()));
+    Open open;
+    open.object = std::move(object);
+    const uint32_t type = open.object.nodetype;
+    open.kind = kind_of_group(type);
+    if (type == nodetype::Domain)
+        open.sum = zeros(kDomainCounters);
+    else if (type == nodetype::Node)
+        open.sum = zeros(kNodeCounters);
+    else if (open.kind != nullptr)
+        open.sum[open.kind->counter] = 0;
+    children_(open.object.id, [&](const CountedObject& child) { meet(open, child); });
+    std::reverse(open.below.begin(), open.below.end());
+    way_.push_back(std::move(open));
 }
 
-Counters AccountingWalk::node(const CountedObject& at) {
-    const Level level(*this, at);
-    Counters sum = zeros(kNodeCounters);
-    children_(at.id, [&](const CountedObject& child) {
-        if (child.nodetype == nodetype::NetCheck)
-            ++sum[prop::countNetChecks];
-        else if (const GroupKind* kind = kind_of_group(child.nodetype))
-            sum[kind->counter] += group(child, *kind);
-    });
-    result_("node", at, sum);
-    const UseMap use = node_use({.net_checks = sum[prop::countNetChecks],
-                                 .agent_checks = sum[prop::countAgentChecks],
-                                 .snmp_checks = sum[prop::countSnmpChecks],
-                                 .esxi_checks = sum[prop::countEsxiChecks],
-                                 .has_key = at.has_key});
-    for (const auto& [number, count] : use) sum[number] = static_cast<uint32_t>(count);
-    return sum;
+/// Counts a child by itself, or keeps it for what is below it.
+void AccountingWalk::meet(Open& open, const CountedObject& child) {
+    const uint32_t type = child.nodetype;
+    bool leads_on = false;
+    switch (open.object.nodetype) {
+        case nodetype::Domain:
+            leads_on =
+                type == nodetype::Domain || type == nodetype::Node || type == nodetype::MountPoint;
+            break;
+        case nodetype::MountPoint:
+            leads_on = type == nodetype::Domain;
+            break;
+        case nodetype::Node:
+            if (type == nodetype::NetCheck) ++open.sum[prop::countNetChecks];
+            leads_on = kind_of_group(type) != nullptr;
+            break;
+        default:
+            if (type == open.kind->check) open.sum[open.kind->counter] += child.active ? 1 : 0;
+            leads_on = open.kind->is_group(type);
+    }
+    if (leads_on) open.below.push_back(child);
 }
 
-uint32_t AccountingWalk::group(const CountedObject& at, const GroupKind& kind) {
-    const Level level(*this, at);
-    uint32_t sum = 0;
-    children_(at.id, [&](const CountedObject& child) {
-        if (child.nodetype == kind.check)
-            sum += child.active ? 1 : 0;
-        else if (kind.is_group(child.nodetype))
-            sum += group(child, kind);
-    });
-    result_(kind.name, at, {{kind.counter, sum}});
-    return sum;
+void AccountingWalk::leave() {
+    const Open done = std::move(way_.back());
+    way_.pop_back();
+    on_way_.erase(done.object.id);
+    if (done.object.nodetype == nodetype::MountPoint) return;
+    result_(name_of(done), done.object, done.sum);
+    if (way_.empty() || way_.back().object.nodetype == nodetype::MountPoint) return;
+    add(way_.back().sum, done.sum);
+    if (done.object.nodetype == nodetype::Node) add(way_.back().sum, use_of_node(done));
+}
+
+std::string_view AccountingWalk::name_of(const Open& open) {
+    if (open.kind != nullptr) return open.kind->name;
+    return open.object.nodetype == nodetype::Domain ? "domain" : "node";
+}
+
+/// What the node itself counts for in its domain.
+Counters AccountingWalk::use_of_node(const Open& node) {
+    const auto count = [&](uint32_t number) { return node.sum.at(number); };
+    const UseMap use = node_use({.net_checks = count(prop::countNetChecks),
+                                 .agent_checks = count(prop::countAgentChecks),
+                                 .snmp_checks = count(prop::countSnmpChecks),
+                                 .esxi_checks = count(prop::countEsxiChecks),
+                                 .has_key = node.object.has_key});
+    Counters counters;
+    for (const auto& [number, value] : use) counters[number] = static_cast<uint32_t>(value);
+    return counters;
 }
 
 const AccountingWalk::GroupKind* AccountingWalk::kind_of_group(uint32_t type) {

@@ -6,8 +6,10 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mdb/dobj.h"
 #include "util/node_id.h"
@@ -51,26 +53,28 @@ class AccountingWalk {
     using Result =
         std::function<void(std::string_view kind, const CountedObject&, const Counters& counted)>;
 
-    AccountingWalk(Children children, Result result)
-        : children_(std::move(children)), result_(std::move(result)) {}
+    AccountingWalk(Children children, Result result);
+    ~AccountingWalk();
 
-    /// Throws mdb::error_need_repair for a tree that is too deep, and what the functions throw.
-    void run(const CountedObject& root) { static_cast<void>(domain(root)); }
+    /// Throws mdb::error_need_repair for an object below itself, and what the functions throw; the
+    /// walk can't be used any more then.
+    void run(const CountedObject& root);
 
   private:
     struct GroupKind;
-    class Level;
+    struct Open;
 
-    Counters domain(const CountedObject& domain);
-    void mount_point(const CountedObject& mount_point);
-    /// What the node adds to its domain.
-    Counters node(const CountedObject& node);
-    uint32_t group(const CountedObject& group, const GroupKind& kind);
+    void enter(CountedObject object);
+    static void meet(Open& open, const CountedObject& child);
+    void leave();
+    static std::string_view name_of(const Open& open);
+    static Counters use_of_node(const Open& node);
     static const GroupKind* kind_of_group(uint32_t nodetype);
 
     Children children_;
     Result result_;
-    uint32_t depth_ = 0;
+    std::vector<Open> way_;  ///< the tree is of any depth, so the way down isn't the stack's
+    std::set<NodeId> on_way_;
 };
 
 }  // namespace dbcache

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <set>
 
 #include "dbcache/fixed_ids.h"
 #include "dbcache/stored_tree.h"
@@ -10,9 +11,6 @@
 namespace dbcache::detail {
 
 namespace {
-
-/// Objects above one another beyond which the parents are taken for a ring.
-constexpr size_t kDeepest = 1U << 16;
 
 std::optional<bool> find_mark(uint32_t mark, mark_role_t role, const mdb::dobj& object) {
     if (role != mark_role_t::by_value && role != mark_role_t::always_marked) return std::nullopt;
@@ -84,9 +82,10 @@ void MarkListCheck::check_place(const NodeId& id, const MarkedObject& object) {
 /// the object before was only kept open by another.
 void MarkListCheck::check_parent(const NodeId& id, const MarkedObject& object) {
     const NodeId& parent = object.parent;
-    const auto found = std::find_if(open_.begin(), open_.end(),
+    // From behind, where it mostly stands, however deep the tree is.
+    const auto found = std::find_if(open_.rbegin(), open_.rend(),
                                     [&](const Open& open) { return open.id == parent; });
-    if (found != open_.end()) {
+    if (found != open_.rend()) {
         while (open_.back().id != parent) {
             if (open_.back().last != before_) report_last(open_.back().id);
             open_.pop_back();
@@ -189,8 +188,9 @@ MarkListCheck::standing_t MarkListCheck::standing(NodeId id) {
         bool outside;
     };
     std::vector<Passed> way;
+    std::set<NodeId> passed_ids;  // the parents may form a ring
     standing_t found = standing_t::detached;
-    while (way.size() < kDeepest) {
+    while (passed_ids.insert(id).second) {
         const auto known = standings_.find(id);
         if (known != standings_.end()) {
             found = known->second;

@@ -126,9 +126,21 @@ const tql::pattern_t* PatchWalk::successor(const Frame& frame, size_t branch) co
     return branch < step.cond_next.size() ? &step.cond_next[branch] : nullptr;
 }
 
+/// Each follows from the one above, so that all of them cost one way down.
+const tql::origin_t& PatchWalk::origin_of(const Frame& frame) {
+    while (origins_.size() <= frame.call.place) {
+        TqlObjectHandler& next = *chain_[origins_.size()].object;
+        origins_.push_back(
+            origins_.empty()
+                ? next.tqlOrigin()
+                : next.tqlOriginBelow(*chain_[origins_.size() - 1].object, origins_.back()));
+    }
+    return origins_[frame.call.place];
+}
+
 void PatchWalk::make_node(Frame& frame) {
     const bool visible = (frame.call.step->flags & tql::kPatternSplice) == 0;
-    frame.node = nodes_.make(object(frame), visible);
+    frame.node = nodes_.make(object(frame), origin_of(frame), visible);
     frame.node->tags.insert(kPatchPath);
 }
 

@@ -76,6 +76,7 @@ class PatchWalk {
         return *chain_[frame.call.place].object;
     }
     const tql::pattern_t* successor(const Frame& frame, size_t branch) const;
+    const tql::origin_t& origin_of(const Frame& frame);
     void make_node(Frame& frame);
     void finish_node(Frame& frame);
     void add_what_stands_beside(Frame& frame, ResultNodePtr& into);
@@ -87,6 +88,8 @@ class PatchWalk {
     ConditionTest test_;
     Walk beside_;
     std::vector<Frame> frames_;
+    std::vector<tql::origin_t>
+        origins_;  ///< of the objects of the way, from the top as far as known
 };
 
 }  // namespace tqlengine::detail

@@ -1,16 +1,13 @@
 #include "tqlengine/detail/result_record.h"
 
-#include <fmt/format.h>
-
-#include "tql/errors.h"
+#include <vector>
 
 namespace tqlengine::detail {
 
 namespace {
 
-// Recurses over the levels of the result, whose depth has been checked.
-void fill(tql::result_t& record, ResultNode& node, uint64_t& count) {
-    ++count;
+/// All of a record but its children.
+void fill(tql::result_t& record, ResultNode& node) {
     record.class_ = node.class_number;
     record.flags = node.flags;
     record.tags = std::move(node.tags);
@@ -18,36 +15,29 @@ void fill(tql::result_t& record, ResultNode& node, uint64_t& count) {
     record.version = node.version;
     record.properties = std::move(node.properties);
     record.origin = node.origin;
-    auto& children = node.children.entries();
-    record.children.reserve(children.size());
-    for (auto& child : children) fill(record.children.emplace_back(), *child.node, count);
-}
-
-void check_depth(const ResultNode& root, size_t limit) {
-    struct Level {
-        const ResultNode* node;
-        size_t depth;
-    };
-    std::vector<Level> open{{&root, 1}};
-    while (!open.empty()) {
-        const Level level = open.back();
-        open.pop_back();
-        if (level.depth > limit)
-            throw errors::tql(errors::ERR_NOT_IMPLEMENTED,
-                              fmt::format("The result is nested more than {} levels deep", limit));
-        for (const auto& entry : level.node->children.entries())
-            if (!entry.node->children.empty() || level.depth == limit)
-                open.push_back({entry.node.get(), level.depth + 1});
-    }
 }
 
 }  // namespace
 
-tql::result_t to_record(ResultNodePtr node, size_t depth_limit, uint64_t& count) {
-    check_depth(*node, depth_limit);
-    tql::result_t record;
-    fill(record, *node, count);
-    return record;
+tql::result_t to_record(ResultNodePtr node, uint64_t& count) {
+    struct Open {
+        tql::result_t* record;
+        ResultNode* node;
+    };
+    tql::result_t root;
+    std::vector<Open> open{{&root, node.get()}};
+    while (!open.empty()) {
+        const Open next = open.back();
+        open.pop_back();
+        ++count;
+        fill(*next.record, *next.node);
+        auto& children = next.node->children.entries();
+        // All at once, so that each stays where it is.
+        next.record->children.resize(children.size());
+        for (size_t i = 0; i < children.size(); ++i)
+            open.push_back({&next.record->children[i], children[i].node.get()});
+    }
+    return root;
 }
 
 }  // namespace tqlengine::detail
