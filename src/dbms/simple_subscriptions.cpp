@@ -1,6 +1,7 @@
 #include "dbms/simple_subscriptions.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <list>
 #include <optional>
 
@@ -44,14 +45,23 @@ void SimpleSubscriptions::add(queues::queue_t sibling, uint32_t request_id,
         error::check(operation < 32, "Arithmetic overflow, obj_operation_t out of range");
         entry.operations |= uint32_t{1} << operation;
     }
+    size_t& count = counts_[sibling];
+    if (count == kMostPerSibling)
+        throw errors::db_anomaly(
+            fmt::format("{} has {} simple subscriptions already, the most that are kept",
+                        queues::queue_name(sibling), count));
     entries_.emplace(key, std::move(entry));
+    ++count;
 }
 
 bool SimpleSubscriptions::remove(queues::queue_t sibling, uint32_t request_id) {
-    return entries_.erase({sibling, request_id}) > 0;
+    if (entries_.erase({sibling, request_id}) == 0) return false;
+    --counts_.at(sibling);
+    return true;
 }
 
 size_t SimpleSubscriptions::remove_all_of(queues::queue_t sibling) {
+    counts_.erase(sibling);
     return std::erase_if(entries_, [&](const auto& entry) { return entry.first.first == sibling; });
 }
 

@@ -19,8 +19,11 @@ class SimpleSubscriptions {
     /// Sends what a subscription is told, under its request id. Must not throw.
     using Send = std::function<void(queues::queue_t, uint32_t, Return_Tql_Simple_Subscribe_Data&&)>;
 
-    /// Throws errors::db_anomaly when `sibling` has one under this request id already. An operation
-    /// of 32 or above is a fatal assertion.
+    /// Of one sibling.
+    static constexpr size_t kMostPerSibling = 20'000;
+
+    /// Throws errors::db_anomaly when `sibling` has one under this request id already, or has
+    /// kMostPerSibling. An operation of 32 or above is a fatal assertion.
     void add(queues::queue_t sibling, uint32_t request_id,
              const Tql_Simple_Subscribe_Data& request);
     /// False when there is none.
@@ -44,6 +47,7 @@ class SimpleSubscriptions {
     };
 
     std::map<std::pair<queues::queue_t, uint32_t>, Entry> entries_;
+    std::map<queues::queue_t, size_t> counts_;  ///< entries by sibling
 };
 
 }  // namespace dbms

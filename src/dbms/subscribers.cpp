@@ -1,6 +1,7 @@
 #include "dbms/subscribers.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 
 #include "error/exception.h"
 #include "io/exception.h"
@@ -26,6 +27,7 @@ constexpr uint64_t kLongestInterval_s = 1'000'000'000;
 void Subscribers::subscribe(queues::queue_t sibling, uint32_t request_id, Tql_Select_Data request) {
     drop_lost();
     const Key key{sibling, request_id};
+    if (refuse_one_too_many(key)) return;
     const uint32_t id =
         subscribed_selects_.empty() ? 1 : std::prev(subscribed_selects_.end())->first + 1;
     error::check(id != 0, "No subscription id is left");
@@ -33,10 +35,27 @@ void Subscribers::subscribe(queues::queue_t sibling, uint32_t request_id, Tql_Se
     if (const auto earlier = ids_.find(key); earlier != ids_.end())
         end(subscribed_selects_.find(earlier->second));
     ids_.emplace(key, id);
+    ++counts_[sibling];
     Subscription& made =
         subscribed_selects_.emplace(id, Subscription(key, std::move(request))).first->second;
     select(id, made);
     drop_lost();
+}
+
+bool Subscribers::refuse_one_too_many(const Key& key) {
+    const auto count = counts_.find(key.first);
+    if (count == counts_.end() || count->second < kMostPerSibling || ids_.contains(key))
+        return false;
+    const std::string text = fmt::format("{} has {} subscriptions already, the most that are kept",
+                                         queues::queue_name(key.first), count->second);
+    logger.error("TQL SELECT error ({}): {}", static_cast<uint32_t>(errors::ERR_NOT_IMPLEMENTED),
+                 text);
+    Return_Tql_Select_Data reply;
+    reply.status = errors::ERR_NOT_IMPLEMENTED;
+    reply.details.push_back({tqlengine::kDetailError, text});
+    send<queues::RETURN_TQL_SELECT>(key, std::move(reply));
+    drop_lost();
+    return true;
 }
 
 void Subscribers::acknowledge(queues::queue_t sibling, uint32_t request_id) {
@@ -74,6 +93,7 @@ void Subscribers::end(Selects::iterator subscription) {
     const auto& [id, its] = *subscription;
     parts_.engine.subscriptions().forget(id);
     if (its.deferred) deferred_.erase({its.deferred->due_us, id});
+    if (--counts_.at(its.key.first) == 0) counts_.erase(its.key.first);
     ids_.erase(its.key);
     subscribed_selects_.erase(subscription);
 }

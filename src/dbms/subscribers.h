@@ -52,8 +52,13 @@ class Subscribers {
 
     // ---- what subscribers ask for ---------------------------------------------------------------
 
+    /// Of one sibling, and as many simple ones. More than any client has a use for: one that never
+    /// forgets what it subscribed to must not take the server's memory.
+    static constexpr size_t kMostPerSibling = SimpleSubscriptions::kMostPerSibling;
+
     /// Runs the select, sends its answer (event 83) and keeps the subscriber informed from now on.
-    /// An earlier subscription under the same request id ends.
+    /// An earlier subscription under the same request id ends. One too many is answered with status
+    /// 12 and not kept.
     void subscribe(queues::queue_t sibling, uint32_t request_id, Tql_Select_Data request);
     /// The subscriber has taken in the last answer: what came due meanwhile goes out, now or when
     /// its time has come. An unknown request id is passed over.
@@ -126,6 +131,7 @@ class Subscribers {
     /// Logs, evaluates, sends and meters; gives the time it took.
     uint64_t evaluate_again(uint32_t id, Subscription& subscription, queues::queue_t cause);
     uint64_t select(uint32_t id, Subscription& subscription);
+    bool refuse_one_too_many(const Key& key);
     [[nodiscard]] tqlengine::RequestContext context_for(const Subscription& subscription) const;
     [[nodiscard]] Time wall_time_of(uint64_t moment_us) const;
 
@@ -136,6 +142,7 @@ class Subscribers {
     /// By subscription id, which is never 0.
     Selects subscribed_selects_;
     std::map<Key, uint32_t> ids_;
+    std::map<queues::queue_t, size_t> counts_;  ///< entries of ids_ by sibling
     /// The deferred ones: when they are due, and their ids.
     std::set<std::pair<uint64_t, uint32_t>> deferred_;
     SimpleSubscriptions simple_;

@@ -153,6 +153,31 @@ class SubscribersTest : public testing::Test, protected dbms_test::TestFamily {
         [this](logging::level_t, std::string_view line) { log += fmt::format("{}\n", line); }};
 };
 
+TEST_F(SubscribersTest, OneThatNeverForgetsIsRefusedAtLast) {
+    constexpr auto kMost = static_cast<uint32_t>(Subscribers::kMostPerSibling);
+    for (uint32_t n = 0; n < kMost; ++n) {
+        subscribers.subscribe(queue_t::main, n, {{{9, 9}}, tql::pattern_t(cls::Node), kPlain, 0});
+        subscribers.subscribe_simply(queue_t::main, kMost + n, {});
+        if (n % 64 == 0) (void)heard();
+    }
+    (void)heard();
+    subscribe(kMost, kPlain);
+    EXPECT_EQ(heard(), fmt::format("83/{} status 12", kMost));
+    EXPECT_TRUE(logged("main has 20000 subscriptions already, the most that are kept"));
+    EXPECT_THROW(subscribers.subscribe_simply(queue_t::main, 3 * kMost, {}), errors::db_anomaly);
+    // The others go on; one in the place of another, after a forget, or of somebody else is kept.
+    subscribe(1, kPlain);
+    forget(2);
+    forget(kMost + 2);
+    subscribe(kMost, kPlain);
+    subscribers.subscribe_simply(queue_t::main, 3 * kMost, {});
+    subscribe(1, kPlain, "Domain* > Node", 0, queue_t::wapi);
+    EXPECT_EQ(subscribers.size(), kMost + 1);
+    subscribers.lose(queue_t::main);
+    subscribers.drop_lost();
+    EXPECT_EQ(subscribers.size(), 1U);
+}
+
 TEST_F(SubscribersTest, GoThroughTheirStates) {
     const std::string full =
         fmt::format("83/50 0.1>{}>{}", tql::id_t::from_node_id(branch).to_string(),
