@@ -109,8 +109,12 @@ def node_classes():
         return obj("NodeClassCheckConfig", {"tag": tag, "forAll": False, "frequency": 60, **values},
                    name=f"config:{tag}")
 
-    def group(tag, *children):
-        return obj("NodeClassCheckGroupConfig", {"tag": tag, "forAll": False}, list(children))
+    def group(tag, *children, for_all=False):
+        return obj("NodeClassCheckGroupConfig", {"tag": tag, "forAll": for_all}, list(children))
+
+    def all_of(kind, *children):
+        """What stands where each node has its group of this kind."""
+        return group(kind, *children, for_all=True)
 
     def node_class(name, description, *groups):
         return obj("NodeClass", {"name": name, "description": description},
@@ -119,16 +123,16 @@ def node_classes():
     gauge_type = {"checkType": "Integer Continuous Check"}
     return [
         node_class("Reachable", "Whatever answers a ping.",
-                   group("net", config("ping", remoteType="ICMP", active=True, checkAttempts=3,
-                                       warnIfAbove=200, alertIfAbove=1000))),
-        node_class("Server", "A machine with our agent.",
-                   group("cpu", config("load", warnIfAbove=80, alertIfAbove=95, **gauge_type),
-                         config("iowait", warnIfAbove=40, **gauge_type)),
-                   group("mem", config("free", warnIfBelow=512 << 20, alertIfBelow=128 << 20,
-                                       **gauge_type),
-                         config("swap", warnIfAbove=50, **gauge_type)),
-                   group("disk", config("used", warnIfAbove=85, alertIfAbove=95, forecastEnabled=True,
-                                        warnOnForecast=True, **gauge_type))),
+                   all_of("netchecks", config("ping", remoteType="ICMP", active=True, checkAttempts=3,
+                                              warnIfAbove=200, alertIfAbove=1000))),
+        node_class("Server", "A machine with our agent.", all_of(
+            "agentchecks",
+            group("cpu", config("load", warnIfAbove=80, alertIfAbove=95, **gauge_type),
+                  config("iowait", warnIfAbove=40, **gauge_type)),
+            group("mem", config("free", warnIfBelow=512 << 20, alertIfBelow=128 << 20, **gauge_type),
+                  config("swap", warnIfAbove=50, **gauge_type)),
+            group("disk", config("used", warnIfAbove=85, alertIfAbove=95, forecastEnabled=True,
+                                 warnOnForecast=True, **gauge_type)))),
     ]
 
 
@@ -240,7 +244,7 @@ def answers_together():
     """One graph with the answers of the portal's four servers."""
     series = [obj("Series", {"name": f"web-{i}"}, [obj("CheckExpression", {"check": ref(f"web-{i}-http")})])
               for i in range(1, 5)]
-    return obj("MultiCheck", {"name": "Answers of the portal"}, series, group=NET)
+    return obj("MultiCheck", {"name": "Answers of the portal", "active": True}, series, group=NET)
 
 
 def switch(name, label, ports, gateway=None):

@@ -53,12 +53,11 @@ void PropertySchema::fetch_inherited(const SchemaObject& object, const PropertyC
                     translate(object, chain.inherits(), work);
                 return;
             case found_t::explicit_null:
-                // A null that the parent has inherited itself says that nobody gave a value; one of
-                // its own can't be had where null isn't allowed.
-                if (stored->inherited == 0 && has(kNullable))
-                    work.prop.reset();
-                else
+                // The copy of a null from further up says that nobody on the chain gave a value.
+                if (stored->inherited != 0)
                     use_inherit_default(work);
+                else
+                    work.prop.reset();
                 return;
             case found_t::absent:
                 use_inherit_default(work);
