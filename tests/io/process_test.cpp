@@ -254,8 +254,9 @@ TEST(Processes, AChildThatIsNotUpEndsWithItsParent) {
 }
 
 TEST(Processes, AChildLearnsOfItsParentsEnd) {
-    int report[2];
+    int report[2], looks_after_itself[2];
     ASSERT_EQ(::pipe(report), 0);
+    ASSERT_EQ(::pipe(looks_after_itself), 0);
     Forked parent_process([&] {
         Scene scene(4096);
         const pid_t child = ::fork();
@@ -263,6 +264,7 @@ TEST(Processes, AChildLearnsOfItsParentsEnd) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // as one that was started with ends_with_parent
             std::string result;
             io::ChildMessenger me(2, scene.parent.access());
+            EXPECT_EQ(::write(looks_after_itself[1], "!", 1), 1);
             io::BareSelector selector;
             selector.add(me.someSibling());
             do {
@@ -276,10 +278,13 @@ TEST(Processes, AChildLearnsOfItsParentsEnd) {
         }
         Watcher watcher(scene.parent);
         watcher.serveUntil([&] { return scene.parent.isUp(2); });
+        // Until then the child would end with its parent.
+        char sign;
+        EXPECT_EQ(::read(looks_after_itself[0], &sign, 1), 1);
         return 0;
     });
     EXPECT_EQ(parent_process.wait().code, 0);
-    ::close(report[1]);
+    for (const int end : {report[1], looks_after_itself[0], looks_after_itself[1]}) ::close(end);
     char text[16] = {};
     const ssize_t count = ::read(report[0], text, sizeof text);
     EXPECT_GT(count, 0);
