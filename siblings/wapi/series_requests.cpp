@@ -134,9 +134,7 @@ class RecordReader {
     int64_t moment(const char* field) {
         const json* found = find(field);
         if (found == nullptr) return now_s_;
-        const std::string text = found->is_string()           ? found->get<std::string>()
-                                 : found->is_number_integer() ? found->dump()
-                                                              : std::string();
+        const std::string text = found->is_string() ? found->get<std::string>() : found->dump();
         return get_moment(fmt::format("Record {}: \"{}\"", place_, field), text, now_s_);
     }
     /// The span, or the moment, that both ends are then.
