@@ -1,9 +1,10 @@
 // Every class that can exist, as clients of the HTTP API have it. What there is comes from the
 // listing in tests/data/catalogue: each class, and each of its subtypes, is created where it
-// belongs with a value of its own in every property that takes one, read, changed in all of them,
-// read again, and deleted.
+// belongs with a value of its own in every property that takes one, read, given values that it must
+// refuse, changed in all properties, read again, and deleted.
 #include <cstdlib>
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "running_family.h"
@@ -320,6 +321,104 @@ class CatalogueOfClasses : public testing::Test {
             EXPECT_TRUE(names.contains(name)) << name << " isn't listed";
     }
 
+    // ---- what is refused -----------------------------------------------------------------------
+
+    void refuses(const std::string& id, const json& values, const std::string& text) {
+        const Outcome asked = ask("update", {{"id", id}, {"properties", values}});
+        EXPECT_FALSE(asked.ok()) << "taken: " << values.dump();
+        EXPECT_THAT(asked.text, testing::HasSubstr(text)) << "asked: " << values.dump();
+    }
+
+    /// Values that no property of the kind takes, with what is said of them.
+    static const std::vector<std::pair<json, std::string>>& unsound(const std::string& kind) {
+        static const std::map<std::string, std::vector<std::pair<json, std::string>>> kValues = {
+            {"identifier", {{"", " must not be empty"}, {"a/b", " may only contain letters"}}},
+            {"non-empty", {{"", " too short"}}},
+            {"regex", {{"(", ": "}}},
+            {"pattern", {{"'", ""}}},
+            {"png", {{"AAEC", ": Not a valid png image"}}},
+            {"large-png", {{"AAEC", ": Not a valid png image"}}},
+        };
+        static const std::vector<std::pair<json, std::string>> kNone;
+        const auto found = kValues.find(kind);
+        return found == kValues.end() ? kNone : found->second;
+    }
+
+    void refuses_beyond_limits(const std::string& id, const ListedProperty& property) {
+        const std::string& limits = property.limits;
+        const size_t dots = limits.find("..");
+        if (dots == std::string::npos) return;
+        const bool length = limits.starts_with("length ");
+        const std::string high = limits.substr(dots + 2);
+        const std::string low = length ? limits.substr(7, dots - 7) : limits.substr(0, dots);
+        if (length) {
+            refuses(id, {{property.name, std::string(std::stoul(high) + 1, 'x')}},
+                    fmt::format("Value of property {} too long", property.name));
+            return;
+        }
+        if (property.kind == "date" || property.kind == "enum") return;
+        if (!low.empty() && (low != "0" || property.kind == "i32"))
+            refuses(id, {{property.name, std::stoll(low) - 1}},
+                    fmt::format("Value for {} too low", property.name));
+        if (!high.empty())
+            refuses(id, {{property.name, std::stoll(high) + 1}},
+                    fmt::format("Value for {} too high", property.name));
+    }
+
+    void refuses_other_classes(const std::string& id, const ListedProperty& property) {
+        const bool set = property.kind.starts_with("object-set");
+        if (property.of.empty() || (!set && property.kind != "object")) return;
+        const auto& of = property.of;
+        const bool takes_views = std::find(of.begin(), of.end(), "View") != of.end();
+        const json other = get(takes_views ? "User" : "View");
+        refuses(id, {{property.name, set ? json::array({other}) : other}},
+                fmt::format("{} points at the wrong class", property.name));
+    }
+
+    void refuses_wrong_values(const std::string& id, const ListedClass& one,
+                              const ListedProperty& property, const json& held) {
+        const std::string& name = property.name;
+        if (property.has('R')) {
+            if (property.kind == "count")
+                refuses(id, {{name, 5}}, "Cannot update computed property " + name);
+            if (property.kind == "series")
+                refuses(id, {{name, 5}}, "Attempted update of TSDB index");
+            return;
+        }
+        if (property.kind == "action" || name == "parentId" || property.tells_subtype) return;
+        if (property.has('C')) {
+            const json other = property.kind == "bool"
+                                   ? json(!held.get<bool>())
+                                   : value_of(one, property, Turn::changed, true);
+            refuses(id, {{name, other}}, "Cannot update const property " + name);
+            return;
+        }
+        // A user who is sent back without a password keeps the one there is.
+        if (!property.has('N') && property.kind != "password")
+            refuses(id, {{name, nullptr}}, "Null given for property " + name);
+        for (const auto& [value, text] : unsound(property.kind))
+            refuses(id, {{name, value}}, name + text);
+        refuses_beyond_limits(id, property);
+        refuses_other_classes(id, property);
+    }
+
+    /// Each rule of each property once, by the first object that has it.
+    void refuse(const std::string& id, const ListedClass& one, uint32_t subtype,
+                const json& given) {
+        for (const ListedProperty& property : one.properties)
+            if (property.is_in(subtype) && refused.insert({one.nodetype, property.name}).second)
+                refuses_wrong_values(id, one, property, given.value(property.name, json()));
+        for (const auto& rule : one.rules) {
+            if (rule.subtype && *rule.subtype != subtype) continue;
+            json values = {{rule.greater, 1}, {rule.lesser, 2}};
+            for (const auto& other : one.rules)
+                if (other.subtype == rule.subtype)
+                    for (const std::string& name : {other.greater, other.lesser})
+                        if (!values.contains(name)) values[name] = nullptr;
+            refuses(id, values, rule.message);
+        }
+    }
+
     void live(const ListedClass& one, uint32_t subtype) {
         json given = values(one, subtype, Turn::created);
         const Outcome made = ask("create", {{"parent", parent_for(one.nodetype, subtype)},
@@ -327,6 +426,8 @@ class CatalogueOfClasses : public testing::Test {
                                             {"properties", given}});
         ASSERT_TRUE(made.ok()) << made.text << "\nasked: " << given.dump();
         const std::string id = made.answer->at("id");
+        expect(id, one, subtype, given);
+        refuse(id, one, subtype, given);
         expect(id, one, subtype, given);
 
         const json changes = values(one, subtype, Turn::changed);
@@ -365,12 +466,13 @@ class CatalogueOfClasses : public testing::Test {
     cli::ApiClient api{family.url()};
     support::Catalogue classes;
     std::map<uint32_t, Place> places;
-    std::map<uint32_t, std::string> standing;  ///< one of each that was asked for
+    std::map<uint32_t, std::string> standing;            ///< one of each that was asked for
+    std::set<std::pair<uint32_t, std::string>> refused;  ///< by nodetype, whose refusals were seen
     unsigned serial = 0;
     std::string user;  ///< who writes
 };
 
-TEST_F(CatalogueOfClasses, LivesThroughTheApi) {
+TEST_F(CatalogueOfClasses, LivesThroughTheApiAndRefusesWhatItMust) {
     user = make(2);
     for (const auto& [nodetype, one] : classes) {
         if (!places.contains(nodetype)) {
