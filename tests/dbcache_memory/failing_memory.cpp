@@ -27,6 +27,13 @@ void Memory::free(void* memory) noexcept {
 void* operator new(size_t size) {
     return Memory::get().allocate(size);
 }
+void* operator new(size_t size, const std::nothrow_t& /*nothrow*/) noexcept {
+    try {
+        return Memory::get().allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept {
     Memory::get().free(memory);
 }

@@ -47,8 +47,8 @@ tql::pattern_t PatternMaker::pattern(uint32_t class_number, int levels) {
     add_flags(step);
     add_wanted(step);
     if (rng_.chance(50)) step.tag = static_cast<uint32_t>(rng_.below(4));
-    if (rng_.chance(35)) step.where.push_back(condition());
-    if (rng_.chance(6)) step.where.push_back(condition());
+    if (rng_.chance(35)) step.where.push_back(condition(class_number));
+    if (rng_.chance(6)) step.where.push_back(condition(class_number));
     if (levels == 0 || rng_.chance(15)) return step;
     const auto below = [&] {
         // What follows a recursive step is tried on the object itself as well.
@@ -84,16 +84,20 @@ uint32_t PatternMaker::class_below(uint32_t class_number) {
     return pick(rng_, below);
 }
 
-tql::condition_t PatternMaker::condition() {
+tql::condition_t PatternMaker::condition(uint32_t class_number) {
     const uint64_t kind = rng_.below(100);
-    if (kind < 45) return index_condition();
+    if (kind < 45) return index_condition(class_number);
     if (kind < 80) return text_condition();
     return odd_condition();
 }
 
 // Those that an index, a mark list or the index of siblings may answer.
-tql::condition_t PatternMaker::index_condition() {
-    const auto id = [&] { return world_.random_id(rng_); };
+tql::condition_t PatternMaker::index_condition(uint32_t class_number) {
+    const auto id = [&] {
+        const tql::id_t fitting =
+            rng_.chance(70) ? world_.random_id(rng_, class_number) : tql::id_t();
+        return fitting.empty() ? world_.random_id(rng_) : fitting;
+    };
     switch (rng_.below(9)) {
         case 0:
             return where<tql::property_object_t>(prop::id, relop_t::eq, id());

@@ -25,8 +25,8 @@ class PatternMaker {
   private:
     void add_flags(tql::pattern_t& step);
     void add_wanted(tql::pattern_t& step);
-    tql::condition_t condition();
-    tql::condition_t index_condition();
+    tql::condition_t condition(uint32_t class_number);
+    tql::condition_t index_condition(uint32_t class_number);
     tql::condition_t text_condition();
     tql::condition_t odd_condition();
     uint32_t class_below(uint32_t class_number);

@@ -168,10 +168,7 @@ std::string World::create(support::Rng& rng) {
 
 /// Where an object of this class may stand; at times it may not.
 tql::id_t World::place_for(support::Rng& rng, uint32_t class_number) const {
-    const auto of_class = [&](uint32_t parent_class) {
-        return random_known(rng,
-                            [&](const Known& known) { return known.class_number == parent_class; });
-    };
+    const auto of_class = [&](uint32_t parent_class) { return random_id(rng, parent_class); };
     const auto group = [&](uint32_t place) {
         tql::id_t id = of_class(cls::Node);
         if (id.size() == 2) id.push_back(place);
@@ -232,8 +229,7 @@ World::Values World::start_values(support::Rng& rng, uint32_t class_number, bool
             add(text(prop::name, random_name(rng)));
     }
     if (can_inherit(class_number) && rng.chance(40)) {
-        const tql::id_t parent = random_known(
-            rng, [&](const Known& known) { return known.class_number == class_number; });
+        const tql::id_t parent = random_id(rng, class_number);
         if (!parent.empty()) add(object(prop::inherits, parent));
     }
     if (rng.chance(15)) add(object(prop::masterId, random_id(rng)));
@@ -266,8 +262,7 @@ tql::value_t World::random_value(support::Rng& rng, uint32_t class_number) {
         case cls::WeekPlanner:
         case cls::ExpectedEvent:
             if (rng.chance(40)) {
-                const tql::id_t parent = random_known(
-                    rng, [&](const Known& known) { return known.class_number == class_number; });
+                const tql::id_t parent = random_id(rng, class_number);
                 if (!parent.empty() && rng.chance(60)) return object(prop::inherits, parent);
                 return std::make_unique<tql::property_object_t>(
                     tql::property_object_t::null(prop::inherits));
@@ -362,6 +357,10 @@ tql::id_t World::random_id(support::Rng& rng) const {
     if (class_number == cls::Node && rng.chance(15))
         id.push_back(static_cast<uint32_t>(rng.below(3)));
     return id;
+}
+
+tql::id_t World::random_id(support::Rng& rng, uint32_t class_number) const {
+    return random_known(rng, [&](const Known& one) { return one.class_number == class_number; });
 }
 
 /// Those which nothing but a write to the object itself changes.

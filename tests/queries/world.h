@@ -41,6 +41,8 @@ class World {
     /// Known objects, the root among them, or now and then an id that isn't there or that of a
     /// group.
     tql::id_t random_id(support::Rng& rng) const;
+    /// Of an object of the class; empty where there is none.
+    tql::id_t random_id(support::Rng& rng, uint32_t class_number) const;
     [[nodiscard]] size_t size() const { return known_.size(); }
 
     /// For a transaction that is aborted.

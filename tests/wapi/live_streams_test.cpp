@@ -459,6 +459,9 @@ TEST(PatchPlan, OnlyWherePatchesSayItAll) {
         {"Domain^ > Node", 1, nullptr},
         {"Domain* > ( Node : View )", 1, nullptr},
         {"Domain*$ > View > Node", 1, nullptr},
+        {"Domain > ( Node[name] : Node )", 1, nullptr},  // one node is found in both ways
+        {"Domain > ( Node : . )", 1, nullptr},
+        {"Plan > ( MonthPlanner*$ > WeekPlanner : WeekPlanner )", 1, nullptr},
     };
     const auto text = [](const char* pattern, size_t roots) -> std::optional<std::string> {
         const auto plan = wapi::make_patch_plan(tql::parse_pattern(pattern), roots);
