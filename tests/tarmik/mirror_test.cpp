@@ -13,7 +13,8 @@ using nlohmann::json;
 using nlohmann::ordered_json;
 
 /// A tree of domains and nodes as text: "0.1[1.2[1.5 1.6] 1.3]"; ids from 100 in their last place
-/// are nodes, the others domains. The label of an object is its id and what stands behind "=".
+/// are nodes, from 200 views, the others domains. The label of an object is its id and what stands
+/// behind "=".
 class TreeText {
   public:
     static ordered_json read(std::string_view text) {
@@ -44,7 +45,8 @@ class TreeText {
         const bool on_path = word.ends_with('>');
         if (on_path) word.pop_back();
         node["id"] = word.substr(0, word.find('='));
-        node["class"] = std::stoul(word.substr(word.find('.') + 1)) >= 100 ? "Node" : "Domain";
+        const unsigned long place = std::stoul(word.substr(word.find('.') + 1));
+        node["class"] = place >= 200 ? "View" : place >= 100 ? "Node" : "Domain";
         node["version"] = fmt::format("1.{}", ++versions_);
         if (on_path) node["on_path"] = true;
         node["properties"] = {{"label", word}};
@@ -98,6 +100,8 @@ TEST(Mirror, FollowsPatchesAndDeletes) {
          "0.1[1.2=c[1.100 1.103] 1.3[1.4[1.101]]]", "~1.2 +1.103 -1.102 "},
         {"the way is new as well", "1.105", "0.1>[1.5>[1.6>[1.105]]]",
          "0.1[1.2[1.100 1.102] 1.3[1.4[1.101]] 1.5[1.6[1.105]]]", "+1.5 +1.6 +1.105 "},
+        {"the way is new, and only for what stands beside", "1.200", "0.1>[1.5>[1.6>[1.200]]]",
+         kBegin, ""},
         {"move", "1.102", "0.1>[1.3>[1.102]]", "0.1[1.2[1.100] 1.3[1.4[1.101] 1.102]]", ">1.102 "},
         {"move of the last, the way up goes with it", "1.101", "0.1>[1.2>[1.101]]",
          "0.1[1.2[1.100 1.101 1.102]]", ">1.101 -1.4 -1.3 "},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <tuple>
+#include <unordered_set>
 #include <utility>
 
 #include "tql/names.h"
@@ -112,7 +113,7 @@ class Mirror::Step {
         is_result_ = true;
         while (!mirror_.top_.children.empty()) take_out(*mirror_.top_.children.back());
         read_kept_by(data);
-        left_.clear();
+        in_doubt_.clear();
         for (const ordered_json& object : results) put_in(object, mirror_.top_, 1);
     }
 
@@ -173,6 +174,7 @@ class Mirror::Step {
     }
 
     void note(const Node& node, ordered_json object, size_t place) {
+        if (new_.contains(node.key)) return;
         if (was_.try_emplace(node.key, Was{std::move(object), node.parent->key, place}).second)
             seen_.push_back(node.key);
     }
@@ -182,7 +184,7 @@ class Mirror::Step {
         auto& siblings = node.parent->children;
         const auto own = std::find_if(siblings.begin(), siblings.end(),
                                       [&](const auto& each) { return each.get() == &node; });
-        left_.push_back(node.parent->key);
+        in_doubt_.push_back(node.parent->key);
         note_all(node, static_cast<size_t>(own - siblings.begin()));
         siblings.erase(own);
     }
@@ -218,6 +220,7 @@ class Mirror::Step {
         Node& node = **siblings.insert(place, std::move(made));
         mirror_.nodes_[node.key] = &node;
         came_.push_back(node.key);
+        if (!was_.contains(node.key)) new_.insert(node.key);
         return node;
     }
 
@@ -252,6 +255,7 @@ class Mirror::Step {
         Node* node = find(get_text(told, "id"));
         if (node == nullptr || node->parent != &parent) {
             node = &put_alone(told, parent, depth);
+            in_doubt_.push_back(node->key);
         } else {
             note(*node, node->object, 0);
             merge_values(node->object, told);
@@ -275,10 +279,11 @@ class Mirror::Step {
         }
     }
 
-    /// Takes out what was there only for the sake of something that has left.
+    /// Takes out what has nothing to be there for: it has left, or what came is there only beside
+    /// it.
     void prune() {
-        for (size_t i = 0; i < left_.size(); ++i) {  // grows on the way
-            Node* node = find(left_[i]);
+        for (size_t i = 0; i < in_doubt_.size(); ++i) {  // grows on the way
+            Node* node = find(in_doubt_[i]);
             if (node == nullptr) continue;
             const auto rule = mirror_.kept_by_.find(get_text(node->object, "class"));
             if (rule == mirror_.kept_by_.end()) continue;
@@ -295,10 +300,12 @@ class Mirror::Step {
     Mirror& mirror_;
     bool is_result_ = false;
     std::unordered_map<std::string, Was> was_;
-    std::vector<std::string> seen_;  ///< keys of was_ in their order
-    std::vector<std::string> came_;  ///< keys of what was put in or brought up to date
+    std::vector<std::string> seen_;        ///< keys of was_ in their order
+    std::vector<std::string> came_;        ///< keys of what was put in or brought up to date
+    std::unordered_set<std::string> new_;  ///< those of came_ that weren't there before the event
     std::set<std::string> told_;
-    std::vector<std::string> left_;  ///< keys of those that have lost a child
+    /// Keys of those that have lost a child, or have come for the sake of one.
+    std::vector<std::string> in_doubt_;
 };
 
 Mirror::Mirror() = default;
