@@ -42,6 +42,11 @@ class Refused : public error::Exception {
     std::string name_;
 };
 
+/// 503, for what may work when it is tried again.
+[[nodiscard]] inline Refused unavailable(std::string_view text) {
+    return Refused(503, "UNAVAILABLE", std::string(text));
+}
+
 /// Where a request begins that names no other root.
 inline const tql::id_t kRootId{0, 1};
 

@@ -16,10 +16,6 @@ constexpr queues::queue_t kServer = queues::queue_t::dbms;
 /// What a request costs in the pool besides its body.
 constexpr size_t kEventOverheadBytes = 256;
 
-Response unavailable(std::string_view text) {
-    return refusal(Refused(503, "UNAVAILABLE", std::string(text)));
-}
-
 template <queues::event_t N>
 std::unique_ptr<queues::event> to_server(queues::record_t<N> record = {}) {
     return std::make_unique<queues::devent<N>>(kServer, 0, std::move(record));
@@ -127,7 +123,7 @@ Gateway::Call Gateway::make_call(const Request& request) {
 
 void Gateway::take_request(token_t token, const Request& request) {
     if (stopped_) {
-        ports_.answer(token, unavailable("The gateway is stopping"));
+        ports_.answer(token, refusal(unavailable("The gateway is stopping")));
         return;
     }
     try {
@@ -254,8 +250,8 @@ void Gateway::refuse_all(std::string_view text) {
     queued_.clear();
     in_flight_.clear();
     in_flight_bytes_ = 0;
-    for (auto& [uid, call] : in_flight) answer(call, unavailable(text));
-    for (Call& call : queued) answer(call, unavailable(text));
+    for (auto& [uid, call] : in_flight) answer(call, refusal(unavailable(text)));
+    for (Call& call : queued) answer(call, refusal(unavailable(text)));
 }
 
 std::optional<uint64_t> Gateway::next_deadline_us() const {

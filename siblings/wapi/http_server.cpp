@@ -47,7 +47,7 @@ Response refuse_size() {
 }
 
 Response refuse_closing() {
-    return refusal(Refused(503, "UNAVAILABLE", "The gateway is stopping"));
+    return refusal(unavailable("The gateway is stopping"));
 }
 
 /// Hands the answer to the library, which keeps the text until it is sent.

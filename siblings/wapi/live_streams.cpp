@@ -19,10 +19,6 @@ constexpr std::string_view kEventsPath = "/api/v1/events";
 /// What leaves a queue at once, if that is more than one event.
 constexpr size_t kBatchBytes = 64U << 10;
 
-Response unavailable(std::string_view text) {
-    return refusal(Refused(503, "UNAVAILABLE", std::string(text)));
-}
-
 }  // namespace
 
 struct LiveStreams::Stream {
@@ -84,8 +80,9 @@ void LiveStreams::take_request(token_t token, const Request& request) {
 
 void LiveStreams::admit(std::unique_ptr<Stream> stream) {
     const token_t token = stream->token;
-    if (stopped_) return ports_.answer(token, unavailable("The gateway is stopping"));
-    if (retry_at_us_) return ports_.answer(token, unavailable("The server is not running"));
+    if (stopped_) return ports_.answer(token, refusal(unavailable("The gateway is stopping")));
+    if (retry_at_us_)
+        return ports_.answer(token, refusal(unavailable("The server is not running")));
     if (streams_.size() >= kMaxStreams)
         return ports_.answer(
             token, refusal(Refused(503, "TOO_MANY_STREAMS",
@@ -109,7 +106,7 @@ void LiveStreams::ask_queued() {
                 retry_at_us_ = clock_.monotonic_us() + kRetry_us;
                 return;
             }
-            refuse(*next, unavailable("The server is not running"));
+            refuse(*next, refusal(unavailable("The server is not running")));
         }
         queued_.pop_front();
     }
@@ -249,7 +246,7 @@ void LiveStreams::peer_lost(queues::queue_t peer) {
         stream.owes_acknowledge = false;
         stream.state = Stream::state_t::queued;
         if (!stream.open) {
-            refuse(stream, unavailable("The server ended before it answered"));
+            refuse(stream, refusal(unavailable("The server ended before it answered")));
             continue;
         }
         if (stream.select) clear(stream);
@@ -390,7 +387,7 @@ void LiveStreams::stop() {
     for (const token_t token : tokens()) {
         Stream& stream = *find(token);
         if (!stream.open) {
-            refuse(stream, unavailable("The gateway is stopping"));
+            refuse(stream, refusal(unavailable("The gateway is stopping")));
             continue;
         }
         stream.doomed = true;

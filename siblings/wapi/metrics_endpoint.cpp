@@ -15,10 +15,6 @@ constexpr std::string_view kTextPath = "/metrics";
 constexpr std::string_view kJsonPath = "/api/v1/metrics";
 constexpr std::string_view kLevelsPath = "/api/v1/log-levels";
 
-Response unavailable(std::string_view text) {
-    return refusal(Refused(503, "UNAVAILABLE", std::string(text)));
-}
-
 }  // namespace
 
 bool MetricsEndpoint::serves(std::string_view path) const {
@@ -27,7 +23,7 @@ bool MetricsEndpoint::serves(std::string_view path) const {
 }
 
 void MetricsEndpoint::take_request(token_t token, const Request& request) {
-    if (stopped_) return ports_.answer(token, unavailable("The gateway is stopping"));
+    if (stopped_) return ports_.answer(token, refusal(unavailable("The gateway is stopping")));
     try {
         if (request.path == kLevelsPath)
             set_levels(token, request);
@@ -50,7 +46,7 @@ void MetricsEndpoint::begin(token_t token, const Request& request) {
     if (request.path.size() > kJsonPath.size() + 1)
         reading.below = request.path.substr(kJsonPath.size() + 1);
     if (!ports_.send(queues::devent<queues::LIST_METRICS>(kServer, uid, 0)))
-        throw Refused(503, "UNAVAILABLE", "The server is not running");
+        throw unavailable("The server is not running");
     readings_.push_back(std::move(reading));
 }
 
@@ -60,8 +56,7 @@ void MetricsEndpoint::set_levels(token_t token, const Request& request) {
     const bool has_server = !wanted.process || *wanted.process != kSelf;
     const queues::queue_t peer = wanted.process.value_or(kServer);
     if (has_server && !ports_.send(queues::devent<queues::SET_LOG_LEVEL>(peer, 0, {wanted.levels})))
-        throw Refused(503, "UNAVAILABLE",
-                      fmt::format("{} is not running", queues::queue_name(peer)));
+        throw unavailable(fmt::format("{} is not running", queues::queue_name(peer)));
     if (!wanted.process || *wanted.process == kSelf) logging::apply_levels(wanted.levels);
     ports_.answer(token, {.status = 200, .body = "{\"ok\":true}"});
 }
@@ -123,19 +118,18 @@ void MetricsEndpoint::finish(Reading& reading) {
 }
 
 void MetricsEndpoint::peer_lost(queues::queue_t peer) {
-    if (peer == kServer) refuse_all(503, "UNAVAILABLE", "The server ended before it answered");
+    if (peer == kServer) refuse_all("The server ended before it answered");
 }
 
 void MetricsEndpoint::stop() {
     stopped_ = true;
-    refuse_all(503, "UNAVAILABLE", "The gateway is stopping");
+    refuse_all("The gateway is stopping");
 }
 
-void MetricsEndpoint::refuse_all(unsigned status, std::string_view name, std::string_view text) {
+void MetricsEndpoint::refuse_all(std::string_view text) {
     const std::vector<Reading> refused = std::move(readings_);
     readings_.clear();
-    for (const Reading& each : refused)
-        ports_.answer(each.token, refusal(Refused(status, name, std::string(text))));
+    for (const Reading& each : refused) ports_.answer(each.token, refusal(unavailable(text)));
 }
 
 std::optional<uint64_t> MetricsEndpoint::next_deadline_us() const {

@@ -60,7 +60,7 @@ class MetricsEndpoint final : public Endpoint {
     /// False when the server is gone.
     [[nodiscard]] bool ask_on(Reading& reading);
     void finish(Reading& reading);
-    void refuse_all(unsigned status, std::string_view name, std::string_view text);
+    void refuse_all(std::string_view text);
 
     GatewayPorts& ports_;
     const platform::Clock& clock_;

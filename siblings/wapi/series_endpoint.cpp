@@ -12,10 +12,6 @@ namespace {
 
 constexpr queues::queue_t kServer = queues::queue_t::dbms;
 
-Refused unavailable(std::string_view text) {
-    return Refused(503, "UNAVAILABLE", std::string(text));
-}
-
 template <class Reply>
 void check_status(const Reply& reply) {
     if (reply.status == 0) return;
