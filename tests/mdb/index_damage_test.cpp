@@ -7,62 +7,6 @@
 namespace mdb_test {
 namespace {
 
-TEST_F(IndexTest, TheVerifierNamesEachInvariant) {
-    for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
-    const uint32_t root_block = root(kUnique);
-    const uint32_t first = child(kUnique, 0);
-    const uint32_t second = child(kUnique, 1);
-    const uint32_t second_key = word(second, 20);
-    struct Row {
-        const char* rule;
-        uint32_t block;
-        uint32_t offset;
-        uint32_t value;
-    };
-    const Row rows[] = {
-        {"N1 block", first, 0, 0x12345678},
-        {"N1 block", root_block, mdb::node_layout::ptr0, second},
-        {"N1 child", root_block, mdb::node_layout::ptr0, 0x00F00000},
-        {"N2 node", root_block, mdb::node_layout::nkeys, 85},
-        {"N2 leaf", first, mdb::leaf_layout::nkeys, 64},
-        {"N2 node", root_block, mdb::node_layout::ptr0, 0},
-        {"N3 leaf", second, 20 + 16, second_key},
-        {"N3 node", root_block, 16, 0xFFFFFF00},
-        {"N4 key", second, 20, 11},
-        {"N4 key", root_block, 16, 20},
-        {"N6 leaf", first, mdb::leaf_layout::right, 0},
-        {"N6 leaf", second, mdb::leaf_layout::left, 7},
-        {"N7", first, mdb::leaf_layout::nkeys, 0},
-    };
-    expect_whole();
-    for (const Row& row : rows) {
-        const uint32_t whole = word(row.block, row.offset);
-        damage(row.block, row.offset, row.value);
-        const std::string found = mdb::verify_index(*database, kUnique).text();
-        EXPECT_NE(found.find(row.rule), std::string::npos) << row.rule << "\n" << found;
-        damage(row.block, row.offset, whole);
-        expect_whole();
-    }
-    change([&] { database->allocator().set_mark(first, mark_t::lob); });
-    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N1 block"), std::string::npos);
-}
-
-TEST_F(IndexTest, TheVerifierNamesLeavesOfOtherDepths) {
-    for (uint32_t n = 1; n <= 6000; ++n) insert_unique(n * 10);
-    const uint32_t node = child(kUnique, 0);
-    ASSERT_EQ(database->allocator().query_mark(node), mark_t::non_root_index);
-    damage(root(kUnique), mdb::node_layout::ptr0, word(node, mdb::node_layout::ptr0));
-    EXPECT_NE(mdb::verify_index(*database, kUnique).text().find("N5 leaf"), std::string::npos);
-}
-
-TEST_F(IndexTest, TheVerifierNamesDoubleEntries) {
-    insert(id(1), 5);
-    insert(id(1), 6);
-    const uint32_t leaf = child(kRuns, 0);
-    damage(leaf, 16 + 16 + 8, 5);
-    EXPECT_NE(mdb::verify_index(*database, kRuns).text().find("N8 entry"), std::string::npos);
-}
-
 TEST_F(IndexTest, DamageEndsOperationsWithAnError) {
     for (uint32_t n = 1; n <= kLeafCapacity * 3; ++n) insert_unique(n * 10);
     const uint32_t first = child(kUnique, 0);

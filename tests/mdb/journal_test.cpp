@@ -184,59 +184,6 @@ TEST(Transactions, LogFullKeepsRoomForTheEnd) {
     EXPECT_EQ(see(again, kData, 460), std::string(460, 'x'));
 }
 
-TEST(Transactions, ScopeAbortsUnlessCommitted) {
-    TestDatabase test;
-    mdb::Database& db = test.open();
-    db.store().ensure_block(4);
-    try {
-        mdb::Transaction transaction(db.journal());
-        put(db, kData, "lost");
-        throw std::runtime_error("on the way");
-    } catch (const std::runtime_error&) {
-    }
-    EXPECT_FALSE(db.journal().transaction_active());
-    EXPECT_EQ(see(db, kData, 4), std::string(4, '\0'));
-}
-
-TEST(Replay, TornTailAtEveryByteIsAllOrNothing) {
-    TestDatabase test(2000);
-    Bytes whole;
-    uint32_t first_end = 0;
-    uint32_t second_end = 0;
-    {
-        mdb::Database& db = test.open();
-        db.store().ensure_block(8);
-        mdb::Transaction first(db.journal());
-        put(db, kData, "AAAA");
-        first.commit();
-        first_end = db.journal().write_pos();
-        mdb::Transaction second(db.journal());
-        put(db, kData, "BB");
-        put(db, kData + 1024, "a longer text");
-        second.commit();
-        second_end = db.journal().write_pos();
-        test.close();
-        whole = test.read("journal");
-    }
-    const Bytes file = test.read("db");
-    for (const uint8_t junk : {uint8_t{0}, uint8_t{0xFF}}) {
-        for (uint32_t cut = first_end; cut <= second_end; ++cut) {
-            SCOPED_TRACE(testing::Message() << "cut " << cut << " junk " << int{junk});
-            Bytes torn = whole;
-            std::fill(torn.begin() + cut, torn.begin() + second_end, junk);
-            // Bytes of the begin entry's gap and of the fill are zero in this journal.
-            const bool complete = torn == whole;
-            test.write("journal", torn);
-            test.write("db", file);
-            mdb::Database& db = test.open();
-            EXPECT_EQ(see(db, kData, 4), complete ? "BBAA" : "AAAA");
-            EXPECT_EQ(see(db, kData + 1024, 13),
-                      complete ? "a longer text" : std::string(13, '\0'));
-            test.close();
-        }
-    }
-}
-
 TEST(Replay, EveryBadByteOfATransactionDropsIt) {
     TestDatabase test(2000);
     const Bytes fresh = test.read("journal");
@@ -473,27 +420,6 @@ TEST(Halves, OfAnyLengthAreFilledToTheLastByte) {
             EXPECT_EQ(see(*db, kData, text.size()), text);
         }
         EXPECT_EQ(see(test.open(), kData, 1), "f");
-    }
-}
-
-TEST(Flip, KeepsCommitsAndSerialsGrow) {
-    TestDatabase test;
-    for (const bool redirect : {false, true}) {
-        mdb::Database& db = test.open();
-        db.store().ensure_block(8);
-        const uint64_t serial = db.journal().current_serial();
-        const uint32_t old_end = db.journal().write_pos() + 48;
-        mdb::Transaction first(db.journal());
-        put(db, kData, redirect ? "R" : "C");
-        first.commit();
-        db.journal().flip(redirect);
-        EXPECT_EQ(db.journal().current_serial(), serial + 1);
-        EXPECT_EQ(test.part("db", kData, 1)[0], redirect ? 'R' : 'C');
-        EXPECT_EQ(test.part("journal", old_end, 4) == hex("54524544"), redirect);
-        mdb::Transaction second(db.journal());
-        put(db, kData + 1, "2");
-        second.commit();
-        EXPECT_EQ(see(test.open(), kData, 2), redirect ? "R2" : "C2");
     }
 }
 

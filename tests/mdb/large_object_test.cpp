@@ -3,9 +3,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 
-#include "log/log.h"
 #include "mdb/large_object_layout.h"
-#include "support/sim_disk.h"
 #include "test_database.h"
 #include "util/byte_order.h"
 
@@ -132,37 +130,6 @@ TEST(LargeObject, NeedsATransaction) {
               "internal: Update outside of transaction attempted");
     EXPECT_EQ(blocks_with(db, mark_t::lob), std::vector<uint32_t>{block});
     EXPECT_EQ(read(db, block), pattern(10));
-}
-
-TEST(LargeObject, AnAbortTakesMarksBackButNoBytes) {
-    TestDatabase test(64 * 1024, 2 << 20);
-    mdb::Database& db = test.open();
-    const uint32_t old_block = write(db, pattern(3000, 1));
-    {
-        mdb::Transaction transaction(db.journal());
-        mdb::free_lob(db, old_block);
-        const uint32_t new_block = mdb::write_lob(db, pattern(3000, 2));
-        EXPECT_EQ(read(db, new_block), pattern(3000, 2));
-    }
-    EXPECT_EQ(blocks_with(db, mark_t::lob).size(), 3U);
-    EXPECT_EQ(read(db, old_block), pattern(3000, 1)) << "the aborted value lay elsewhere";
-    EXPECT_EQ(read(test.open(), old_block), pattern(3000, 1));
-}
-
-TEST(LargeObject, BlocksFreedInTheOpenTransactionAreNotTaken) {
-    // One map block: as long as the transaction is open none of its blocks is handed out.
-    TestDatabase test;
-    mdb::Database& db = test.open();
-    const uint32_t block = write(db, pattern(10));
-    EXPECT_EQ(failure_of([&] {
-                  mdb::Transaction transaction(db.journal());
-                  mdb::free_lob(db, block);
-                  (void)mdb::write_lob(db, pattern(10));
-              }),
-              "dbnospace: No empty blocks in meta database");
-    EXPECT_EQ(read(db, block), pattern(10));
-    release(db, block);
-    EXPECT_EQ(write(db, pattern(20)), block);
 }
 
 TEST(LargeObject, DamageEndsInItsMessage) {
@@ -332,97 +299,6 @@ TEST(LargeObject, TheCacheForgetsWhatABlockWas) {
     // The next journalled life starts from what stands in the file.
     set_mark(db, kFirst, mark_t::leaf);
     EXPECT_EQ(mdb_test::see(db, kFirst * kBlock, 4), "LOBh");
-}
-
-/// A database on a disk whose power can be cut.
-class SimDatabase {
-  public:
-    explicit SimDatabase(uint64_t capacity = 1 << 20) {
-        logging::set_all_levels(logging::level_t::off);
-        mdb::FormatOptions options;
-        options.database_path = "db";
-        options.journal_path = "journal";
-        options.block_size = kBlock;
-        options.journal_size_bytes = 24 * 1024;
-        options.capacity_bytes = capacity;
-        mdb::format_database(disk, options);
-    }
-    mdb::Database& open() {
-        close();
-        mdb::Settings settings;
-        settings.database_path = "db";
-        settings.buffer_blocks = 4;
-        database = std::make_unique<mdb::Database>(settings, disk, clock);
-        return *database;
-    }
-    void close() { database.reset(); }
-
-    support::SimDisk disk;
-    support::FakeClock clock;
-    std::unique_ptr<mdb::Database> database;
-};
-
-TEST(LargeObject, AFreeThatAPowerCutUndoesFindsItsBlocksUntouched) {
-    // A byte of block 1 stands for the object that refers to it.
-    const auto reference = [](mdb::Database& db, const char* text) { put(db, kBlock, text); };
-    for (uint64_t n = 1;; ++n) {
-        bool cut = false;
-        for (uint64_t seed = 1; seed <= 10; ++seed) {
-            SCOPED_TRACE(testing::Message() << "cut at " << n << " seed " << seed);
-            SimDatabase test;
-            mdb::Database* db = &test.open();
-            uint32_t block = 0;
-            {
-                mdb::Transaction transaction(db->journal());
-                block = mdb::write_lob(*db, pattern(3000, 1));
-                reference(*db, "1");
-                transaction.commit(false);
-            }
-            test.disk.cut_at(n, seed);
-            try {
-                // Within one second, so that the free doesn't become durable by itself.
-                mdb::Transaction transaction(db->journal());
-                mdb::free_lob(*db, block);
-                reference(*db, "-");
-                transaction.commit();
-                EXPECT_EQ(write(*db, pattern(3000, 2)), block) << "nothing keeps it from there";
-            } catch (const support::SimDisk::PowerCut&) {
-            }
-            if (!test.disk.cut()) continue;
-            cut = true;
-            test.close();
-            test.disk.restart();
-            db = &test.open();
-            if (mdb_test::see(*db, kBlock, 1) == "1") {
-                EXPECT_EQ(read(*db, block), pattern(3000, 1));
-            }
-        }
-        if (cut) continue;
-        EXPECT_GT(n, 5U);
-        break;
-    }
-}
-
-TEST(LargeObject, AFailedWriteOrSyncEndsAllFurtherWork) {
-    for (uint64_t n = 1;; ++n) {
-        SCOPED_TRACE(n);
-        SimDatabase test;
-        mdb::Database& db = test.open();
-        db.store().ensure_block(20);
-        db.store().sync_store();
-        db.journal().transaction_begin();
-        test.disk.fail_at(n);
-        try {
-            (void)mdb::write_lob(db, pattern(3000));
-        } catch (const mdb::error_io&) {
-            test.disk.restart();
-            EXPECT_TRUE(db.journal().failed());
-            EXPECT_THROW(db.journal().transaction_end(false), error::EFatal);
-            continue;
-        }
-        EXPECT_EQ(n, 5U) << "three blocks and a sync";
-        break;
-    }
 }
 
 }  // namespace

@@ -303,43 +303,6 @@ TEST_F(ObjectStoreTest, TheHookHearsOfChangesNotOfCreation) {
     EXPECT_EQ(heard, std::vector(3, handle));
 }
 
-TEST_F(ObjectStoreTest, TheVerifierNamesEachKindOfDamage) {
-    const block_handle_t first = create({0, 1}, {}, "abc");
-    const block_handle_t second = create({0, 2}, {0, 1}, "def");
-    const uint64_t block_start = database->store().block_offset(first.block);
-    struct Row {
-        const char* rule;
-        uint64_t offset;
-        std::string bytes;
-    };
-    const Row rows[] = {
-        {"O1", block_start, std::string("\0\0\0\1", 4)},
-        {"O2", block_start + first.offset + 8, std::string("\0\0\0\4", 4)},
-        {"O3", block_start + first.offset + 4, std::string("\0\0\0\x33", 4)},
-        {"O5", block_start + second.offset + 16, std::string("\0\0\0\7", 4)},
-        {"O6", block_start + second.offset + 44, std::string("\0\0\0\7", 4)},
-        {"O4", uint64_t{database->allocator().map_start()} * 1024 + first.block, "\2"},
-    };
-    expect_whole();
-    // What the file holds is final: no replay may mend it.
-    database->journal().checkpoint_and_flip();
-    for (const Row& row : rows) {
-        close();
-        const auto whole = file.read("db");
-        auto damaged = whole;
-        std::copy(row.bytes.begin(), row.bytes.end(),
-                  damaged.begin() + static_cast<std::ptrdiff_t>(row.offset));
-        file.write("db", damaged);
-        open();
-        const std::string found = mdb::verify(*database).text();
-        EXPECT_NE(found.find(row.rule), std::string::npos) << row.rule << "\n" << found;
-        close();
-        file.write("db", whole);
-        open();
-        expect_whole();
-    }
-}
-
 /// What the map beside the store knows of one object.
 struct ModelObject {
     NodeId parent;

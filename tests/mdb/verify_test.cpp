@@ -40,394 +40,260 @@ using mdb_test::set_word;
 using mdb_test::TestDatabase;
 using mdb_test::word;
 
-struct Row {
-    const char* what;
-    /// Changes the database, and the journal where it can; gives the faults to be found.
-    std::function<std::vector<std::string>(const GoodDatabase&, Bytes&, Bytes&)> damage;
-};
-
 using Expected = std::vector<std::string>;
 
 std::string place(const char* rule, uint32_t block, uint32_t offset) {
     return fmt::format("{} {} {}", rule, block, offset);
 }
 
-void run(const std::vector<Row>& rows) {
-    const GoodDatabase good;
-    ASSERT_EQ(good.faults(good.options()), Expected{});
-    for (const Row& row : rows) {
-        Bytes db = good.db;
-        Bytes journal = good.journal;
-        const Expected expected = row.damage(good, db, journal);
-        good.file.write("db", db);
-        good.file.write("journal", journal);
-        EXPECT_EQ(good.faults(good.options()), expected) << row.what;
+/// A byte or word of a file that is another one after the damage.
+struct Change {
+    uint64_t at;
+    uint32_t value;
+    bool one_byte = false;
+};
+
+struct Row {
+    const char* what;
+    std::vector<Change> changes;
+    Expected faults;
+    /// The file is cut to so many bytes.
+    std::optional<uint64_t> size = {};
+};
+
+class Verifier : public testing::Test {
+  protected:
+    /// Spoils a file of the good database, the database or its journal.
+    void run(const std::vector<Row>& rows, Bytes GoodDatabase::*file = &GoodDatabase::db) const {
+        ASSERT_EQ(good.faults(good.options()), Expected{});
+        for (const Row& row : rows) {
+            Bytes bytes = good.*file;
+            for (const Change& change : row.changes)
+                if (change.one_byte)
+                    bytes[change.at] = static_cast<uint8_t>(change.value);
+                else
+                    set_word(bytes, change.at, change.value);
+            if (row.size) bytes.resize(*row.size);
+            good.restore();
+            good.file.write(file == &GoodDatabase::db ? "db" : "journal", bytes);
+            EXPECT_EQ(good.faults(good.options()), row.faults) << row.what;
+        }
     }
-}
 
-/// Makes `block` a leaf without entries at the right end of index 0.
-void append_empty_leaf(const GoodDatabase& good, Bytes& db, uint32_t block) {
-    const uint32_t last = good.last_leaf(0);
-    const uint32_t root = good.roots[0];
-    const uint32_t nkeys = word(db, good.at(root, 4));
-    db[good.mark(block)] = 6;
-    set_word(db, good.at(block), mdb::leaf_layout::kMagic);
-    set_word(db, good.at(block, mdb::leaf_layout::left), last);
-    set_word(db, good.at(last, mdb::leaf_layout::right), block);
-    set_word(db, good.at(root, 4), nkeys + 1);
-    set_word(db, good.at(root, 12 + 12 * nkeys), 9);
-    set_word(db, good.at(root, 20 + 12 * nkeys), block);
-}
+    [[nodiscard]] uint32_t get(uint32_t block, uint32_t offset) const {
+        return word(good.db, good.at(block, offset));
+    }
+    [[nodiscard]] static Change put(uint32_t block, uint32_t offset, uint32_t value) {
+        return {GoodDatabase::at(block, offset), value};
+    }
+    [[nodiscard]] Change mark(uint32_t block, uint32_t value) const {
+        return {good.mark(block), value, true};
+    }
+    /// The words of a leaf's entry as those of another one.
+    [[nodiscard]] std::vector<Change> entry_from(uint32_t leaf, uint32_t to, uint32_t from) const {
+        std::vector<Change> changes;
+        for (uint32_t k = 0; k < 16; k += 4)
+            changes.push_back(put(leaf, 16 + 16 * to + k, get(leaf, 16 + 16 * from + k)));
+        return changes;
+    }
 
-TEST(Verify, NamesEachDamageOfTheTreesOfIndexes) {
-    const std::vector<Row> rows = {
-        {"a leaf with the mark of a node",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.child(0, 1))] = 5;
-             return {place("N1", good.child(0, 1), 0)};
-         }},
-        {"a leaf without its magic",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.child(3, 0)), 0);
-             return {place("N1", good.child(3, 0), 0), place("N6", good.child(3, 1), 4),
-                     place("O6", good.object.block, good.object.offset)};
-         }},
-        {"a leaf that two indexes claim",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.roots[5], 8), good.child(0, 1));
-             return {place("N1", good.child(0, 1), 0)};
-         }},
-        {"a child beyond the file",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.roots[5], 8), 900);
-             return {place("N1", good.roots[5], 8)};
-         }},
-        {"a child in the map",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.roots[5], 8), good.map_start);
-             return {place("N1", good.map_start, 0)};
-         }},
-        {"a node with more keys than fit",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.roots[5], 4), 85);
-             return {place("N2", good.roots[5], 4)};
-         }},
-        {"two entries in the wrong order",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const auto entry =
-                 db.begin() + static_cast<std::ptrdiff_t>(good.at(good.child(0, 1), 16 + 16 * 2));
-             std::swap_ranges(entry, entry + 16, entry + 16);
-             return {place("N3", good.child(0, 1), 16 + 16 * 3)};
-         }},
-        {"a separator above the keys to its right",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint64_t second_word = good.at(good.roots[0], 16);
-             set_word(db, second_word, word(db, second_word) + 1);
-             return {place("N4", good.child(0, 1), 16)};
-         }},
-        {"a leaf one level too deep",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 5;
-             set_word(db, good.at(good.empty), mdb::node_layout::kMagic);
-             set_word(db, good.at(good.empty, 8), good.child(0, 1));
-             set_word(db, good.at(good.roots[0], 20), good.empty);
-             return {place("N5", good.child(0, 1), 0)};
-         }},
-        {"a link to the right that is gone",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.child(0, 0), 8), 0);
-             return {place("N6", good.child(0, 0), 8)};
-         }},
-        {"a link of the last leaf",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.last_leaf(0), 8), good.child(0, 0));
-             return {place("N6", good.last_leaf(0), 8)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, NamesEachDamageOfTheEntriesOfIndexes) {
-    const std::vector<Row> rows = {
-        {"an empty leaf among others",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             append_empty_leaf(good, db, good.empty);
-             return {place("N7", good.empty, 12)};
-         }},
-        {"an entry that stands twice",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t leaf = good.last_leaf(1);
-             const uint32_t count = good.entries(leaf);
-             const uint32_t end = 16 + 16 * count;
-             std::copy_n(db.begin() + static_cast<std::ptrdiff_t>(good.at(leaf, end - 16)), 16,
-                         db.begin() + static_cast<std::ptrdiff_t>(good.at(leaf, end)));
-             set_word(db, good.at(leaf, 12), count + 1);
-             return {place("N8", leaf, end)};
-         }},
-        {"an object that index 0 does not have",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t leaf = good.last_leaf(0);
-             const uint32_t count = good.entries(leaf);
-             set_word(db, good.at(leaf, 12), count - 1);
-             const uint64_t value = good.at(leaf, 16 + 16 * (count - 1) + 8);
-             return {place("O5", word(db, value), word(db, value + 4))};
-         }},
-        {"an entry of index 3 that leads elsewhere",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t leaf = good.child(3, 0);
-             const uint64_t value = good.at(leaf, 16 + 16 * 4 + 8);
-             const Expected expected = {place("O6", word(db, value), word(db, value + 4))};
-             set_word(db, value, word(db, value) + 700);
-             // The entry without object comes second, as its key is the same and its block higher.
-             return expected;
-         }},
-        {"an index without its entries, which is being built",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t leaf = good.last_leaf(3);
-             set_word(db, good.at(leaf, 12), good.entries(leaf) - 1);
-             set_word(db, good.at(good.roots[3], kBlockSize - 4), mdb::node_layout::kBeingBuilt);
-             return {};
-         }},
-        {"a block of no index",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 6;
-             return {place("M3", good.empty, 0)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, NamesEachDamageOfTheObjects) {
-    const std::vector<Row> rows = {
-        {"an object block that begins with no slot",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 1;
-             return {place("O1", good.empty, 0)};
-         }},
-        {"a slot that leaves its block",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 1;
-             set_word(db, good.at(good.empty), 1000 | 1);
-             set_word(db, good.at(good.empty, 1000), 26 | 1);
-             return {place("O1", good.empty, 1000)};
-         }},
-        {"a null with a payload",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t offset = good.record(51);
-             set_word(db, good.at(good.object.block, offset + 8), 3 | 1U << 30);
-             return {place("O2", good.object.block, offset)};
-         }},
-        {"a record that leaves its object",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t offset = good.record(51);
-             set_word(db, good.at(good.object.block, offset + 4), 32);
-             return {place("O2", good.object.block, good.object.offset),
-                     place("O6", good.child(0, 0), 16 + 16 * 6)};
-         }},
-        {"two records of one property",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.object.block, good.record(52)), 51);
-             return {place("O3", good.object.block, good.object.offset)};
-         }},
-        {"a roomy block that is marked full",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 2;
-             set_word(db, good.at(good.empty), kBlockSize | 1);
-             return {place("O4", good.empty, 0)};
-         }},
-        {"an allocated slot that no object was put into",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 1;
-             set_word(db, good.at(good.empty), (kBlockSize - 4) | 1);
-             set_word(db, good.at(good.empty, kBlockSize - 4), 4);
-             return {place("O7", good.empty, kBlockSize - 4)};
-         }},
-        {"a text without an end",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t offset = good.record(51);
-             set_word(db, good.at(good.object.block, offset + 16), 0x78787878);
-             set_word(db, good.at(good.object.block, offset + 20), 0x78787878);
-             return {place("O8", good.object.block, offset)};
-         }},
-        {"a key of another type",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.object.block, good.record(59) + 8), 11);
-             return {place("O2", good.object.block, good.object.offset),
-                     place("O6", good.child(0, 0), 16 + 16 * 6)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, NamesEachDamageOfLargeObjects) {
-    const std::vector<Row> rows = {
-        {"a length that wants more blocks",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob, 8), 3000);
-             return {place("B1", good.lob + 1, 4)};
-         }},
-        {"a length that wants fewer blocks",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob, 8), 1008);
-             return {place("B1", good.lob, 12), place("B5", good.lob + 1, 0)};
-         }},
-        {"another version",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob, 4), 2);
-             return {place("B1", good.lob, 4)};
-         }},
-        {"a further block without its magic",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob + 1), 0);
-             return {place("B1", good.lob + 1, 0)};
-         }},
-        {"a chain that leads out of the file",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob, 12), 0xFFFFFFFF);
-             return {place("B2", good.lob, 12), place("B5", good.lob + 1, 0)};
-         }},
-        {"a chain into an empty block",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.lob + 1)] = 0;
-             return {place("B2", good.lob, 12)};
-         }},
-        {"a chain that bites its tail",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, good.at(good.lob, 8), 5000);
-             set_word(db, good.at(good.lob + 1, 4), good.lob + 1);
-             return {place("B3", good.lob + 1, 4)};
-         }},
-        {"a block of no chain",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 7;
-             return {place("B5", good.empty, 0)};
-         }},
-        {"a large object that no object names",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty)] = 7;
-             set_word(db, good.at(good.empty), mdb::lob_layout::kFirstMagic);
-             set_word(db, good.at(good.empty, 4), 1);
-             return {place("B6", good.empty, 0)};
-         }},
-        {"an object that names a large object of another",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t offset = good.record(52);
-             set_word(db, good.at(good.object.block, offset), kLobProperty);
-             set_word(db, good.at(good.object.block, offset + 12), good.lob);
-             // Whichever comes second by its place.
-             return {place("B6", good.owner.block, good.owner.offset)};
-         }},
-        {"an object that names no large object",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t offset = good.record(52);
-             set_word(db, good.at(good.object.block, offset), kLobProperty);
-             set_word(db, good.at(good.object.block, offset + 12), good.lob + 1);
-             return {place("B6", good.object.block, good.object.offset)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, NamesDamageThatKeepsADatabaseShut) {
-    const std::vector<Row> rows = {
-        {"another magic",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             db[2] = '!';
-             return {place("H1", 0, 0)};
-         }},
-        {"another version",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             db[7] = 9;
-             return {place("H1", 0, 4)};
-         }},
-        {"a block size that is none",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             set_word(db, 8, 0);
-             return {place("H1", 0, 8)};
-         }},
-        {"another type of journal",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             set_word(db, 12, 3);
-             return {place("H1", 0, 12)};
-         }},
-        {"a layout area outside the header",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             set_word(db, 16, 1020);
-             return {place("H1", 0, 16)};
-         }},
-        {"a root of which the map knows nothing",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             set_word(db, 512 + 24 + 4 * 5, 0x00100000);
-             return {place("H3", 0, 512 + 24 + 4 * 5), place("M3", good.roots[5], 0)};
-         }},
-        {"roots that are none, and no journal that knows better",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             set_word(db, 512 + 24, 0);
-             return {place("H1", 0, 16)};
-         }},
-        {"a file that ends in its header",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             db.resize(1000);
-             return {place("H1", 0, 1000)};
-         }},
-        {"an empty file",
-         [](const GoodDatabase&, Bytes& db, Bytes&) -> Expected {
-             db.clear();
-             return {place("H1", 0, 0)};
-         }},
-        {"a file that ends in its map",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db.resize(good.at(good.map_start, 100));
-             return {place("O4", good.map_start, 4), place("M1", good.map_start, 100)};
-         }},
-        {"a file that has lost blocks in use",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             const uint32_t last = good.empty - 1;
-             db.resize(good.at(last));
-             return {place("O4", good.map_start, last)};
-         }},
-        {"a mark that is none",
-         [](const GoodDatabase& good, Bytes& db, Bytes&) -> Expected {
-             db[good.mark(good.empty + 500)] = 3;
-             return {place("M1", good.map_start, good.empty + 500)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, NamesDamageOfAJournalThatKeepsADatabaseShut) {
-    const std::vector<Row> rows = {
-        {"an empty journal",
-         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
-             journal.clear();
-             return {place("J", 0, 0)};
-         }},
-        {"a journal without its magic",
-         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
-             journal[0] = 0;
-             return {place("J", 0, 0), place("H4", 0, 0)};
-         }},
-        {"a journal of another version",
-         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
-             set_word(journal, 4, 2);
-             return {place("J", 0, 4), place("H4", 0, 0)};
-         }},
-        {"a journal with no index entry",
-         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
-             std::fill_n(journal.begin() + 16, 32, uint8_t{0});
-             return {place("J", 0, 16), place("H4", 0, 0)};
-         }},
-        {"a journal that has lost its end",
-         [](const GoodDatabase&, Bytes&, Bytes& journal) -> Expected {
-             journal.resize(4096);
-             return {place("J", 0, 32 + 8), place("H4", 0, 0)};
-         }},
-    };
-    run(rows);
-}
-
-TEST(Verify, WhatAProcessHoldsInMemoryIsComparedWithTheFile) {
     GoodDatabase good;
+    const block_handle_t object = good.object;
+    const uint32_t empty = good.empty;
+    const uint32_t lob = good.lob;
+};
+
+std::vector<Change> operator+(std::vector<Change> all, const std::vector<Change>& more) {
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+TEST_F(Verifier, NamesEachDamageOfTheTreesOfIndexes) {
+    const uint32_t root = good.roots[0];
+    const uint32_t bare = good.roots[5];
+    const uint32_t first = good.child(0, 0);
+    const uint32_t second = good.child(0, 1);
+    const uint32_t last = good.last_leaf(0);
+    const uint32_t other = good.child(3, 0);
+    run({
+        {"a leaf with the mark of a node", {mark(second, 5)}, {place("N1", second, 0)}},
+        {"a leaf without its magic",
+         {put(other, 0, 0)},
+         {place("N1", other, 0), place("N6", good.child(3, 1), 4),
+          place("O6", object.block, object.offset)}},
+        {"a leaf that two indexes claim", {put(bare, 8, second)}, {place("N1", second, 0)}},
+        {"a child beyond the file", {put(bare, 8, 900)}, {place("N1", bare, 8)}},
+        {"a child in the map", {put(bare, 8, good.map_start)}, {place("N1", good.map_start, 0)}},
+        {"a node with more keys than fit", {put(bare, 4, 85)}, {place("N2", bare, 4)}},
+        {"a node without its first child", {put(bare, 4, 1)}, {place("N2", bare, 8)}},
+        {"a leaf with more entries than fit",
+         {put(other, 12, 64)},
+         {place("N2", other, 12), place("O6", object.block, object.offset)}},
+        {"separators in the wrong order",
+         {put(root, 16, 0xFFFFFF00)},
+         {place("N3", root, 24), place("N4", second, 16)}},
+        {"a separator that is the last key to its left",
+         {put(root, 16, get(root, 16) - 1)},
+         {place("N4", first, 16 * good.entries(first))}},
+        {"two entries in the wrong order",
+         entry_from(second, 2, 3) + entry_from(second, 3, 2),
+         {place("N3", second, 16 + 16 * 3)}},
+        {"a separator above the keys to its right",
+         {put(root, 16, get(root, 16) + 1)},
+         {place("N4", second, 16)}},
+        {"a leaf one level too deep",
+         {mark(empty, 5), put(empty, 0, mdb::node_layout::kMagic), put(empty, 8, second),
+          put(root, 20, empty)},
+         {place("N5", second, 0)}},
+        {"a link to the right that is gone", {put(first, 8, 0)}, {place("N6", first, 8)}},
+        {"a link to the left that is wrong", {put(second, 4, last)}, {place("N6", second, 4)}},
+        {"a link of the last leaf", {put(last, 8, first)}, {place("N6", last, 8)}},
+    });
+}
+
+TEST_F(Verifier, NamesEachDamageOfTheEntriesOfIndexes) {
+    const uint32_t root = good.roots[0];
+    const uint32_t last = good.last_leaf(0);
+    const uint32_t nkeys = get(root, 4);
+    const uint32_t count = good.entries(last);
+    const uint32_t last_of_1 = good.last_leaf(1);
+    const uint32_t count_of_1 = good.entries(last_of_1);
+    const uint32_t leaf_of_3 = good.child(3, 0);
+    const uint32_t entry_of_3 = 16 + 16 * 4 + 8;
+    const uint32_t last_of_3 = good.last_leaf(3);
+    run({
+        {"an empty leaf among others, at the right end",
+         {mark(empty, 6), put(empty, 0, mdb::leaf_layout::kMagic),
+          put(empty, mdb::leaf_layout::left, last), put(last, mdb::leaf_layout::right, empty),
+          put(root, 4, nkeys + 1), put(root, 12 + 12 * nkeys, 9),
+          put(root, 20 + 12 * nkeys, empty)},
+         {place("N7", empty, 12)}},
+        {"an entry that stands twice",
+         entry_from(last_of_1, count_of_1, count_of_1 - 1) +
+             std::vector{put(last_of_1, 12, count_of_1 + 1)},
+         {place("N8", last_of_1, 16 + 16 * count_of_1)}},
+        {"an object that index 0 does not have",
+         {put(last, 12, count - 1)},
+         {place("O5", get(last, 16 + 16 * (count - 1) + 8),
+                get(last, 16 + 16 * (count - 1) + 12))}},
+        // The entry without object comes second, as its key is the same and its block higher.
+        {"an entry of index 3 that leads elsewhere",
+         {put(leaf_of_3, entry_of_3, get(leaf_of_3, entry_of_3) + 700)},
+         {place("O6", get(leaf_of_3, entry_of_3), get(leaf_of_3, entry_of_3 + 4))}},
+        {"an index without its entries, which is being built",
+         {put(last_of_3, 12, good.entries(last_of_3) - 1),
+          put(good.roots[3], kBlockSize - 4, mdb::node_layout::kBeingBuilt)},
+         {}},
+        {"a block of no index", {mark(empty, 6)}, {place("M3", empty, 0)}},
+    });
+}
+
+TEST_F(Verifier, NamesEachDamageOfTheObjects) {
+    const uint32_t block = object.block;
+    const uint32_t text = good.record(51);
+    const std::string of_index_0 = place("O6", good.child(0, 0), 16 + 16 * 6);
+    run({
+        {"an object block that begins with no slot", {mark(empty, 1)}, {place("O1", empty, 0)}},
+        {"a slot that leaves its block",
+         {mark(empty, 1), put(empty, 0, 1000 | 1), put(empty, 1000, 26 | 1)},
+         {place("O1", empty, 1000)}},
+        {"a null with a payload", {put(block, text + 8, 3 | 1U << 30)}, {place("O2", block, text)}},
+        {"a record that leaves its object",
+         {put(block, text + 4, 32)},
+         {place("O2", block, object.offset), of_index_0}},
+        {"two records of one property",
+         {put(block, good.record(52), 51)},
+         {place("O3", block, object.offset)}},
+        {"a roomy block that is marked full",
+         {mark(empty, 2), put(empty, 0, kBlockSize | 1)},
+         {place("O4", empty, 0)}},
+        {"an allocated slot that no object was put into",
+         {mark(empty, 1), put(empty, 0, (kBlockSize - 4) | 1), put(empty, kBlockSize - 4, 4)},
+         {place("O7", empty, kBlockSize - 4)}},
+        {"a text without an end",
+         {put(block, text + 16, 0x78787878), put(block, text + 20, 0x78787878)},
+         {place("O8", block, text)}},
+        {"a key of another type",
+         {put(block, good.record(59) + 8, 11)},
+         {place("O2", block, object.offset), of_index_0}},
+    });
+}
+
+TEST_F(Verifier, NamesEachDamageOfLargeObjects) {
+    const uint32_t record = good.record(52);
+    run({
+        {"a length that wants more blocks", {put(lob, 8, 3000)}, {place("B1", lob + 1, 4)}},
+        {"a length that wants fewer blocks",
+         {put(lob, 8, 1008)},
+         {place("B1", lob, 12), place("B5", lob + 1, 0)}},
+        {"another version", {put(lob, 4, 2)}, {place("B1", lob, 4)}},
+        {"a further block without its magic", {put(lob + 1, 0, 0)}, {place("B1", lob + 1, 0)}},
+        {"a chain that leads out of the file",
+         {put(lob, 12, 0xFFFFFFFF)},
+         {place("B2", lob, 12), place("B5", lob + 1, 0)}},
+        {"a chain into an empty block", {mark(lob + 1, 0)}, {place("B2", lob, 12)}},
+        {"a chain that bites its tail",
+         {put(lob, 8, 5000), put(lob + 1, 4, lob + 1)},
+         {place("B3", lob + 1, 4)}},
+        {"a block of no chain", {mark(empty, 7)}, {place("B5", empty, 0)}},
+        {"a large object that no object names",
+         {mark(empty, 7), put(empty, 0, mdb::lob_layout::kFirstMagic), put(empty, 4, 1)},
+         {place("B6", empty, 0)}},
+        // Whichever of the two comes second by its place.
+        {"an object that names a large object of another",
+         {put(object.block, record, kLobProperty), put(object.block, record + 12, lob)},
+         {place("B6", good.owner.block, good.owner.offset)}},
+        {"an object that names no large object",
+         {put(object.block, record, kLobProperty), put(object.block, record + 12, lob + 1)},
+         {place("B6", object.block, object.offset)}},
+    });
+}
+
+TEST_F(Verifier, NamesDamageThatKeepsADatabaseShut) {
+    const uint32_t map = good.map_start;
+    constexpr uint32_t kRoots = 512 + 24;
+    run({
+        {"another magic", {{2, '!', true}}, {place("H1", 0, 0)}},
+        {"another version", {{7, 9, true}}, {place("H1", 0, 4)}},
+        {"a block size that is none", {{8, 0}}, {place("H1", 0, 8)}},
+        {"another type of journal", {{12, 3}}, {place("H1", 0, 12)}},
+        {"a layout area outside the header", {{16, 1020}}, {place("H1", 0, 16)}},
+        {"a root of which the map knows nothing",
+         {{kRoots + 4 * 5, 0x00100000}},
+         {place("H3", 0, kRoots + 4 * 5), place("M3", good.roots[5], 0)}},
+        {"roots that are none, and no journal that knows better",
+         {{kRoots, 0}},
+         {place("H1", 0, 16)}},
+        {"a file that ends in its header", {}, {place("H1", 0, 1000)}, 1000},
+        {"an empty file", {}, {place("H1", 0, 0)}, 0},
+        {"a file that ends in its map",
+         {},
+         {place("O4", map, 4), place("M1", map, 100)},
+         good.at(map, 100)},
+        {"a file that has lost blocks in use",
+         {},
+         {place("O4", map, empty - 1)},
+         good.at(empty - 1)},
+        {"a mark that is none", {mark(empty + 500, 3)}, {place("M1", map, empty + 500)}},
+    });
+}
+
+TEST_F(Verifier, NamesDamageOfAJournalThatKeepsADatabaseShut) {
+    const std::string unread = place("H4", 0, 0);
+    run(
+        {
+            {"an empty journal", {}, {place("J", 0, 0)}, 0},
+            {"a journal without its magic", {{0, 0, true}}, {place("J", 0, 0), unread}},
+            {"a journal of another version", {{4, 2}}, {place("J", 0, 4), unread}},
+            {"a journal with no index entry",
+             {{16, 0}, {20, 0}, {24, 0}, {28, 0}, {32, 0}, {36, 0}, {40, 0}, {44, 0}},
+             {place("J", 0, 16), unread}},
+            {"a journal that has lost its end", {}, {place("J", 0, 32 + 8), unread}, 4096},
+        },
+        &GoodDatabase::journal);
+}
+
+TEST_F(Verifier, WhatAProcessHoldsInMemoryIsComparedWithTheFile) {
     good.restore();
     mdb::Database& database = good.file.open();
     const auto text = [&] { return mdb::verify(database).text(); };
@@ -476,8 +342,7 @@ TEST(Verify, WhatAProcessHoldsInMemoryIsComparedWithTheFile) {
     EXPECT_THAT(text(), testing::HasSubstr("block 0 offset 535: H2"));
 }
 
-TEST(Verify, ParentsMustExistAndEnd) {
-    const GoodDatabase good;
+TEST_F(Verifier, ParentsMustExistAndEnd) {
     const auto root_only = [](const NodeId& id) { return id == NodeId{0, 99'999}; };
     const auto faults_with_parent = [&](uint32_t parent) {
         Bytes db = good.db;
@@ -503,8 +368,7 @@ TEST(Verify, ParentsMustExistAndEnd) {
               (Expected{place("P2", good.object.block, good.object.offset)}));
 }
 
-TEST(Verify, ManyFaultsAreBoundedAndCounted) {
-    const GoodDatabase good;
+TEST_F(Verifier, ManyFaultsAreBoundedAndCounted) {
     Bytes db = good.db;
     set_word(db, good.at(good.roots[0], 4), 0);
     set_word(db, good.at(good.roots[0], 8), 0);
