@@ -479,7 +479,8 @@ void run_against_model(uint64_t seed) {
             const size_t at = rng.below(kSize);
             const size_t length =
                 std::min<size_t>(kSize - at, rng.chance(5) ? 1500 : rng.below(40));
-            const std::string text(length, static_cast<char>('a' + rng.below(26)));
+            std::string text(length, ' ');
+            for (char& letter : text) letter = static_cast<char>('a' + rng.below(26));
             try {
                 put(*db, kData + at, text);
                 model.back().replace(at, length, text);
