@@ -45,11 +45,7 @@ tql::version_t to_version(const mdb::PropertyVersion& stored) {
 // ---- coming and going --------------------------------------------------------------------------
 
 ObjectHandler::ObjectHandler(Store& store, mdb::block_handle_t location)
-    : TqlObjectHandler(0),
-      store_(store),
-      id_(prop::id),
-      parent_(prop::parentId),
-      sibling_entry_(store.sibling_index().end()) {
+    : TqlObjectHandler(0), store_(store), id_(prop::id), parent_(prop::parentId) {
     load(location);
     location_ = location;
     ++store_.live_;
@@ -61,8 +57,7 @@ ObjectHandler::ObjectHandler(Store& store, const NodeId& id, const NodeId& paren
       store_(store),
       id_(prop::id, id),
       parent_(prop::parentId, parent),
-      schema_(&schema),
-      sibling_entry_(store.sibling_index().end()) {
+      schema_(&schema) {
     ++store_.live_;
 }
 
@@ -95,20 +90,14 @@ void ObjectHandler::move_to(mdb::block_handle_t location) {
 }
 
 void ObjectHandler::enter_sibling_index(const PropertyChain& chain) {
-    const std::optional<std::string> name = schema_->siblingName(chain);
-    SiblingIndex& index = store_.sibling_index();
-    const bool same = name && sibling_entry_ != index.end() &&
-                      sibling_entry_->first.name == *name &&
-                      sibling_entry_->first.parent == parent_.value;
-    if (same) return;
+    std::optional<std::string> name = schema_->siblingName(chain);
+    const SiblingIndex::Key held = sibling_entry_.key();
+    if (name && sibling_entry_.entered() && held.name == *name && held.parent == parent_.value)
+        return;
     leave_sibling_index();
-    if (name) sibling_entry_ = index.insert({parent_.value, class_number(), *name}, *this);
-}
-
-void ObjectHandler::leave_sibling_index() noexcept {
-    SiblingIndex& index = store_.sibling_index();
-    if (sibling_entry_ != index.end()) index.erase(sibling_entry_);
-    sibling_entry_ = index.end();
+    if (name)
+        store_.sibling_index().insert(sibling_entry_, parent_.value, class_number(),
+                                      std::move(*name));
 }
 
 void ObjectHandler::tqlAddRef() {

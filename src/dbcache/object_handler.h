@@ -129,7 +129,6 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     friend class DeleteOperation;
     friend class HandlerRollback;
     friend class DbcacheIdResolver;
-    friend class SiblingIndex;
     friend class Store;
     friend class UpdateOperation;
 
@@ -141,7 +140,7 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     void move_to(mdb::block_handle_t location);
     /// The entry of the sibling index becomes that of the name that `chain` gives.
     void enter_sibling_index(const PropertyChain& chain);
-    void leave_sibling_index() noexcept;
+    void leave_sibling_index() noexcept { store_.sibling_index().erase(sibling_entry_); }
     void encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
                        tql::property_map_t& out) const;
     [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
@@ -174,7 +173,7 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     uint32_t rewrites_ = 0;
     /// Nothing stands below the object, nor ever will.
     bool childless_ = false;
-    SiblingIndex::Entry sibling_entry_;
+    SiblingIndex::Entry sibling_entry_{*this};
     /// The store's tree epoch in which the object was last seen to hang together with the root.
     uint64_t attached_epoch_ = 0;
     /// The origin, as it was in that epoch.

@@ -90,7 +90,8 @@ void ObjectHandler::list_stored(const std::set<uint32_t>& nodetypes,
     if (childless_) return;
     const auto* name = equal_condition<tql::property_string_t>(pattern, prop::siblingName);
     if (name != nullptr && pattern.class_ != cls::Any) {
-        ObjectHandler* found = store_.sibling_index().find(id_.value, pattern.class_, name->value);
+        ObjectHandler* found =
+            store_.sibling_index().find({id_.value, pattern.class_, name->value});
         if (found != nullptr && nodetypes.contains(found->nodetype())) {
             out.emplace_back(found);
             return;

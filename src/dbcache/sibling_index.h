@@ -1,12 +1,15 @@
 // SiblingIndex: finds the child of a parent by class and sibling name without loading the other
 // children. It knows only the objects whose handlers are in memory, so a miss says nothing. It owns
 // no handlers; each handler keeps its own entry here in step.
+//
+// A hash table with chains that are threaded through the entries, which lie in the handlers: a
+// look-up meets the memory of the handler that it finds and of nothing else but one slot.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 #include "util/node_id.h"
 
@@ -16,52 +19,67 @@ class ObjectHandler;
 
 class SiblingIndex {
   public:
-    /// What a look-up is made by; the text must live as long as the call.
-    struct View {
-        NodeId parent;
-        uint32_t class_number = 0;
-        std::string_view name;
-        friend bool operator==(const View&, const View&) = default;
-    };
+    /// The text belongs to whoever made the key.
     struct Key {
         NodeId parent;
         uint32_t class_number = 0;
-        std::string name;
-        operator View() const noexcept { return {parent, class_number, name}; }
+        std::string_view name;
+        friend bool operator==(const Key&, const Key&) = default;
     };
-    struct Hash {
-        using is_transparent = void;
-        /// Not noexcept: by that the map keeps the hashes instead of working them out again.
-        [[nodiscard]] size_t operator()(const View& key) const;
-    };
-    struct Equal {
-        using is_transparent = void;
-        [[nodiscard]] bool operator()(const View& a, const View& b) const noexcept {
-            return a == b;
-        }
-    };
-    using Map = std::unordered_map<Key, ObjectHandler*, Hash, Equal>;
-    /// A place in the index, or end(); lives until its entry is erased.
-    using Entry = Map::value_type*;
+    /// The place of one handler, which may stand in the index or not.
+    class Entry {
+      public:
+        explicit Entry(ObjectHandler& handler) : handler_(handler) {}
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
 
-    SiblingIndex() = default;
+        [[nodiscard]] bool entered() const noexcept { return entered_; }
+        /// What it stands in the index under, while it does.
+        [[nodiscard]] Key key() const noexcept { return {parent_, class_number_, name_}; }
+        [[nodiscard]] ObjectHandler& handler() const noexcept { return handler_; }
+
+      private:
+        friend class SiblingIndex;
+
+        uint64_t hash_ = 0;
+        Entry* next_ = nullptr;
+        NodeId parent_;
+        uint32_t class_number_ = 0;
+        bool entered_ = false;
+        std::string name_;
+        ObjectHandler& handler_;
+    };
+
+    SiblingIndex() : slots_(kFirstSlots) {}
     SiblingIndex(const SiblingIndex&) = delete;
     SiblingIndex& operator=(const SiblingIndex&) = delete;
 
-    [[nodiscard]] Entry end() const noexcept { return nullptr; }
-    /// Enters `handler`. An entry that stands there is taken over: that is logged, and the entry of
-    /// the handler that had it is cleared.
-    [[nodiscard]] Entry insert(Key key, ObjectHandler& handler);
-    void erase(Entry entry) noexcept { entries_.erase(entries_.find(entry->first)); }
+    /// Enters an entry that doesn't stand in the index, and has to leave it before it goes. One
+    /// that stands there under this key leaves it, which is logged.
+    void insert(Entry& entry, const NodeId& parent, uint32_t class_number, std::string name);
+    /// Nothing happens where the entry doesn't stand in the index.
+    void erase(Entry& entry) noexcept;
     /// The handler in memory, or null; the caller takes its reference before anything else happens.
-    [[nodiscard]] ObjectHandler* find(const NodeId& parent, uint32_t class_number,
-                                      std::string_view name) const;
-    [[nodiscard]] size_t size() const noexcept { return entries_.size(); }
-    /// In no order.
-    [[nodiscard]] const Map& entries() const noexcept { return entries_; }
+    [[nodiscard]] ObjectHandler* find(const Key& key) const;
+    [[nodiscard]] size_t size() const noexcept { return size_; }
+    /// Calls visit(entry) for each, in no order.
+    template <class Visit>
+    void for_each(Visit&& visit) const {
+        for (const Entry* at : slots_)
+            for (; at != nullptr; at = at->next_) visit(*at);
+    }
 
   private:
-    Map entries_;
+    static constexpr size_t kFirstSlots = 64;
+
+    [[nodiscard]] static uint64_t hash(const Key& key);
+    [[nodiscard]] Entry*& slot(uint64_t hash) { return slots_[hash & (slots_.size() - 1)]; }
+    [[nodiscard]] Entry* find(const Key& key, uint64_t hash) const;
+    void grow();
+
+    /// A power of two; at most as many entries as slots.
+    std::vector<Entry*> slots_;
+    size_t size_ = 0;
 };
 
 }  // namespace dbcache

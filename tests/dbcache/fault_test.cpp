@@ -125,7 +125,7 @@ TEST_F(FaultTest, WhatAHookHasWrittenGoesWithTheOuterWrite) {
                   "10 after all");
         *hook = {};
         EXPECT_EQ(dump(), before);
-        EXPECT_EQ(world.store->sibling_index().find(kRootId, cls::Domain, "renamed"), nullptr);
+        EXPECT_EQ(world.store->sibling_index().find({kRootId, cls::Domain, "renamed"}), nullptr);
         EXPECT_EQ(world.fault(), "");
     }
     world.open();

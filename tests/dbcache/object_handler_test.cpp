@@ -176,8 +176,8 @@ TEST_F(ObjectHandlerTest, MoveTakesTheSubtreeAndItsSiblingName) {
     world.update(a, {object(prop::parentId, b), text(prop::label, "moved")});
     EXPECT_EQ(world.children(kRootId), std::vector<std::string>{b.to_string()});
     EXPECT_EQ(world.children(b), std::vector<std::string>{a.to_string()});
-    EXPECT_EQ(world.store->sibling_index().find(kRootId, cls::Domain, "a"), nullptr);
-    EXPECT_NE(world.store->sibling_index().find(b, cls::Domain, "a"), nullptr);
+    EXPECT_EQ(world.store->sibling_index().find({kRootId, cls::Domain, "a"}), nullptr);
+    EXPECT_NE(world.store->sibling_index().find({b, cls::Domain, "a"}), nullptr);
     world.open();
     EXPECT_EQ(world.children(b), std::vector<std::string>{a.to_string()});
     EXPECT_EQ(world.children(a), std::vector<std::string>{host.to_string()});

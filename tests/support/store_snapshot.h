@@ -90,9 +90,11 @@ class StoreSnapshot {
                 handler.version().to_string(), handler.tqlVersion().to_string(), handler.nodetype(),
                 handler.subtype(), handler.watched());
         });
-        for (const auto& [key, handler] : world.store->sibling_index().entries())
-            lines_[fmt::format("sibling {} {} {}", key.parent, key.class_number, key.name)] =
-                handler->node_id().to_string();
+        world.store->sibling_index().for_each([&](const dbcache::SiblingIndex::Entry& entry) {
+            const auto [parent, class_number, name] = entry.key();
+            lines_[fmt::format("sibling {} {} {}", parent, class_number, name)] =
+                entry.handler().node_id().to_string();
+        });
         lines_["live"] = std::to_string(world.store->live_handlers());
     }
     /// K1 of the index of sibling keys, for the objects in memory.
