@@ -176,6 +176,7 @@ class TableSchema : public Base {
   public:
     explicit TableSchema(const ClassTable& table);
     [[nodiscard]] std::optional<std::string> siblingName(const PropertyChain& chain) const override;
+    [[nodiscard]] bool stores_sibling_name() const override { return table_.sibling_name != 0; }
     void encodeGroupSpecials(const PropertyChain& chain, int32_t group_id,
                              const tql::pattern_t& pattern,
                              tql::property_map_t& out) const override;

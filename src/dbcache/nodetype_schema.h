@@ -148,6 +148,9 @@ class NodetypeSchema {
     /// The name by which the object is found among its siblings; none for a class without. Cheap:
     /// it is asked for at every load of an object.
     [[nodiscard]] virtual std::optional<std::string> siblingName(const PropertyChain& chain) const;
+    /// Whether the name, where there is one, is a value of the object's own record and what
+    /// encodeSpecials() gives, so that it changes with writes to the object alone.
+    [[nodiscard]] virtual bool stores_sibling_name() const { return false; }
     /// Adds the computed properties that `pattern` wants, behind the stored ones. The base adds
     /// siblingName.
     virtual void encodeSpecials(const SchemaObject& object, const PropertyChain& chain,

@@ -210,6 +210,16 @@ void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t
     }
 }
 
+std::optional<bool> ObjectHandler::holds_at_hand(const tql::condition_t& condition) const {
+    const tql::property_t& wanted = *condition.value;
+    if (wanted.property != prop::siblingName || condition.op != tql::relop_t::eq ||
+        wanted.type() != tql::property_type_t::string || !sibling_entry_.entered() ||
+        !schema_->stores_sibling_name())
+        return std::nullopt;
+    return !wanted.is_null &&
+           static_cast<const tql::property_string_t&>(wanted).value == sibling_entry_.key().name;
+}
+
 /// Walks the sorted entries beside the sorted wanted numbers.
 void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
                                   tql::property_map_t& out) const {

@@ -87,6 +87,9 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     tqlengine::HandlerRef tqlParentHandler() override;
     tqlengine::TqlIdResolver* tqlIdResolver() override;
     void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) override;
+    /// The name among the siblings, where the index of them has it.
+    [[nodiscard]] std::optional<bool> holds_at_hand(
+        const tql::condition_t& condition) const override;
     uint32_t tqlCreate(const tql::id_t& new_id, uint32_t child_class,
                        const tqlengine::WriteArguments& arguments) override;
     /// Besides errors::tql: mdb::error_io and mdb::error_internal, which end the process. All other

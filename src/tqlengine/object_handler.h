@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -179,6 +180,10 @@ class TqlObjectHandler {
     /// Lets a class test a condition by itself: true when it did, with `result` 0 for "holds".
     /// Which ones it tests depends on the property alone, never on the value. Default false.
     virtual bool tqlSpecialMatch(uint32_t& result, const tql::condition_t& condition);
+    /// Whether a condition holds, where the object can tell without being read; the answer is the
+    /// one that the value of tqlEncode() would give. Default none.
+    [[nodiscard]] virtual std::optional<bool> holds_at_hand(
+        const tql::condition_t& condition) const;
 
     // ---- writing --------------------------------------------------------------------------------
     // Each throws errors::tql for what the asker did wrong and leaves nothing behind then.

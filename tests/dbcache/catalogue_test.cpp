@@ -153,5 +153,35 @@ TEST_F(Catalogue, LabelsOfDomainsNodesAndGroups) {
     EXPECT_EQ(few.size(), 1U);
 }
 
+// A condition on such a name is tried on what the index of siblings holds.
+TEST_F(Catalogue, StoredSiblingNamesAreThoseThatQueriesSee) {
+    const NodeId parent{1, 400};
+    tree.add(parent, cls::Domain, kRoot);
+    tree.add(kNew, cls::Node, parent);
+    for (const uint32_t number : {prop::name, prop::agentId, prop::tag}) {
+        tree.put(kNew, mdb::PropertyString(number, fmt::format("own {}", number)));
+        tree.put(parent, mdb::PropertyString(number, "above"));
+    }
+    tree.put(kNew, mdb::PropertyNodeId(prop::inherits, parent));
+    const test::FakeObject object(tree, kNew);
+    const test::FakeChain chain(tree, kNew);
+    tql::pattern_t wants_name(cls::Any);
+    wants_name.wanted_properties = {prop::siblingName};
+    size_t classes = 0;
+    for (uint32_t number = 0; number < nodetype::kCount; ++number) {
+        const NodetypeSchema* schema = table.find(number);
+        if (schema == nullptr || !schema->stores_sibling_name()) continue;
+        SCOPED_TRACE(schema->class_name());
+        const std::optional<std::string> name = schema->siblingName(chain);
+        ASSERT_TRUE(name.has_value());
+        EXPECT_EQ(name->substr(0, 4), "own ");
+        tql::property_map_t seen;
+        schema->encodeSpecials(object, chain, wants_name, seen);
+        EXPECT_EQ(seen.at(prop::siblingName)->print(), "\"" + *name + "\"");
+        ++classes;
+    }
+    EXPECT_GT(classes, 20U);
+}
+
 }  // namespace
 }  // namespace dbcache

@@ -62,9 +62,17 @@ uint32_t ConditionTest::objectMatches(TqlObjectHandler& handler, const tql::patt
 
 uint32_t ConditionTest::test_conditions(TqlObjectHandler& handler, const tql::pattern_t& step) {
     ++statistics_.lengthy;
-    values_.clear();
-    handler.tqlEncode(properties_of_conditions(step), values_);
+    bool read = false;
     for (const tql::condition_t& condition : step.where) {
+        if (!read) {
+            if (const std::optional<bool> known = handler.holds_at_hand(condition)) {
+                if (!*known) return kNoMatch;
+                continue;
+            }
+            values_.clear();
+            handler.tqlEncode(properties_of_conditions(step), values_);
+            read = true;
+        }
         uint32_t result = kMatch;
         if (handler.tqlSpecialMatch(result, condition)) {
             if (result != kMatch) return result;
