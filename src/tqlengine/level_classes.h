@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "tql/names.h"
@@ -14,17 +15,24 @@ namespace tqlengine {
 class ClassSet {
   public:
     void insert(uint32_t class_number) {
-        if (class_number == cls::Any) all_ = true;
-        classes_.push_back(class_number);
+        if (class_number == cls::Any)
+            all_ = true;
+        else if (!first_)
+            first_ = class_number;
+        else
+            others_.push_back(class_number);
     }
-    [[nodiscard]] bool empty() const noexcept { return classes_.empty(); }
+    [[nodiscard]] bool empty() const noexcept { return !all_ && !first_; }
     [[nodiscard]] bool admits(uint32_t class_number) const noexcept {
-        return all_ || std::find(classes_.begin(), classes_.end(), class_number) != classes_.end();
+        return all_ || first_ == class_number ||
+               std::find(others_.begin(), others_.end(), class_number) != others_.end();
     }
 
   private:
     bool all_ = false;
-    std::vector<uint32_t> classes_;
+    /// Mostly there is one, and listings are too many to allocate for it.
+    std::optional<uint32_t> first_;
+    std::vector<uint32_t> others_;
 };
 
 /// The classes that a step, and with the recursive flag what follows it, can match at one level:

@@ -30,15 +30,14 @@ struct StepClasses {
 
 }  // namespace
 
-bool LeadScan::scan(const tql::pattern_t& step) {
-    stack_.push_back(&step);
+bool LeadScan::scan(const tql::pattern_t& step, const Way* above) {
+    const Way way{step, above};
     size_t taken_over = 0;
     for (const tql::pattern_t& successor : step.next) {
-        if (!scan(successor)) continue;
+        if (!scan(successor, &way)) continue;
         extracted_.insert(&successor);
         ++taken_over;
     }
-    stack_.pop_back();
 
     // An object of this step stands in the result for the sake of its successors only, and the
     // leads bring it.
@@ -63,7 +62,8 @@ bool LeadScan::scan(const tql::pattern_t& step) {
     }
     if (!lead->root) return true;
     lead->path = reduced(step);
-    lead->stack = stack_;
+    for (; above != nullptr; above = above->above) lead->stack.push_back(&above->step);
+    std::reverse(lead->stack.begin(), lead->stack.end());
     leads_.push_back(std::move(lead));
     return true;
 }

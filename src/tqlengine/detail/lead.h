@@ -53,7 +53,7 @@ class LeadScan {
         : resolver_(resolver), origin_(origin) {}
 
     /// True when leads, possibly none, answer all of `step`; then nothing of it is left to walk.
-    bool scan(const tql::pattern_t& step);
+    bool scan(const tql::pattern_t& step) { return scan(step, nullptr); }
 
     [[nodiscard]] const std::vector<std::unique_ptr<Lead>>& leads() const noexcept {
         return leads_;
@@ -64,11 +64,16 @@ class LeadScan {
     [[nodiscard]] tql::pattern_t reduced(const tql::pattern_t& step) const;
 
   private:
+    /// A step and those above it.
+    struct Way {
+        const tql::pattern_t& step;
+        const Way* above;
+    };
+    bool scan(const tql::pattern_t& step, const Way* above);
     void climb(Lead& lead, HandlerRef hit, std::set<tql::id_t>& dead) const;
 
     TqlIdResolver& resolver_;
     const tql::id_t& origin_;
-    std::vector<const tql::pattern_t*> stack_;
     std::vector<std::unique_ptr<Lead>> leads_;
     std::unordered_set<const tql::pattern_t*> extracted_;
 };
