@@ -376,6 +376,7 @@ TEST_F(ShellTest, LoadSkipsWhatExists) {
         << R"({"objects": [{"class": "Domain"}, {"clas": "Domain"}]})";
     EXPECT_EQ(run("load " + dir.file("wrong.json")), 1);
     EXPECT_EQ(run("load " + dir.file("missing.json")), 1);
+    EXPECT_EQ(run("load " + dir.path().string()), 1);
     EXPECT_TRUE(api.asked.empty()) << "nothing is created of a file that is wrong further down";
 }
 

@@ -19,6 +19,18 @@ std::string text_of(const ordered_json& object, const char* field) {
 
 }  // namespace
 
+std::string path_part(std::string_view text) {
+    std::string encoded;
+    for (const char sign : text) {
+        const bool stays = (sign >= 'a' && sign <= 'z') || (sign >= 'A' && sign <= 'Z') ||
+                           (sign >= '0' && sign <= '9') ||
+                           std::string_view("/._-~").find(sign) != std::string_view::npos;
+        encoded +=
+            stays ? std::string(1, sign) : fmt::format("%{:02X}", static_cast<unsigned char>(sign));
+    }
+    return encoded;
+}
+
 ordered_json read_answer(int http_status, const std::string& body) {
     ordered_json answer = ordered_json::parse(body, nullptr, false);
     if (http_status == 200 && answer.is_object()) return answer;

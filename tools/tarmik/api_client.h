@@ -4,6 +4,7 @@
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -47,6 +48,9 @@ class ServerRefusal : public CommandError {
 using Parameters = std::vector<std::pair<std::string, std::string>>;
 /// The path with its parameters behind it, encoded.
 [[nodiscard]] std::string path_with(const std::string& path, const Parameters& parameters);
+
+/// A text from a person as a part of a path, in which a "/" stays one.
+[[nodiscard]] std::string path_part(std::string_view text);
 
 /// What commands ask; tests put something else in its place.
 class Api {

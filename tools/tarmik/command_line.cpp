@@ -25,6 +25,8 @@ namespace cli {
 namespace {
 
 constexpr const char* kDefaultUrl = "http://127.0.0.1:8740";
+/// Whoever wants more of a list leaves the option out.
+constexpr unsigned kMostLines = 1'000'000'000;
 
 /// Where the arguments of all commands land.
 struct Parsed {
@@ -183,7 +185,7 @@ void logs_arguments(CLI::App& app, Parsed& parsed) {
         ->default_val("trace")
         ->check(is_level());
     app.add_option("-n,--lines", parsed.logs.last_lines, "Only so many of the last lines")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1U, kMostLines));
     app.add_option("--config", parsed.logs.config_path,
                    "Configuration file of the family; none: the defaults");
 }
@@ -219,7 +221,7 @@ void verify_arguments(CLI::App& app, Parsed& parsed) {
     offline_arguments(app, parsed);
     app.add_option("--most-faults", parsed.offline.most_faults,
                    "How many faults to look for before it ends")
-        ->check(CLI::PositiveNumber)
+        ->check(CLI::Range(1U, kMostLines))
         ->capture_default_str();
 }
 

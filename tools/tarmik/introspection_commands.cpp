@@ -28,7 +28,7 @@ std::string value_text(const ordered_json& metric) {
 
 void Commands::metrics(const std::string& path) {
     const ordered_json answer =
-        api_.get(path.empty() ? "/api/v1/metrics" : "/api/v1/metrics/" + path);
+        api_.get(path.empty() ? "/api/v1/metrics" : "/api/v1/metrics/" + path_part(path));
     if (output_.json) return output_.print(answer.dump(2) + "\n");
     size_t width = 0;
     for (const ordered_json& metric : answer.at("metrics"))

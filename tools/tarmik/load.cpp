@@ -29,9 +29,10 @@ constexpr int kMaxDepth = 1000;
 json read_file(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) refuse(path, "cannot be read");
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
     try {
-        return json::parse(text);
+        return json::parse(std::string{std::istreambuf_iterator<char>(file), {}});
+    } catch (const std::ios_base::failure&) {
+        refuse(path, "cannot be read");  // a folder opens too
     } catch (const json::exception& wrong) {
         // The parser's text begins with its own name for the fault, in brackets.
         const std::string reason = wrong.what();

@@ -26,7 +26,8 @@ void Commands::series(const SeriesArguments& arguments) {
                                       {"count", &arguments.count},
                                       {"resolution", &arguments.resolution}})
         if (!value->empty()) parameters.emplace_back(name, *value);
-    const ordered_json answer = api_.get(path_with("/api/v1/series/" + arguments.id, parameters));
+    const ordered_json answer =
+        api_.get(path_with("/api/v1/series/" + path_part(arguments.id), parameters));
     if (output_.json)
         return output_.print(answer.dump(2, ' ', false, ordered_json::error_handler_t::replace) +
                              "\n");
