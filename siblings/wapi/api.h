@@ -25,6 +25,7 @@ struct Response {
     unsigned status = 200;  ///< of HTTP
     std::string body;
     std::string content_type = "application/json";
+    bool ends_connection = false;
 };
 
 /// The gateway refuses a request by itself.

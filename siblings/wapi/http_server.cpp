@@ -60,6 +60,8 @@ MHD_Result queue_response(MHD_Connection* connection, Response response) {
     if (made == nullptr) return MHD_NO;
     (void)body.release();  // the response owns it now
     MHD_add_response_header(made, MHD_HTTP_HEADER_CONTENT_TYPE, response.content_type.c_str());
+    if (response.ends_connection)
+        MHD_add_response_header(made, MHD_HTTP_HEADER_CONNECTION, "close");
     const MHD_Result queued = MHD_queue_response(connection, response.status, made);
     MHD_destroy_response(made);
     return queued;
@@ -129,10 +131,12 @@ struct HttpServer::Callbacks {
         return exchange.is_stream() ? begin_stream(self, exchange) : send(exchange);
     }
 
-    static MHD_Result on_parameter(void* query, MHD_ValueKind, const char* name,
-                                   const char* value) {
-        static_cast<decltype(Request::query)*>(query)->emplace_back(name,
-                                                                    value == nullptr ? "" : value);
+    /// With sizes, since a value may hold zero bytes, which nobody must cut it at.
+    static MHD_Result on_parameter(void* query, MHD_ValueKind, const char* name, size_t name_size,
+                                   const char* value, size_t value_size) {
+        static_cast<decltype(Request::query)*>(query)->emplace_back(
+            std::string(name, name_size),
+            value == nullptr ? std::string() : std::string(value, value_size));
         return MHD_YES;
     }
 
@@ -383,8 +387,8 @@ HttpServer::Exchange& HttpServer::begin(MHD_Connection* connection, const char* 
     const token_t token = ++last_token_;
     auto made = std::make_unique<Exchange>(
         Exchange{.token = token, .connection = connection, .request = {method, path}});
-    (void)MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::on_parameter,
-                                    &made->request.query);
+    (void)MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, &Callbacks::on_parameter,
+                                      &made->request.query);
     return *exchanges_.emplace(token, std::move(made)).first->second;
 }
 

@@ -81,7 +81,7 @@ SubscribeRequest subscribe_request(const Request& request) {
         auto& ids = wanted.record.root_ids;
         if (std::find(ids.begin(), ids.end(), id) == ids.end()) ids.push_back(id);
     }
-    wanted.named_roots = !roots.empty();
+    wanted.named_roots = wanted.record.root_ids;
     if (roots.empty()) wanted.record.root_ids.push_back(kRootId);
     if (read_flag(request, "patches", false))
         wanted.plan = make_patch_plan(wanted.record.pattern, wanted.record.root_ids.size());
@@ -90,11 +90,15 @@ SubscribeRequest subscribe_request(const Request& request) {
     return wanted;
 }
 
-dbms::Tql_Simple_Subscribe_Data events_request(const Request& request) {
+EventsRequest events_request(const Request& request) {
     allow_parameters(request, {"root", "class", "operation", "own"});
-    dbms::Tql_Simple_Subscribe_Data record;
-    const auto root = find_parameter(request, "root");
-    record.root = root ? read_root(*root) : kRootId;
+    EventsRequest wanted;
+    dbms::Tql_Simple_Subscribe_Data& record = wanted.record;
+    record.root = kRootId;
+    if (const auto root = find_parameter(request, "root")) {
+        record.root = read_root(*root);
+        wanted.named_roots.push_back(record.root);
+    }
     for (const std::string& name : find_parameters(request, "class"))
         record.classes.insert(tql::get_class(name));
     if (record.classes.empty()) record.classes.insert(tql::get_class("."));
@@ -105,19 +109,19 @@ dbms::Tql_Simple_Subscribe_Data events_request(const Request& request) {
             record.operations.insert(number);
     // Whatever came in by HTTP is this process's own, so that leaving it out is the rarer wish.
     record.include_own_operations = read_flag(request, "own", true);
-    return record;
+    return wanted;
 }
 
-dbms::Tql_Select_Data roots_request(const SubscribeRequest& request) {
+dbms::Tql_Select_Data roots_request(std::list<tql::id_t> roots) {
     dbms::Tql_Select_Data record;
-    record.root_ids = request.record.root_ids;
+    record.root_ids = std::move(roots);
     record.pattern = tql::pattern_t(tql::get_class("."));
     return record;
 }
 
-std::optional<tql::id_t> find_missing_root(const SubscribeRequest& request,
+std::optional<tql::id_t> find_missing_root(const std::list<tql::id_t>& roots,
                                            const dbms::Return_Tql_Select_Data& found) {
-    for (const tql::id_t& root : request.record.root_ids)
+    for (const tql::id_t& root : roots)
         if (std::none_of(found.res.begin(), found.res.end(),
                          [&](const tql::result_t& node) { return node.id == root; }))
             return root;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,21 +19,28 @@ struct SubscribeRequest {
     dbms::Tql_Select_Data record;
     /// None: full results only.
     std::optional<PatchPlan> plan;
-    bool named_roots = false;  ///< the client named the roots, so they are to be checked
+    /// Those that the client named, which are to be checked.
+    std::list<tql::id_t> named_roots;
 };
 
 /// Reads `pattern`, `root` (any number; none: the root of the tree), `patches` and `interval`.
 /// Throws what the readers of api.h throw.
 [[nodiscard]] SubscribeRequest subscribe_request(const Request& request);
 
+/// Operations to be told.
+struct EventsRequest {
+    dbms::Tql_Simple_Subscribe_Data record;
+    std::list<tql::id_t> named_roots;  ///< as above; one at most
+};
+
 /// Reads `root`, `class` (any number; none: all), `operation` (likewise) and `own`. Throws as
 /// above.
-[[nodiscard]] dbms::Tql_Simple_Subscribe_Data events_request(const Request& request);
+[[nodiscard]] EventsRequest events_request(const Request& request);
 
 /// Asks which of the roots there are.
-[[nodiscard]] dbms::Tql_Select_Data roots_request(const SubscribeRequest& request);
+[[nodiscard]] dbms::Tql_Select_Data roots_request(std::list<tql::id_t> roots);
 /// A root that is not among what was found; none if all are there.
-[[nodiscard]] std::optional<tql::id_t> find_missing_root(const SubscribeRequest& request,
+[[nodiscard]] std::optional<tql::id_t> find_missing_root(const std::list<tql::id_t>& roots,
                                                          const dbms::Return_Tql_Select_Data& found);
 
 /// An event of a stream as the client reads it: name, number, and data in JSON.

@@ -27,7 +27,7 @@ struct LiveStreams::Stream {
     token_t token = 0;
     // One of the two.
     std::optional<SubscribeRequest> select{};
-    std::optional<dbms::Tql_Simple_Subscribe_Data> simple{};
+    std::optional<EventsRequest> simple{};
 
     state_t state = state_t::queued;
     bool roots_checked = false;
@@ -47,6 +47,9 @@ struct LiveStreams::Stream {
 
     [[nodiscard]] bool is_asking() const {
         return state == state_t::checking || state == state_t::asking;
+    }
+    [[nodiscard]] const std::list<tql::id_t>& named_roots() const {
+        return select ? select->named_roots : simple->named_roots;
     }
     [[nodiscard]] bool has_patches() const { return select && select->plan; }
 };
@@ -83,10 +86,14 @@ void LiveStreams::admit(std::unique_ptr<Stream> stream) {
     if (stopped_) return ports_.answer(token, refusal(unavailable("The gateway is stopping")));
     if (retry_at_us_)
         return ports_.answer(token, refusal(unavailable("The server is not running")));
-    if (streams_.size() >= kMaxStreams)
-        return ports_.answer(
-            token, refusal(Refused(503, "TOO_MANY_STREAMS",
-                                   fmt::format("{} live requests are open already", kMaxStreams))));
+    if (streams_.size() >= kMaxStreams) {
+        Response full =
+            refusal(Refused(503, "TOO_MANY_STREAMS",
+                            fmt::format("{} live requests are open already", kMaxStreams)));
+        // Those who wait for a place must not take the connections that others ask by.
+        full.ends_connection = true;
+        return ports_.answer(token, std::move(full));
+    }
     stream->deadline_us = clock_.monotonic_us() + kAnswerLimit_us;
     enqueue(*streams_.emplace(token, std::move(stream)).first->second);
     ask_queued();
@@ -114,24 +121,27 @@ void LiveStreams::ask_queued() {
 
 /// False if the server isn't there.
 bool LiveStreams::ask(Stream& stream) {
-    if (stream.simple) {
-        if (!send(stream, queues::devent<queues::TQL_SIMPLE_SUBSCRIBE>(kServer, ports_.new_uid(),
-                                                                       *stream.simple)))
-            return false;
-        // No answer comes but the first notice.
-        stream.state = Stream::state_t::live;
-        ensure_open(stream);
-        stream.away = false;
-        emit(stream, "ready", "{}");
-        return true;
-    }
-    const bool check = stream.select->named_roots && !stream.roots_checked;
+    const bool check = !stream.named_roots().empty() && !stream.roots_checked;
+    if (stream.simple && !check) return ask_for_operations(stream);
     if (!send(stream, queues::devent<queues::TQL_SELECT>(
                           kServer, ports_.new_uid(),
-                          check ? roots_request(*stream.select) : stream.select->record)))
+                          check ? roots_request(stream.named_roots()) : stream.select->record)))
         return false;
     stream.state = check ? Stream::state_t::checking : Stream::state_t::asking;
     ++asking_;
+    return true;
+}
+
+/// False if the server isn't there.
+bool LiveStreams::ask_for_operations(Stream& stream) {
+    if (!send(stream, queues::devent<queues::TQL_SIMPLE_SUBSCRIBE>(kServer, ports_.new_uid(),
+                                                                   stream.simple->record)))
+        return false;
+    // No answer comes but the first notice.
+    stream.state = Stream::state_t::live;
+    ensure_open(stream);
+    stream.away = false;
+    emit(stream, "ready", "{}");
     return true;
 }
 
@@ -208,7 +218,7 @@ void LiveStreams::take_roots(Stream& stream, const dbms::Return_Tql_Select_Data&
     by_uid_.erase(std::exchange(stream.uid, 0));
     no_longer_asking(stream);
     if (found.status != 0) return refuse(stream, refusal(found.status, found.details));
-    if (const auto missing = find_missing_root(*stream.select, found))
+    if (const auto missing = find_missing_root(stream.named_roots(), found))
         return refuse(stream, refusal(errors::ERR_NO_SUCH_ID,
                                       {{3, fmt::format("{} not found", missing->to_string())}}));
     stream.roots_checked = true;

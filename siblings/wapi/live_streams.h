@@ -77,6 +77,7 @@ class LiveStreams final : public Endpoint {
     void admit(std::unique_ptr<Stream> stream);
     void ask_queued();
     [[nodiscard]] bool ask(Stream& stream);
+    [[nodiscard]] bool ask_for_operations(Stream& stream);
     [[nodiscard]] bool send(Stream& stream, const queues::event& request);
     void enqueue(Stream& stream);
     void say_away(Stream& stream);

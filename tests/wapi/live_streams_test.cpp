@@ -318,6 +318,11 @@ TEST_F(LiveTest, OperationsAreToldAndWhatDidNotFitIsCounted) {
     const auto one =
         client("/api/v1/events?root=1.5&class=Node&class=Domain&operation=created&own=0");
     ASSERT_TRUE(was_asked(*one, 1));
+    dbms::Return_Tql_Select_Data its_root;
+    its_root.res.resize(1);
+    its_root.res[0].id = {1, 5};
+    reply(*std::exchange(sent, {})[0], its_root);
+    ASSERT_TRUE(was_asked(*one, 1));
     const auto& asked = queues::data<queues::TQL_SIMPLE_SUBSCRIBE>(*sent[0]);
     EXPECT_EQ(asked.root, tql::id_t(1, 5));
     EXPECT_EQ(asked.classes, (std::set<uint32_t>{cls::Node, cls::Domain}));
@@ -362,6 +367,7 @@ TEST_F(LiveTest, WrongRequestsAreAnsweredLikeAllOthers) {
         {"/api/v1/subscribe", 400, "Parameter \"pattern\" is missing"},
         {"/api/v1/subscribe?pattern=Nod", 400,
          "line 1, column 1: expected the name or number of a class, found \"Nod\""},
+        {"/api/v1/subscribe?pattern=Node%00.", 400, nullptr},
         {"/api/v1/subscribe?pattern=.&pattern=.", 400, "Parameter \"pattern\" is given twice"},
         {"/api/v1/subscribe?pattern=.&root=x", 400,
          "Parameter \"root\": \"x\" is no id, expected one like 1.4294960001"},
@@ -394,11 +400,16 @@ TEST_F(LiveTest, WrongRequestsAreAnsweredLikeAllOthers) {
     reply(*sent[0], found);
     ASSERT_TRUE(run_until(*lost, [&] { return lost->status() == 404; }));
     EXPECT_EQ(lost->body()["error"]["text"], "1.6 not found");
-    const auto incomparable = client("/api/v1/subscribe?pattern=Node&root=1.5");
-    ASSERT_TRUE(was_asked(*incomparable, 2));
+    const auto deaf = client("/api/v1/events?root=1.6");
+    ASSERT_TRUE(was_asked(*deaf, 2));
     reply(*sent[1], found);
+    ASSERT_TRUE(run_until(*deaf, [&] { return deaf->status() == 404; }));
+    EXPECT_EQ(deaf->body()["error"]["text"], "1.6 not found");
+    const auto incomparable = client("/api/v1/subscribe?pattern=Node&root=1.5");
     ASSERT_TRUE(was_asked(*incomparable, 3));
-    reply(*sent[2], {.status = errors::ERR_INCOMPARABLE, .details = {{3, "Not like this"}}});
+    reply(*sent[2], found);
+    ASSERT_TRUE(was_asked(*incomparable, 4));
+    reply(*sent[3], {.status = errors::ERR_INCOMPARABLE, .details = {{3, "Not like this"}}});
     ASSERT_TRUE(run_until(*incomparable, [&] { return incomparable->status() == 400; }));
     EXPECT_EQ(count(queues::TQL_FORGET), 1U);
     EXPECT_EQ(streams.open_streams(), 0U);
@@ -419,6 +430,7 @@ TEST_F(LiveTest, NobodyWaitsForeverAndTheNumberIsBounded) {
             run_until(all, [&] { return sent.size() > before || all.back()->status() == 503; }));
     }
     EXPECT_EQ(all.back()->body()["error"]["name"], "TOO_MANY_STREAMS");
+    EXPECT_NE(all.back()->received().find("Connection: close"), std::string::npos);
     // Stopping ends them all, in order.
     streams.stop();
     ASSERT_TRUE(run_until(all, [&] { return all.front()->received().ends_with("\r\n0\r\n\r\n"); }))
