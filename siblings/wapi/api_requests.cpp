@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "log/log.h"
+#include "log/logger_names.h"
 #include "tql/names.h"
 #include "tql/query_text.h"
 #include "wapi/api.h"
@@ -159,6 +160,35 @@ dbms::NodeClass_Translate_Data translate_request(const json& body) {
     return record;
 }
 
+namespace {
+
+queues::queue_t get_process(const std::string& name) {
+    for (int32_t number = 0; number <= static_cast<int32_t>(queues::queue_t::extra); ++number)
+        if (const auto process = static_cast<queues::queue_t>(number);
+            queues::queue_name(process) == name)
+            return process;
+    refuse(fmt::format("\"{}\" is no process", name.substr(0, 60)));
+}
+
+/// A process passes over a name that it doesn't know, which helps nobody who has mistyped it. What
+/// loggers others than the server and the gateway have isn't known here.
+void check_logger(const std::string& name, std::optional<queues::queue_t> process) {
+    const auto is_meant = [&](queues::queue_t one) { return !process || *process == one; };
+    const bool of_server = is_meant(queues::queue_t::dbms);
+    const bool own = is_meant(queues::queue_t::wapi);
+    const auto& of_servers = logging::kServerLoggers;
+    const auto* const end = of_servers.end();
+    if (name == "*" || (!of_server && !own && !name.empty())) return;
+    if (of_server && std::find(of_servers.begin(), end, name) != end) return;
+    if (own && logging::has_logger(name)) return;
+    std::string there = of_server ? fmt::format("{}", fmt::join(of_servers, ", ")) : "";
+    if (own) there += there.empty() ? "wapi" : " and wapi";
+    refuse(fmt::format("There is no logger \"{}\"; there are * for all, {}", name.substr(0, 60),
+                       there));
+}
+
+}  // namespace
+
 LogLevelRequest log_level_request(const json& body) {
     allow_only(body, {"levels", "process"});
     const auto levels = body.find("levels");
@@ -177,12 +207,9 @@ LogLevelRequest log_level_request(const json& body) {
                             text.dump(-1, ' ', true, json::error_handler_t::replace)));
         request.levels[name] = static_cast<uint32_t>(*level);
     }
-    const std::string* process = find_text(body, "process");
-    if (process == nullptr) return request;
-    for (int32_t number = 0; number <= static_cast<int32_t>(queues::queue_t::extra); ++number)
-        if (queues::queue_name(static_cast<queues::queue_t>(number)) == *process)
-            request.process = static_cast<queues::queue_t>(number);
-    if (!request.process) refuse(fmt::format("\"{}\" is no process", process->substr(0, 60)));
+    if (const std::string* process = find_text(body, "process"))
+        request.process = get_process(*process);
+    for (const auto& [name, level] : request.levels) check_logger(name, request.process);
     return request;
 }
 

@@ -15,6 +15,13 @@ constexpr std::string_view kTextPath = "/metrics";
 constexpr std::string_view kJsonPath = "/api/v1/metrics";
 constexpr std::string_view kLevelsPath = "/api/v1/log-levels";
 
+/// As people write paths: a stroke at the begin or end means nothing.
+std::string tidy_path(std::string_view path) {
+    while (path.starts_with('/')) path.remove_prefix(1);
+    while (path.ends_with('/')) path.remove_suffix(1);
+    return std::string(path);
+}
+
 }  // namespace
 
 bool MetricsEndpoint::serves(std::string_view path) const {
@@ -43,8 +50,7 @@ void MetricsEndpoint::begin(token_t token, const Request& request) {
                     .as_text = request.path == kTextPath,
                     .deadline_us = clock_.monotonic_us() + kAnswerLimit_us,
                     .list_uid = uid};
-    if (request.path.size() > kJsonPath.size() + 1)
-        reading.below = request.path.substr(kJsonPath.size() + 1);
+    if (!reading.as_text) reading.below = tidy_path(request.path.substr(kJsonPath.size()));
     if (!ports_.send(queues::devent<queues::LIST_METRICS>(kServer, uid, 0)))
         throw unavailable("The server is not running");
     readings_.push_back(std::move(reading));
@@ -89,9 +95,13 @@ bool MetricsEndpoint::take_event(const queues::event& received) {
 void MetricsEndpoint::take_tree(Reading& reading, const queues::event& received) {
     reading.list_uid.reset();
     if (received.number() != queues::RETURN_LIST_METRICS) return;
-    reading.samples = expand(queues::data<queues::RETURN_LIST_METRICS>(received));
+    const auto& tree = queues::data<queues::RETURN_LIST_METRICS>(received);
+    reading.samples = expand(tree);
+    std::string_view below = reading.below;
+    if (below == tree.name) below = {};
+    if (below.starts_with(tree.name + "/")) below.remove_prefix(tree.name.size() + 1);
     std::erase_if(reading.samples,
-                  [&](const MetricSample& sample) { return !is_below(sample, reading.below); });
+                  [&](const MetricSample& sample) { return !is_below(sample, below); });
 }
 
 bool MetricsEndpoint::ask_on(Reading& reading) {

@@ -45,7 +45,8 @@ class MetricsEndpoint final : public Endpoint {
     struct Reading {
         token_t token = 0;
         bool as_text = false;
-        std::string below{};  ///< path of what is wanted; empty for all
+        /// Path of what is wanted, which may begin with the root's name; empty for all.
+        std::string below{};
         uint64_t deadline_us = 0;
         std::vector<MetricSample> samples{};
         size_t next = 0;  ///< first sample that wasn't asked for

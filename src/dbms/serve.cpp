@@ -1,6 +1,5 @@
 #include "dbms/serve.h"
 
-#include <array>
 #include <optional>
 
 #include "dbcache/accounting_rebuild.h"
@@ -23,6 +22,7 @@
 #include "log/channel_mask.h"
 #include "log/channels.h"
 #include "log/log.h"
+#include "log/logger_names.h"
 #include "mdb/database.h"
 #include "mdb/index.h"
 #include "mdb/object_store.h"
@@ -46,14 +46,8 @@ constexpr uint32_t kFirstWordOfNewIds = 1;
 
 /// All loggers of the server by name, so that the level of each can be set before it first writes.
 void make_loggers() {
-    constexpr std::array kNames = {"dbms",           "dbms_handlers",     "dbms_broadcast",
-                                   "dbms_tql",       "dbcache_tql",       "dbcache",
-                                   "dbcache_schema", "dbms_recalc",       "dbms_objcache",
-                                   "dbms_tsdb",      "dbms_conversion",   "agent_schema",
-                                   "domain_schema",  "alert_schema",      "autodiscovery_schema",
-                                   "view_schema",    "multicheck_schema", "esxi_schema",
-                                   "tqlquery",       "objectio"};
-    for (const char* name : kNames) static_cast<void>(logging::Logger(name));
+    for (const std::string_view name : logging::kServerLoggers)
+        static_cast<void>(logging::Logger(name));
 }
 
 void set_log_levels(uint64_t log_mask) {

@@ -61,6 +61,11 @@ uint32_t level_mask_bit(level_t level) {
     return 0;
 }
 
+// The library's own default logger has the empty name; it isn't one of ours.
+bool has_logger(const std::string& name) {
+    return !name.empty() && spdlog::get(name) != nullptr;
+}
+
 Logger::Logger(std::string_view name) : logger_(spdlog::get(std::string(name))) {
     if (logger_) return;
     logger_ = std::make_shared<spdlog::logger>(std::string(name), sink());
@@ -86,8 +91,7 @@ void apply_levels(const std::map<std::string, uint32_t>& levels) {
             if (level) set_all_levels(*level);
             return;
         }
-        // The library's own default logger has the empty name; it isn't one of ours.
-        if (!level || name.empty() || !spdlog::get(name)) continue;
+        if (!level || !has_logger(name)) continue;
         spdlog::get(name)->set_level(to_spdlog(*level));
         Logger(name).write(*level, "Set loglevel to {}", level_text(*level));
     }

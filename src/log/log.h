@@ -44,6 +44,9 @@ enum class level_t : uint32_t {
 /// as debug and critical as error; off has none.
 [[nodiscard]] uint32_t level_mask_bit(level_t level);
 
+/// Whether this process has a logger of that name already.
+[[nodiscard]] bool has_logger(const std::string& name);
+
 /// A cheap handle to the named logger; two of one name are the same logger. New loggers stand at
 /// level info.
 class Logger {

@@ -74,6 +74,7 @@ TEST(Introspection, MetricsAreScrapedAndLevelsSet) {
     ASSERT_EQ(part["metrics"].size(), 1U) << part;
     EXPECT_EQ(part["metrics"][0]["path"], "event/type/TQL_CREATE/time");
     EXPECT_EQ(part["metrics"][0]["value"]["count"], 2);
+    EXPECT_EQ(api.get("/api/v1/metrics//dbms/event/type/TQL_CREATE/")["metrics"].size(), 1U);
     EXPECT_THROW((void)api.get("/api/v1/metrics/event/nothing"), cli::CommandError);
 
     EXPECT_EQ(family.log_text().find("[debug]"), std::string::npos);
@@ -85,7 +86,10 @@ TEST(Introspection, MetricsAreScrapedAndLevelsSet) {
     EXPECT_TRUE(family.logs("wapi [wapi] [trace] Set loglevel to trace"));
     for (const json& wrong :
          {json{{"levels", {{"dbms", "loud"}}}}, json{{"levels", json::object()}}, json::object(),
-          json{{"levels", {{"*", "info"}}}, {"process", "nobody"}}, json{{"levels", {{"*", 1}}}}})
+          json{{"levels", {{"*", "info"}}}, {"process", "nobody"}}, json{{"levels", {{"*", 1}}}},
+          json{{"levels", {{"dbcach", "info"}}}},
+          json{{"levels", {{"", "info"}}}, {"process", "tsdb"}},
+          json{{"levels", {{"dbcache", "info"}}}, {"process", "wapi"}}})
         EXPECT_TRUE(post(api, "/api/v1/log-levels", wrong).refused) << wrong;
 }
 
