@@ -97,9 +97,10 @@ void assign(Time& field, const toml::node& node, const std::string& key) {
 
 void assign_within(int64_t& field, const toml::node& node, const std::string& key, int64_t least,
                    int64_t most) {
-    assign(field, node, key);
-    if (field < least || field > most)
+    const auto value = node.value_exact<int64_t>();
+    if (!value || *value < least || *value > most)
         refuse(node, key, fmt::format("a whole number from {} to {}", least, most));
+    field = *value;
 }
 
 template <std::integral Number>

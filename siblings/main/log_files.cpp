@@ -66,12 +66,17 @@ void LogFiles::write_file(std::string_view process, LogFile& file, const std::st
 
 void LogFiles::open(std::string_view process, LogFile& file) {
     struct stat info {};
-    // Somebody may have taken the file away.
-    if (file.fd && ::fstat(file.fd.get(), &info) == 0 && info.st_nlink > 0) return;
-    file.fd = platform::Fd(::open(path(process, 0).c_str(),
-                                  O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+    const std::string name = path(process, 0);
+    // Somebody may have taken the file away, or given it another name.
+    if (file.fd && ::stat(name.c_str(), &info) == 0 && info.st_dev == file.device &&
+        info.st_ino == file.inode)
+        return;
+    file.fd = platform::Fd(
+        ::open(name.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file.fd) error_ = errno;
     if (!file.fd || ::fstat(file.fd.get(), &info) != 0) return;
+    file.device = info.st_dev;
+    file.inode = info.st_ino;
     file.size_bytes = static_cast<uint64_t>(info.st_size);
     char last = '\n';
     file.torn =

@@ -11,6 +11,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 #include "log/log.h"
 #include "platform/clock.h"
@@ -42,6 +43,8 @@ class LogFiles {
   private:
     struct LogFile {
         platform::Fd fd;
+        dev_t device = 0;  ///< with the inode, which file it is
+        ino_t inode = 0;
         uint64_t size_bytes = 0;
         uint64_t lost_lines = 0;
         bool torn = false;  ///< its last line lacks the end

@@ -75,8 +75,11 @@ std::string form_log_line(const platform::WallTime& now, std::string_view proces
     std::string line = fmt::format("{} {} ", form_time(now), process);
     line.reserve(line.size() + text.size());
     for (const char sign : text) {
+        const auto code = static_cast<unsigned char>(sign);
         if (sign == '\n')
             line += "\\n";
+        else if ((code < 0x20 && sign != '\t') || code == 0x7F)
+            line += fmt::format("\\x{:02x}", code);
         else
             line += sign;
     }

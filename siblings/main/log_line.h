@@ -1,7 +1,8 @@
 // The form of the family's log files, for who writes them and who reads them.
 //
 //   2026-11-23T09:52:00.123+01:00 dbms [dbcache] [warning] text
-//   time, local                   process logger  level     one line; "\n" stands for a line end
+//   time, local                   process logger  level     one line; "\n" stands for a line end,
+//                                                         "\x1b" for a sign that terminals obey
 //
 // Each process has its files: "tarmik-dbms.log", and older ones "tarmik-dbms.log.1",
 // "tarmik-dbms.log.2" and so on.

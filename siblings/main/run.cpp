@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <signal.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 
 #include "error/exception.h"
 #include "main/family.h"
@@ -37,6 +38,8 @@ platform::Fd stop_signals() {
 }  // namespace
 
 int run(const RunOptions& options) {
+    // Whatever the family makes is for its own user.
+    ::umask(S_IRWXG | S_IRWXO);
     try {
         const std::string programs = program_directory();
         Config config = options.config_path.empty() ? default_config(programs)

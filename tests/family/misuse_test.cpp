@@ -299,6 +299,7 @@ TEST(Misuse, FilesAreTheOwnersAloneWhateverTheUmask) {
     };
     EXPECT_EQ(mode(family.database_path()), 0600U);
     EXPECT_EQ(mode(family.journal_path()), 0600U);
+    EXPECT_EQ(mode(family.dir().file("world.tsdb")), 0600U);
     EXPECT_EQ(mode(family.dir().file("run")), 0700U);
     for (const char* id : {"0", "2", "23"})
         EXPECT_EQ(mode(family.dir().file(fmt::format("run/fifo.{}", id))), 0600U) << id;

@@ -65,11 +65,11 @@ class LogFilesTest : public testing::Test {
 TEST_F(LogFilesTest, LinesSayWhenWhoAndHowBad) {
     LogFiles log(dir.file("new/folder"), {}, clock);
     clock.advance_us(45'678);
-    log.write("dbms", "  [dbcache] [warning] two\nlines]");
+    log.write("dbms", "  [dbcache] [warning] two\nlines]\x1b[2J\r");
     set_zone("<+0545>-5:45");
     log.write("main", "stderr", logging::level_t::error, "last [words]");
     const std::string first =
-        "2023-11-14T22:13:20.045+00:00 dbms   [dbcache] [warning] two\\nlines]\n";
+        "2023-11-14T22:13:20.045+00:00 dbms   [dbcache] [warning] two\\nlines]\\x1b[2J\\x0d\n";
     const std::string second = "2023-11-15T03:58:20.045+05:45 main [stderr] [error] last [words]\n";
     EXPECT_EQ(read("new/folder/tarmik-dbms.log"), first);
     EXPECT_EQ(read("new/folder/tarmik-main.log"), second);
@@ -104,9 +104,13 @@ TEST_F(LogFilesTest, AFullFileMakesRoomAndTheOldestGoes) {
     const std::string longer(5 * line_bytes, 'y');  // than a file: it stands alone
     log.write("dbms", longer);
     EXPECT_EQ(read("tarmik-dbms.log").size(), line_bytes - 50 + longer.size());
-    fs::remove(dir.file("tarmik-dbms.log"));  // by somebody else
-    log.write("dbms", "after");
-    EXPECT_THAT(read("tarmik-dbms.log"), HasSubstr("after"));
+    // By somebody else.
+    fs::remove(dir.file("tarmik-dbms.log"));
+    log.write("dbms", "removed");
+    EXPECT_THAT(read("tarmik-dbms.log"), HasSubstr("removed"));
+    fs::rename(dir.file("tarmik-dbms.log"), dir.file("aside"));
+    log.write("dbms", "renamed");
+    EXPECT_THAT(read("tarmik-dbms.log"), HasSubstr("renamed"));
 }
 
 TEST_F(LogFilesTest, OldFilesGoWhenADayBeginsAndNothingElseDoes) {
