@@ -11,7 +11,10 @@ build: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j $(JOBS)
 
-run: build
+# Without the tests, which take most of the time.
+run: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j $(JOBS) --target programs
 	@scripts/run-family
 
 test: build

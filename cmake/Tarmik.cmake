@@ -63,6 +63,7 @@ function(tarmik_layer folder)
     get_filename_component(program ${folder} NAME)
     add_executable(${program} ${folder}/main.cpp)
     target_link_libraries(${program} PRIVATE ${target} tarmik_flags)
+    add_dependencies(programs ${program})
   endif()
 endfunction()
 
