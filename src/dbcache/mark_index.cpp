@@ -198,15 +198,19 @@ void MarkIndex::replace_last(ObjectHandlerRef at, const NodeId& from, const Node
 
 // ---- reading a list ----------------------------------------------------------------------------
 
-/// Where the object lies; null when there is none. Loads no handler.
-mdb::block_handle_t MarkIndex::place_of(const NodeId& id) const {
-    if (const CachedObject* cached = store_.cache().cache_find_by_id(id))
-        return static_cast<const ObjectHandler*>(cached)->location();
+/// The handler in memory; empty when there is none.
+ObjectHandlerRef MarkIndex::cached(const NodeId& id) const {
+    return ObjectHandlerRef(static_cast<ObjectHandler*>(store_.cache().cache_find_by_id(id)));
+}
+
+/// Where the object lies; null when there is none.
+mdb::block_handle_t MarkIndex::stored_place(const NodeId& id) const {
     return store_.indexes().unique_find(mdb::node_id_index, id).value_or(mdb::block_handle_t{});
 }
 
 NodeId MarkIndex::index_next(const NodeId& id) {
-    const mdb::block_handle_t place = place_of(id);
+    const ObjectHandlerRef object = cached(id);
+    const mdb::block_handle_t place = object ? object->location() : stored_place(id);
     error::check(!place.is_null(), "Did not find object {} in index_next", id);
     return next_of(id, read_mark(store_, place, mark_));
 }
@@ -238,14 +242,16 @@ void MarkIndex::traverse(tqlengine::HandlerList& list, const NodeId& origin) {
             checkpoint = at;
             limit *= 2;
         }
-        const mdb::block_handle_t place = place_of(at);
+        // A mere link needs no handler, so none is loaded for it.
+        ObjectHandlerRef object = cached(at);
+        const mdb::block_handle_t place = object ? object->location() : stored_place(at);
         error::check(!place.is_null(), "Did not find object {} during mark-index traversal", at);
         record = read_mark(store_, place, mark_);
         if (!record || !record->marked) continue;
-        ObjectHandlerRef member = find(at);
-        error::check(static_cast<bool>(member),
+        if (!object) object = find(at);
+        error::check(static_cast<bool>(object),
                      "Did not find object {} during mark-index traversal", at);
-        list.push_back(std::move(member));
+        list.push_back(std::move(object));
     }
 }
 

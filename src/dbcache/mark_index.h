@@ -112,7 +112,8 @@ class MarkIndex {
     /// Sets `last` to `to` from `at` upward, as far as it is `from`.
     void replace_last(ObjectHandlerRef at, const NodeId& from, const NodeId& to);
     [[nodiscard]] static NodeId next_of(const NodeId& id, const MarkRecord& record);
-    [[nodiscard]] mdb::block_handle_t place_of(const NodeId& id) const;
+    [[nodiscard]] ObjectHandlerRef cached(const NodeId& id) const;
+    [[nodiscard]] mdb::block_handle_t stored_place(const NodeId& id) const;
 
     Store& store_;
     const uint32_t mark_;

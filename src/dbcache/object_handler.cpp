@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <typeinfo>
 
 #include "dbcache/detail/damage.h"
 #include "dbcache/detail/metrics.h"
@@ -123,6 +124,13 @@ tqlengine::HandlerRef ObjectHandler::tqlParentHandler() {
     const auto group = parent->schema().group_of_child(nodetype());
     if (!group) return parent;
     return tqlengine::HandlerRef(new GroupHandler(std::move(parent), *group));
+}
+
+bool ObjectHandler::surely_beside(const tqlengine::TqlObjectHandler& other) const {
+    if (typeid(other) != typeid(ObjectHandler)) return false;
+    const auto& sibling = static_cast<const ObjectHandler&>(other);
+    // Of one nodetype, they are in the same group too.
+    return sibling.parent_.value == parent_.value && sibling.schema_ == schema_;
 }
 
 tqlengine::HandlerRef ObjectHandler::tqlChild(uint32_t number) {

@@ -85,6 +85,7 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     tqlengine::HandlerRef tqlChild(uint32_t number) override;
     /// The group of the parent under which this object stands, where there is one.
     tqlengine::HandlerRef tqlParentHandler() override;
+    [[nodiscard]] bool surely_beside(const tqlengine::TqlObjectHandler& other) const override;
     tqlengine::TqlIdResolver* tqlIdResolver() override;
     void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) override;
     /// The name among the siblings, where the index of them has it.

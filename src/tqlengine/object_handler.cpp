@@ -22,6 +22,10 @@ bool TqlObjectHandler::tqlSpecialMatch(uint32_t&, const tql::condition_t&) {
     return false;
 }
 
+bool TqlObjectHandler::surely_beside(const TqlObjectHandler&) const {
+    return false;
+}
+
 std::optional<bool> TqlObjectHandler::holds_at_hand(const tql::condition_t&) const {
     return std::nullopt;
 }

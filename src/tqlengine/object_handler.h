@@ -166,6 +166,9 @@ class TqlObjectHandler {
     virtual HandlerRef tqlChild(uint32_t number);
     /// Empty at the top of the tree.
     virtual HandlerRef tqlParentHandler() = 0;
+    /// Whether both objects surely have the same tqlParentHandler(); false says nothing. Default
+    /// false.
+    [[nodiscard]] virtual bool surely_beside(const TqlObjectHandler& other) const;
     /// Under which the subtree of this object can be searched; default none. Outlives the handler.
     virtual TqlIdResolver* tqlIdResolver() { return nullptr; }
 

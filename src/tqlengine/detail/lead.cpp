@@ -30,6 +30,68 @@ struct StepClasses {
 
 }  // namespace
 
+// ---- the nodes of a lead -----------------------------------------------------------------------
+
+void LeadNode::append(LeadNode& child) {
+    child.above = this;
+    (last_child == nullptr ? first_child : last_child->next_sibling) = &child;
+    last_child = &child;
+}
+
+/// Objects made together are found together: sixteen ids in a row mostly lie in slots in a row.
+uint32_t LeadNodes::hash_of(const tql::id_t& id) noexcept {
+    constexpr uint32_t kRowBits = 4;
+    uint64_t row = id.size();
+    uint64_t in_row = 0;
+    for (const uint32_t word : id) {
+        row = (row ^ word >> kRowBits) * 0x9E3779B97F4A7C15U;
+        row ^= row >> 32;
+        in_row += word & ((1U << kRowBits) - 1);
+    }
+    return static_cast<uint32_t>(row + in_row);
+}
+
+/// The slot of `id`, or the empty one in which it belongs.
+size_t LeadNodes::place_of(const tql::id_t& id, uint32_t hash) const noexcept {
+    size_t at = hash & (slots_.size() - 1);
+    while (slots_[at].number != 0 &&
+           (slots_[at].hash != hash || nodes_[slots_[at].number - 1].id != id))
+        at = (at + 1) & (slots_.size() - 1);
+    return at;
+}
+
+std::pair<LeadNode*, bool> LeadNodes::ensure(const tql::id_t& id) {
+    const uint32_t hash = hash_of(id);
+    Slot& slot = slots_[place_of(id, hash)];
+    if (slot.number != 0) return {&nodes_[slot.number - 1], false};
+    nodes_.emplace_back().id = id;
+    slot = {hash, static_cast<uint32_t>(nodes_.size())};
+    reserve(nodes_.size());
+    return {&nodes_.back(), true};
+}
+
+void LeadNodes::drop_last() {
+    const tql::id_t& id = nodes_.back().id;
+    slots_[place_of(id, hash_of(id))] = {};
+    nodes_.pop_back();
+}
+
+void LeadNodes::reserve(size_t count) {
+    size_t size = slots_.size();
+    while (size < 2 * count) size *= 2;
+    if (size > slots_.size()) resize(size);
+}
+
+void LeadNodes::resize(size_t size) {
+    slots_.assign(size, {});
+    for (size_t i = 0; i < nodes_.size(); ++i) {
+        const uint32_t hash = hash_of(nodes_[i].id);
+        slots_[place_of(nodes_[i].id, hash)] = {hash, static_cast<uint32_t>(i + 1)};
+    }
+}
+
+// ---- the search for leads ----------------------------------------------------------------------
+
 bool LeadScan::scan(const tql::pattern_t& step, const Way* above) {
     const Way way{step, above};
     size_t taken_over = 0;
@@ -54,11 +116,12 @@ bool LeadScan::scan(const tql::pattern_t& step, const Way* above) {
     if (hits.empty()) return true;
 
     auto lead = std::make_unique<Lead>();
-    std::set<tql::id_t> dead;
+    lead->nodes.reserve(hits.size());
+    Climbs climbs{*lead};
     for (HandlerRef& hit : hits) {
         error::check(static_cast<bool>(hit),
                      "obviousMatches supplied NULL on TqlObjectHandler list");
-        climb(*lead, std::move(hit), dead);
+        climb(climbs, std::move(hit));
     }
     if (!lead->root) return true;
     lead->path = reduced(step);
@@ -68,32 +131,42 @@ bool LeadScan::scan(const tql::pattern_t& step, const Way* above) {
     return true;
 }
 
-void LeadScan::climb(Lead& lead, HandlerRef hit, std::set<tql::id_t>& dead) const {
-    std::vector<tql::id_t> climbed;
+void LeadScan::climb(Climbs& climbs, HandlerRef hit) const {
+    LeadNode* const previous = std::exchange(climbs.previous, nullptr);
+    LeadNode* lowest = nullptr;
     LeadNode* below = nullptr;
     for (HandlerRef object = std::move(hit);;) {
-        const tql::id_t id = object->tqlId();
-        const auto [place, inserted] = lead.nodes.try_emplace(id);
-        LeadNode& node = place->second;
-        if (below)
-            node.children.push_back(below);
+        const auto [node, is_new] = climbs.lead.nodes.ensure(object->tqlId());
+        if (below != nullptr)
+            node->append(*below);
         else
-            node.match_end = true;
-        if (!inserted) return;
-        node.handler = std::move(object);
-        climbed.push_back(id);
-        if (id == origin_) {
-            lead.root = &node;
-            return;
+            node->match_end = true;
+        if (lowest == nullptr) lowest = node;
+        if (!is_new) break;
+        node->handler = std::move(object);
+        if (node->id == origin_) {
+            climbs.lead.root = node;
+            break;
         }
-        object = node.handler->tqlParentHandler();
-        if (!object || dead.contains(object->tqlId())) break;
-        below = &node;
+        // Hits come by the score from under one object.
+        if (below == nullptr && previous != nullptr && previous->above != nullptr &&
+            node->handler->surely_beside(*previous->handler)) {
+            previous->above->append(*node);
+            break;
+        }
+        object = node->handler->tqlParentHandler();
+        if (!object || climbs.dead.contains(object->tqlId())) return forget(climbs, *lowest);
+        below = node;
     }
-    // Outside the origin's subtree: forget the way, and remember it so that no later hit goes it
-    // again.
-    for (const tql::id_t& id : climbed) lead.nodes.erase(id);
-    dead.insert(climbed.begin(), climbed.end());
+    climbs.previous = lowest;
+}
+
+/// A climb led out of the origin's subtree: its nodes go, and no later hit goes that way again.
+void LeadScan::forget(Climbs& climbs, const LeadNode& lowest) {
+    size_t made = 0;
+    for (const LeadNode* at = &lowest; at != nullptr; at = at->above, ++made)
+        climbs.dead.insert(at->id);
+    while (made-- > 0) climbs.lead.nodes.drop_last();
 }
 
 tql::pattern_t LeadScan::reduced(const tql::pattern_t& step) const {

@@ -3,10 +3,12 @@
 // whole subtrees.
 #pragma once
 
+#include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
-#include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "tql/id.h"
@@ -20,23 +22,48 @@ namespace tqlengine::detail {
 /// taken over. Means nothing to handlers.
 inline constexpr uint32_t kHadSuccessors = 0x40000000;
 
-struct IdHash {
-    size_t operator()(const tql::id_t& id) const noexcept {
-        uint64_t hash = id.size();
-        for (const uint32_t word : id) hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
-        return static_cast<size_t>(hash ^ hash >> 32);
-    }
+struct LeadNode {
+    tql::id_t id;
+    HandlerRef handler;
+    LeadNode* above = nullptr;
+    LeadNode* first_child = nullptr;
+    LeadNode* last_child = nullptr;
+    LeadNode* next_sibling = nullptr;
+    bool match_end = false;  ///< this object itself is a hit
+
+    /// Puts `child` behind the other children.
+    void append(LeadNode& child);
 };
 
-struct LeadNode {
-    HandlerRef handler;
-    bool match_end = false;  ///< this object itself is a hit
-    std::vector<LeadNode*> children;
+/// The nodes of a lead by id. They stay where they are while others come and go.
+class LeadNodes {
+  public:
+    /// Makes room for the index of so many.
+    void reserve(size_t count);
+    /// The node of `id`, and whether it has just been made.
+    std::pair<LeadNode*, bool> ensure(const tql::id_t& id);
+    /// Takes back the node made last.
+    void drop_last();
+
+  private:
+    /// Open addressing with linear probing, at most half full. Nodes go in the reverse order in
+    /// which they came, so each leaves the slots as they were before it.
+    struct Slot {
+        uint32_t hash = 0;
+        uint32_t number = 0;  ///< place in nodes_, from 1; 0 for none
+    };
+    static constexpr size_t kFirstSlots = 16;
+
+    static uint32_t hash_of(const tql::id_t& id) noexcept;
+    [[nodiscard]] size_t place_of(const tql::id_t& id, uint32_t hash) const noexcept;
+    void resize(size_t slots);
+
+    std::deque<LeadNode> nodes_;
+    std::vector<Slot> slots_ = std::vector<Slot>(kFirstSlots);
 };
 
 struct Lead {
-    /// Nodes stay where they are while others come and go.
-    std::unordered_map<tql::id_t, LeadNode, IdHash> nodes;
+    LeadNodes nodes;
     LeadNode* root = nullptr;
     /// The step that the index answered, without the successors that other leads have taken over.
     tql::pattern_t path;
@@ -70,7 +97,14 @@ class LeadScan {
         const Way* above;
     };
     bool scan(const tql::pattern_t& step, const Way* above);
-    void climb(Lead& lead, HandlerRef hit, std::set<tql::id_t>& dead) const;
+    /// What the climbs of one lead have in common.
+    struct Climbs {
+        Lead& lead;
+        std::set<tql::id_t> dead{};    ///< of climbs that failed
+        LeadNode* previous = nullptr;  ///< the hit of the last climb, if that came to the origin
+    };
+    void climb(Climbs& climbs, HandlerRef hit) const;
+    static void forget(Climbs& climbs, const LeadNode& lowest);
 
     TqlIdResolver& resolver_;
     const tql::id_t& origin_;

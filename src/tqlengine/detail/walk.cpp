@@ -1,6 +1,7 @@
 #include "tqlengine/detail/walk.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tqlengine/detail/pattern_check.h"
 
@@ -49,6 +50,7 @@ void Walk::go(Frame& frame, stage_t stage) {
     frame.branch = 0;
     frame.child = 0;
     frame.listed = false;
+    frame.lead_child = frame.call.lead ? frame.call.lead_node->first_child : nullptr;
 }
 
 Walk::Call Walk::along_lead(const Lead& lead, TqlObjectHandler& handler, const LeadNode& node,
@@ -127,9 +129,9 @@ void Walk::test(Frame& frame) {
 std::optional<Walk::Call> Walk::descend(Frame& frame) {
     const Call& call = frame.call;
     if (call.lead) {
-        const auto& below = call.lead_node->children;
-        if (frame.child < below.size()) {
-            const LeadNode& child = *below[frame.child++];
+        if (frame.lead_child != nullptr) {
+            const LeadNode& child =
+                *std::exchange(frame.lead_child, frame.lead_child->next_sibling);
             frame.called = child.handler.get();
             return along_lead(*call.lead, *child.handler, child,
                               frame.recursive() ? call.position : call.position + 1);

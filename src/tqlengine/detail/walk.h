@@ -56,9 +56,10 @@ class Walk {
     struct Frame {
         Call call;
         stage_t stage = stage_t::enter;
-        size_t branch = 0;    ///< place in next or cond_next
-        size_t child = 0;     ///< place in `children` or in the lead node's children
-        bool listed = false;  ///< `children` is the listing of the current branch
+        size_t branch = 0;                     ///< place in next or cond_next
+        size_t child = 0;                      ///< place in `children`
+        bool listed = false;                   ///< `children` is the listing of the current branch
+        const LeadNode* lead_child = nullptr;  ///< the next of the lead node's children
         HandlerList children;
         TqlObjectHandler* called = nullptr;   ///< the child whose result is awaited
         std::optional<tql::origin_t> origin;  ///< of this object, once somebody needs it
