@@ -10,6 +10,7 @@
 #include "mdb/object_store.h"
 #include "tql/errors.h"
 #include "tql/names.h"
+#include "util/cycle_check.h"
 
 namespace dbcache {
 
@@ -95,9 +96,11 @@ std::vector<mdb::PropertyCount> counters_after(const ObjectHandler& handler, con
 /// The ancestors that count `diff`, from `handler`'s parent up.
 std::vector<Counting> counting_ancestors(ObjectHandler& handler, UseMap diff) {
     std::vector<Counting> way;
+    util::CycleCheck ring(handler.node_id());
     for (ObjectHandler* at = &handler; !diff.empty(); at = way.back().object.get()) {
         ObjectHandlerRef parent = counting_parent(*at);
         if (!parent) break;
+        if (ring.closes_at(parent->node_id())) tqlengine::fail_own_ancestor(parent->tqlId());
         const WorkArray work = parent->load_values();
         UseMap above = diff;
         parent->schema().account(ObjectView(*parent), work, above);

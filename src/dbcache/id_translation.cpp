@@ -70,9 +70,9 @@ IdTranslation::IdTranslation(Store& store, tqlengine::TqlObjectHandler& object,
 
 IdTranslation::Path IdTranslation::path_to(tqlengine::HandlerRef object) {
     Path path;
-    for (; object; object = path.back()->tqlParentHandler()) {
-        path.push_back(object);
-        if (!is_top(*object)) continue;
+    for (tqlengine::WayUp at(std::move(object)); at; at.up()) {
+        path.push_back(at.ref());
+        if (!is_top(*at)) continue;
         std::reverse(path.begin(), path.end());
         return path;
     }

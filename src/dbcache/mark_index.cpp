@@ -6,12 +6,11 @@
 #include "mdb/database.h"
 #include "mdb/index.h"
 #include "mdb/object_store.h"
+#include "util/cycle_check.h"
 
 namespace dbcache {
 
 namespace {
-
-constexpr uint64_t kFirstCheckpoint = 256;
 
 template <class Visit>
 void visit_records(Store& store, mdb::block_handle_t handle, Visit&& visit) {
@@ -116,8 +115,8 @@ bool MarkIndex::update(bool should, const NodeId& new_parent, const NodeId& old_
 NodeId MarkIndex::link(const NodeId& parent, const NodeId& first, const NodeId& last) {
     NodeId old_next;
     NodeId head = first;
-    for (ObjectHandlerRef at = find(parent); at; at = at->parent_object()) {
-        PropUpdate record(at, mark_);
+    for (tqlengine::WayUp at(find(parent)); at; at.up()) {
+        PropUpdate record(at.ref(), mark_);
         if (!record.holds()) {
             record.set({.prev = at->parent_id(), .next = head, .last = last, .marked = false});
             record.close();
@@ -186,9 +185,9 @@ bool MarkIndex::drop_lone_links(NodeId& parent, NodeId& prev, const NodeId& last
     return false;
 }
 
-void MarkIndex::replace_last(ObjectHandlerRef at, const NodeId& from, const NodeId& to) {
-    for (; at; at = at->parent_object()) {
-        PropUpdate record(at, mark_);
+void MarkIndex::replace_last(ObjectHandlerRef lowest, const NodeId& from, const NodeId& to) {
+    for (tqlengine::WayUp at(std::move(lowest)); at; at.up()) {
+        PropUpdate record(at.ref(), mark_);
         error::check(record.holds(), "Ancestor is white object");
         if (record->last != from) return;
         record->last = to;
@@ -230,18 +229,11 @@ void MarkIndex::traverse(tqlengine::HandlerList& list, const NodeId& origin) {
     if (record->marked) list.push_back(top);
     const NodeId end = record->last;
     NodeId at = origin;
-    // The stretch is of any length, so a loop is found by R. P. Brent's method: the walk is
-    // compared with one object passed before, which moves on at every doubling of the steps.
-    NodeId checkpoint = origin;
-    uint64_t limit = kFirstCheckpoint;
-    for (uint64_t steps = 1; at != end; ++steps) {
+    util::CycleCheck cycle(origin);
+    while (at != end) {
         at = next_of(at, record);
-        error::check(at != checkpoint, "Cycle detected in mark-index {} object {}",
+        error::check(!cycle.closes_at(at), "Cycle detected in mark-index {} object {}",
                      tql::property_name(mark_), at);
-        if (steps == limit) {
-            checkpoint = at;
-            limit *= 2;
-        }
         // A mere link needs no handler, so none is loaded for it.
         ObjectHandlerRef object = cached(at);
         const mdb::block_handle_t place = object ? object->location() : stored_place(at);

@@ -110,7 +110,7 @@ class MarkIndex {
     [[nodiscard]] ObjectHandlerRef find(const NodeId& id) const;
     [[nodiscard]] bool drop_lone_links(NodeId& parent, NodeId& prev, const NodeId& last);
     /// Sets `last` to `to` from `at` upward, as far as it is `from`.
-    void replace_last(ObjectHandlerRef at, const NodeId& from, const NodeId& to);
+    void replace_last(ObjectHandlerRef lowest, const NodeId& from, const NodeId& to);
     [[nodiscard]] static NodeId next_of(const NodeId& id, const MarkRecord& record);
     [[nodiscard]] ObjectHandlerRef cached(const NodeId& id) const;
     [[nodiscard]] mdb::block_handle_t stored_place(const NodeId& id) const;

@@ -147,15 +147,17 @@ tql::origin_t ObjectHandler::tqlOrigin() {
     const uint64_t epoch = store_.tree_epoch();
     if (origin_epoch_ == epoch) return origin_;
     return detail::with_faults_as_failures([&] {
-        std::vector<ObjectHandlerRef> way{ObjectHandlerRef(this)};
-        while (way.back()->origin_epoch_ != epoch) {
-            ObjectHandlerRef above = way.back()->parent_object();
-            if (!above) break;
-            way.push_back(std::move(above));
+        std::vector<ObjectHandlerRef> way;
+        tqlengine::WayUp above{ObjectHandlerRef(this)};
+        for (; above && above->origin_epoch_ != epoch; above.up()) way.push_back(above.ref());
+        tql::origin_t origin;
+        if (above) {
+            origin = above->origin_;
+        } else {
+            origin = way.back()->origin_at_top();
+            way.pop_back();
         }
-        ObjectHandler& top = *way.back();
-        tql::origin_t origin = top.origin_epoch_ == epoch ? top.origin_ : top.origin_at_top();
-        for (way.pop_back(); !way.empty(); way.pop_back()) {
+        for (; !way.empty(); way.pop_back()) {
             ObjectHandler& at = *way.back();
             origin = at.schema_->tqlOrigin(ObjectView(at, origin));
             at.origin_ = origin;

@@ -23,6 +23,7 @@
 #include "dbcache/store.h"
 #include "mdb/property_types.h"
 #include "tqlengine/object_handler.h"
+#include "tqlengine/way_up.h"
 
 namespace mdb {
 struct dobj;
@@ -184,5 +185,10 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     tql::origin_t origin_;
     uint64_t origin_epoch_ = 0;
 };
+
+/// For tqlengine::WayUp: a climb over objects leaves out their groups.
+inline ObjectHandlerRef parent_of(ObjectHandler& object) {
+    return object.parent_object();
+}
 
 }  // namespace dbcache

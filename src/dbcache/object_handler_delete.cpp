@@ -68,8 +68,8 @@ class DeleteOperation {
         if (chain.read(0, master_id_) != found_t::value ||
             chain.read(0, master_version_) != found_t::value)
             return;
-        ObjectHandlerRef at = handler_.parent_object();
-        while (at && at->class_number() != cls::MountPoint) at = at->parent_object();
+        tqlengine::WayUp at(handler_.parent_object());
+        while (at && at->class_number() != cls::MountPoint) at.up();
         if (at) mount_point_ = at->node_id();
     }
 

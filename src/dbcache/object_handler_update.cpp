@@ -235,7 +235,7 @@ void UpdateOperation::take_new_parent(const tql::property_t& value) {
     const ObjectHandlerRef parent = handler_.store().resolver().find_object(id);
     if (!parent || !parent->schema().all_children().contains(schema_.nodetype)) fail_parent();
     // Below itself the object would be cut off from the tree with all that it has.
-    for (ObjectHandlerRef at = parent; at; at = at->parent_object())
+    for (tqlengine::WayUp at(parent); at; at.up())
         if (at->node_id() == handler_.node_id()) fail_parent();
     new_parent_ = id;
 }

@@ -4,6 +4,7 @@
 
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/sibling_search.h"
+#include "dbcache/fixed_ids.h"
 #include "dbcache/id_translation.h"
 #include "dbcache/inheritance.h"
 #include "log/log.h"
@@ -31,9 +32,9 @@ ObjectHandlerRef ObjectView::parent(const NodeId& new_parent) const {
 std::vector<TreePlace> ObjectView::path_to_root(const NodeId& id) const {
     std::vector<TreePlace> path;
     // The object at hand may not be stored yet.
-    ObjectHandlerRef at = id == handler_.node_id() ? ObjectHandlerRef(&handler_)
-                                                   : handler_.store().resolver().find_object(id);
-    for (; at; at = at->parent_object()) path.push_back({at->node_id(), at->class_number()});
+    tqlengine::WayUp at(id == handler_.node_id() ? ObjectHandlerRef(&handler_)
+                                                 : handler_.store().resolver().find_object(id));
+    for (; at; at.up()) path.push_back({at->node_id(), at->class_number()});
     return path;
 }
 
@@ -115,12 +116,11 @@ std::optional<tql::origin_t> ObjectView::parent_origin() const {
 
 std::string object_path(ObjectHandler& object) {
     std::string path;
-    ObjectHandlerRef at(&object);
-    for (ObjectHandlerRef above = at->parent_object(); above; above = at->parent_object()) {
+    for (tqlengine::WayUp at{ObjectHandlerRef(&object)}; at; at.up()) {
+        if (at->node_id() == kRootId) break;
         const InheritanceChain chain(at->store(), at->node_id(), at->location());
         const auto name = at->schema().siblingName(chain);
         path = "/" + (name && !name->empty() ? *name : at->node_id().to_string()) + path;
-        at = std::move(above);
     }
     return path.empty() ? "/" : path;
 }

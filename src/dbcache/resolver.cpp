@@ -38,8 +38,11 @@ DbcacheIdResolver::DbcacheIdResolver(Store& store, uint32_t first_word, uint32_t
 
 tqlengine::HandlerRef DbcacheIdResolver::find(const tql::id_t& id) {
     if (id.size() < 2) return {};
-    ObjectHandlerRef object =
-        detail::with_faults_as_failures([&] { return find_object(id.to_node_id_lenient()); });
+    ObjectHandlerRef object = detail::with_faults_as_failures([&] {
+        ObjectHandlerRef found = find_stored(id.to_node_id_lenient());
+        const bool detached = found && is_detached(*found);
+        return detached && deletes_pending_ ? ObjectHandlerRef{} : found;
+    });
     if (object && id.size() == 3) return object->tqlChild(id[2]);
     return object;
 }
@@ -84,16 +87,33 @@ ObjectHandlerRef DbcacheIdResolver::load(const NodeId& id, mdb::block_handle_t h
 }
 
 bool DbcacheIdResolver::is_detached(ObjectHandler& handler) {
+    const Way way = way_to_root(handler);
+    if (way.end == way_end_t::ring) tqlengine::fail_own_ancestor(way.last);
+    return way.end == way_end_t::nowhere;
+}
+
+/// One step for each object that hasn't been seen to hang together with the root in this epoch.
+DbcacheIdResolver::Way DbcacheIdResolver::way_to_root(ObjectHandler& handler) {
     const uint64_t epoch = store_.tree_epoch();
+    if (handler.attached_epoch_ == epoch || handler.node_id() == kRootId) return {};
     std::vector<ObjectHandlerRef> path;
-    ObjectHandlerRef at(&handler);
+    tqlengine::WayUp at{ObjectHandlerRef(&handler)};
     while (at->attached_epoch_ != epoch && at->node_id() != kRootId) {
-        path.push_back(at);
-        at = at->parent_object();
-        if (!at) return true;
+        path.push_back(at.ref());
+        if (!at.try_up()) {
+            tell_of_ring(at.id());
+            return {way_end_t::ring, at.id()};
+        }
+        if (!at) return {way_end_t::nowhere, {}};
     }
     for (const ObjectHandlerRef& object : path) object->attached_epoch_ = epoch;
-    return false;
+    return {};
+}
+
+/// Whoever asks is answered each time; the log is told once.
+void DbcacheIdResolver::tell_of_ring(const tql::id_t& id) {
+    if (told_rings_.insert(id).second)
+        logger.error("Object {} is its own ancestor; verify tells all about such damage", id);
 }
 
 // ---- finding by index --------------------------------------------------------------------------
@@ -145,7 +165,8 @@ void DbcacheIdResolver::push_indexed(tqlengine::HandlerList& out, uint32_t index
         for (auto it = table.non_unique_search(index, key.to_node_id_lenient());
              it.at_searched_key(); table.iterator_next(it)) {
             const ObjectHandlerRef object = find_at(table.iterator_value(it));
-            if (!object || (deletes_pending_ && is_detached(*object))) continue;
+            if (!object) continue;
+            if (deletes_pending_ && way_to_root(*object).end != way_end_t::root) continue;
             tqlengine::HandlerRef found = object;
             if (key.size() == 3) found = object->tqlChild(key[2]);
             if (found) out.push_back(std::move(found));

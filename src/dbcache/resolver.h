@@ -35,6 +35,8 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     // ---- for the query engine -------------------------------------------------------------------
     // A damaged index is errors::tql with code 14 here: the request fails, not the server.
 
+    /// Throws the same for an object in a ring of parents or below one, which no request can read
+    /// or change: its subtree, its counters and its lists have no end.
     tqlengine::HandlerRef find(const tql::id_t& id) override;
     bool obviousMatches(tqlengine::HandlerList& out, const tql::id_t& origin,
                         const tql::pattern_t& pattern) override;
@@ -70,7 +72,8 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     /// The object whose record lies at `handle`, an entry of an index; detached ones too.
     ObjectHandlerRef find_at(mdb::block_handle_t handle);
 
-    /// True when the way from `handler` to the root is broken.
+    /// True when the way from `handler` to the root is broken. Throws errors::tql with code 14 when
+    /// it leads in a ring.
     [[nodiscard]] bool is_detached(ObjectHandler& handler);
 
     /// A delete has left a tombstone: what stood below it is detached from now on.
@@ -88,6 +91,15 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     };
     /// What a step finds below an object. Some: it went down to it, or gave it up.
     enum class below_t : uint8_t { nothing, some, only_given_up };
+
+    enum class way_end_t : uint8_t { root, nowhere, ring };
+    struct Way {
+        way_end_t end = way_end_t::root;
+        tql::id_t last;  ///< of a ring an object
+    };
+
+    [[nodiscard]] Way way_to_root(ObjectHandler& handler);
+    void tell_of_ring(const tql::id_t& id);
 
     void push(const Place& place);
     void pop();
@@ -108,6 +120,7 @@ class DbcacheIdResolver final : public tqlengine::TqlIdResolver, public idle::Id
     uint32_t second_word_;
     /// Tombstones wait for the objects below them to go.
     bool deletes_pending_ = false;
+    std::set<tql::id_t> told_rings_;
     /// Empty means no work; else the first is the parent of all tombstones that wait.
     std::vector<Place> stack_;
     std::set<NodeId> on_stack_;  ///< the ids of stack_

@@ -9,6 +9,7 @@
 #include "log/log.h"
 #include "tql/errors.h"
 #include "tql/names.h"
+#include "tqlengine/way_up.h"
 
 namespace dbms {
 
@@ -16,20 +17,28 @@ namespace {
 
 const logging::Logger logger{"dbms_tql"};
 
-/// From the object to the top.
-std::list<path_entry_t> path_of(tqlengine::TqlObjectHandler& object) {
-    std::list<path_entry_t> path;
+/// Runs `ask`. What fails it is damage above the object, of which the log is told.
+template <class Ask>
+void tell_unless_damaged(const tqlengine::TqlObjectHandler& object, Ask&& ask) {
     const auto cut_short = [&](const std::string& why) {
         logger.warning("Can't tell where {} stands: {}", object.tqlId().to_string(), why);
     };
     try {
-        for (tqlengine::HandlerRef step(&object); step; step = step->tqlParentHandler())
-            path.push_back({step->tqlId(), step->class_number()});
+        ask();
     } catch (const errors::tql& failure) {
         cut_short(failure.text());
     } catch (const errors::stdanomaly& failure) {
         cut_short(failure.text());
     }
+}
+
+/// From the object to the top.
+std::list<path_entry_t> path_of(tqlengine::TqlObjectHandler& object) {
+    std::list<path_entry_t> path;
+    tell_unless_damaged(object, [&] {
+        for (tqlengine::WayUp step{tqlengine::HandlerRef(&object)}; step; step.up())
+            path.push_back({step.id(), step->class_number()});
+    });
     return path;
 }
 
@@ -82,7 +91,9 @@ void SimpleSubscriptions::notify(tqlengine::TqlObjectHandler& object,
         logger.debug(" Notifying {} because of op{} on object {} from {}",
                      queues::queue_name(sibling), number, object.tqlId().to_string(),
                      queues::queue_name(current));
-        send(sibling, request_id, {number, object.tqlOrigin(), *path});
+        tql::origin_t origin;
+        tell_unless_damaged(object, [&] { origin = object.tqlOrigin(); });
+        send(sibling, request_id, {number, origin, *path});
     }
 }
 

@@ -32,8 +32,9 @@ class SimpleSubscriptions {
     size_t remove_all_of(queues::queue_t sibling);
 
     /// Tells of `operation` on `object` to all who want to know, while an event of `current` is
-    /// being handled. An object above it that can't be read ends the way to the top early: who
-    /// subscribed to a root above that isn't told, which the log says.
+    /// being handled. An object above it that can't be read, or that stands above itself, ends
+    /// the way to the top early: who subscribed to a root above that isn't told, and others get no
+    /// origin, which the log says.
     void notify(tqlengine::TqlObjectHandler& object, tqlengine::object_operation_t operation,
                 queues::queue_t current, const Send& send) const;
 

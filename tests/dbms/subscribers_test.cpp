@@ -2,9 +2,10 @@
 // store: states and their times, and who is told of what.
 #include "dbms/subscribers.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
-#include "dbcache/fixed_ids.h"
+#include "dbcache/object_view.h"
 #include "dbms/dispatcher.h"
 #include "log/log.h"
 #include "test_family.h"
@@ -123,6 +124,35 @@ class SubscribersTest : public testing::Test, protected dbms_test::TestFamily {
     }
     void forget(uint32_t request = kRequest, queue_t from = queue_t::main) {
         take<queues::TQL_FORGET>(7, {request}, from);
+    }
+
+    /// Puts a stored object elsewhere as nothing but damage can.
+    void put_below(const NodeId& id, const NodeId& above) {
+        const auto place = store.indexes->unique_find(mdb::node_id_index, id).value();
+        store.store->cache().cache_remove(place, true);
+        dbcache::StoreTransaction transaction(*store.store);
+        mdb::dobj image = store.objects->begin_object_update(place);
+        store.objects->update_property(image, mdb::PropertyNodeId(prop::parentId, above), false,
+                                       false);
+        static_cast<void>(store.objects->commit_object_update(image));
+        transaction.commit(true);
+        store.store->advance_tree_epoch();
+    }
+    /// How the writes and reads fail that have to do with the place of this object.
+    std::vector<std::string> failures_at(const NodeId& id) {
+        const std::function<void()> requests[] = {
+            [&] { store.update(id, {dbcache_test::text(prop::comment, "x")}); },
+            [&] { store.remove(id); },
+            [&] { store.domain(id, "new"); },
+            [&] { store.update(node, {dbcache_test::object(prop::parentId, id)}); },
+            [&] { static_cast<void>(store.values(id)); },
+            // Who holds the object already climbs from there.
+            [&] { (void)store.store->resolver().find_stored(id)->tqlOrigin(); },
+            [&] { (void)dbcache::object_path(*store.store->resolver().find_stored(id)); },
+        };
+        std::vector<std::string> failures;
+        for (const auto& request : requests) failures.push_back(dbcache_test::failure(request));
+        return failures;
     }
 
     /// All that the main process has been told since.
@@ -329,6 +359,69 @@ TEST_F(SubscribersTest, SimpleOnesAreToldAtOnceOfWhatTheyAskedFor) {
     subscribers.shut_down();
     store.engine->notify(*store.engine->get(b), object_operation_t::data_changed);
     EXPECT_EQ(heard(), "");
+}
+
+// What only a damaged file holds: an object that stands below itself. Nothing that climbs may go
+// round for ever, what is asked of the ring fails, and all else goes on.
+TEST_F(SubscribersTest, ARingOfParentsFailsThoseWhoComeToIt) {
+    const std::string all = "83/1 0.1>" + tql::id_t::from_node_id(branch).to_string() + ">" +
+                            tql::id_t::from_node_id(node).to_string();
+    for (const int length : {1, 2, 7}) {
+        SCOPED_TRACE(length);
+        std::vector<NodeId> ring{store.domain(branch, "ring")};
+        while (static_cast<int>(ring.size()) < length)
+            ring.push_back(store.domain(ring.back(), "r"));
+        const NodeId below =
+            store.create(store.domain(store.domain(ring.back(), "a"), "b"), cls::Domain,
+                         {dbcache_test::text(prop::name, "c"),
+                          dbcache_test::object(prop::masterId, NodeId{5, 50})});
+        const NodeId apart = store.domain(branch, "apart");
+        subscribe(1, kPlain);
+        subscribe(2, kPatchable, "Domain*");
+        take<queues::TQL_SIMPLE_SUBSCRIBE>(3,
+                                           {tql::id_t::from_node_id(below), {cls::Any}, {1}, true});
+        (void)heard();
+        put_below(ring.front(), ring.back());
+
+        for (const NodeId& id : {ring.front(), ring.back(), below}) {
+            const tql::id_t object = tql::id_t::from_node_id(id);
+            for (const std::string& failed : failures_at(id))
+                EXPECT_TRUE(std::any_of(ring.begin(), ring.end(), [&](const NodeId& one) {
+                    return failed == "14 Object " + one.to_string() + " is its own ancestor";
+                })) << failed;
+            subscribers.tqlPeriodicUpdate(queue_t::wapi, "the move");
+            (void)heard();
+            for (const char* pattern : {"Domain", "Domain*", ".* > Node", "Domain* > Domain"}) {
+                take<queues::TQL_SELECT>(9, {{object}, tql::parse_pattern(pattern), 0, 0});
+                EXPECT_EQ(heard(), "83/9 status 14") << pattern;
+            }
+            subscribe(4, kPlain, fmt::format(".* > .{{id = \"{}\"}}", object.to_string()));
+            EXPECT_EQ(heard(), "83/4 status 14");
+            forget(4);
+            (void)heard();
+            take<queues::TQL_SELECT>(
+                9, {{{0, 1}}, tql::parse_pattern("Domain* > Domain{masterId = \"5.50\"}"), 0, 0});
+            EXPECT_EQ(heard(), "83/9") << "not below the root, though the index has it";
+            // A change that is told of all the same reaches all who may see it.
+            tqlengine::TqlUpdateWatcher(*store.engine, store.store->resolver().find_stored(id),
+                                        tqlengine::watch_t::existing);
+            subscribers.tqlPeriodicUpdate(queue_t::wapi, "a test");
+            const std::string told = heard();
+            EXPECT_NE(told.find(all), told.npos) << told;
+            EXPECT_EQ(told.find("93/3 op1 " + object.to_string()) != told.npos, id == below);
+            EXPECT_EQ(store.fault(), "");
+            // The next round meets it while the background delete has work.
+            if (store.find(apart)) store.remove(apart);
+        }
+        const std::string line = "Object " + ring.front().to_string() + " is its own ancestor; ";
+        ASSERT_TRUE(length > 1 || logged(line)) << log;
+        EXPECT_EQ(log.find(line, log.find(line) + 1), log.npos) << "one line is enough";
+        put_below(ring.front(), branch);
+        store.remove(ring.front());
+        while (store.store->resolver().has_work()) store.store->resolver().doWork();
+        for (const uint32_t request : {1U, 2U, 3U}) forget(request);
+        (void)heard();
+    }
 }
 
 }  // namespace

@@ -40,9 +40,9 @@ constexpr PropertyRow kNodeAgentStatusRows[] = {
 // clang-format on
 
 ObjectHandlerRef node_above(ObjectHandler& object) {
-    ObjectHandlerRef at(&object);
-    while (at && at->nodetype() != nodetype::Node) at = at->parent_object();
-    return at;
+    tqlengine::WayUp at{ObjectHandlerRef(&object)};
+    while (at && at->nodetype() != nodetype::Node) at.up();
+    return at.ref();
 }
 
 bool is_flagged(const ObjectHandler& status) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "tqlengine/way_up.h"
+
 namespace tqlengine::detail {
 
 void build_chain(Chain& chain, HandlerRef object) {
@@ -9,11 +11,7 @@ void build_chain(Chain& chain, HandlerRef object) {
         Chain& chain;
         ~TopFirst() { std::reverse(chain.begin(), chain.end()); }
     } const top_first{chain};
-    while (object) {
-        tql::id_t id = object->tqlId();
-        chain.push_back({std::move(object), id});
-        object = chain.back().object->tqlParentHandler();
-    }
+    for (WayUp at(std::move(object)); at; at.up()) chain.push_back({at.ref(), at.id()});
 }
 
 }  // namespace tqlengine::detail

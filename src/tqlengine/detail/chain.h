@@ -16,8 +16,8 @@ struct ChainLink {
 /// The top first; the last link is the object itself. Holds a reference to each.
 using Chain = std::vector<ChainLink>;
 
-/// Costs a step for each object above. When a parent can't be loaded, `chain` holds the part below
-/// it and the failure (errors::tql, errors::stdanomaly) is thrown on.
+/// Costs a step for each object above. When a parent can't be loaded or the way leads in a ring,
+/// `chain` holds the part below and the failure (errors::tql, errors::stdanomaly) is thrown on.
 void build_chain(Chain& chain, HandlerRef object);
 
 }  // namespace tqlengine::detail
