@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <sstream>
 
 #include "dbcache/object_view.h"
 #include "dbms/dispatcher.h"
@@ -359,6 +360,60 @@ TEST_F(SubscribersTest, SimpleOnesAreToldAtOnceOfWhatTheyAskedFor) {
     subscribers.shut_down();
     store.engine->notify(*store.engine->get(b), object_operation_t::data_changed);
     EXPECT_EQ(heard(), "");
+}
+
+// What an operator goes by when a client is slow: who asked what, and where the time went.
+TEST_F(SubscribersTest, WhatTakesLongIsLoggedWithItsCost) {
+    const std::string n = tql::id_t::from_node_id(node).to_string();
+    const auto cost = [](const char* level, const char* seconds) {
+        return fmt::format(
+            "[{0}] Select for main: [0.1, 9.9] Domain* > Node\n"
+            "[{0}] Obj's considered: 6, included: 6, doublets: 0, results: 3\n"
+            "[{0}] objectMatches immediate: 6, lengthy: 0\n"
+            "[{0}] Time (sel, prep, send): ({1}, 0, 0)\n",
+            level, seconds);
+    };
+    const auto lines = [this](std::initializer_list<const char*> texts) {
+        std::string found;
+        std::istringstream all(std::exchange(log, {}));
+        for (std::string line; std::getline(all, line);)
+            if (std::any_of(texts.begin(), texts.end(),
+                            [&](const char* text) { return line.find(text) != line.npos; }))
+                found += line.substr(line.find("] [") + 2) + "\n";
+        return found;
+    };
+    const auto cost_lines = [&] {
+        return lines({"Select for", "considered", "objectMatches", "Time ("});
+    };
+    (void)cost_lines();
+    slow.takes_us = 10'000;
+    subscribe(1, kPlain);
+    EXPECT_EQ(cost_lines(), "");
+    slow.takes_us = 20'000;
+    subscribe(1, kPlain);
+    EXPECT_EQ(cost_lines(), cost("debug", "0.02"));
+    slow.takes_us = 3'500'000;
+    subscribe(1, kPatchable);
+    EXPECT_EQ(cost_lines(), cost("warning", "3.5"));
+
+    take<queues::TQL_SIMPLE_SUBSCRIBE>(2, {{0, 1}, {cls::Node}, {1, 2}, false});
+    update(node);
+    EXPECT_EQ(lines({"atch", "Notifying", "Object "}),
+              fmt::format("[debug] Queueing a patch to {0}\n"
+                          "[debug]  Notifying main because of op1 on object {0} from wapi\n"
+                          "[debug] Queueing a patch to {0}\n"
+                          "[debug] Giving main a patch to {0}\n",
+                          n));
+    const tql::version_t version = store.get(node)->tqlVersion();
+    take<queues::TQL_DELETE>(queues::kNoReply, {tql::id_t::from_node_id(node), version, {}, false},
+                             queue_t::wapi);
+    EXPECT_EQ(lines({"atch", "Notifying", "Object "}),
+              fmt::format("[debug] Queueing a patch to {0}\n"
+                          "[debug]  Notifying main because of op2 on object {0} from wapi\n"
+                          "[warning] Patch for main: [0.1, 9.9] Domain* > Node\n"
+                          "[warning] Object {0} took 3.5, caused by TQL_DELETE\n"
+                          "[debug] Giving main a patch to {0}\n",
+                          n));
 }
 
 // What only a damaged file holds: an object that stands below itself. Nothing that climbs may go
