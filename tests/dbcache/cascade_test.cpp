@@ -8,7 +8,6 @@
 #include "dbcache/class_table.h"
 #include "dbcache/detail/record_writer.h"
 #include "mdb/index_layout.h"
-#include "support/rng.h"
 #include "support/test_store.h"
 #include "util/byte_order.h"
 
@@ -316,55 +315,6 @@ TEST_F(CascadeTest, AnInterruptedWalkGoesOnWhereItWas) {
             EXPECT_EQ(stored(), 0);
             EXPECT_EQ(fault(), "");
         }
-    }
-}
-
-/// Deletes, steps, kills and creates in any order: at the end nothing is left of what was deleted,
-/// and all else is there.
-TEST_F(CascadeTest, NothingOfADeletedSubtreeIsSeenOrLeft) {
-    for (uint64_t seed = 1; seed <= 3; ++seed) {
-        SCOPED_TRACE(seed);
-        support::Rng rng(seed);
-        std::map<NodeId, NodeId> parents;  // of those that live
-        std::vector<NodeId> deleted;
-        const auto pick = [&] {
-            if (parents.empty()) return kRootId;
-            return std::next(parents.begin(),
-                             static_cast<std::ptrdiff_t>(rng.below(parents.size())))
-                ->first;
-        };
-        const auto below = [&](NodeId id, const NodeId& top) {
-            while (id != kRootId && id != top) id = parents.at(id);
-            return id == top;
-        };
-        for (int n = 0; n < 400; ++n) {
-            const uint64_t kind = rng.below(100);
-            if (kind < 50) {
-                const NodeId parent = rng.chance(90) ? pick() : kRootId;
-                const NodeId id = make(parent, fmt::format("{}.{}", seed, n));
-                parents[id] = parent;
-            } else if (kind < 58 && !parents.empty()) {
-                const NodeId top = pick();
-                world.remove(top);
-                std::vector<NodeId> gone;
-                for (const auto& [id, parent] : parents)
-                    if (below(id, top)) gone.push_back(id);
-                for (const NodeId& id : gone) parents.erase(id);
-                deleted.insert(deleted.end(), gone.begin(), gone.end());
-            } else if (kind < 97) {
-                work(rng.below(4));
-            } else {
-                restart();
-            }
-            for (const NodeId& id : deleted)
-                ASSERT_FALSE(rng.chance(10) && world.find(id)) << id.to_string();
-            ASSERT_TRUE(world.find(pick()));
-        }
-        work();
-        for (const NodeId& id : deleted) EXPECT_FALSE(is_stored(id)) << id.to_string();
-        for (const auto& [id, parent] : parents) EXPECT_EQ(stored_parent(id), parent);
-        EXPECT_EQ(entries_below(kFreshTombstones), 0U);
-        EXPECT_EQ(fault(), "");
     }
 }
 

@@ -4,7 +4,6 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
-#include "dbcache/detail/record_writer.h"
 #include "dbcache/sibling_index.h"
 #include "support/test_store.h"
 #include "test_classes.h"
@@ -34,11 +33,6 @@ class FaultTest : public ::testing::Test {
             all += dump(NodeId::parse(child));
         return all + ")";
     }
-    void store_orphan(const NodeId& id, const NodeId& parent) {
-        dbcache::RecordWriter writer(world.database->serializer());
-        writer.add_head(id, parent, {}, nodetype::Domain);
-        static_cast<void>(world.objects->store_object({}));
-    }
     std::string memory() {
         return fmt::format("{} handlers {} names", world.store->live_handlers(),
                            world.store->sibling_index().size());
@@ -54,53 +48,6 @@ class SmallFaultTest : public FaultTest {
 };
 
 }  // namespace
-
-TEST_F(FaultTest, AHookThatThrowsUndoesTheWrite) {
-    const NodeId a = folder(kRootId, "a");
-    const NodeId b = folder(kRootId, "b");
-    const NodeId below = folder(a, "below");
-    const std::string long_label(700, 'x');
-    const std::function<void(ObjectHandler&)> refuse = [](ObjectHandler&) {
-        throw errors::tql(errors::ERR_ILLEGAL_VALUE, "hook");
-    };
-    const std::function<void(ObjectHandler&)> break_store = [](ObjectHandler&) {
-        throw mdb::error_transact("Transaction log full");
-    };
-    const struct {
-        const char* name;
-        std::function<void()> write;
-    } writes[] = {
-        {"create", [&] { folder(a, "new"); }},
-        {"update in place", [&] { world.update(a, {number(prop::order, 6)}); }},
-        {"growing update", [&] { world.update(a, {text(prop::label, long_label)}); }},
-        {"rename", [&] { world.update(a, {text(prop::name, "c")}); }},
-        {"move", [&] { world.update(a, {object(prop::parentId, b)}); }},
-        {"copy version",
-         [&] {
-             world.update(a, {std::make_unique<tql::property_version_t>(prop::copyVersion,
-                                                                        tql::version_t{9, 9})});
-         }},
-    };
-    const std::string before = dump();
-    const std::string in_memory = memory();
-    for (auto* hook : {&hooks.after_update, &hooks.after_store})
-        for (const auto& thrown : {refuse, break_store})
-            for (const auto& one : writes) {
-                SCOPED_TRACE(one.name);
-                *hook = thrown;
-                EXPECT_NE(failure(one.write), "");
-                *hook = {};
-                EXPECT_EQ(dump(), before);
-                EXPECT_EQ(memory(), in_memory);
-                EXPECT_EQ(world.fault(), "");
-            }
-    hooks.before_delete = [](ObjectHandler&) { throw errors::tql_dont_delete(); };
-    EXPECT_THROW(world.remove(a), errors::tql_dont_delete);
-    EXPECT_EQ(dump(), before);
-    world.open();
-    EXPECT_EQ(dump(), before);
-    EXPECT_TRUE(world.find(below));
-}
 
 TEST_F(FaultTest, WhatAHookHasWrittenGoesWithTheOuterWrite) {
     const NodeId a = folder(kRootId, "a");
@@ -183,25 +130,6 @@ TEST_F(FaultTest, WhatAHookHasMadeGoesWithTheOuterWrite) {
     EXPECT_EQ(world.create(a, cls::Domain, {text(prop::name, "made")}, 0, made), made);
 }
 
-TEST_F(FaultTest, AnAbortedTransactionTakesBackUpdatesAndDeletes) {
-    const NodeId a = folder(kRootId, "a");
-    const NodeId b = folder(kRootId, "b");
-    const NodeId c = folder(a, "c");
-    const std::string before = dump();
-    {
-        const dbcache::StoreTransaction outer(*world.store);
-        world.update(a, {text(prop::name, "x"), text(prop::label, std::string(600, 'x'))});
-        world.update(b, {object(prop::parentId, a)});
-        world.remove(c);
-        EXPECT_EQ(world.value(a, prop::name), "\"x\"");
-        EXPECT_FALSE(world.find(c));
-    }
-    EXPECT_EQ(dump(), before);
-    EXPECT_EQ(world.fault(), "");
-    world.open();
-    EXPECT_EQ(dump(), before);
-}
-
 TEST_F(FaultTest, RecordsRewrittenBesideAWriteGoWithIt) {
     const NodeId a = folder(kRootId, "a");
     const NodeId b = folder(a, "b");
@@ -245,50 +173,6 @@ TEST_F(FaultTest, RecordsRewrittenBesideAWriteGoWithIt) {
     EXPECT_EQ(dump(), after);
     EXPECT_EQ(world.value(a, prop::label).size(), 502U);
     EXPECT_EQ(world.value(b, prop::label).size(), 302U);
-}
-
-TEST_F(FaultTest, AMoveThatBreaksAReferenceBelowIsRefused) {
-    const NodeId a = folder(kRootId, "a");
-    const NodeId b = folder(kRootId, "b");
-    const NodeId target = folder(a, "target");
-    const NodeId user = folder(a, "user");
-    const NodeId deep =
-        world.create(user, cls::Domain, {text(prop::name, "deep"), object(prop::alertGroup, a)});
-    static_cast<void>(target);
-    const std::string before = dump();
-    EXPECT_EQ(failure([&] { world.update(user, {object(prop::parentId, b)}); }),
-              fmt::format("15 MOVE_ERR{{{}:alertGroup}}", deep.to_string()));
-    EXPECT_EQ(dump(), before);
-    world.update(deep, {null_object(prop::alertGroup)});
-    world.update(user, {object(prop::parentId, b)});
-    EXPECT_EQ(world.children(b, tql::pattern_t(cls::Domain)),
-              std::vector<std::string>{user.to_string()});
-}
-
-TEST_F(SmallFaultTest, AFullJournalFailsOneRequestAndNoMore) {
-    const NodeId a = folder(kRootId, "a");
-    store_orphan({8, 1}, {8, 0});
-    const std::string before = dump();
-    std::string failed;
-    {
-        const dbcache::StoreTransaction outer(*world.store);
-        for (int i = 0; i < 500 && failed.empty(); ++i) {
-            const std::string last = dump();
-            failed = failure(
-                [&] { world.update(a, {text(prop::label, std::string(100 + i % 7 * 60, 'a'))}); });
-            if (failed.empty()) continue;
-            EXPECT_EQ(dump(), last) << "the outer transaction goes on";
-        }
-        EXPECT_EQ(failure([&] {
-                      world.store->resolver().discardOrphans({8, 0});
-                  }),
-                  "14 Transaction log full");
-    }
-    EXPECT_EQ(failed, "14 Transaction log full");
-    EXPECT_EQ(dump(), before);
-    world.update(a, {text(prop::label, "still alive")});
-    world.open();
-    EXPECT_EQ(world.value(a, prop::label), "\"still alive\"");
 }
 
 TEST_F(SmallFaultTest, AFullDatabaseFailsOneRequestAndNoMore) {

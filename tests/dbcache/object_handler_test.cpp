@@ -46,29 +46,6 @@ std::string dump(TestStore& world, const std::vector<NodeId>& ids) {
 
 }  // namespace
 
-TEST_F(ObjectHandlerTest, WhatWasWrittenIsThereAfterAKill) {
-    const NodeId branch = world.domain(kRootId, "branch");
-    const NodeId host = world.create(
-        branch, cls::Node,
-        {text(prop::name, "web1"), text(prop::label, "Web"), number(prop::snmpPort, 1161)});
-    world.update(host, {text(prop::label, "Front")});
-    const tql::version_t version = world.get(host)->tqlVersion();
-    for (const bool reopened : {false, true}) {
-        SCOPED_TRACE(reopened);
-        if (reopened) world.open();
-        EXPECT_EQ(world.value(host, prop::name), "\"web1\"");
-        EXPECT_EQ(world.value(host, prop::label), "\"Front\"");
-        EXPECT_EQ(world.value(host, prop::snmpPort), "1161");
-        EXPECT_EQ(world.value(host, prop::snmpCommunity), "\"public\"") << "its start value";
-        EXPECT_EQ(world.value(host, prop::infoUrl), "null");
-        EXPECT_EQ(world.value(host, prop::siblingName), "\"web1\"");
-        EXPECT_EQ(world.value(host, prop::active), "-") << "no property of the class";
-        EXPECT_EQ(world.get(host)->tqlVersion(), version);
-        EXPECT_EQ(world.get(host)->tqlParentHandler()->tqlId(), tql::id_t::from_node_id(branch));
-        EXPECT_EQ(world.children(kRootId), std::vector<std::string>{branch.to_string()});
-    }
-}
-
 TEST_F(ObjectHandlerTest, RefusedRequestsChangeNothing) {
     const NodeId a = world.domain(kRootId, "a");
     const NodeId b = world.domain(kRootId, "b");
@@ -167,23 +144,6 @@ TEST_F(ObjectHandlerTest, CopyVersionStandsForTheVersionUntilALocalChange) {
     world.update(a, {text(prop::label, "mine")});
     EXPECT_EQ(world.get(a)->tqlVersion(), world.versions->current());
     EXPECT_EQ(world.value(a, prop::copyVersion), "null");
-}
-
-TEST_F(ObjectHandlerTest, MoveTakesTheSubtreeAndItsSiblingName) {
-    const NodeId a = world.domain(kRootId, "a");
-    const NodeId b = world.domain(kRootId, "b");
-    const NodeId host = world.node(a, "host");
-    world.update(a, {object(prop::parentId, b), text(prop::label, "moved")});
-    EXPECT_EQ(world.children(kRootId), std::vector<std::string>{b.to_string()});
-    EXPECT_EQ(world.children(b), std::vector<std::string>{a.to_string()});
-    EXPECT_EQ(world.store->sibling_index().find({kRootId, cls::Domain, "a"}), nullptr);
-    EXPECT_NE(world.store->sibling_index().find({b, cls::Domain, "a"}), nullptr);
-    world.open();
-    EXPECT_EQ(world.children(b), std::vector<std::string>{a.to_string()});
-    EXPECT_EQ(world.children(a), std::vector<std::string>{host.to_string()});
-    const NodeId other = world.domain(kRootId, "a");
-    EXPECT_EQ(failure([&] { world.update(other, {object(prop::parentId, b)}); }),
-              fmt::format("4 EXISTS{{{}}} Duplicate value given for primary key", a.to_string()));
 }
 
 TEST_F(ObjectHandlerTest, DeleteLeavesATombstoneAndHidesTheSubtree) {

@@ -1,10 +1,8 @@
 #include <algorithm>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <map>
 
 #include "dbcache/detail/record_writer.h"
-#include "support/rng.h"
 #include "support/test_store.h"
 #include "test_classes.h"
 #include "tql/query_text.h"
@@ -138,111 +136,4 @@ TEST(SequenceTest, EachStartHasItsOwnRingSequence) {
     EXPECT_EQ(world.versions->current().ring_sequence, 8U) << "one more than what was kept outside";
     world.open();
     EXPECT_EQ(world.versions->current().ring_sequence, 9U);
-}
-
-// ---- random operations against a simple model --------------------------------------------------
-
-namespace {
-
-/// The tree as it should be: parents, names and versions; nothing else.
-struct ModelObject {
-    NodeId parent;
-    std::string name;
-    tql::version_t version;
-};
-using Model = std::map<NodeId, ModelObject>;
-
-bool stands_below(const Model& model, NodeId id, const NodeId& above) {
-    while (!id.is_null() && id != above) id = model.at(id).parent;
-    return id == above;
-}
-
-bool name_taken(const Model& model, const NodeId& self, const NodeId& parent,
-                const std::string& name) {
-    return std::any_of(model.begin(), model.end(), [&](const auto& entry) {
-        return entry.first != self && entry.second.parent == parent && entry.second.name == name;
-    });
-}
-
-void expect_same(TestStore& world, const Model& model) {
-    for (const auto& [id, object] : model) {
-        ASSERT_TRUE(world.find(id)) << id.to_string();
-        EXPECT_EQ(world.get(id)->tqlVersion(), object.version);
-        EXPECT_EQ(world.value(id, prop::name), "\"" + object.name + "\"");
-        std::vector<std::string> expected;
-        for (const auto& [child, one] : model)
-            if (one.parent == id) expected.push_back(child.to_string());
-        auto children = world.children(id, tql::pattern_t(cls::Domain));
-        std::sort(children.begin(), children.end());
-        std::sort(expected.begin(), expected.end());
-        EXPECT_EQ(children, expected);
-        if (object.parent.is_null()) continue;
-        const auto named = world.children(
-            object.parent,
-            tql::parse_pattern(fmt::format("Domain{{siblingName = \"{}\"}}", object.name)));
-        EXPECT_NE(std::find(named.begin(), named.end(), id.to_string()), named.end());
-    }
-    ASSERT_EQ(world.fault(), "");
-}
-
-}  // namespace
-
-TEST(TreeModelTest, RandomWritesKeepTheTree) {
-    for (const uint64_t seed : {1U, 2U, 3U}) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed);
-        support::Rng rng(seed);
-        const Hooks hooks;
-        TestStore world({.block = 1024, .journal = 256 * 1024, .capacity = 16 << 20},
-                        test_classes(hooks));
-        world.store->cache().cache_set_limits(3, 3, 5);
-        Model model{{kRootId, {{}, "Root domain", world.get(kRootId)->tqlVersion()}}};
-        std::vector<NodeId> deleted;
-        const auto any = [&] {
-            return std::next(model.begin(), static_cast<int64_t>(rng.below(model.size())))->first;
-        };
-        for (int step = 0; step < 400; ++step) {
-            SCOPED_TRACE(testing::Message() << "step " << step);
-            const NodeId id = any();
-            const NodeId parent = any();
-            const std::string name = fmt::format("n{}", rng.below(12));
-            const Values filled{text(prop::name, name),
-                                text(prop::label, std::string(rng.below(400), 'l'))};
-            const uint64_t kind = rng.below(100);
-            if (kind < 45) {
-                const bool taken = name_taken(model, {}, parent, name);
-                NodeId made;
-                const std::string failed =
-                    failure([&] { made = world.create(parent, cls::Domain, filled); });
-                ASSERT_EQ(failed.empty(), !taken) << failed;
-                if (!taken) model[made] = {parent, name, world.versions->current()};
-            } else if (id == kRootId) {
-                continue;
-            } else if (kind < 65) {
-                const bool taken = name_taken(model, id, model[id].parent, name);
-                ASSERT_EQ(failure([&] { world.update(id, filled); }).empty(), !taken);
-                if (!taken) model[id] = {model[id].parent, name, world.versions->current()};
-            } else if (kind < 85) {
-                const bool refused = stands_below(model, parent, id) ||
-                                     name_taken(model, id, parent, model[id].name);
-                ASSERT_EQ(
-                    failure([&] { world.update(id, {object(prop::parentId, parent)}); }).empty(),
-                    !refused);
-                if (!refused) model[id] = {parent, model[id].name, world.versions->current()};
-            } else if (kind < 95) {
-                world.remove(id);
-                Model left;
-                for (const auto& [one, what] : model)
-                    (stands_below(model, one, id) ? (deleted.push_back(one), 0)
-                                                  : (left[one] = what, 0));
-                model = std::move(left);
-                for (const NodeId& one : deleted) ASSERT_FALSE(world.find(one)) << one.to_string();
-            } else {
-                world.open();
-                world.store->cache().cache_set_limits(3, 3, 5);
-            }
-            if (step % 20 == 0) expect_same(world, model);
-        }
-        world.open();
-        expect_same(world, model);
-    }
 }

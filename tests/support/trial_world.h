@@ -180,6 +180,11 @@ inline const Write kWrites[] = {
     {"inherit from another",
      [](TrialWorld& w) { w.update("g", object(prop::inherits, w.at("h"))); }},
     {"stop to inherit", [](TrialWorld& w) { w.update("n", null_object(prop::inherits)); }},
+    {"take a copied version",
+     [](TrialWorld& w) {
+         w.update("f", std::make_unique<tql::property_version_t>(prop::copyVersion,
+                                                                 tql::version_t{9, 9}));
+     }},
     {"change the subtype", [](TrialWorld& w) { w.update("c0", number(prop::type, 1)); }},
     {"set references", [](TrialWorld& w) { w.update("f", objects(prop::dependsOn, {w.at("h")})); }},
     {"move a leaf", [](TrialWorld& w) { w.update("ac", object(prop::parentId, w.at("cg2"))); }},
