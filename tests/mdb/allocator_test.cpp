@@ -4,11 +4,9 @@
 #include <csignal>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <set>
 #include <sys/resource.h>
 
 #include "mdb/object_slots.h"
-#include "support/rng.h"
 #include "test_database.h"
 
 namespace {
@@ -207,155 +205,6 @@ TEST(Allocator, DamageIsNamed) {
     for (const uint32_t word : {0U, 1U, 2000U}) {
         fill_block(db, kFirst, {{0, word & ~1U, (word & 1) != 0}}, mark_t::used);
         EXPECT_THROW((void)allocate(db, 0, 8), mdb::error_consistency) << word;
-    }
-}
-
-/// Random space and block requests with aborts and reopening against a list of what is taken.
-class AllocatorModel {
-  public:
-    explicit AllocatorModel(uint64_t seed)
-        : rng_(seed), test_(64 * 1024, kBlock * kBlock), db_(&test_.open()) {}
-
-    void run(int steps) {
-        for (int step = 0; step < steps; ++step) {
-            SCOPED_TRACE(step);
-            const bool inside = rng_.chance(70);
-            const State before = state_;
-            if (inside) db_->journal().transaction_begin();
-            try {
-                for (uint64_t n = 1 + rng_.below(4); n > 0; --n) change();
-                if (inside && rng_.chance(25)) {
-                    db_->journal().transaction_abort();
-                    state_ = before;
-                } else if (inside) {
-                    db_->journal().transaction_end(rng_.chance(90));
-                }
-            } catch (const mdb::error_dbnospace&) {
-                if (inside) db_->journal().transaction_abort();
-                if (inside) state_ = before;
-            }
-            if (rng_.chance(3)) db_ = &test_.open(static_cast<uint32_t>(1 + rng_.below(20)));
-            verify();
-            if (testing::Test::HasFatalFailure()) return;
-        }
-    }
-
-  private:
-    struct State {
-        /// Slots of objects, by block and offset.
-        std::map<std::pair<uint32_t, uint32_t>, uint32_t> objects;
-        std::map<uint32_t, mark_t> other_blocks;
-    };
-
-    void change() {
-        const uint64_t what = rng_.below(100);
-        if (what < 45) {
-            take_space();
-        } else if (what < 80 && !state_.objects.empty()) {
-            free_space();
-        } else if (what < 90) {
-            const uint32_t block = db_->allocator().allocate_empty_block(hint(), rng_.chance(50));
-            ASSERT_FALSE(state_.other_blocks.contains(block));
-            set(block, rng_.chance(50) ? mark_t::leaf : mark_t::lob);
-        } else if (!state_.other_blocks.empty()) {
-            set(std::next(state_.other_blocks.begin(),
-                          static_cast<std::ptrdiff_t>(rng_.below(state_.other_blocks.size())))
-                    ->first,
-                mark_t::empty);
-        }
-    }
-
-    uint32_t hint() { return rng_.chance(40) ? static_cast<uint32_t>(rng_.below(300)) : 0; }
-
-    void set(uint32_t block, mark_t value) {
-        mdb::Transaction transaction(db_->journal());
-        db_->allocator().set_mark(block, value);
-        transaction.commit();
-        if (value == mark_t::empty)
-            state_.other_blocks.erase(block);
-        else
-            state_.other_blocks[block] = value;
-    }
-
-    void journal_block(const dobj& object) {
-        db_->journal().journal_update(object.data, kBlock, db_->store().block_offset(object.block));
-    }
-
-    void take_space() {
-        const auto size = static_cast<uint32_t>(4 + 8 * rng_.below(rng_.chance(20) ? 127 : 20));
-        dobj found;
-        db_->allocator().allocate_space(hint(), size, found);
-        ASSERT_FALSE(state_.other_blocks.contains(found.block));
-        const std::span<std::byte> bytes{found.writable(), kBlock};
-        mdb::SplitResult split = mdb::split_placeholder(bytes, found.offset, size);
-        split.slot.placeholder = false;
-        mdb::set_slot(bytes, split.slot);
-        mdb::Transaction transaction(db_->journal());
-        journal_block(found);
-        transaction.commit();
-        ASSERT_TRUE(state_.objects.emplace(std::pair{found.block, split.slot.offset}, size).second);
-    }
-
-    void free_space() {
-        const auto at = std::next(state_.objects.begin(),
-                                  static_cast<std::ptrdiff_t>(rng_.below(state_.objects.size())));
-        const auto [block, offset] = at->first;
-        dobj object({block, offset}, db_->cache().private_block(block));
-        mdb::free_slot_in_block({object.writable(), kBlock}, offset);
-        mdb::Transaction transaction(db_->journal());
-        journal_block(object);
-        const mark_t mark = db_->allocator().classify_block(object);
-        if (mark != db_->allocator().query_mark(block)) db_->allocator().set_mark(block, mark);
-        transaction.commit();
-        state_.objects.erase(at);
-    }
-
-    /// Every slot of every object block is in the model, nothing else is, and marks tell the truth.
-    void verify() {
-        std::set<std::pair<uint32_t, uint32_t>> seen;
-        for (uint32_t block = kFirst; block < kBlock; ++block) {
-            const mark_t mark = db_->allocator().query_mark(block);
-            const auto other = state_.other_blocks.find(block);
-            if (other != state_.other_blocks.end()) {
-                ASSERT_EQ(mark, other->second);
-                continue;
-            }
-            if (mark == mark_t::empty) continue;
-            ASSERT_TRUE(mark == mark_t::used || mark == mark_t::full) << block;
-            const std::byte* bytes = db_->cache().cached_block(block);
-            uint32_t free = 0;
-            for (uint32_t offset = 0; offset < kBlock;) {
-                const mdb::Slot slot = mdb::slot_at({bytes, kBlock}, offset);
-                ASSERT_TRUE(mdb::slot_fits(slot, kBlock));
-                if (slot.placeholder) {
-                    free += slot.length;
-                } else {
-                    const auto known = state_.objects.find({block, offset});
-                    ASSERT_NE(known, state_.objects.end());
-                    ASSERT_EQ(known->second, slot.length);
-                    seen.insert({block, offset});
-                }
-                offset = slot.end();
-            }
-            if (mark == mark_t::full) {
-                ASSERT_LT(free, kBlock / 4);
-            }
-        }
-        for (const auto& [place, size] : state_.objects)
-            ASSERT_TRUE(seen.contains(place))
-                << place.first << ":" << place.second << " of " << size;
-    }
-
-    support::Rng rng_;
-    TestDatabase test_;
-    mdb::Database* db_;
-    State state_;
-};
-
-TEST(AllocatorModel, RandomRequests) {
-    for (uint64_t seed = 1; seed <= 8; ++seed) {
-        SCOPED_TRACE(testing::Message() << "seed " << seed);
-        AllocatorModel(seed).run(600);
     }
 }
 

@@ -1,5 +1,5 @@
 // Replays the kept corpus of the fuzzers: damaged files that the store once fell over, and those
-// that lead into its remoter branches.
+// that lead into its remoter branches; and bytes that nobody has chosen.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "log/log.h"
+#include "support/rng.h"
 #include "targets/target.h"
 
 namespace {
@@ -40,6 +41,21 @@ TEST_P(Corpus, IsHarmless) {
         SCOPED_TRACE(file.string());
         std::ifstream in(file, std::ios::binary);
         const std::vector<uint8_t> input{std::istreambuf_iterator<char>(in), {}};
+        ::alarm(kDeadline_s);
+        EXPECT_NO_THROW(target->run(input));
+    }
+}
+
+/// The same with bytes drawn at random, which change the databases of the targets here and there.
+TEST_P(Corpus, NorAreAnyOtherBytes) {
+    const char* source = std::getenv("TARMIK_SOURCE");
+    if (source == nullptr) GTEST_SKIP() << "TARMIK_SOURCE tells where the databases are";
+    const auto target = fuzz::make_target(GetParam(), std::string(source) + "/fuzz");
+    for (uint64_t seed = 1; seed <= 250; ++seed) {
+        SCOPED_TRACE(testing::Message() << "seed " << seed);
+        support::Rng rng(seed);
+        std::vector<uint8_t> input(rng.below(200));
+        for (uint8_t& byte : input) byte = static_cast<uint8_t>(rng.next());
         ::alarm(kDeadline_s);
         EXPECT_NO_THROW(target->run(input));
     }

@@ -411,7 +411,10 @@ TEST(Halves, OfAnyLengthAreFilledToTheLastByte) {
             }
             EXPECT_EQ(db->journal().free_space(), 0U);
             // The next filling of the half finds this redirection behind an equally long one.
-            if (round >= 2) db->journal().flip(true);
+            if (round >= 2) {
+                db->journal().flip(true);
+                EXPECT_EQ(test.part("journal", end, 4), hex("54524544"));
+            }
             if (round == 3) {
                 db = &test.open();
                 db->journal().flip(false);
