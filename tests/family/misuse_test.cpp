@@ -258,28 +258,17 @@ TEST(Misuse, ThoseKilledComeBackAndTheOthersStay) {
         clock));
 }
 
-TEST(Misuse, TheCommandEndsWithTheCodeForWhatHappened) {
+TEST(Misuse, ASecondFamilyWithTheSameFifosIsRefused) {
     RunningFamily family;
     const std::string domain = create_domain(family, "taken");
-    const std::string output = family.dir().file("output"), errors = family.dir().file("said");
-    const auto code = [&](std::vector<std::string> arguments) {
-        const platform::ExitStatus status = platform::wait_for_end(spawn_into_files(
-            {.program = RunningFamily::program("tarmik"), .arguments = std::move(arguments)},
-            output, errors));
-        EXPECT_FALSE(status.by_signal);
-        return status.code;
-    };
-    const std::string url = "--url=" + family.url();
-    EXPECT_EQ(code({url, "select", "Domain*[name]"}), 0);
-    EXPECT_EQ(code({url, "select", "--nonsense"}), 2);
-    EXPECT_EQ(code({"--url=http://127.0.0.1:1", "select", "Domain[name]"}), 3);
-    EXPECT_EQ(code({url, "create", "Domain", "--parent", domain, "label=no name"}), 4);
-    EXPECT_EQ(code({url, "update", domain, "label=new", "--version", "1.1"}), 5);
-    EXPECT_NE(read_file(output).find("taken"), std::string::npos) << read_file(output);
-
-    // A second family with the same FIFOs.
+    const std::string errors = family.dir().file("said");
     const pid_t server = family.child_pid("dbms");
-    EXPECT_EQ(code({"run", "--config", family.dir().file("tarmik.toml")}), 1);
+    const platform::ExitStatus second = platform::wait_for_end(
+        spawn_into_files({.program = RunningFamily::program("tarmik"),
+                          .arguments = {"run", "--config", family.dir().file("tarmik.toml")}},
+                         family.dir().file("output"), errors));
+    EXPECT_FALSE(second.by_signal);
+    EXPECT_EQ(second.code, 1);
     EXPECT_NE(read_file(errors).find("Caught: Another family is running with the FIFOs"),
               std::string::npos)
         << read_file(errors);

@@ -99,7 +99,7 @@ ScriptedFamily::~ScriptedFamily() {
     }
     selector_.remove(timer_);
     selector_.remove(messenger_.newSiblings());
-    if (reading_) selector_.remove(queue_.front());
+    selector_.remove(queue_.front());
 }
 
 std::string ScriptedFamily::errors_path(queues::queue_t id) const {
@@ -200,15 +200,6 @@ std::unique_ptr<queues::event> ScriptedFamily::take_event() {
     std::unique_ptr<queues::event> first = std::move(events_.front());
     events_.pop_front();
     return first;
-}
-
-void ScriptedFamily::read_events(bool on) {
-    if (on == reading_) return;
-    reading_ = on;
-    if (on)
-        selector_.add(queue_.front(), 0);
-    else
-        selector_.remove(queue_.front());
 }
 
 void ScriptedFamily::serve_once() {

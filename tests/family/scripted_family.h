@@ -86,8 +86,6 @@ class ScriptedFamily final : private io::ParentPolicy {
     [[nodiscard]] std::unique_ptr<queues::event> take_event();
     /// The next event for the parent, null after the time limit. Ends of streams are passed over.
     [[nodiscard]] std::unique_ptr<queues::event> next_event();
-    /// The parent keeps its own messages unread, or reads again.
-    void read_events(bool on);
 
     [[nodiscard]] io::ParentMessenger& messenger() { return messenger_; }
     [[nodiscard]] queues::childqueue& queue() { return queue_; }
@@ -126,7 +124,6 @@ class ScriptedFamily final : private io::ParentPolicy {
     io::Selector<int> selector_;
     std::map<queues::queue_t, Child> children_;
     std::deque<std::unique_ptr<queues::event>> events_;
-    bool reading_ = true;
     bool timed_out_ = false;
 };
 
