@@ -46,9 +46,6 @@ void declare(dbcache::SchemaTable& table) {
     table.seal();
 }
 
-tql::value_t flag(uint32_t property, bool value) {
-    return std::make_unique<tql::property_boolean_t>(property, value);
-}
 tql::value_t version(uint32_t property, const tql::version_t& value) {
     return std::make_unique<tql::property_version_t>(property, value);
 }

@@ -15,9 +15,6 @@ namespace dbcache_test {
 inline tql::value_t real(uint32_t property, double value) {
     return std::make_unique<tql::property_real_t>(property, value);
 }
-inline tql::value_t flag(uint32_t property, bool value) {
-    return std::make_unique<tql::property_boolean_t>(property, value);
-}
 inline tql::value_t choice(uint32_t property, uint32_t value) {
     const uint32_t id = tql::find_property_row(property)->usual_kind.enumeration;
     return std::make_unique<tql::property_enum_t>(property, id, value, 0U);

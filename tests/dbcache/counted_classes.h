@@ -188,7 +188,7 @@ struct CountedTree {
     }
     void set_active(const NodeId& id, bool active) {
         Values one;
-        one.push_back(std::make_unique<tql::property_boolean_t>(prop::active, active));
+        one.push_back(flag(prop::active, active));
         world.update(id, one);
     }
     /// An empty key is a null.
@@ -234,8 +234,7 @@ struct CountedTree {
     Values values(node_group_t kind, bool active, bool is_check) {
         Values made;
         made.push_back(text(kind == snmp_group && !is_check ? prop::tag : prop::name, next_name()));
-        if (is_check)
-            made.push_back(std::make_unique<tql::property_boolean_t>(prop::active, active));
+        if (is_check) made.push_back(flag(prop::active, active));
         return made;
     }
 

@@ -81,19 +81,6 @@ TEST_F(InheritanceTest, CopiesCatchUpWhenTheHeirIsWritten) {
     EXPECT_EQ(shown(heir, prop::label), "null");
 }
 
-TEST_F(InheritanceTest, LosingTheParentLeavesItsValuesAsOwn) {
-    const NodeId model = folder("model", {text(prop::label, "M")});
-    const NodeId other = folder("other", {text(prop::label, "O")});
-    const NodeId heir = folder("heir", {object(prop::inherits, model)});
-    world.update(heir, {object(prop::inherits, other)});
-    EXPECT_EQ(shown(heir, prop::label), "\"O\" inherited");
-    world.update(heir, {null_object(prop::inherits)});
-    EXPECT_EQ(shown(heir, prop::label), "\"O\"");
-    EXPECT_EQ(shown(heir, prop::order), "5");
-    world.open();
-    EXPECT_EQ(shown(heir, prop::label), "\"O\"");
-}
-
 TEST_F(InheritanceTest, RefusalsAndAMissingParent) {
     const NodeId model = folder("model", {text(prop::label, "M")});
     const NodeId heir = folder("heir", {object(prop::inherits, model)});

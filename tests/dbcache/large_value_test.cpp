@@ -27,14 +27,14 @@ constexpr dbcache::ChildRow kPictures[] = {{cls::Node, nodetype::Node}};
 // clang-format on
 
 /// Pictures of the subtypes 1 and 2 have an image, others none.
-class PictureSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
+class PictureSchema : public HookedSchema {
   public:
     explicit PictureSchema(const Hooks& hooks)
-        : TableSchema({.nodetype = nodetype::Node,
-                       .tql_class = cls::Node,
-                       .properties = kPictureRows,
-                       .children = kPictures}),
-          hooks_(hooks) {}
+        : HookedSchema({.nodetype = nodetype::Node,
+                        .tql_class = cls::Node,
+                        .properties = kPictureRows,
+                        .children = kPictures},
+                       hooks) {}
     [[nodiscard]] uint32_t subtypeFromChain(const dbcache::PropertyChain& chain) const override {
         mdb::PropertyUint32 type(prop::type);
         return chain.read(0, type) == dbcache::found_t::value ? type.value : 0;
@@ -43,12 +43,6 @@ class PictureSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
         const auto& type = work[findProperty(prop::type, dbcache::kAllSubtypes)].prop;
         return static_cast<const mdb::PropertyUint32&>(*type).value;
     }
-    void afterStore(dbcache::ObjectHandler& handler) const override {
-        if (hooks_.after_store) hooks_.after_store(handler);
-    }
-
-  private:
-    const Hooks& hooks_;
 };
 
 class LargeValues : public ::testing::Test {

@@ -20,7 +20,7 @@ class MarkTest : public ::testing::Test {
     NodeId add(const NodeId& parent, const std::string& name, uint32_t class_number,
                std::optional<bool> active = {}) {
         Values values{text(prop::name, name)};
-        if (active) values.push_back(boolean(prop::active, *active));
+        if (active) values.push_back(flag(prop::active, *active));
         const NodeId id = world.create(parent, class_number, values);
         names[id] = name;
         return id;
@@ -31,9 +31,7 @@ class MarkTest : public ::testing::Test {
     NodeId check(const NodeId& parent, const std::string& name, bool active) {
         return add(parent, name, cls::Check, active);
     }
-    void activate(const NodeId& id, bool active) {
-        world.update(id, {boolean(prop::active, active)});
-    }
+    void activate(const NodeId& id, bool active) { world.update(id, {flag(prop::active, active)}); }
     void move(const NodeId& id, const NodeId& parent) {
         world.update(id, {object(prop::parentId, parent)});
     }
@@ -139,13 +137,13 @@ TEST_F(MarkTest, AMoveTakesTheWholeStretch) {
     EXPECT_EQ(place(w), inside[1]);
     move(y, a);
     EXPECT_EQ(list(), "r(a(y(z*)) b(x*(w*)))") << "a link with members below goes on as a link";
-    world.update(y, {object(prop::parentId, b), boolean(prop::active, true)});
+    world.update(y, {object(prop::parentId, b), flag(prop::active, true)});
     EXPECT_EQ(list(), "r(b(y*(z*) x*(w*)))");
-    world.update(y, {object(prop::parentId, w), boolean(prop::active, false)});
+    world.update(y, {object(prop::parentId, w), flag(prop::active, false)});
     EXPECT_EQ(list(), "r(b(x*(w*(y(z*)))))");
-    world.update(z, {object(prop::parentId, a), boolean(prop::active, false)});
+    world.update(z, {object(prop::parentId, a), flag(prop::active, false)});
     EXPECT_EQ(list(), "r(b(x*(w*)))") << "moved and no member any more";
-    world.update(z, {object(prop::parentId, b), boolean(prop::active, true)});
+    world.update(z, {object(prop::parentId, b), flag(prop::active, true)});
     EXPECT_EQ(list(), "r(b(z* x*(w*)))") << "moved and a member now";
     move(a, b);
     EXPECT_EQ(list(), "r(b(z* x*(w*)))") << "white ones move without a trace";
@@ -237,7 +235,7 @@ TEST_F(MarkTest, AnIdThatNoRecordCanHoldIsRefused) {
                   world.create(kRootId, cls::Check, {text(prop::name, "far")}, 0, NodeId{256, 1});
               }),
               "10 Illegal id for a new object: \"256.1\", its first number must not be above 255");
-    world.create(kRootId, cls::Check, {text(prop::name, "near"), boolean(prop::active, true)}, 0,
+    world.create(kRootId, cls::Check, {text(prop::name, "near"), flag(prop::active, true)}, 0,
                  NodeId{255, 1});
     names[{255, 1}] = "near";
     EXPECT_EQ(list(), "r(near*)");
@@ -271,7 +269,7 @@ TEST_F(MarkTest, WhatAHookChangesInTheListsIsNotForgotten) {
             };
             world.update(a, {text(prop::label, std::string(300, 'x'))});
             EXPECT_EQ(list(), other == b ? "r(b* a*)" : "r(a*(c*))");
-            world.update(a, {boolean(prop::active, false)});
+            world.update(a, {flag(prop::active, false)});
             EXPECT_EQ(list(), other == b ? "r(b*)" : "r(a(c*))");
             *hook = {};
             activate(other, false);

@@ -51,47 +51,28 @@ inline constexpr dbcache::ChildRow kAnything[] = {
 };
 // clang-format on
 
-class HookedSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
-  public:
-    HookedSchema(const Hooks& hooks, uint32_t number, uint32_t class_seen,
-                 std::span<const dbcache::PropertyRow> rows,
-                 std::span<const dbcache::ChildRow> children = kAnything)
-        : TableSchema({.nodetype = number,
-                       .tql_class = class_seen,
-                       .properties = rows,
-                       .children = children,
-                       .sibling_name = prop::name}),
-          hooks_(hooks) {}
-    void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext&,
-                     dbcache::WorkArray&) const override {
-        if (hooks_.after_update) hooks_.after_update(handler);
-    }
-    void afterStore(dbcache::ObjectHandler& handler) const override {
-        if (hooks_.after_store) hooks_.after_store(handler);
-    }
-
-  private:
-    const Hooks& hooks_;
-};
-
 /// Domains only lie on the way, checks are members while `active` or `inherits` says so, multi
 /// checks always, groups lie on the way without knowing of marks, users have no children.
 inline TestStore::Declare marked_classes(const Hooks& hooks) {
     return [&hooks](dbcache::SchemaTable& table) {
-        const auto add = [&](auto&&... arguments) {
-            table.registerSchema(std::make_unique<HookedSchema>(hooks, arguments...));
+        const auto add = [&](uint32_t number, uint32_t class_seen,
+                             std::span<const dbcache::PropertyRow> rows,
+                             std::span<const dbcache::ChildRow> children = kAnything) {
+            table.registerSchema(
+                std::make_unique<HookedSchema>(dbcache::ClassTable{.nodetype = number,
+                                                                   .tql_class = class_seen,
+                                                                   .properties = rows,
+                                                                   .children = children,
+                                                                   .sibling_name = prop::name},
+                                               hooks));
         };
-        add(nodetype::Domain, cls::Domain, std::span(kWayRows));
-        add(nodetype::AgentCheck, cls::Check, std::span(kMarkedRows));
-        add(nodetype::AgentMultiCheck, cls::MultiCheck, std::span(kAlwaysRows));
-        add(nodetype::AgentCheckGroup, cls::CheckGroup, std::span(kPlainRows));
-        add(nodetype::User, cls::User, std::span(kPlainRows), std::span<const dbcache::ChildRow>{});
+        add(nodetype::Domain, cls::Domain, kWayRows);
+        add(nodetype::AgentCheck, cls::Check, kMarkedRows);
+        add(nodetype::AgentMultiCheck, cls::MultiCheck, kAlwaysRows);
+        add(nodetype::AgentCheckGroup, cls::CheckGroup, kPlainRows);
+        add(nodetype::User, cls::User, kPlainRows, {});
         table.seal();
     };
-}
-
-inline tql::value_t boolean(uint32_t property, bool value) {
-    return std::make_unique<tql::property_boolean_t>(property, value);
 }
 
 class MarkWorld : public TestStore {

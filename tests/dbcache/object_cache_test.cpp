@@ -64,6 +64,19 @@ TEST_F(ObjectCacheTest, MissesChangeNothing) {
     EXPECT_EQ(lengths(), "1 0 0");
 }
 
+TEST_F(ObjectCacheTest, AQueueOfReferencedObjectsStaysOverItsLimit) {
+    cache.cache_set_limits(1, 0, 0);
+    std::vector<Item*> held;
+    for (uint32_t n = 1; n <= 60; ++n) held.push_back(insert(n, 1));
+    insert(100);
+    EXPECT_EQ(lengths(), "1 60 0");
+    for (Item* item : held) item->references = 0;
+    // 61 are over and the newest comes to it; one balance looks at the 50 oldest.
+    insert(101);
+    EXPECT_EQ(lengths(), "1 11 0");
+    EXPECT_EQ(cache.verify(), "");
+}
+
 TEST_F(ObjectCacheTest, ARewrittenObjectStartsAgainInA1in) {
     cache.cache_set_limits(1, 5, 5);
     Item* item = insert(1);

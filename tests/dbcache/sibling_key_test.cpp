@@ -42,22 +42,6 @@ constexpr ChildRow kUngrouped[] = {{cls::Domain, nodetype::Domain}, {cls::Report
 constexpr GroupRow kGroup[] = {{0, cls::CheckGroup, kGrouped, "items", "Items", "Items of "}};
 // clang-format on
 
-/// A class whose hook does what the test says.
-class HookedSchema : public TableSchema<NodetypeSchema> {
-  public:
-    HookedSchema(const ClassTable& table, const Hooks& hooks) : TableSchema(table), hooks_(hooks) {}
-    void afterUpdate(ObjectHandler& handler, tqlengine::RequestContext&,
-                     WorkArray&) const override {
-        if (hooks_.after_update) hooks_.after_update(handler);
-    }
-    void afterStore(ObjectHandler& handler) const override {
-        if (hooks_.after_store) hooks_.after_store(handler);
-    }
-
-  private:
-    const Hooks& hooks_;
-};
-
 /// `grouped`: items stand in a group, and rivals directly under the folder.
 std::function<void(SchemaTable&)> classes(const Hooks& hooks, bool grouped) {
     return [&hooks, grouped](SchemaTable& table) {

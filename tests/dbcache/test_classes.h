@@ -41,16 +41,11 @@ inline constexpr dbcache::ChildRow kLeaves[] = {{cls::Node, nodetype::Node}};
 inline constexpr dbcache::GroupRow kGroups[] = {{0, cls::CheckGroup, kLeaves, "leaves", "Leaves", "Leaves of "}};
 // clang-format on
 
-class FolderSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
+/// A class whose hooks do what the test says.
+class HookedSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
   public:
-    explicit FolderSchema(const Hooks& hooks)
-        : TableSchema({.nodetype = nodetype::Domain,
-                       .tql_class = cls::Domain,
-                       .properties = kFolderRows,
-                       .children = kFolderChildren,
-                       .groups = kGroups,
-                       .sibling_name = prop::name}),
-          hooks_(hooks) {}
+    HookedSchema(const dbcache::ClassTable& table, const Hooks& hooks)
+        : TableSchema(table), hooks_(hooks) {}
     void afterUpdate(dbcache::ObjectHandler& handler, tqlengine::RequestContext&,
                      dbcache::WorkArray&) const override {
         if (hooks_.after_update) hooks_.after_update(handler);
@@ -64,6 +59,18 @@ class FolderSchema : public dbcache::TableSchema<dbcache::NodetypeSchema> {
 
   private:
     const Hooks& hooks_;
+};
+
+class FolderSchema : public HookedSchema {
+  public:
+    explicit FolderSchema(const Hooks& hooks)
+        : HookedSchema({.nodetype = nodetype::Domain,
+                        .tql_class = cls::Domain,
+                        .properties = kFolderRows,
+                        .children = kFolderChildren,
+                        .groups = kGroups,
+                        .sibling_name = prop::name},
+                       hooks) {}
 };
 
 /// `hooks` must outlive the table.

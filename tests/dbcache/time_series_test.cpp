@@ -64,12 +64,12 @@ class TimeSeriesTest : public ::testing::Test {
     NodeId make(const std::string& name, bool active) {
         Values values;
         values.push_back(text(prop::name, name));
-        values.push_back(std::make_unique<tql::property_boolean_t>(prop::active, active));
+        values.push_back(flag(prop::active, active));
         return world.create(kRootId, cls::Domain, values);
     }
     void activate(const NodeId& id, bool active) {
         Values values;
-        values.push_back(std::make_unique<tql::property_boolean_t>(prop::active, active));
+        values.push_back(flag(prop::active, active));
         world.update(id, values);
     }
     /// The index, or the text of the failure.

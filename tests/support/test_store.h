@@ -50,6 +50,9 @@ inline tql::value_t null_object(uint32_t number) {
 inline tql::value_t number(uint32_t property, uint32_t value) {
     return std::make_unique<tql::property_uint_t>(property, value);
 }
+inline tql::value_t flag(uint32_t property, bool value) {
+    return std::make_unique<tql::property_boolean_t>(property, value);
+}
 
 class TestStore {
   public:

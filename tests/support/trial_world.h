@@ -23,9 +23,6 @@ namespace dbcache_test {
 using dbcache::kRootId;
 using dbcache::ObjectHandler;
 
-inline tql::value_t flag(uint32_t property, bool value) {
-    return std::make_unique<tql::property_boolean_t>(property, value);
-}
 inline tql::value_t objects(uint32_t property, const std::vector<NodeId>& ids) {
     std::set<tql::id_t> all;
     for (const NodeId& id : ids) all.insert(tql::id_t::from_node_id(id));
