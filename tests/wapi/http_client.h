@@ -1,14 +1,24 @@
-// A client of plain sockets for tests that turn the loop of the server by hand.
+// The real HTTP server on an ephemeral loopback port, whose loop a test turns by hand, and clients
+// of plain sockets.
 #pragma once
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstdint>
+#include <functional>
+#include <gtest/gtest.h>
+#include <memory>
 #include <netinet/in.h>
 #include <nlohmann/json.hpp>
+#include <poll.h>
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vector>
+
+#include "support/fake_clock.h"
+#include "wapi/gateway.h"
+#include "wapi/http_server.h"
 
 namespace http_test {
 
@@ -83,6 +93,50 @@ class Client {
     std::string body_;
     bool closed_ = false;
     bool paused_ = false;
+};
+
+/// A server whose requests a test takes, with the other side of the messenger played by it.
+class Bench : public testing::Test, protected wapi::GatewayPorts, protected wapi::HttpRequests {
+  protected:
+    /// Turns the loop until `done`, at most ten seconds.
+    bool run_until(const std::vector<Client*>& clients, const std::function<bool()>& done) {
+        const platform::SystemClock real;
+        const uint64_t limit_us = real.monotonic_us() + 10'000'000;
+        while (!done()) {
+            if (real.monotonic_us() > limit_us) return false;
+            for (Client* each : clients) each->step();
+            pollfd ready{http.epoll_fd(), POLLIN, 0};
+            (void)::poll(&ready, 1, http.timeout_ms() == 0U ? 0 : 1);
+            check_deadlines();
+            http.run();
+        }
+        return true;
+    }
+
+    bool server_up = true;
+    /// What the server was asked, by the numbers from 101 on.
+    std::vector<std::unique_ptr<queues::event>> sent;
+    support::FakeClock clock;
+    wapi::HttpServer http{0, *this};
+
+  private:
+    virtual void check_deadlines() = 0;
+
+    uint32_t new_uid() override { return ++uid_; }
+    bool send(const queues::event& request) override {
+        if (server_up) sent.push_back(request.clone());
+        return server_up;
+    }
+    void answer(wapi::token_t token, wapi::Response response) override {
+        http.answer(token, std::move(response));
+    }
+    bool open_stream(wapi::token_t token, const std::string& content_type) override {
+        return http.open_stream(token, content_type);
+    }
+    void write(wapi::token_t token, std::string_view text) override { http.write(token, text); }
+    void end_stream(wapi::token_t token) override { http.end_stream(token); }
+
+    uint32_t uid_ = 100;
 };
 
 }  // namespace http_test

@@ -5,11 +5,9 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-#include <poll.h>
 
 #include "http_client.h"
 #include "queues/records/dbms_tql.h"
-#include "support/fake_clock.h"
 #include "tql/errors.h"
 #include "tql/names.h"
 #include "wapi/gateway.h"
@@ -19,62 +17,26 @@ namespace {
 using http_test::Client;
 using nlohmann::json;
 using wapi::Gateway;
-using wapi::HttpServer;
-using wapi::Response;
 using wapi::token_t;
 
-/// Server and gateway, with the other side of the messenger played by the test.
-class HttpTest : public testing::Test, private wapi::GatewayPorts, private wapi::HttpRequests {
+class HttpTest : public http_test::Bench {
   protected:
     std::unique_ptr<Client> client() { return std::make_unique<Client>(http.port()); }
-
-    /// Turns the loop until `done`, at most ten seconds.
-    bool run_until(std::vector<Client*> clients, const std::function<bool()>& done) {
-        const platform::SystemClock real;
-        const uint64_t limit_us = real.monotonic_us() + 10'000'000;
-        while (!done()) {
-            if (real.monotonic_us() > limit_us) return false;
-            for (Client* each : clients) each->step();
-            pollfd ready{http.epoll_fd(), POLLIN, 0};
-            (void)::poll(&ready, 1, http.timeout_ms() == 0U ? 0 : 1);
-            gateway.check_deadlines();
-            http.run();
-        }
-        return true;
-    }
     int status_of(Client& one) {
         return run_until({&one}, [&] { return one.status() != 0; }) ? one.status() : -1;
     }
-
     void reply_names(uint32_t uid, const std::string& name) {
         (void)gateway.take_event(queues::devent<queues::RETURN_TQL_CLASS_NAMES>(
             queues::queue_t::dbms, uid, {.names = {name}}));
     }
 
-    bool server_up = true;
-    std::vector<std::unique_ptr<queues::event>> sent;
-    support::FakeClock clock;
-    HttpServer http{0, *this};
     Gateway gateway{*this, clock};
 
   private:
-    uint32_t new_uid() override { return ++uid_; }
-    bool send(const queues::event& request) override {
-        if (server_up) sent.push_back(request.clone());
-        return server_up;
-    }
-    void answer(token_t token, Response response) override {
-        http.answer(token, std::move(response));
-    }
-    bool open_stream(token_t token, const std::string& content_type) override {
-        return http.open_stream(token, content_type);
-    }
-    void write(token_t token, std::string_view text) override { http.write(token, text); }
-    void end_stream(token_t token) override { http.end_stream(token); }
+    void check_deadlines() override { gateway.check_deadlines(); }
     void take_request(token_t token, const wapi::Request& request) override {
         gateway.take_request(token, request);
     }
-    uint32_t uid_ = 100;
 };
 
 TEST_F(HttpTest, ManyInFlightAnsweredInReverseOrder) {

@@ -1,19 +1,16 @@
-// Live requests over the real HTTP server, with the other side of the messenger played by the test.
+// Live requests over the real HTTP server.
 #include "wapi/live_streams.h"
 
 #include <deque>
 #include <filesystem>
 #include <functional>
 #include <gtest/gtest.h>
-#include <poll.h>
 
 #include "http_client.h"
-#include "support/fake_clock.h"
 #include "tql/errors.h"
 #include "tql/names.h"
 #include "tql/property_map.h"
 #include "tql/query_text.h"
-#include "wapi/http_server.h"
 
 namespace {
 
@@ -61,7 +58,7 @@ std::string names_of(const Client& client) {
     return names;
 }
 
-class LiveTest : public testing::Test, private wapi::GatewayPorts, private wapi::HttpRequests {
+class LiveTest : public http_test::Bench {
   protected:
     ~LiveTest() override { streams.stop(); }
 
@@ -71,20 +68,7 @@ class LiveTest : public testing::Test, private wapi::GatewayPorts, private wapi:
         return made;
     }
 
-    /// Turns the loop until `done`, at most ten seconds.
-    bool run_until(const std::vector<Client*>& clients, const std::function<bool()>& done) {
-        const platform::SystemClock real;
-        const uint64_t limit_us = real.monotonic_us() + 10'000'000;
-        while (!done()) {
-            if (real.monotonic_us() > limit_us) return false;
-            for (Client* each : clients) each->step();
-            pollfd ready{http.epoll_fd(), POLLIN, 0};
-            (void)::poll(&ready, 1, http.timeout_ms() == 0U ? 0 : 1);
-            streams.check_deadlines();
-            http.run();
-        }
-        return true;
-    }
+    using Bench::run_until;
     bool run_until(Client& one, const std::function<bool()>& done) {
         return run_until(std::vector<Client*>{&one}, done);
     }
@@ -132,32 +116,15 @@ class LiveTest : public testing::Test, private wapi::GatewayPorts, private wapi:
             sent.begin(), sent.end(), [&](const auto& each) { return each->number() == number; }));
     }
 
-    bool server_up = true;
-    std::vector<std::unique_ptr<queues::event>> sent;
-    support::FakeClock clock;
-    wapi::HttpServer http{0, *this};
     LiveStreams streams{*this, clock};
 
   private:
-    uint32_t new_uid() override { return ++uid_; }
-    bool send(const queues::event& request) override {
-        if (server_up) sent.push_back(request.clone());
-        return server_up;
-    }
-    void answer(token_t token, wapi::Response response) override {
-        http.answer(token, std::move(response));
-    }
-    bool open_stream(token_t token, const std::string& content_type) override {
-        return http.open_stream(token, content_type);
-    }
-    void write(token_t token, std::string_view text) override { http.write(token, text); }
-    void end_stream(token_t token) override { http.end_stream(token); }
+    void check_deadlines() override { streams.check_deadlines(); }
     void take_request(token_t token, const wapi::Request& request) override {
         streams.take_request(token, request);
     }
     void stream_taken(token_t token) override { streams.stream_taken(token); }
     void stream_ended(token_t token) override { streams.stream_ended(token); }
-    uint32_t uid_ = 100;
 };
 
 TEST_F(LiveTest, PatchesComeInOrderAndOnlyTheWayIsMarked) {
