@@ -185,17 +185,6 @@ TEST_F(ControlSocketTest, RefusesWhatItDoesNotKnow) {
     EXPECT_FALSE(database->store().observed());
 }
 
-TEST_F(ControlSocketTest, LetsOneCopyRunAtATime) {
-    serve();
-    Asker first(path);
-    first.say("backup 1\n");
-    settle();
-    Asker second(path);
-    second.say("backup 1\n");
-    EXPECT_EQ(outcome(second), "Another backup is running");
-    EXPECT_EQ(outcome(first), "");
-}
-
 TEST_F(ControlSocketTest, SilentAskersKeepNobodyOut) {
     serve({.most_askers = 2});
     Asker oldest(path);

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -43,6 +44,8 @@ class BrokenFiles : public testing::Test {
     void expect_refused() const {
         const std::string database = read_file(broken_.database);
         const std::string journal = read_file(broken_.journal);
+        const bool had_database = std::filesystem::exists(broken_.database);
+        const bool had_journal = std::filesystem::exists(broken_.journal);
         HostedServer server(broken_);
         if (server.start()) {
             ADD_FAILURE() << "the server has started";
@@ -57,6 +60,8 @@ class BrokenFiles : public testing::Test {
         EXPECT_GT(errors.size(), std::string("Caught: ").size() + 10) << errors;
         EXPECT_TRUE(read_file(broken_.database) == database) << "the database was changed";
         EXPECT_TRUE(read_file(broken_.journal) == journal) << "the journal was changed";
+        EXPECT_EQ(std::filesystem::exists(broken_.database), had_database);
+        EXPECT_EQ(std::filesystem::exists(broken_.journal), had_journal);
     }
 
     support::TempDir good_dir_, broken_dir_;
@@ -67,15 +72,6 @@ void overwrite(const std::string& path, std::streamoff at, const std::string& by
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
     file.seekp(at);
     file << bytes;
-}
-
-TEST_F(BrokenFiles, AWrongMagicIsRefused) {
-    for (const bool in_journal : {false, true}) {
-        SCOPED_TRACE(in_journal ? "journal" : "database");
-        restore();
-        overwrite(in_journal ? broken_.journal : broken_.database, 0, "garbage!");
-        expect_refused();
-    }
 }
 
 /// Length of the part of the database up to its last block in use.
@@ -89,14 +85,30 @@ uint64_t length_in_use(const Files& files) {
     return database.store().block_offset(block);
 }
 
-TEST_F(BrokenFiles, ATruncatedDatabaseIsRefused) {
+TEST_F(BrokenFiles, AreRefusedAndLeftAsTheyAre) {
     const uint64_t used = length_in_use(good_);
-    std::vector<uint64_t> sizes = {0, 4, 512, 1023, used - 1};
-    for (uint64_t size = 1024; size < used; size += 7 * 1024) sizes.push_back(size);
-    for (const uint64_t size : sizes) {
-        SCOPED_TRACE(fmt::format("{} bytes, of which {} are in use", size, used));
+    const uint64_t journal = std::filesystem::file_size(good_.journal);
+    const auto cut = [](const std::string& path, uint64_t size) {
+        return [=] { std::filesystem::resize_file(path, size); };
+    };
+    const std::pair<const char*, std::function<void()>> harms[] = {
+        {"no database by its magic", [&] { overwrite(broken_.database, 0, "garbage!"); }},
+        {"no journal by its magic", [&] { overwrite(broken_.journal, 0, "garbage!"); }},
+        {"no database", [&] { std::filesystem::remove(broken_.database); }},
+        {"no journal", [&] { std::filesystem::remove(broken_.journal); }},
+        {"an empty database", cut(broken_.database, 0)},
+        {"a part of the header", cut(broken_.database, 512)},
+        {"no map", cut(broken_.database, 1024)},
+        {"half of the database", cut(broken_.database, used / 2)},
+        {"all but the last byte in use", cut(broken_.database, used - 1)},
+        {"an empty journal", cut(broken_.journal, 0)},
+        {"half of the journal", cut(broken_.journal, journal / 2)},
+        {"a journal without its last bytes", cut(broken_.journal, journal - 16)},
+    };
+    for (const auto& [what, harm] : harms) {
+        SCOPED_TRACE(what);
         restore();
-        std::filesystem::resize_file(broken_.database, size);
+        harm();
         expect_refused();
     }
     // What lies behind is no loss.
@@ -105,26 +117,6 @@ TEST_F(BrokenFiles, ATruncatedDatabaseIsRefused) {
     HostedServer server(broken_);
     EXPECT_TRUE(server.start()) << server.errors();
     EXPECT_EQ(server.stop().code, 0) << server.errors();
-}
-
-TEST_F(BrokenFiles, ATruncatedJournalIsRefused) {
-    const uint64_t whole = std::filesystem::file_size(good_.journal);
-    for (const uint64_t size :
-         {uint64_t{0}, uint64_t{4}, uint64_t{1023}, uint64_t{1024}, whole / 2, whole - 16}) {
-        SCOPED_TRACE(fmt::format("{} of {} bytes", size, whole));
-        restore();
-        std::filesystem::resize_file(broken_.journal, size);
-        expect_refused();
-    }
-}
-
-TEST_F(BrokenFiles, AMissingFileIsRefused) {
-    for (const bool journal : {false, true}) {
-        restore();
-        std::filesystem::remove(journal ? broken_.journal : broken_.database);
-        expect_refused();
-        EXPECT_FALSE(std::filesystem::exists(journal ? broken_.journal : broken_.database));
-    }
 }
 
 TEST_F(BrokenFiles, ASecondServerOnOneDatabaseIsRefused) {

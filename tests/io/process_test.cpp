@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "error/exception.h"
-#include "io/selector.h"
+#include "io/stream.h"
 #include "io/system_handle.h"
 
 namespace {

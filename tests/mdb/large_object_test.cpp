@@ -263,30 +263,6 @@ TEST(LargeObject, NoBlockThatTheJournalStillClaimsIsTaken) {
     EXPECT_EQ(write(db, data), kFirst);
 }
 
-TEST(LargeObject, NeitherWriteOutNorReplayGoesOverOne) {
-    for (const bool killed : {false, true}) {
-        SCOPED_TRACE(killed);
-        TestDatabase test;
-        mdb::Database* db = &test.open();
-        {
-            mdb::Transaction transaction(db->journal());
-            put(*db, kFirst * kBlock, "JJJJ");
-            db->allocator().set_mark(kFirst, mark_t::leaf);
-            transaction.commit();
-        }
-        set_mark(*db, kFirst, mark_t::empty);
-        const Data data = pattern(5000);
-        const uint32_t block = write(*db, data);
-        // The updates of the block's earlier life wait for the file in one case, and for a replay
-        // in the other.
-        if (killed)
-            db = &test.open();
-        else
-            db->journal().full_checkpoint();
-        EXPECT_EQ(read(*db, block), data);
-    }
-}
-
 TEST(LargeObject, TheCacheForgetsWhatABlockWas) {
     TestDatabase test;
     mdb::Database& db = test.open();

@@ -500,30 +500,4 @@ TEST(SnapshotReceiver, SetsACopyWithFaultsAsideAndLeavesTheOneBeforeAlone) {
                                clock);
 }
 
-TEST(SnapshotReceiver, ReplacesOnlyWhatItIsToldToAndWhatIsNotInUse) {
-    const Recorded stream = record_stream();
-    platform::SystemFiles files;
-    support::TempDir folder;
-    const auto copy = [&](bool force) -> std::string {
-        try {
-            mdb::SnapshotReceiver receiver(files, folder.file("db"), folder.file("journal"));
-            receiver.take(stream.bytes);
-            receiver.finish();
-            receiver.publish(force);
-            return "";
-        } catch (const mdb::error_generic& failure) {
-            return failure.text();
-        }
-    };
-    EXPECT_EQ(copy(false), "");
-    EXPECT_NE(copy(false).find("exists already"), std::string::npos);
-    EXPECT_EQ(copy(true), "");
-    const support::FakeClock clock;
-    const mdb::Database used({folder.file("db"), folder.file("journal"), 8}, files, clock);
-    EXPECT_NE(copy(true).find("in use"), std::string::npos);
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder.path()),
-                            std::filesystem::directory_iterator()),
-              2);
-}
-
 }  // namespace

@@ -53,8 +53,8 @@ Bytes written(const event& sent, std::size_t area_size = 4096) {
     return out.bytes;
 }
 
-std::unique_ptr<event> read_back(const Bytes& bytes, std::size_t area_size, std::size_t cut = 0) {
-    MemoryIStream in(bytes, area_size, cut);
+std::unique_ptr<event> read_back(const Bytes& bytes, std::size_t area_size) {
+    MemoryIStream in(bytes, area_size);
     MemoryOStream nowhere;
     std::unique_ptr<event> received = fdio(in, nowhere).read();
     EXPECT_TRUE(in.at_end()) << "bytes of " << event_name(received.get()) << " were left over";
@@ -99,18 +99,6 @@ TEST(Records, CutShortAtAnyByteEndInEndOfStream) {
             fdio stream(in, nowhere);
             ASSERT_THROW((void)stream.read(), io::EEndOfStream) << size << " of " << whole.size();
         }
-    }
-}
-
-TEST(Records, SpanTwoBlocksAtEveryByte) {
-    Rng rng(12);
-    for (const event_t number : {SYSTEM_LOG_REQUEST, TQL_SELECT, RETURN_TQL_SELECT, TQL_CREATE,
-                                 TSDB_APPEND_DATA, DATA_AGENTCHECK}) {
-        const std::unique_ptr<event> sent = makers()[static_cast<std::size_t>(number) - 1](rng);
-        const Bytes bytes = written(*sent);
-        for (std::size_t cut = 1; cut < bytes.size(); ++cut)
-            ASSERT_TRUE(equal(*sent, *read_back(bytes, bytes.size(), cut)))
-                << event_name(number) << " cut at " << cut;
     }
 }
 

@@ -39,19 +39,18 @@ class MemoryOStream final : public io::OStream {
     Bytes area_;
 };
 
-/// Hands out bytes in areas that end at each multiple of `area_size`, and at `cut` too; then the
-/// stream ends.
+/// Hands out bytes in areas that end at each multiple of `area_size`; then the stream ends.
 class MemoryIStream final : public io::IStream {
   public:
-    explicit MemoryIStream(Bytes bytes, std::size_t area_size = 4096, std::size_t cut = 0)
-        : bytes_(std::move(bytes)), area_size_(area_size), cut_(cut) {}
+    explicit MemoryIStream(Bytes bytes, std::size_t area_size = 4096)
+        : bytes_(std::move(bytes)), area_size_(area_size) {}
 
     void name(std::string& out) const override { out += "MemoryIStream"; }
     [[nodiscard]] bool isReady() const override { return true; }
     size_t readBegin(const std::uint8_t*& out) override {
         if (at_end()) throw io::EEndOfStream("MemoryIStream");
-        std::size_t end = std::min(bytes_.size(), position_ + area_size_ - position_ % area_size_);
-        if (position_ < cut_) end = std::min(end, cut_);
+        const std::size_t end =
+            std::min(bytes_.size(), position_ + area_size_ - position_ % area_size_);
         // A copy of its own, so that a read beyond the area is seen by the sanitizer.
         area_ = Bytes(bytes_.begin() + static_cast<std::ptrdiff_t>(position_),
                       bytes_.begin() + static_cast<std::ptrdiff_t>(end));
@@ -67,7 +66,6 @@ class MemoryIStream final : public io::IStream {
     Bytes bytes_;
     Bytes area_;
     std::size_t area_size_;
-    std::size_t cut_;
     std::size_t position_ = 0;
 };
 

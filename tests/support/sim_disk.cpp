@@ -156,15 +156,10 @@ void SimDisk::restart() {
     load(cut_ ? left_ : seen());
 }
 
-void SimDisk::fail_at(uint64_t n) {
-    failure_ = {.call = n, .only_changing = true, .code = EIO, .lasting = true};
-}
-
 SimDisk::fate_t SimDisk::begin_call(const char* name, bool changes) {
     if (cut_) throw PowerCut{};
-    ++all_calls_;
     if (changes) ++changing_calls_;
-    if (failure_.call == 0 || (failure_.only_changing && !changes)) return fate_t::go_on;
+    if (failure_.call == 0) return fate_t::go_on;
     if (!failure_.name.empty() && failure_.name != name) return fate_t::go_on;
     if (failure_.call > 1) {
         --failure_.call;
@@ -172,9 +167,8 @@ SimDisk::fate_t SimDisk::begin_call(const char* name, bool changes) {
     }
     if (!failure_.lasting) failure_.call = 0;
     has_failed_ = true;
-    failed_call_ = name;
-    if (failure_.partial && (failed_call_ == "write" || failed_call_ == "read"))
-        return fate_t::half;
+    const std::string_view call = name;
+    if (failure_.partial && (call == "write" || call == "read")) return fate_t::half;
     throw error::ESystemError(name, failure_.code);
 }
 

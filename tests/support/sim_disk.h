@@ -64,9 +64,8 @@ struct DiskOp {
 /// A call that is to fail.
 struct DiskFailure {
     /// Which: 1 is the next call of any kind (open, create, map, lock, size, read, write, resize,
-    /// sync, rename, remove, folder sync), or the next one that changes or syncs. 0: none.
+    /// sync, rename, remove, folder sync). 0: none.
     uint64_t call = 0;
-    bool only_changing = false;
     /// Only calls of this name count; empty: of all.
     std::string_view name = {};
     int code = 0;
@@ -105,20 +104,14 @@ class SimDisk final : public platform::FileSystem {
     void restart();
 
     void fail(const DiskFailure& failure) { failure_ = failure; }
-    /// The `n`-th call from now that changes or syncs, and every one after it, fails with EIO.
-    void fail_at(uint64_t n);
     /// The disk is full: no file grows beyond `length` bytes until this is called with 0. A write
     /// that would puts what has room and fails with ENOSPC.
     void set_most_file_bytes(uint64_t length) { most_file_bytes_ = length; }
     /// True when a call has failed by fail().
     [[nodiscard]] bool failed() const { return has_failed_; }
-    /// The name of that call.
-    [[nodiscard]] const std::string& failed_call() const { return failed_call_; }
 
     /// Calls so far that change or sync, failed ones included.
     [[nodiscard]] uint64_t calls() const { return changing_calls_; }
-    /// Calls so far of all kinds.
-    [[nodiscard]] uint64_t all_calls() const { return all_calls_; }
 
     [[nodiscard]] std::unique_ptr<platform::File> open(const std::string& path) override;
     [[nodiscard]] std::unique_ptr<platform::File> create(const std::string& path) override;
@@ -152,9 +145,7 @@ class SimDisk final : public platform::FileSystem {
     DiskFailure failure_;
     uint64_t most_file_bytes_ = 0;
     bool has_failed_ = false;
-    std::string failed_call_;
     uint64_t changing_calls_ = 0;
-    uint64_t all_calls_ = 0;
     uint64_t cut_in_ = 0;
     uint64_t cut_seed_ = 0;
     bool cut_ = false;
