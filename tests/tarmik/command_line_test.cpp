@@ -6,9 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "support/temp_dir.h"
 #include "tarmik/assignments.h"
+#include "tarmik/terminal.h"
 #include "tarmik/tree_view.h"
 #include "tarmik/words.h"
 
@@ -79,6 +81,17 @@ TEST(Words, CompletionKnowsWhereItStands) {
     EXPECT_THAT(cli::complete("select Node[name] > Domai", commands).candidates,
                 testing::Contains("Domain"));
     EXPECT_EQ(cli::common_prefix({"label", "labels", "lab"}), "lab");
+}
+
+TEST(Output, ThatNobodyReadsAnyMoreIsNoticedBeforeItIsWrittenTo) {
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    std::FILE* out = ::fdopen(ends[1], "w");
+    std::fputs("line\n", out);
+    EXPECT_TRUE(cli::is_read(out));
+    ::close(ends[0]);
+    EXPECT_FALSE(cli::is_read(out));
+    std::fclose(out);
 }
 
 /// Plays the gateway: answers in order, and remembers what was asked.

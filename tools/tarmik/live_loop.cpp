@@ -33,8 +33,9 @@ class Loop {
         while (follower_.after_turn(clock_.monotonic_us())) {
             pollfd watched[] = {{signals_.fd(), POLLIN, 0},
                                 {client_ ? client_->fd() : -1, POLLIN, 0},
-                                {follower_.extra_fd(), POLLIN, 0}};
-            (void)::poll(watched, 3, wait_ms());
+                                {follower_.extra_fd(), POLLIN, 0},
+                                {follower_.output_fd(), 0, 0}};
+            (void)::poll(watched, std::size(watched), wait_ms());
             if (watched[0].revents != 0 && !take_signals()) return;
             if (watched[1].revents != 0) take_items();
             if (watched[2].revents != 0 && !follower_.on_extra()) return;

@@ -29,6 +29,8 @@ class LiveFollower {
     /// (false ends the loop).
     [[nodiscard]] virtual int extra_fd() const { return -1; }
     virtual bool on_extra() { return true; }
+    /// Where it prints, so that the end of the reader wakes the loop; -1 for nowhere.
+    [[nodiscard]] virtual int output_fd() const { return -1; }
     /// The window has another size.
     virtual void on_resize() {}
     /// The user wants the process to stop for a while.

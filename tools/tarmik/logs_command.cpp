@@ -7,6 +7,7 @@
 
 #include "main/config.h"
 #include "tarmik/log_reader.h"
+#include "tarmik/terminal.h"
 
 namespace cli {
 
@@ -54,11 +55,6 @@ class LogPrinter {
     const Output& output_;
 };
 
-/// False once nobody reads the output any more.
-bool is_read(const Output& output) {
-    return std::fflush(output.data) == 0 && std::ferror(output.data) == 0;
-}
-
 }  // namespace
 
 void show_logs(const LogsArguments& arguments, const Output& output) {
@@ -74,7 +70,7 @@ void show_logs(const LogsArguments& arguments, const Output& output) {
                         arguments.process.empty() ? "" : " of " + arguments.process, directory));
     LogPrinter printer(reader, *lowest, output);
     printer.print_present(arguments.last_lines);
-    while (arguments.follow && is_read(output)) {
+    while (arguments.follow && is_read(output.data)) {
         std::this_thread::sleep_for(kLookEvery);
         reader.look_for_processes();
         printer.print_new();

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
@@ -145,6 +146,12 @@ std::vector<key_t> Screen::take_keys() {
         left.remove_prefix(length);
     }
     return keys;
+}
+
+bool is_read(std::FILE* output) {
+    if (std::fflush(output) != 0 || std::ferror(output) != 0) return false;
+    pollfd reader{::fileno(output), 0, 0};
+    return ::poll(&reader, 1, 0) <= 0;  // nothing is asked for but the end
 }
 
 bool can_draw() {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 #include <termios.h>
 #include <vector>
@@ -64,6 +65,10 @@ class Screen {
     bool has_keys_ = false;
     termios before_{};
 };
+
+/// Hands out what was printed to `output`. False once nobody is there who reads it, also before
+/// there is something to read: a command that follows what comes ends behind "head" like that.
+[[nodiscard]] bool is_read(std::FILE* output);
 
 /// Whether the standard output is a terminal that can be drawn on.
 [[nodiscard]] bool can_draw();

@@ -50,9 +50,8 @@ class LineFollower : public LiveFollower {
         remark_ = text;
     }
     /// False when nobody reads any more.
-    bool after_turn(uint64_t) override {
-        return std::fflush(output_.data) == 0 && std::ferror(output_.data) == 0;
-    }
+    bool after_turn(uint64_t) override { return is_read(output_.data); }
+    [[nodiscard]] int output_fd() const override { return ::fileno(output_.data); }
     [[nodiscard]] std::optional<uint64_t> next_turn_us() const override { return std::nullopt; }
 
   protected:
