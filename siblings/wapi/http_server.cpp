@@ -70,7 +70,10 @@ MHD_Result queue_response(MHD_Connection* connection, Response response) {
 void log_line(void*, const char* format, va_list arguments) {
     char line[512];
     if (std::vsnprintf(line, sizeof line, format, arguments) <= 0) return;
-    logger.info("HTTP: {}", std::string_view(line, std::strcspn(line, "\n")));
+    const std::string_view text(line, std::strcspn(line, "\n"));
+    // Clients of streams leave in the middle of an answer, which is nothing to tell operators.
+    const bool client_left = text.find("closed by remote peer") != text.npos;
+    logger.write(client_left ? logging::level_t::debug : logging::level_t::info, "HTTP: {}", text);
 }
 
 bool is_name_of_this_machine(std::string_view host) {
