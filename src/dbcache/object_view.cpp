@@ -4,6 +4,7 @@
 
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/detail/sibling_search.h"
+#include "dbcache/detail/write_faults.h"
 #include "dbcache/fixed_ids.h"
 #include "dbcache/id_translation.h"
 #include "dbcache/inheritance.h"
@@ -114,15 +115,23 @@ std::optional<tql::origin_t> ObjectView::parent_origin() const {
     return above->tqlOrigin();
 }
 
-std::string object_path(ObjectHandler& object) {
-    std::string path;
-    for (tqlengine::WayUp at{ObjectHandlerRef(&object)}; at; at.up()) {
-        if (at->node_id() == kRootId) break;
-        const InheritanceChain chain(at->store(), at->node_id(), at->location());
-        const auto name = at->schema().siblingName(chain);
-        path = "/" + (name && !name->empty() ? *name : at->node_id().to_string()) + path;
+std::string object_path(Store& store, const NodeId& id) {
+    const auto names = [&] {
+        std::string path;
+        tqlengine::WayUp at(store.resolver().find_object(id));
+        if (!at) return id.to_string();
+        for (; at && at->node_id() != kRootId; at.up()) {
+            const InheritanceChain chain(at->store(), at->node_id(), at->location());
+            const auto name = at->schema().siblingName(chain);
+            path = "/" + (name && !name->empty() ? *name : at->node_id().to_string()) + path;
+        }
+        return path.empty() ? "/" : path;
+    };
+    try {
+        return detail::with_faults_as_failures(names);
+    } catch (const errors::tql&) {
+        return id.to_string();
     }
-    return path.empty() ? "/" : path;
 }
 
 }  // namespace dbcache

@@ -46,8 +46,9 @@ class ObjectView final : public SchemaObject {
     const tql::origin_t* parent_origin_ = nullptr;
 };
 
-/// The names of the object and of those above it, from below the root on: "/site/web/[ICMP]". An
-/// object without a name among its siblings goes by its id. For people; costs a read for each.
-[[nodiscard]] std::string object_path(ObjectHandler& object);
+/// The names of an object and of those above it, from below the root on: "/site/web/[ICMP]". An
+/// object without a name among its siblings goes by its id, and one that is gone, or whose way up
+/// can't be read, by its id alone. For people; costs a read for each.
+[[nodiscard]] std::string object_path(Store& store, const NodeId& id);
 
 }  // namespace dbcache

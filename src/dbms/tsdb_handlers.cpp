@@ -114,10 +114,8 @@ struct Write {
     uint32_t data_type;
 
     [[nodiscard]] std::string description() const {
-        const dbcache::ObjectHandlerRef object = store.resolver().find_object(id);
         return fmt::format("Error putting datatype {} into {} of {} by {}", data_type,
-                           tql::property_name(property),
-                           object ? dbcache::object_path(*object) : id.to_string(),
+                           tql::property_name(property), dbcache::object_path(store, id),
                            queues::queue_name(queues::queue_t::dbms));
     }
 };
@@ -162,8 +160,10 @@ class PutDataRecord final : public AsyncTsdbCallback {
 // ---- objects and their series ------------------------------------------------------------------
 
 dbcache::ObjectHandlerRef get_object(EventContext& context, const tql::id_t& id, const char* what) {
-    dbcache::ObjectHandlerRef object =
-        context.services.store.resolver().find_object(id.to_node_id_lenient());
+    // As the engine finds it: damage in the store fails the request.
+    const tqlengine::HandlerRef found =
+        context.services.store.resolver().find(tql::id_t::from_node_id(id.to_node_id_lenient()));
+    dbcache::ObjectHandlerRef object(dynamic_cast<dbcache::ObjectHandler*>(found.get()));
     if (!object)
         throw errors::tql(
             errors::ERR_NO_SUCH_ID,
