@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <memory>
 #include <utility>
 
 #include "mdb/backing_store.h"
@@ -42,10 +41,6 @@ BlockCache::BlockCache(BackingStore& store, Journal& journal, BlockPool& pool, u
     if (limit == 0) throw error_internal("The buffer cache must hold at least one block");
 }
 
-BlockCache::~BlockCache() {
-    while (newest_ != nullptr) delete std::exchange(newest_, newest_->older);
-}
-
 const std::byte* BlockCache::cached_block(uint32_t block) {
     if (block_cache_entry** found = table_.find(block); found != nullptr) {
         block_cache_entry& entry = **found;
@@ -70,11 +65,11 @@ const std::byte* BlockCache::cached_block(uint32_t block) {
 
 BlockCache::block_cache_entry& BlockCache::take_entry() {
     const bool spare = oldest_ != nullptr && !oldest_->in_use;
-    if (!spare && block_cache_size_ < block_cache_limit_) {
-        auto entry = std::make_unique<block_cache_entry>();
-        entry->bytes = pool_.acquire();
-        push_back(*entry.release());
-        ++block_cache_size_;
+    if (!spare && entries_.size() < block_cache_limit_) {
+        BlockBuffer bytes = pool_.acquire();
+        block_cache_entry& entry = entries_.emplace_back();
+        entry.bytes = std::move(bytes);
+        push_back(entry);
         size_kib.set(cache_size_kib());
     }
     // Until the read has succeeded the entry holds no block and stays last, to be taken again.
@@ -143,7 +138,7 @@ void BlockCache::forget(uint32_t block) {
 }
 
 uint64_t BlockCache::cache_size_kib() const {
-    return uint64_t{store_.block_size()} * block_cache_size_ / 1024;
+    return uint64_t{store_.block_size()} * entries_.size() / 1024;
 }
 
 }  // namespace mdb

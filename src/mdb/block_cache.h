@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <span>
 
 #include "mdb/dobj.h"
@@ -20,7 +21,6 @@ class BlockCache {
   public:
     /// Holds up to `limit` blocks, at least 1. All references must outlive the cache.
     BlockCache(BackingStore& store, Journal& journal, BlockPool& pool, uint32_t limit);
-    ~BlockCache();
     BlockCache(const BlockCache&) = delete;
     BlockCache& operator=(const BlockCache&) = delete;
 
@@ -47,7 +47,6 @@ class BlockCache {
 
     /// Memory held, in KiB.
     [[nodiscard]] uint64_t cache_size_kib() const;
-    [[nodiscard]] uint32_t block_cache_size() const noexcept { return block_cache_size_; }
 
   private:
     struct block_cache_entry {
@@ -69,7 +68,8 @@ class BlockCache {
     Journal& journal_;
     BlockPool& pool_;
     uint32_t block_cache_limit_;
-    uint32_t block_cache_size_ = 0;
+    /// In rows, as a use of one writes to its neighbours in the list.
+    std::deque<block_cache_entry> entries_;
     block_cache_entry* newest_ = nullptr;
     block_cache_entry* oldest_ = nullptr;
     open_hash_table<uint32_t, block_cache_entry*, WordHash> table_;
