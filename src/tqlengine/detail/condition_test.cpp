@@ -84,10 +84,13 @@ uint32_t ConditionTest::test_conditions(TqlObjectHandler& handler, const tql::pa
 }
 
 const tql::pattern_t& ConditionTest::properties_of_conditions(const tql::pattern_t& step) {
+    if (last_step_ == &step) return *last_properties_;
     const auto [place, inserted] = condition_properties_.try_emplace(&step, cls::Any);
     if (inserted)
         for (const tql::condition_t& condition : step.where)
             place->second.wanted_properties.insert(condition.value->property);
+    last_step_ = &step;
+    last_properties_ = &place->second;
     return place->second;
 }
 

@@ -26,6 +26,9 @@ class ConditionTest {
 
     SelectStatistics& statistics_;
     std::unordered_map<const tql::pattern_t*, tql::pattern_t> condition_properties_;
+    /// Siblings are tried on one step, one after the other.
+    const tql::pattern_t* last_step_ = nullptr;
+    const tql::pattern_t* last_properties_ = nullptr;
     /// Of the object being tested; kept for its memory.
     tql::property_map_t values_;
 };
