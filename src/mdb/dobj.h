@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "mdb/block_layout.h"
+#include "platform/huge_pages.h"
 
 namespace mdb {
 
@@ -38,7 +39,8 @@ class BlockBuffer {
     std::byte* bytes_ = nullptr;
 };
 
-/// Hands out buffers of one size and keeps those given back.
+/// Hands out buffers of one size and keeps those given back. They lie together on huge pages, since
+/// objects are read here in any order.
 class BlockPool {
   public:
     explicit BlockPool(uint32_t block_size) : block_size_(block_size) {}
@@ -51,11 +53,13 @@ class BlockPool {
 
   private:
     friend class BlockBuffer;
-    void release(std::byte* bytes) noexcept;
+    void release(std::byte* bytes) noexcept { idle_.push_back(bytes); }
+    void make_more();
 
     uint32_t block_size_;
     size_t made_ = 0;
-    std::vector<std::unique_ptr<std::byte[]>> idle_;
+    std::vector<platform::HugePages> pieces_;
+    std::vector<std::byte*> idle_;
 };
 
 inline BlockBuffer::~BlockBuffer() {

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "error/exception.h"
+#include "platform/huge_pages.h"
 
 /// Hash policy for 32-bit keys: the low word of a multiplication.
 struct WordHash {
@@ -110,7 +111,7 @@ class open_hash_table {
     [[nodiscard]] bool rehash_when_due();
     void rehash();
 
-    std::vector<Slot> slots_;
+    std::vector<Slot, platform::HugeAllocator<Slot>> slots_;
     std::size_t size_index_ = 0;
     std::size_t used_ = 0;
     std::size_t occupied_ = 0;
@@ -165,7 +166,7 @@ bool open_hash_table<Key, Value, Hash>::rehash_when_due() {
 
 template <class Key, class Value, class Hash>
 void open_hash_table<Key, Value, Hash>::rehash() {
-    std::vector<Slot> old(kSizes[size_index_]);
+    std::vector<Slot, platform::HugeAllocator<Slot>> old(kSizes[size_index_]);
     old.swap(slots_);
     for (Slot& slot : old) {
         if (slot.state != state_t::used) continue;
