@@ -104,11 +104,11 @@ class PatchRun {
         uint32_t sent = 0;
         while (const auto due = subscriptions().take_patch()) {
             tqlengine::RequestContext context = tree_.world.reading();
-            queues::devent<queues::RETURN_TQL_SELECT_PATCH> answer(queues::queue_t::none);
-            answer.record.id = due->object;
-            answer.record.patch =
-                process_patch(due->object, requests_.at(due->subscription), context).value();
-            wire_.write(answer);
+            tqlengine::ResultNodePtr patch =
+                process_patch(due->object, requests_.at(due->subscription), context);
+            if (!patch) throw std::runtime_error("a patch failed");
+            wire_.write(
+                tqlengine::PatchEvent(queues::queue_t::none, 0, {due->object, std::move(patch)}));
             ++sent;
         }
         return sent;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 #include "dbcache/detail/child_walk.h"
 #include "dbcache/object_handler.h"
@@ -9,6 +10,7 @@
 #include "mdb/errors.h"
 #include "mdb/index.h"
 #include "mdb/large_object.h"
+#include "mdb/object_slots.h"
 #include "tql/names.h"
 
 namespace dbcache {
@@ -23,73 +25,75 @@ constexpr unsigned kParentLevel = 1;
 
 // ---- ObjectRecord ------------------------------------------------------------------------------
 
-void ObjectRecord::assign(std::span<const std::byte> slot, mdb::block_handle_t handle) {
-    handle_ = handle;
-    size_ = slot.size();
-    count_ = 0;
-    cursor_ = 0;
-    more_places_.clear();
+void ObjectRecord::assign(mdb::dobj object, hold_t hold, uint32_t* ascending) {
+    object_ = std::move(object);
+    is_view_ = !object_.copy;
+    look_at(mdb::object_slot(object_));
+    if (hold == hold_t::copy) make_copy();
+    uint32_t ordered = ascending == nullptr ? 0 : *ascending;
+    if (ordered == 0) {
+        auto record = records_.begin();
+        for (uint32_t last = 0; record != records_.end(); ++record) {
+            if (ordered == 0 && (*record).id() < last)
+                ordered = static_cast<uint32_t>(record.place() - slot_.data());
+            last = (*record).id();
+        }
+        if (ordered == 0) ordered = static_cast<uint32_t>(slot_.size());
+        if (ascending != nullptr) *ascending = ordered;
+    }
+    unordered_ = slot_.data() + ordered;
+}
+
+void ObjectRecord::make_copy() {
+    if (!std::exchange(is_view_, false)) return;
+    const ptrdiff_t ordered = unordered_ - slot_.data();
     std::byte* to = inline_bytes_.data();
-    if (slot.size() > kInlineBytes) {
-        more_bytes_ = std::make_unique_for_overwrite<std::byte[]>(slot.size());
+    if (slot_.size() > kInlineBytes) {
+        more_bytes_ = std::make_unique_for_overwrite<std::byte[]>(slot_.size());
         to = more_bytes_.get();
     }
-    std::memcpy(to, slot.data(), slot.size());
-    bytes_ = to;
-    for (const mdb::RecordView record : mdb::ObjectRecords({to, slot.size()}, handle))
-        add_place({record.id(), static_cast<uint32_t>(record.bytes().data() - to)});
+    std::memcpy(to, slot_.data(), slot_.size());
+    look_at({to, slot_.size()});
+    unordered_ = to + ordered;
 }
 
-std::span<const ObjectRecord::Place> ObjectRecord::places() const noexcept {
-    if (!more_places_.empty()) return more_places_;
-    return {inline_places_.data(), count_};
+void ObjectRecord::look_at(std::span<const std::byte> slot) {
+    slot_ = slot;
+    records_ = mdb::ObjectRecords(slot, object_.handle());
+    unordered_ = slot.data();
+    cursor_ = records_.begin();
+    last_asked_ = 0;
 }
 
-/// Puts the place behind those with the same or a lower id; records mostly lie in that order.
-void ObjectRecord::add_place(const Place& place) {
-    const auto later = [](const Place& a, const Place& b) { return a.id < b.id; };
-    if (count_ < kInlineRecords && more_places_.empty()) {
-        Place* begin = inline_places_.data();
-        Place* at = begin + count_;
-        while (at != begin && at[-1].id > place.id) {
-            *at = at[-1];
-            --at;
-        }
-        *at = place;
-    } else {
-        if (more_places_.empty())
-            more_places_.assign(inline_places_.begin(), inline_places_.begin() + count_);
-        more_places_.insert(
-            std::upper_bound(more_places_.begin(), more_places_.end(), place, later), place);
+std::optional<mdb::RecordView> ObjectRecord::find(uint32_t id) const {
+    if (id <= last_asked_) cursor_ = records_.begin();
+    // A search that throws leaves no place to go on from.
+    last_asked_ = std::numeric_limits<uint32_t>::max();
+    for (; cursor_ != records_.end() && cursor_.place() < unordered_; ++cursor_) {
+        const mdb::RecordView record = *cursor_;
+        if (record.id() < id) continue;
+        if (record.id() > id) break;
+        last_asked_ = id;
+        return record;
     }
-    ++count_;
-}
-
-const ObjectRecord::Place* ObjectRecord::find(uint32_t id) const noexcept {
-    const std::span<const Place> all = places();
-    if (cursor_ > 0 && all[cursor_ - 1].id >= id) {
-        const auto lower = [](const Place& place, uint32_t wanted) { return place.id < wanted; };
-        cursor_ =
-            static_cast<size_t>(std::lower_bound(all.begin(), all.end(), id, lower) - all.begin());
-    }
-    while (cursor_ < all.size() && all[cursor_].id < id) ++cursor_;
-    return cursor_ < all.size() && all[cursor_].id == id ? &all[cursor_] : nullptr;
+    last_asked_ = id;
+    if (unordered_ < slot_.data() + slot_.size())
+        for (const mdb::RecordView record : records_.from(unordered_))
+            if (record.id() == id) return record;
+    return std::nullopt;
 }
 
 found_t ObjectRecord::read(mdb::Property& property) const {
-    const Place* place = find(property.id);
-    if (place == nullptr) {
+    const std::optional<mdb::RecordView> record = find(property.id);
+    if (!record) {
         property.inherited = 0;
         return found_t::absent;
     }
-    const std::span<const std::byte> rest(bytes_ + place->offset, size_ - place->offset);
-    const uint32_t length = util::load_be32(&rest[mdb::record_layout::length]);
-    const mdb::RecordView record(rest.first(length));
-    if (record.is_null() && record.type_id() == property.type_id()) {
-        property.inherited = record.is_inherited() ? 1 : 0;
+    if (record->is_null() && record->type_id() == property.type_id()) {
+        property.inherited = record->is_inherited() ? 1 : 0;
         return found_t::explicit_null;
     }
-    property.read_record(record, handle_);
+    property.read_record(*record, object_.handle());
     return found_t::value;
 }
 
@@ -98,6 +102,12 @@ found_t ObjectRecord::read(mdb::Property& property) const {
 InheritanceChain::InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle)
     : store_(store), id_(id), handle_(handle) {
     if (!handle.is_null()) store_.read_record(handle, object_);
+}
+
+InheritanceChain::InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle,
+                                   uint32_t& ascending)
+    : store_(store), id_(id), handle_(handle) {
+    if (!handle.is_null()) store_.read_record(handle, object_, hold_t::view, &ascending);
 }
 
 found_t InheritanceChain::read(unsigned number, mdb::Property& property) const {
@@ -115,6 +125,7 @@ NodeId InheritanceChain::inherits() const {
 
 const PropertyChain& InheritanceChain::stored() const {
     if (!override_) return *this;
+    make_copy();
     if (!stored_) stored_ = std::make_unique<InheritanceChain>(store_, id_, handle_);
     return *stored_;
 }
@@ -126,6 +137,7 @@ void InheritanceChain::override_parent(const NodeId& parent) {
 }
 
 bool InheritanceChain::visit_object(const NodeId& id, const Visit& visit) const {
+    make_copy();
     const ObjectHandlerRef object = store_.resolver().find_object(id);
     if (!object) return false;
     visit(InheritanceChain(store_, id, object->location()));
@@ -134,6 +146,7 @@ bool InheritanceChain::visit_object(const NodeId& id, const Visit& visit) const 
 
 void InheritanceChain::visit_children(const NodeId& parent, uint32_t child_class,
                                       const Visit& visit) const {
+    make_copy();
     detail::walk_children(store_, parent, mdb::parent_id_index, [&](const ObjectHandlerRef& one) {
         if (one->class_number() == child_class)
             visit(InheritanceChain(store_, one->node_id(), one->location()));
@@ -142,6 +155,7 @@ void InheritanceChain::visit_children(const NodeId& parent, uint32_t child_class
 }
 
 std::vector<uint8_t> InheritanceChain::read_lob(uint32_t block) const {
+    make_copy();
     std::vector<std::byte> bytes;
     mdb::read_lob(store_.database(), block, bytes);
     const auto* first = reinterpret_cast<const uint8_t*>(bytes.data());
@@ -163,6 +177,7 @@ void InheritanceChain::open_parent() const {
         parent_failure_ = "No inheritance parent: Inherits is null";
         return;
     }
+    make_copy();
     std::string reason = "Object was deleted";
     if (const auto handle = store_.indexes().unique_find(mdb::node_id_index, parent)) {
         auto record = std::make_unique<ObjectRecord>();

@@ -6,8 +6,9 @@
 //             asked for; during an update the override takes the place of the stored `inherits`
 //
 // Each level is a private copy of the object's records, since a view of the block cache lives only
-// until the next block is touched. Copy and directory stand inside the chain, so that opening an
-// object of usual size allocates nothing. Reading properties in ascending order costs one pass.
+// until the next block is touched; who reads the object alone can do with the view (see hold_t).
+// The copy stands inside the chain, so that opening an object of usual size allocates nothing.
+// Reading properties in ascending order costs one pass over the records.
 #pragma once
 
 #include <array>
@@ -20,6 +21,7 @@
 
 #include "dbcache/schema_object.h"
 #include "mdb/block_layout.h"
+#include "mdb/dobj.h"
 #include "mdb/property.h"
 #include "util/node_id.h"
 
@@ -27,43 +29,48 @@ namespace dbcache {
 
 class Store;
 
-/// A private copy of one object's records with a directory of them, sorted by property.
+/// How the records of an object are held.
+enum class hold_t : uint8_t {
+    copy,  ///< in memory of their own
+    view,  ///< where they lie; good until the next block is touched, and not a call longer
+};
+
+/// The records of one object, to be looked up by property.
 class ObjectRecord {
   public:
     ObjectRecord() = default;
     ObjectRecord(const ObjectRecord&) = delete;
     ObjectRecord& operator=(const ObjectRecord&) = delete;
 
-    /// Copies `slot`, an object's slot with its word, which lies at `handle`. Throws
-    /// mdb::error_need_repair for damaged records.
-    void assign(std::span<const std::byte> slot, mdb::block_handle_t handle);
+    /// Takes over `object`, a loaded one. Records stand in ascending order, but for those that were
+    /// added later: `ascending`, if given, is where an earlier assign() of the same object left how
+    /// far the order goes; 0 for unknown. Throws mdb::error_need_repair for damaged records.
+    void assign(mdb::dobj object, hold_t hold = hold_t::copy, uint32_t* ascending = nullptr);
+    /// What was a view is a copy from now on.
+    void make_copy();
 
     /// Loads `property` from its record; the first one counts where a damaged object has two.
     /// Throws mdb::error_wrongtype, mdb::error_need_repair.
     found_t read(mdb::Property& property) const;
+    /// The record itself; none if there is none. Throws mdb::error_need_repair.
+    [[nodiscard]] std::optional<mdb::RecordView> find(uint32_t id) const;
 
   private:
     static constexpr size_t kInlineBytes = 1024;
-    static constexpr size_t kInlineRecords = 48;
-    struct Place {
-        uint32_t id;
-        uint32_t offset;
-    };
 
-    void add_place(const Place& place);
-    [[nodiscard]] std::span<const Place> places() const noexcept;
-    [[nodiscard]] const Place* find(uint32_t id) const noexcept;
+    void look_at(std::span<const std::byte> slot);
 
-    mdb::block_handle_t handle_{};
-    const std::byte* bytes_ = nullptr;
-    size_t size_ = 0;
-    size_t count_ = 0;
+    mdb::dobj object_;
+    std::span<const std::byte> slot_;
+    mdb::ObjectRecords records_;
+    /// From here on records stand in any order.
+    const std::byte* unordered_ = nullptr;
     /// Where the last search ended: the next one usually goes on from there.
-    mutable size_t cursor_ = 0;
-    std::array<Place, kInlineRecords> inline_places_;
+    mutable mdb::ObjectRecords::iterator cursor_;
+    mutable uint32_t last_asked_ = 0;
+    bool is_view_ = false;
     std::array<std::byte, kInlineBytes> inline_bytes_;
-    /// In use for objects that are larger or have more records.
-    std::vector<Place> more_places_;
+    /// In use for larger objects.
     std::unique_ptr<std::byte[]> more_bytes_;
 };
 
@@ -72,13 +79,23 @@ class InheritanceChain final : public PropertyChain {
     /// Opens the object `id` at `handle`, as the open transaction sees it; the null handle stands
     /// for an object that isn't stored yet. Throws mdb::error_generic.
     InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle);
+    /// For reading the object at hand and nothing else: a view of its records, which becomes a copy
+    /// as soon as the chain itself needs another object. Before anybody else touches a block the
+    /// caller has to call make_copy(). `ascending` as for ObjectRecord::assign().
+    InheritanceChain(Store& store, const NodeId& id, mdb::block_handle_t handle,
+                     uint32_t& ascending);
     /// The empty chain, of something that is no object, as a template: there is nothing to inherit,
     /// and asking for a level is a fatal assertion.
     explicit InheritanceChain(Store& store) : store_(store), empty_(true) {}
     InheritanceChain(const InheritanceChain&) = delete;
     InheritanceChain& operator=(const InheritanceChain&) = delete;
 
+    void make_copy() const { object_.make_copy(); }
+
     found_t read(unsigned level, mdb::Property& property) const override;
+    [[nodiscard]] std::optional<mdb::RecordView> own_record(uint32_t number) const override {
+        return level(0).find(number);
+    }
     [[nodiscard]] NodeId inherits() const override;
     /// Opens the object a second time where there is an override.
     [[nodiscard]] const PropertyChain& stored() const override;
@@ -100,7 +117,7 @@ class InheritanceChain final : public PropertyChain {
     NodeId id_;
     mdb::block_handle_t handle_{};
     bool empty_ = false;
-    ObjectRecord object_;
+    mutable ObjectRecord object_;
     mutable std::unique_ptr<ObjectRecord> parent_;
     /// The reason why level 1 can't be opened, once that is known.
     mutable std::optional<std::string> parent_failure_;

@@ -87,6 +87,7 @@ void ObjectHandler::load(mdb::block_handle_t location) {
 void ObjectHandler::move_to(mdb::block_handle_t location) {
     if (!location_.is_null()) store_.cache().cache_remove(location_, false);
     location_ = location;
+    ascending_records_ = 0;
     if (!location_.is_null()) store_.cache().cache_insert(id_.value, location_, *this);
 }
 
@@ -206,18 +207,18 @@ void ObjectHandler::load_value(const PropertySchema& schema, const PropertyChain
 // ---- reading -----------------------------------------------------------------------------------
 
 void ObjectHandler::tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) {
-    const meter::TimingScope timing(detail::metrics::encode_time, store_.clock());
-    const char* doing = "encode";
-    try {
-        const InheritanceChain chain(store_, id_.value, location_);
-        encode_stored(chain, pattern, out);
-        doing = "computing";
-        schema_->encodeSpecials(ObjectView(*this), chain, pattern, out);
-    } catch (const mdb::error_generic& failure) {
-        throw errors::tql(errors::ERR_BACKEND,
-                          fmt::format("Error {} properties for {} {}: {}", doing,
-                                      tql::class_name(class_number()), id_.value, failure.text()));
-    }
+    out.reserve(pattern.wanted_properties.size());
+    encode_into(pattern, out, [&](const PropertySchema& schema, const InheritanceChain& chain) {
+        schema.encode(chain, id_.value, out);
+    });
+}
+
+void ObjectHandler::encode_result(const tql::pattern_t& pattern, queues::ValueWriter& out) {
+    tql::property_map_t others;
+    encode_into(pattern, others, [&](const PropertySchema& schema, const InheritanceChain& chain) {
+        schema.encode_result(chain, id_.value, out);
+    });
+    out.add(others);
 }
 
 std::optional<bool> ObjectHandler::holds_at_hand(const tql::condition_t& condition) const {
@@ -230,21 +231,52 @@ std::optional<bool> ObjectHandler::holds_at_hand(const tql::condition_t& conditi
            static_cast<const tql::property_string_t&>(wanted).value == sibling_entry_.key().name;
 }
 
-/// Walks the sorted entries beside the sorted wanted numbers.
-void ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
-                                  tql::property_map_t& out) const {
+/// Calls `encode` with the schema of each stored property that `pattern` wants, in ascending order,
+/// and adds to `others` what else it wants.
+template <class Encode>
+void ObjectHandler::encode_into(const tql::pattern_t& pattern, tql::property_map_t& others,
+                                Encode&& encode) {
+    const meter::TimingScope timing(detail::metrics::encode_time, store_.clock());
+    const char* doing = "encode";
+    try {
+        const InheritanceChain chain(store_, id_.value, location_, ascending_records_);
+        if (encode_stored(chain, pattern, encode)) return;
+        chain.make_copy();
+        encode_of_chain(chain, pattern, others);
+        doing = "computing";
+        schema_->encodeSpecials(ObjectView(*this), chain, pattern, others);
+    } catch (const mdb::error_generic& failure) {
+        throw errors::tql(errors::ERR_BACKEND,
+                          fmt::format("Error {} properties for {} {}: {}", doing,
+                                      tql::class_name(class_number()), id_.value, failure.text()));
+    }
+}
+
+/// Walks the sorted entries beside the sorted wanted numbers. True when nothing else is wanted.
+template <class Encode>
+bool ObjectHandler::encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                                  Encode&& encode) const {
     const bool all = (pattern.flags & tql::kPatternAllProperties) != 0;
-    out.reserve(all ? schema_->properties().size() : pattern.wanted_properties.size());
     auto wanted = pattern.wanted_properties.begin();
     const auto wanted_end = pattern.wanted_properties.end();
+    size_t stored = 0;
+    uint32_t last = 0;
     for (const NodetypeSchema::Entry& entry : schema_->properties()) {
         if (!all) {
             while (wanted != wanted_end && *wanted < entry.property) ++wanted;
             if (wanted == wanted_end) break;
             if (*wanted != entry.property) continue;
         }
-        if (entry.applies_to(subtype_)) entry.schema->encode(chain, id_.value, out);
+        if (!entry.applies_to(subtype_)) continue;
+        encode(*entry.schema, chain);
+        stored += entry.property != last;
+        last = entry.property;
     }
+    return !all && stored == pattern.wanted_properties.size();
+}
+
+void ObjectHandler::encode_of_chain(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                                    tql::property_map_t& out) const {
     if (pattern.wants(prop::anyOverridden))
         tql::add<tql::property_boolean_t>(out, prop::anyOverridden, any_overridden(chain),
                                           kComputed);

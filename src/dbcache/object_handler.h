@@ -92,6 +92,7 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// The name among the siblings, where the index of them has it.
     [[nodiscard]] std::optional<bool> holds_at_hand(
         const tql::condition_t& condition) const override;
+    void encode_result(const tql::pattern_t& pattern, queues::ValueWriter& out) override;
     uint32_t tqlCreate(const tql::id_t& new_id, uint32_t child_class,
                        const tqlengine::WriteArguments& arguments) override;
     /// Besides errors::tql: mdb::error_io and mdb::error_internal, which end the process. All other
@@ -146,8 +147,14 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     /// The entry of the sibling index becomes that of the name that `chain` gives.
     void enter_sibling_index(const PropertyChain& chain);
     void leave_sibling_index() noexcept { store_.sibling_index().erase(sibling_entry_); }
-    void encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
-                       tql::property_map_t& out) const;
+    template <class Encode>
+    void encode_into(const tql::pattern_t& pattern, tql::property_map_t& others, Encode&& encode);
+    template <class Encode>
+    bool encode_stored(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                       Encode&& encode) const;
+    /// Adds the properties that come of the chain as a whole, not of one record.
+    void encode_of_chain(const InheritanceChain& chain, const tql::pattern_t& pattern,
+                         tql::property_map_t& out) const;
     [[nodiscard]] bool any_overridden(const InheritanceChain& chain) const;
     /// The origin of an object that has no parent.
     [[nodiscard]] tql::origin_t origin_at_top();
@@ -176,6 +183,8 @@ class ObjectHandler final : public tqlengine::TqlObjectHandler, public CachedObj
     bool in_write_ = false;
     /// Grows with each rewrite_records().
     uint32_t rewrites_ = 0;
+    /// How far the stored records ascend, for ObjectRecord::assign().
+    uint32_t ascending_records_ = 0;
     /// Nothing stands below the object, nor ever will.
     bool childless_ = false;
     SiblingIndex::Entry sibling_entry_{*this};

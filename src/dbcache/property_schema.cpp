@@ -30,6 +30,13 @@ PropertySchema::resolved_t PropertySchema::resolve(const PropertyChain& chain, m
     }
 }
 
+void PropertySchema::encode_result(const PropertyChain& chain, const NodeId& id,
+                                   queues::ValueWriter& out) const {
+    tql::property_map_t values;
+    encode(chain, id, values);
+    out.add(values);
+}
+
 void PropertySchema::validate(const SchemaObject& object, const PropertyChain& chain,
                               work_t& work) const {
     if (work.is_inherited()) fetch_inherited(object, chain, work);

@@ -17,6 +17,7 @@
 
 #include "dbcache/schema_object.h"
 #include "dbcache/work.h"
+#include "queues/encoded_values.h"
 #include "tql/errors.h"
 #include "tql/property.h"
 
@@ -101,6 +102,9 @@ class PropertySchema {
     /// value is logged and reads as null or zero. Cheapest when `out` has no higher number yet.
     virtual void encode(const PropertyChain& chain, const NodeId& id,
                         tql::property_map_t& out) const = 0;
+    /// The same in the form in which values travel; default: by way of encode().
+    virtual void encode_result(const PropertyChain& chain, const NodeId& id,
+                               queues::ValueWriter& out) const;
 
     /// Defaults, limits and allowed classes as text, for people; may be empty.
     [[nodiscard]] virtual std::string describe() const { return {}; }

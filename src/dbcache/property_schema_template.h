@@ -149,10 +149,20 @@ class PropertySchemaTemplate : public PropertySchema {
     }
 
     void encode(const PropertyChain& chain, const NodeId& id,
-                tql::property_map_t& out) const override {
+                tql::property_map_t& out) const final {
         if (!applies_now(chain)) return;
         // In its place at once: what it throws ends the request, and the map with it.
         read_wire(chain, id, out[property].template emplace<Wire>());
+    }
+
+    void encode_result(const PropertyChain& chain, const NodeId& id,
+                       queues::ValueWriter& out) const final {
+        if (!applies_now(chain)) return;
+        if constexpr (kFromBytes)
+            if (encode_own_bytes(chain, out)) return;
+        Wire made;
+        read_wire(chain, id, made);
+        out.add(made);
     }
 
     [[nodiscard]] std::string describe() const override {
@@ -178,6 +188,8 @@ class PropertySchemaTemplate : public PropertySchema {
     }
     /// For kinds that refuse values by more than their class; throws errors::tql with code 9.
     virtual void check_wire(const Wire& /*value*/) const {}
+    /// Whether an object without a value shows a null; it is damage otherwise.
+    [[nodiscard]] virtual bool shows_null() const { return has(kNullable); }
     /// Makes a new value a null one; for kinds that have more than a class of their own.
     virtual void set_null(Wire& made, uint32_t flag_bits) const {
         made.property = property;
@@ -197,6 +209,34 @@ class PropertySchemaTemplate : public PropertySchema {
     }
 
   private:
+    using codec_type = typename Stored::codec_type;
+    static constexpr bool kText = std::is_same_v<codec_type, mdb::codec::Text>;
+    /// A value that travels as it is stored, but for the order of its bytes.
+    static constexpr bool kFromBytes =
+        std::is_same_v<Conversion, Assign> &&
+        (kText || std::is_same_v<codec_type, mdb::codec::Boolean> ||
+         std::is_same_v<codec_type, mdb::codec::Word32<uint32_t, 1>> ||
+         std::is_same_v<codec_type, mdb::codec::Word32<int32_t, 2>>);
+
+    /// Takes a plain value of the object's own from its record; false, with nothing done, for
+    /// whatever needs a closer look.
+    bool encode_own_bytes(const PropertyChain& chain,
+                          queues::ValueWriter& out) const requires kFromBytes {
+        if (defaults_.null_value) return false;
+        const std::optional<mdb::RecordView> record = chain.own_record(property);
+        if (!record || !record->is_plain(Stored::kTypeId)) return false;
+        if constexpr (kText) {
+            const std::optional<std::string_view> text = codec_type::view(record->payload());
+            if (text) out.add_text(Wire::kType, property, flags, *text);
+            return text.has_value();
+        } else {
+            value_type value{};
+            const bool whole = codec_type::load(record->payload(), value);
+            if (whole) out.add_word(Wire::kType, property, flags, static_cast<uint32_t>(value));
+            return whole;
+        }
+    }
+
     [[nodiscard]] std::unique_ptr<Stored> holding(const value_type* value) const {
         return value == nullptr ? nullptr : std::make_unique<Stored>(property, *value);
     }
@@ -220,7 +260,7 @@ class PropertySchemaTemplate : public PropertySchema {
                 stored.value = *defaults_.inherit_default;
                 return set_value(made, stored, flag_bits);
             }
-            if (has(kNullable)) return set_null(made, flag_bits);
+            if (shows_null()) return set_null(made, flag_bits);
             detail::log_missing_value(property, id);
             stored.value = value_type{};
             return set_value(made, stored, flag_bits);

@@ -51,6 +51,13 @@ class PropertyChain {
     /// mdb::error_wrongtype for a record of another type.
     virtual found_t read(unsigned level, mdb::Property& property) const = 0;
 
+    /// The record of a property in the object (level 0) as it lies there, for who takes the value
+    /// from it without a property; none where there is none, or where the chain has no bytes to
+    /// show. Good until the chain is asked for anything else.
+    [[nodiscard]] virtual std::optional<mdb::RecordView> own_record(uint32_t /*number*/) const {
+        return std::nullopt;
+    }
+
     /// The value of `inherits`, of the object or of an update in progress; null when there is none.
     [[nodiscard]] virtual NodeId inherits() const = 0;
     [[nodiscard]] bool hasParent() const { return !inherits().is_null(); }

@@ -148,14 +148,6 @@ void PropertyMarkIndexSchema::validate(const SchemaObject& /*object*/,
     // A white object has no record, and that is as good as any mark.
 }
 
-void PropertyMarkIndexSchema::encode(const PropertyChain& chain, const NodeId& /*id*/,
-                                     tql::property_map_t& out) const {
-    if (!applies_now(chain)) return;
-    work_t work;
-    load(chain, work);
-    out.insert_or_assign(out.end(), property, tql::value_t(to_tql(work, chain)));
-}
-
 void PropertyTSDBBlockSchema::assign(const tql::property_t& /*value*/,
                                      const SchemaObject& /*object*/, const PropertyChain& /*chain*/,
                                      work_t& /*work*/) const {

@@ -158,9 +158,9 @@ class PropertyMarkIndexSchema
     /// Nothing to check: the lists keep their own rules.
     void validate(const SchemaObject& object, const PropertyChain& chain,
                   work_t& work) const override;
-    /// No record is no damage here.
-    void encode(const PropertyChain& chain, const NodeId& id,
-                tql::property_map_t& out) const override;
+
+  protected:
+    [[nodiscard]] bool shows_null() const override { return true; }
 
   private:
     MarkPredicate predicate_;

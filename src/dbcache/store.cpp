@@ -44,13 +44,13 @@ mdb::Journal& Store::journal() noexcept {
     return parts_.database.journal();
 }
 
-void Store::read_record(mdb::block_handle_t handle, ObjectRecord& out) {
+void Store::read_record(mdb::block_handle_t handle, ObjectRecord& out, hold_t hold,
+                        uint32_t* ascending) {
     // A view of the cache shows what is committed; inside a transaction its own changes count too.
     const bool inside = journal().transaction_active();
     (inside ? detail::metrics::load_inside_tx : detail::metrics::load_outside_tx).increment();
-    const mdb::dobj object =
-        inside ? objects().load_object(handle) : objects().fetch_object(handle);
-    out.assign(mdb::object_slot(object), handle);
+    out.assign(inside ? objects().load_object(handle) : objects().fetch_object(handle), hold,
+               ascending);
 }
 
 void Store::free_large_objects(mdb::block_handle_t handle) {

@@ -37,6 +37,7 @@ namespace dbcache {
 class DbcacheIdResolver;
 class ObjectHandler;
 class ObjectRecord;
+enum class hold_t : uint8_t;
 class SchemaTable;
 class StoreTransaction;
 
@@ -83,8 +84,10 @@ class Store {
     /// Handlers of stored objects in memory.
     [[nodiscard]] uint32_t live_handlers() const noexcept { return live_; }
 
-    /// Copies the object at `handle` as the open transaction sees it. Throws mdb::error_generic.
-    void read_record(mdb::block_handle_t handle, ObjectRecord& out);
+    /// Opens the object at `handle` as the open transaction sees it, by ObjectRecord::assign().
+    /// Throws mdb::error_generic.
+    void read_record(mdb::block_handle_t handle, ObjectRecord& out, hold_t hold = {},
+                     uint32_t* ascending = nullptr);
 
     /// Frees the large objects of the object stored at `handle`. To be called by whoever deletes
     /// the object or makes a tombstone of it, before that, in the same transaction; nothing to do

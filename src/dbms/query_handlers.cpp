@@ -38,8 +38,8 @@ void ev_tql_select(EventContext& context, queues::event& received) {
         return context.services.subscribers.subscribe(received.peer, received.uid,
                                                       std::move(request));
     tqlengine::SelectReport report;
-    reply<queues::RETURN_TQL_SELECT>(context, received,
-                                     tqlengine::process_select(request, context.request, report));
+    reply_with<tqlengine::SelectEvent>(context, received,
+                                       tqlengine::process_select(request, context.request, report));
     tqlengine::log_select(request, context.request, report);
 }
 

@@ -43,12 +43,18 @@ struct EventContext {
     tqlengine::RequestContext request;
 };
 
-/// Answers `asked` with an event of number N; nothing is sent to an asker that does not wait.
-/// Throws io::EEndOfStream when the asker is gone.
+/// Answers `asked` with an event of the class Event, which holds `content`; nothing is sent to an
+/// asker that does not wait. Throws io::EEndOfStream when the asker is gone.
+template <class Event, class Content>
+void reply_with(EventContext& context, const queues::event& asked, Content content) {
+    if (!queues::wants_reply(asked.uid) || asked.peer == queues::queue_t::none) return;
+    context.services.queue.send(Event(asked.peer, asked.uid, std::move(content)));
+}
+
+/// The same with the event of number N.
 template <queues::event_t N, class Record>
 void reply(EventContext& context, const queues::event& asked, Record record) {
-    if (!queues::wants_reply(asked.uid) || asked.peer == queues::queue_t::none) return;
-    context.services.queue.send(queues::devent<N>(asked.peer, asked.uid, std::move(record)));
+    reply_with<queues::devent<N>>(context, asked, std::move(record));
 }
 
 }  // namespace dbms

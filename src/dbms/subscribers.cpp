@@ -53,7 +53,7 @@ bool Subscribers::refuse_one_too_many(const Key& key) {
     Return_Tql_Select_Data reply;
     reply.status = errors::ERR_NOT_IMPLEMENTED;
     reply.details.push_back({tqlengine::kDetailError, text});
-    send<queues::RETURN_TQL_SELECT>(key, std::move(reply));
+    send<queues::devent<queues::RETURN_TQL_SELECT>>(key, std::move(reply));
     drop_lost();
     return true;
 }
@@ -119,12 +119,12 @@ void Subscribers::notify(tqlengine::TqlObjectHandler& object,
                          queues::queue_t current) noexcept {
     if (shutting_down_) return;
     drop_lost();
-    simple_.notify(
-        object, operation, current,
-        [this](queues::queue_t sibling, uint32_t request_id,
-               Return_Tql_Simple_Subscribe_Data&& record) {
-            send<queues::RETURN_TQL_SIMPLE_SUBSCRIBE>({sibling, request_id}, std::move(record));
-        });
+    simple_.notify(object, operation, current,
+                   [this](queues::queue_t sibling, uint32_t request_id,
+                          Return_Tql_Simple_Subscribe_Data&& record) {
+                       send<queues::devent<queues::RETURN_TQL_SIMPLE_SUBSCRIBE>>(
+                           {sibling, request_id}, std::move(record));
+                   });
     drop_lost();
 }
 
@@ -148,7 +148,7 @@ void Subscribers::give_patch(const tqlengine::Subscriptions::Patch& patch, queue
     if (lost_.contains(subscriber)) return;
     tqlengine::RequestContext context = context_for(subscription);
     const uint64_t start_us = parts_.clock.monotonic_us();
-    std::optional<tql::result_t> tree;
+    tqlengine::ResultNodePtr tree;
     const auto answer_in_full = [&](const std::string& why) {
         logger.error("No patch for {} to {}: {}", queues::queue_name(subscriber),
                      patch.object.to_string(), why);
@@ -167,10 +167,11 @@ void Subscribers::give_patch(const tqlengine::Subscriptions::Patch& patch, queue
     logger.debug("Giving {} a patch to {}", queues::queue_name(subscriber),
                  patch.object.to_string());
     if (tree)
-        send<queues::RETURN_TQL_SELECT_PATCH>(subscription.key,
-                                              {patch.object, std::move(*tree), {}});
+        send<tqlengine::PatchEvent>(subscription.key,
+                                    tqlengine::PatchAnswer{patch.object, std::move(tree)});
     else
-        send<queues::RETURN_TQL_SELECT_DELETE_PATCH>(subscription.key, {patch.object, {}});
+        send<queues::devent<queues::RETURN_TQL_SELECT_DELETE_PATCH>>(
+            subscription.key, Return_Tql_Select_Delete_Patch_Data{patch.object, {}});
 }
 
 void Subscribers::reevaluate(uint32_t id, queues::queue_t cause) {
@@ -226,8 +227,8 @@ uint64_t Subscribers::select(uint32_t id, Subscription& subscription) {
     const Tql_Select_Data& request = subscription.request;
     tqlengine::RequestContext context = context_for(subscription);
     tqlengine::SelectReport report;
-    send<queues::RETURN_TQL_SELECT>(subscription.key,
-                                    tqlengine::process_select(request, context, report, id));
+    send<tqlengine::SelectEvent>(subscription.key,
+                                 tqlengine::process_select(request, context, report, id));
     tqlengine::log_select(request, context, report);
     const uint64_t now_us = parts_.clock.monotonic_us();
     const uint64_t elapsed_us = now_us - report.start_us;
@@ -253,12 +254,12 @@ Time Subscribers::wall_time_of(uint64_t moment_us) const {
                                           static_cast<int32_t>(left_us % 1'000'000));
 }
 
-template <queues::event_t N>
-void Subscribers::send(const Key& to, queues::record_t<N>&& record) {
+template <class Event, class Content>
+void Subscribers::send(const Key& to, Content content) {
     const auto& [sibling, request_id] = to;
     if (lost_.contains(sibling)) return;
     try {
-        parts_.queue.send(queues::devent<N>(sibling, request_id, std::move(record)));
+        parts_.queue.send(Event(sibling, request_id, std::move(content)));
     } catch (const io::EEndOfStream& gone) {
         logger.info("Lost peer: {}", gone.text());
         lost_.insert(sibling);

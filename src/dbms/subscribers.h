@@ -135,8 +135,9 @@ class Subscribers {
     [[nodiscard]] tqlengine::RequestContext context_for(const Subscription& subscription) const;
     [[nodiscard]] Time wall_time_of(uint64_t moment_us) const;
 
-    template <queues::event_t N>
-    void send(const Key& to, queues::record_t<N>&& record);
+    /// Sends an event of the class Event, which holds `content`.
+    template <class Event, class Content>
+    void send(const Key& to, Content content);
 
     Parts parts_;
     /// By subscription id, which is never 0.

@@ -33,6 +33,8 @@ class RecordView {
     [[nodiscard]] bool is_inherited() const {
         return (type_word() & record_layout::kInheritedBit) != 0;
     }
+    /// True for a value of the type, neither null nor inherited.
+    [[nodiscard]] bool is_plain(uint32_t type) const { return type_word() == type; }
     /// Payload and fill.
     [[nodiscard]] std::span<const std::byte> payload() const {
         return bytes_.subspan(record_layout::payload);
@@ -70,6 +72,8 @@ class ObjectRecords {
         friend bool operator==(const iterator& it, std::default_sentinel_t) {
             return it.rest_.empty();
         }
+        /// Where the record begins, or where the last one ended.
+        [[nodiscard]] const std::byte* place() const { return rest_.data(); }
 
       private:
         friend class ObjectRecords;
@@ -97,6 +101,13 @@ class ObjectRecords {
     ObjectRecords(std::span<const std::byte> slot, block_handle_t handle);
     /// The records of `object`, which must have data.
     explicit ObjectRecords(const dobj& object);
+    ObjectRecords() = default;
+    /// Those of them that begin at or behind `begin`, the begin of one of them or their end.
+    [[nodiscard]] ObjectRecords from(const std::byte* begin) const {
+        ObjectRecords rest(*this);
+        rest.records_ = rest.records_.subspan(static_cast<size_t>(begin - records_.data()));
+        return rest;
+    }
 
     [[nodiscard]] iterator begin() const { return {records_, handle_}; }
     [[nodiscard]] std::default_sentinel_t end() const { return {}; }

@@ -34,11 +34,16 @@ void Text::store(const std::string& value, std::byte* to) {
 }
 
 bool Text::load(std::span<const std::byte> from, std::string& value) {
+    const std::optional<std::string_view> text = view(from);
+    if (text) value.assign(*text);
+    return text.has_value();
+}
+
+std::optional<std::string_view> Text::view(std::span<const std::byte> from) {
     const void* end = from.empty() ? nullptr : std::memchr(from.data(), 0, from.size());
-    if (end == nullptr) return false;
-    const auto length = static_cast<size_t>(static_cast<const std::byte*>(end) - from.data());
-    value.assign(reinterpret_cast<const char*>(from.data()), length);
-    return true;
+    if (end == nullptr) return std::nullopt;
+    const auto* begin = reinterpret_cast<const char*>(from.data());
+    return std::string_view(begin, static_cast<size_t>(static_cast<const char*>(end) - begin));
 }
 
 void NodeIdWords::store(const NodeId& value, std::byte* to) {

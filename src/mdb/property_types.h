@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <bit>
 #include <compare>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -67,6 +69,8 @@ struct Text {
     static uint32_t size(const std::string& value);
     static void store(const std::string& value, std::byte* to);
     static bool load(std::span<const std::byte> from, std::string& value);
+    /// The text where it lies; none if its end is missing.
+    static std::optional<std::string_view> view(std::span<const std::byte> from);
 };
 
 struct NodeIdWords {

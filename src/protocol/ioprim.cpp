@@ -7,16 +7,14 @@
 
 namespace protocol {
 
-void ioprim::put_bytes(const void* bytes, std::size_t size) {
-    const auto* from = static_cast<const std::uint8_t*>(bytes);
-    while (size > 0) {
-        if (write_pos_ == write_size_) next_write_area(1);
-        const std::size_t part = std::min(size, write_size_ - write_pos_);
-        std::memcpy(write_area_ + write_pos_, from, part);
-        write_pos_ += part;
-        from += part;
-        size -= part;
+bool ioprim::put_together(const void* bytes, std::size_t size) {
+    if (area_left() < size) {
+        const bool is_new = area_ != nullptr && area_pos_ == 0;
+        if (!is_new) next_area(1);
+        if (area_left() < size) return false;
     }
+    put_bytes(bytes, size);
+    return true;
 }
 
 void ioprim::commit() {
@@ -25,20 +23,20 @@ void ioprim::commit() {
 }
 
 void ioprim::publish() {
-    const std::size_t written = write_pos_;
-    const bool begun = write_area_ != nullptr;
+    const std::size_t written = area_pos_;
+    const bool begun = area_ != nullptr;
     // Forgotten first: a commit that throws leaves no area that a later write could fall into.
-    write_area_ = nullptr;
-    write_size_ = write_pos_ = 0;
+    area_ = nullptr;
+    area_size_ = area_pos_ = 0;
     if (begun) out_.writeCommit(written);
 }
 
-void ioprim::next_write_area(std::size_t needed) {
+void ioprim::next_area(std::size_t needed) {
     publish();
     io::waitReady(out_);
-    const std::size_t size = out_.writeBegin(write_area_);
+    const std::size_t size = out_.writeBegin(area_);
     error::check(size >= needed, "New write area of size {} too small for primitive write", size);
-    write_size_ = size;
+    area_size_ = size;
 }
 
 void ioprim::get_bytes(void* bytes, std::size_t size) {

@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "protocol/byte_writer.h"
+
 namespace io {
 class IStream;
 class OStream;
@@ -22,17 +24,14 @@ namespace protocol {
 /// Every operation may wait until its stream is ready; what lies below the stream is served
 /// meanwhile. A stream that ends raises io::EEndOfStream, and what was written and not yet
 /// published of the present area is dropped.
-class ioprim {
+class ioprim final : public ByteWriter {
   public:
     /// The streams must outlive this object.
     ioprim(io::IStream& in, io::OStream& out) : in_(in), out_(out) {}
-    ioprim(const ioprim&) = delete;
-    ioprim& operator=(const ioprim&) = delete;
 
-    void put32(std::uint32_t value) { put_number(value); }
-    void put64(std::uint64_t value) { put_number(value); }
-    /// Only the bytes; the length is the caller's to write.
-    void put_bytes(const void* bytes, std::size_t size);
+    /// Writes `size` bytes that lie in one piece and hold whole numbers: all in one area. False,
+    /// with nothing written, where they are more than a new area takes.
+    [[nodiscard]] bool put_together(const void* bytes, std::size_t size);
 
     /// Publishes what was written since the last commit, then waits until the stream is ready
     /// again. After it the reader can see everything, and the next thing written stands in a block
@@ -66,14 +65,6 @@ class ioprim {
 
   private:
     template <class Number>
-    void put_number(Number value) {
-        if (write_size_ - write_pos_ < sizeof value) [[unlikely]]
-            next_write_area(sizeof value);
-        std::memcpy(write_area_ + write_pos_, &value, sizeof value);
-        write_pos_ += sizeof value;
-    }
-
-    template <class Number>
     Number get_number() {
         Number value;
         if (read_size_ - read_pos_ > sizeof value) [[likely]] {
@@ -85,7 +76,7 @@ class ioprim {
         return value;
     }
 
-    void next_write_area(std::size_t needed);
+    void next_area(std::size_t needed) override;
     void publish();
     void next_read_area();
     void finish_read_area();
@@ -97,10 +88,6 @@ class ioprim {
     std::size_t read_size_ = 0;
     std::size_t read_pos_ = 0;
     std::uint64_t read_before_area_ = 0;
-
-    std::uint8_t* write_area_ = nullptr;
-    std::size_t write_size_ = 0;
-    std::size_t write_pos_ = 0;
 };
 
 }  // namespace protocol

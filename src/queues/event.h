@@ -105,8 +105,9 @@ class exevent final : public event {
 /// is a fatal assertion, since whoever asks has looked at the number. Lives as long as the event.
 template <event_t N>
 [[nodiscard]] const record_t<N>& data(const event& received) {
-    error::check(received.number() == N && !received.exception, "Record of {} asked of a {}",
-                 static_cast<int>(N), static_cast<int>(received.number()));
+    error::check(received.number() == N && !received.exception && received.raw_data() != nullptr,
+                 "Record of {} asked of a {}", static_cast<int>(N),
+                 static_cast<int>(received.number()));
     return *static_cast<const record_t<N>*>(received.raw_data());
 }
 template <event_t N>

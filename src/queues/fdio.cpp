@@ -1,5 +1,6 @@
 #include "queues/fdio.h"
 
+#include "io/memory_stream.h"
 #include "queues/detail/codec.h"
 
 namespace queues {
@@ -54,6 +55,13 @@ std::unique_ptr<event> fdio::read_body(event_t number) {
     std::unique_ptr<event> received = codec.make(peer, uid);
     codec.read(in, received->raw_data());
     return received;
+}
+
+std::unique_ptr<event> as_received(const event& sent) {
+    io::MemoryStream stream;
+    fdio events(stream, stream);
+    events.write(sent);
+    return events.read();
 }
 
 }  // namespace queues

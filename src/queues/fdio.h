@@ -36,4 +36,8 @@ class fdio {
     queue_t last_peer_ = queue_t::none;
 };
 
+/// The event as its receiver gets it: written and read in this process. For events that have no
+/// record before they are sent.
+[[nodiscard]] std::unique_ptr<event> as_received(const event& sent);
+
 }  // namespace queues

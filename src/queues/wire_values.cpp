@@ -191,12 +191,18 @@ void get(Reader& in, tql::value_t& field) {
 }
 
 void put(Writer& out, const tql::value_t& field) {
-    put(out, field ? field->type() : tql::property_type_t::none);
-    if (!field) return;
-    put(out, field->property);
-    put(out, field->is_null);
-    put(out, field->flags);
-    tql::visit_kind(std::as_const(*field), [&out](const auto& value) { put_payload(out, value); });
+    if (field)
+        put(out, *field);
+    else
+        put(out, tql::property_type_t::none);
+}
+
+void put(Writer& out, const tql::property_t& field) {
+    put(out, field.type());
+    put(out, field.property);
+    put(out, field.is_null);
+    put(out, field.flags);
+    tql::visit_kind(field, [&out](const auto& value) { put_payload(out, value); });
 }
 
 void put(Writer& out, const tql::property_map_t& field) {

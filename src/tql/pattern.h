@@ -62,6 +62,10 @@ struct pattern_t {
     [[nodiscard]] bool wants(uint32_t property) const {
         return (flags & kPatternAllProperties) != 0 || wanted_properties.contains(property);
     }
+    /// True if it wants any at all.
+    [[nodiscard]] bool wants_any() const {
+        return (flags & kPatternAllProperties) != 0 || !wanted_properties.empty();
+    }
     /// Steps on the longest way down, this one included. Costs a walk of the whole pattern.
     [[nodiscard]] size_t depth() const;
 

@@ -100,6 +100,9 @@ class Engine {
                                               const tql::pattern_t& pattern,
                                               SelectStatistics& statistics);
 
+    /// Nodes of all results that live now.
+    [[nodiscard]] size_t live_nodes() const noexcept { return nodes_.live(); }
+
     // ---- writing --------------------------------------------------------------------------------
 
     /// Tells those who watch for operations on objects. Used by TqlUpdateWatcher, and directly for

@@ -1,6 +1,7 @@
 #include "tqlengine/object_handler.h"
 
 #include "error/exception.h"
+#include "queues/encoded_values.h"
 #include "tql/names.h"
 
 namespace tqlengine {
@@ -16,6 +17,12 @@ tql::origin_t TqlObjectHandler::tqlOriginBelow(const TqlObjectHandler& /*above*/
 
 HandlerRef TqlObjectHandler::tqlChild(uint32_t) {
     return {};
+}
+
+void TqlObjectHandler::encode_result(const tql::pattern_t& pattern, queues::ValueWriter& out) {
+    tql::property_map_t values;
+    tqlEncode(pattern, values);
+    out.add(values);
 }
 
 bool TqlObjectHandler::tqlSpecialMatch(uint32_t&, const tql::condition_t&) {

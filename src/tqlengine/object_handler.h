@@ -19,6 +19,10 @@
 #include "tql/property.h"
 #include "tql/version.h"
 
+namespace queues {
+class ValueWriter;
+}
+
 namespace tqlengine {
 
 class TqlIdResolver;
@@ -175,11 +179,13 @@ class TqlObjectHandler {
     // ---- reading --------------------------------------------------------------------------------
 
     /// Adds the properties that `pattern` wants (its flag for all, or the ascending numbers of
-    /// wanted_properties) to `out`. Called once per object of a result and once per object with
-    /// conditions to test, so one pass over the stored record, the sorted schema and the sorted
-    /// wanted numbers is what is expected. Adding in ascending order of numbers is cheapest. Throws
-    /// errors::tql.
+    /// wanted_properties) to `out`. Called once per object with conditions to test, so one pass
+    /// over the stored record, the sorted schema and the sorted wanted numbers is what is expected.
+    /// Adding in ascending order of numbers is cheapest. Throws errors::tql.
     virtual void tqlEncode(const tql::pattern_t& pattern, tql::property_map_t& out) = 0;
+    /// The same into the memory of a result, in the form in which it travels; default: by way of
+    /// tqlEncode(). A class whose objects come by the thousand spares itself the values.
+    virtual void encode_result(const tql::pattern_t& pattern, queues::ValueWriter& out);
     /// Lets a class test a condition by itself: true when it did, with `result` 0 for "holds".
     /// Which ones it tests depends on the property alone, never on the value. Default false.
     virtual bool tqlSpecialMatch(uint32_t& result, const tql::condition_t& condition);

@@ -7,7 +7,6 @@
 #include "tql/errors.h"
 #include "tql/names.h"
 #include "tql/query_text.h"
-#include "tqlengine/detail/result_record.h"
 #include "tqlengine/update_watcher.h"
 
 namespace tqlengine {
@@ -69,14 +68,13 @@ std::set<tql::id_t> roots_of(const dbms::Tql_Select_Data& request) {
 }
 
 void select(const dbms::Tql_Select_Data& request, const RequestContext& context,
-            uint32_t subscription, SelectReport& report, dbms::Return_Tql_Select_Data& reply) {
-    Engine::ResultList results;
-    context.engine.evaluate(results, roots_of(request), request.pattern, report.statistics,
-                            {subscription, (request.flags & kSelectPatchable) != 0});
+            uint32_t subscription, SelectReport& report, SelectAnswer& answer) {
+    Engine& engine = context.engine;
+    const size_t before = engine.live_nodes();
+    engine.evaluate(answer.results, roots_of(request), request.pattern, report.statistics,
+                    {subscription, (request.flags & kSelectPatchable) != 0});
+    report.results = engine.live_nodes() - before;
     report.evaluated_us = context.clock.monotonic_us();
-    reply.res.reserve(results.size());
-    for (ResultNodePtr& node : results)
-        reply.res.push_back(detail::to_record(std::move(node), report.results));
 }
 
 void delete_object(const dbms::Tql_Delete_Data& request, RequestContext& context) {
@@ -117,26 +115,25 @@ double seconds(uint64_t from_us, uint64_t to_us) {
 
 }  // namespace
 
-dbms::Return_Tql_Select_Data process_select(const dbms::Tql_Select_Data& request,
-                                            RequestContext& context, SelectReport& report,
-                                            uint32_t subscription) {
-    dbms::Return_Tql_Select_Data reply;
+SelectAnswer process_select(const dbms::Tql_Select_Data& request, RequestContext& context,
+                            SelectReport& report, uint32_t subscription) {
+    SelectAnswer answer;
     report = {};
     report.start_us = report.evaluated_us = context.clock.monotonic_us();
     try {
-        select(request, context, subscription, report, reply);
+        select(request, context, subscription, report, answer);
     } catch (const errors::tql& failure) {
         logger.error("TQL SELECT error ({}): {}", static_cast<uint32_t>(failure.code()),
                      failure.text());
-        reply.res.clear();
-        fail(reply, failure.code(), failure.text());
+        answer.results.clear();
+        fail(answer, failure.code(), failure.text());
     } catch (const errors::db_anomaly& anomaly) {
         logger.error("TQL SELECT anomaly: {}", anomaly.text());
-        reply.res.clear();
-        fail(reply, errors::ERR_BACKEND, anomaly.text());
+        answer.results.clear();
+        fail(answer, errors::ERR_BACKEND, anomaly.text());
     }
     report.prepared_us = context.clock.monotonic_us();
-    return reply;
+    return answer;
 }
 
 void log_select(const dbms::Tql_Select_Data& request, const RequestContext& context,
@@ -157,15 +154,10 @@ void log_select(const dbms::Tql_Select_Data& request, const RequestContext& cont
                  seconds(report.prepared_us, sent_us));
 }
 
-std::optional<tql::result_t> process_patch(const tql::id_t& id,
-                                           const dbms::Tql_Select_Data& request,
-                                           RequestContext& context) {
+ResultNodePtr process_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,
+                            RequestContext& context) {
     SelectStatistics statistics;
-    ResultNodePtr node =
-        context.engine.evaluatePatch(id, roots_of(request), request.pattern, statistics);
-    if (!node) return std::nullopt;
-    uint64_t results = 0;
-    return detail::to_record(std::move(node), results);
+    return context.engine.evaluatePatch(id, roots_of(request), request.pattern, statistics);
 }
 
 void log_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,

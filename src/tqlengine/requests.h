@@ -7,11 +7,11 @@
 // text. Whatever else is thrown passes through: it isn't the request's fault.
 #pragma once
 
-#include <optional>
 #include <set>
 #include <string_view>
 
 #include "queues/records/dbms_tql.h"
+#include "tqlengine/answers.h"
 #include "tqlengine/engine.h"
 #include "tqlengine/request_context.h"
 
@@ -35,12 +35,11 @@ struct SelectReport {
     uint64_t prepared_us = 0;
 };
 
-/// Event 82: answers with the record of event 83. An empty pattern gives no results. With a
-/// `subscription` other than 0 the engine watches the pattern from now on; 0 selects once, whatever
-/// the flags say.
-dbms::Return_Tql_Select_Data process_select(const dbms::Tql_Select_Data& request,
-                                            RequestContext& context, SelectReport& report,
-                                            uint32_t subscription = 0);
+/// Event 82: gives what event 83 carries. The answer must not outlive the engine. An empty pattern
+/// gives no results. With a `subscription` other than 0 the engine watches the pattern from now on;
+/// 0 selects once, whatever the flags say.
+SelectAnswer process_select(const dbms::Tql_Select_Data& request, RequestContext& context,
+                            SelectReport& report, uint32_t subscription = 0);
 /// To be called when the answer has been sent: logs a select that took more than 10 ms at level
 /// debug, and one of more than 3 s at level warning.
 void log_select(const dbms::Tql_Select_Data& request, const RequestContext& context,
@@ -48,9 +47,8 @@ void log_select(const dbms::Tql_Select_Data& request, const RequestContext& cont
 
 /// The tree of event 84 for the object `id`, under the subscription made by `request`; none when
 /// the subscriber is to drop the object (event 85). Throws errors::tql and errors::stdanomaly.
-std::optional<tql::result_t> process_patch(const tql::id_t& id,
-                                           const dbms::Tql_Select_Data& request,
-                                           RequestContext& context);
+ResultNodePtr process_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,
+                            RequestContext& context);
 /// To be called when a patch has been made: logs one that took more than 10 ms at level debug, and
 /// one of more than 3 s at level warning. `caused_by` names the event that changed the object.
 void log_patch(const tql::id_t& id, const dbms::Tql_Select_Data& request,

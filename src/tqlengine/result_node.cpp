@@ -38,11 +38,39 @@ ResultNodePtr ResultNodePool::make(const TqlObjectHandler& handler, const tql::o
     free_.pop_back();
     ResultNodePtr made(::new (memory.get()) ResultNode(*this, handler, origin, visible));
     (void)memory.release();
+    ++live_;
     return made;
+}
+
+void ResultNodePool::encode(ResultNode& node, TqlObjectHandler& handler,
+                            const tql::pattern_t& step) {
+    if (!step.wants_any()) return;
+    writer_.begin();
+    handler.encode_result(step, writer_);
+    take_values(node, writer_.finish());
+}
+
+void ResultNodePool::encode(ResultNode& node, const tql::property_map_t& values) {
+    writer_.begin();
+    writer_.add(values);
+    take_values(node, writer_.finish());
+}
+
+void ResultNodePool::take_values(ResultNode& node, const queues::EncodedValues& values) {
+    if (node.values.empty() || values.empty()) {
+        if (!values.empty()) node.values = values;
+        return;
+    }
+    const queues::EncodedValues before = std::exchange(node.values, {});
+    writer_.begin();
+    writer_.add(queues::decode(before));
+    writer_.add(queues::decode(values));
+    node.values = writer_.finish();
 }
 
 void ResultNodePool::give_back(ResultNode* node) noexcept {
     node->~ResultNode();
+    if (--live_ == 0) arena_.clear();
     if (free_.size() < kKeptNodes)
         free_.push_back(node);
     else
@@ -99,6 +127,11 @@ ResultNode::ResultNode(ResultNodePool& home, const TqlObjectHandler& handler,
       origin(known_origin),
       visible(is_visible) {}
 
+void ResultNode::add_tag(uint32_t tag) {
+    const auto place = std::lower_bound(tags.begin(), tags.end(), tag);
+    if (place == tags.end() || *place != tag) tags.insert(place, tag);
+}
+
 void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics) {
     if (!node) return;
     if (!slot) {
@@ -112,9 +145,9 @@ void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics
                                              slot->class_number, slot->id.to_string(), slot->flags,
                                              node->class_number, node->id.to_string(),
                                              node->flags));
-    slot->tags.merge(node->tags);
+    for (const uint32_t tag : node->tags) slot->add_tag(tag);
     slot->version = node->version;
-    for (auto& [number, value] : node->properties) slot->properties[number] = std::move(value);
+    slot->pool.take_values(*slot, node->values);
     slot->visible = slot->visible || node->visible;
     slot->children.append_all(std::move(node->children));
 }

@@ -1,17 +1,18 @@
 // One object of a select's answer, in memory, with what matched below it.
 //
-// A tree of these is built while the engine walks, and becomes the record that travels when the
-// walk is done. The same object can be met on several branches of a pattern; its nodes are merged
+// A tree of these is built while the engine walks, and is written to the asker's stream from here
+// (answers.h). The same object can be met on several branches of a pattern; its nodes are merged
 // into one.
 #pragma once
 
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <vector>
 
+#include "queues/encoded_values.h"
 #include "tql/id.h"
 #include "tql/origin.h"
+#include "tql/pattern.h"
 #include "tql/property.h"
 #include "tql/version.h"
 
@@ -22,8 +23,9 @@ struct ResultNode;
 struct ResultNodeDelete;
 struct SelectStatistics;
 
-/// Memory of result nodes, which come and go by the score with every select. Keeps some of it for
-/// the next select; must outlive the nodes made from it.
+/// Memory of result nodes and their values, which come and go by the score with every select. The
+/// nodes' memory is free again as each goes, that of the values when all nodes have gone. Keeps
+/// some of it for the next select; must outlive the nodes made from it.
 class ResultNodePool {
   public:
     ResultNodePool() = default;
@@ -37,11 +39,26 @@ class ResultNodePool {
     std::unique_ptr<ResultNode, ResultNodeDelete> make(const TqlObjectHandler& handler,
                                                        const tql::origin_t& origin, bool visible);
 
+    /// Gives `node` the values of `handler` that `step` wants, beside those that it has; the new
+    /// ones win. Throws errors::tql.
+    void encode(ResultNode& node, TqlObjectHandler& handler, const tql::pattern_t& step);
+    /// The same for values that are at hand.
+    void encode(ResultNode& node, const tql::property_map_t& values);
+
+    /// The same for values that lie in this pool's memory.
+    void take_values(ResultNode& node, const queues::EncodedValues& values);
+
+    /// Nodes that live now.
+    [[nodiscard]] size_t live() const noexcept { return live_; }
+
   private:
     friend struct ResultNodeDelete;
     void give_back(ResultNode* node) noexcept;
 
     std::vector<void*> free_;
+    size_t live_ = 0;
+    queues::ValueArena arena_;
+    queues::ValueWriter writer_{arena_};
 };
 
 /// Destroys a whole tree without recursion, so that its depth doesn't matter.
@@ -87,14 +104,16 @@ struct ResultNode {
     ResultNode(const ResultNode&) = delete;
     ResultNode& operator=(const ResultNode&) = delete;
 
+    void add_tag(uint32_t tag);
+
     ResultNodePool& pool;
     uint32_t class_number;
     uint32_t flags;
-    std::set<uint32_t> tags;
+    std::vector<uint32_t> tags;  ///< ascending
     tql::id_t id;
     tql::version_t version;
     tql::origin_t origin;
-    tql::property_map_t properties;
+    queues::EncodedValues values;
     ResultChildren children;
     /// False for an object that isn't to be a node of the result; its children move up to its
     /// parent's node.
@@ -102,7 +121,7 @@ struct ResultNode {
 };
 
 /// Merges `node` into `slot`, both being the same object: tags and children are joined, the
-/// properties of `node` win. An empty slot takes the node, an empty node changes nothing. Throws
+/// values of `node` win. An empty slot takes the node, an empty node changes nothing. Throws
 /// errors::db_anomaly when class, flags or id differ. Counts a doublet for each pair of nodes
 /// merged; those below are counted when they are settled.
 void merge(ResultNodePtr& slot, ResultNodePtr node, SelectStatistics& statistics);

@@ -9,6 +9,7 @@
 #include "dbcache/schema_table.h"
 #include "dbcache/template_handler.h"
 #include "dbcache/tql_template_handler.h"
+#include "support/answers.h"
 #include "support/test_store.h"
 #include "tql/property_map.h"
 #include "tql/query_text.h"
@@ -119,7 +120,7 @@ class TemplateTest : public ::testing::Test {
         request.pattern = tql::parse_pattern(pattern);
         tqlengine::RequestContext asked = world.context();
         tqlengine::SelectReport report;
-        const auto reply = tqlengine::process_select(request, asked, report);
+        const auto reply = support::received(tqlengine::process_select(request, asked, report));
         if (reply.status != 0) return fmt::format("{} {}", reply.status, reply.details.front().msg);
         std::string all;
         for (const tql::result_t& node : reply.res) all += line_of(node);
@@ -348,7 +349,7 @@ TEST(ReadyTemplates, AreOfferedByTheHookOfAClass) {
     request.pattern = tql::parse_pattern("Domain > Check#[name]");
     tqlengine::RequestContext asked = world.context();
     tqlengine::SelectReport report;
-    const auto reply = tqlengine::process_select(request, asked, report);
+    const auto reply = support::received(tqlengine::process_select(request, asked, report));
     ASSERT_EQ(reply.res.size(), 1U);
     const auto& offered = reply.res.front().children;
     ASSERT_EQ(offered.size(), 2U);

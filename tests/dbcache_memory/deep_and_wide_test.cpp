@@ -69,7 +69,7 @@ class DeepAndWideTest : public ::testing::Test {
     dbms::Tql_Select_Data request(const std::string& pattern, uint32_t flags = 0) {
         return {{{0, 1}}, tql::parse_pattern(pattern), flags, 0};
     }
-    dbms::Return_Tql_Select_Data select(const std::string& pattern) {
+    tqlengine::SelectAnswer select(const std::string& pattern) {
         tqlengine::RequestContext context = world.context();
         return process_select(request(pattern), context, report);
     }
@@ -78,10 +78,10 @@ class DeepAndWideTest : public ::testing::Test {
     std::string selected(const std::string& pattern, size_t room_bytes) {
         const size_t before = Memory::get().bytes();
         Memory::get().forget_peak();
-        const dbms::Return_Tql_Select_Data answer = select(pattern);
+        const tqlengine::SelectAnswer answer = select(pattern);
         const size_t held = std::max(Memory::get().bytes(), before) - before;
         EXPECT_LE(Memory::get().peak() - before, 3 * held + room_bytes) << pattern;
-        return fmt::format("{}: {} in {}", answer.status, report.results, answer.res.size());
+        return fmt::format("{}: {} in {}", answer.status, report.results, answer.results.size());
     }
 
     void subscribe(uint32_t number, const std::string& pattern) {
@@ -97,8 +97,8 @@ class DeepAndWideTest : public ::testing::Test {
             const auto tree =
                 process_patch(patch->object, watched.at(patch->subscription), context);
             size_t levels = 0;
-            for (const tql::result_t* at = tree ? &*tree : nullptr; at != nullptr; ++levels)
-                at = at->children.empty() ? nullptr : &at->children.front();
+            for (const tqlengine::ResultNode* at = tree.get(); at != nullptr; ++levels)
+                at = at->children.empty() ? nullptr : at->children.entries().front().node.get();
             text += fmt::format("{} {} ", patch->subscription, levels);
         }
         return text;

@@ -128,8 +128,8 @@ class CatalogueOfClasses : public testing::Test {
         return made.ok() ? made.answer->at("id").get<std::string>() : "0.1";
     }
 
-    json read(const std::string& id) {
-        const Outcome found = ask("select", {{"roots", {id}}, {"pattern", ".!"}});
+    json read(const std::string& id, const std::string& pattern = ".!") {
+        const Outcome found = ask("select", {{"roots", {id}}, {"pattern", pattern}});
         if (!found.ok() || found.answer->at("results").empty()) return nullptr;
         return json::parse(found.answer->at("results").at(0).at("properties").dump());
     }
@@ -317,8 +317,16 @@ class CatalogueOfClasses : public testing::Test {
                 EXPECT_EQ(*value, *wanted) << property.name;
             }
         }
-        for (const auto& [name, value] : found.items())
+        // What is stored is the same without what is computed beside it.
+        json stored = json::object();
+        std::string stored_names;
+        for (const auto& [name, value] : found.items()) {
             EXPECT_TRUE(names.contains(name)) << name << " isn't listed";
+            if (kComputed.contains(name)) continue;
+            stored[name] = value;
+            stored_names += (stored_names.empty() ? "" : ", ") + name;
+        }
+        EXPECT_EQ(read(id, ".[" + stored_names + "]"), stored);
     }
 
     // ---- what is refused -----------------------------------------------------------------------

@@ -13,6 +13,7 @@
 
 #include "dbcache/store.h"
 #include "patterns.h"
+#include "support/answers.h"
 #include "tarmik/mirror.h"
 #include "tql/query_text.h"
 #include "tqlengine/requests.h"
@@ -186,7 +187,8 @@ class Trial {
                                                                uint32_t subscription = 0) {
         tqlengine::SelectReport report;
         tqlengine::RequestContext asker = context();
-        auto reply = tqlengine::process_select(request, asker, report, subscription);
+        auto reply =
+            support::received(tqlengine::process_select(request, asker, report, subscription));
         Answer answer{reply.status, {}};
         for (const tql::result_t& tree : reply.res) answer.trees[tree.id] += model::text_of(tree);
         const Answer expected = model_select(request);
@@ -291,7 +293,7 @@ class Trial {
         std::string text = "gone\n";
         try {
             tqlengine::RequestContext asker = context();
-            tree = tqlengine::process_patch(id, request, asker);
+            tree = support::received(id, tqlengine::process_patch(id, request, asker));
             if (tree) text = model::text_of(*tree);
         } catch (const error::Exception&) {
             text = "failure";

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "select_model.h"
+#include "support/answers.h"
 #include "support/fake_clock.h"
 #include "tql/query_text.h"
 #include "tqlengine/engine.h"
@@ -29,9 +30,9 @@ struct MetaTree : testing::Test {
     MetaTree() { meta_tree.register_with(engine); }
 
     std::string select(const char* pattern, std::list<tql::id_t> roots = {{0, 1}}) {
-        const auto reply = tqlengine::process_select(
+        const auto reply = support::received(tqlengine::process_select(
             {.root_ids = std::move(roots), .pattern = tql::parse_pattern(pattern)}, context,
-            report);
+            report));
         EXPECT_EQ(reply.status, 0U);
         std::string text;
         for (const auto& result : reply.res) text += fake::text_of(result);

@@ -4,6 +4,7 @@
 
 #include "fake_tree.h"
 #include "select_model.h"
+#include "support/answers.h"
 #include "support/fake_clock.h"
 #include "support/rng.h"
 #include "tql/query_text.h"
@@ -37,7 +38,7 @@ struct Select : testing::Test {
         request.root_ids.assign(roots.begin(), roots.end());
         request.pattern = pattern;
         tree.listings = 0;
-        auto reply = tqlengine::process_select(request, context, report);
+        auto reply = support::received(tqlengine::process_select(request, context, report));
         EXPECT_EQ(tree.referenced, 0U);
         return reply;
     }

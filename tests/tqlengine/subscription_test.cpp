@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "fake_tree.h"
+#include "support/answers.h"
 #include "support/fake_clock.h"
 #include "tql/query_text.h"
 #include "tqlengine/engine.h"
@@ -62,8 +63,9 @@ struct Subscribing : testing::Test {
     std::string due() {
         std::string text;
         while (const auto patch = engine.subscriptions().take_patch()) {
-            const auto tree_of_patch =
-                tqlengine::process_patch(patch->object, requests.at(patch->subscription), context);
+            const auto tree_of_patch = support::received(
+                patch->object,
+                tqlengine::process_patch(patch->object, requests.at(patch->subscription), context));
             text += fmt::format(
                 "{}:{} ", patch->subscription,
                 tree_of_patch ? brief(*tree_of_patch) : patch->object.to_string() + " gone");

@@ -197,7 +197,7 @@ void CheckSchema::encodeSpecials(const SchemaObject& /*object*/, const PropertyC
             if (pattern.wants(number))
                 tql::add<tql::property_boolean_t>(out, number, continuous, kComputed);
     }
-    if (pattern.wants(prop::unit) && !out.contains(prop::unit)) {
+    if (pattern.wants(prop::unit) && !lookupProperty(prop::unit, subtypeFromChain(chain))) {
         std::vector<uint8_t> unit = computed_unit(chain);
         if (!unit.empty())
             tql::add<tql::property_blob_t>(out, prop::unit, std::move(unit), kComputed);

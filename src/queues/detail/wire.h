@@ -90,7 +90,7 @@ class Reader {
     unsigned depth_ = 0;
 };
 
-using Writer = protocol::ioprim;
+using Writer = protocol::ByteWriter;
 
 // Kinds of fields whose codecs are no templates; in wire_values.cpp.
 void get(Reader& in, std::string& field);
@@ -107,6 +107,7 @@ void put(Writer& out, const std::vector<std::uint8_t>& field);
 void put(Writer& out, const Time& field);
 void put(Writer& out, const tql::id_t& field);
 void put(Writer& out, const tql::value_t& field);
+void put(Writer& out, const tql::property_t& field);
 void put(Writer& out, const tql::property_map_t& field);
 void put(Writer& out, const tsdb::data_entry_t& field);
 

@@ -39,12 +39,15 @@ ResultNodePtr evaluateWithLeads(TqlObjectHandler& handler, const tql::pattern_t&
 
 void add_parent_if_wanted(ResultNode& root, TqlObjectHandler& handler,
                           const tql::pattern_t& pattern) {
-    if (!pattern.wants(prop::parentId) || root.properties.contains(prop::parentId)) return;
+    if (!pattern.wants(prop::parentId) || queues::decode(root.values).contains(prop::parentId))
+        return;
+    tql::property_map_t added;
     if (const HandlerRef parent = handler.tqlParentHandler())
-        tql::add<tql::property_object_t>(root.properties, prop::parentId, parent->tqlId(),
+        tql::add<tql::property_object_t>(added, prop::parentId, parent->tqlId(),
                                          tql::kFlagComputed);
     else
-        tql::add_null<tql::property_object_t>(root.properties, prop::parentId, tql::kFlagComputed);
+        tql::add_null<tql::property_object_t>(added, prop::parentId, tql::kFlagComputed);
+    root.pool.encode(root, added);
 }
 
 }  // namespace tqlengine::detail

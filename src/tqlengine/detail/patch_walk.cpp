@@ -51,7 +51,7 @@ void PatchWalk::enter(Frame& frame) {
     if (frame.call.place + 1 == chain_.size()) {
         ResultNodePtr full =
             evaluateWithLeads(object(frame), *frame.call.step, limits_, statistics_, nodes_);
-        if (full) full->tags.insert(kPatchPath);
+        if (full) full->add_tag(kPatchPath);
         (frame.recursive() ? frame.collected : frame.node) = std::move(full);
         frame.stage = stage_t::done;
     } else {
@@ -141,13 +141,13 @@ const tql::origin_t& PatchWalk::origin_of(const Frame& frame) {
 void PatchWalk::make_node(Frame& frame) {
     const bool visible = (frame.call.step->flags & tql::kPatternSplice) == 0;
     frame.node = nodes_.make(object(frame), origin_of(frame), visible);
-    frame.node->tags.insert(kPatchPath);
+    frame.node->add_tag(kPatchPath);
 }
 
 void PatchWalk::finish_node(Frame& frame) {
     const tql::pattern_t& step = *frame.call.step;
-    if (step.tag != tql::kNoTag) frame.node->tags.insert(step.tag);
-    object(frame).tqlEncode(step, frame.node->properties);
+    if (step.tag != tql::kNoTag) frame.node->add_tag(step.tag);
+    nodes_.encode(*frame.node, object(frame), step);
     ++statistics_.included;
 }
 

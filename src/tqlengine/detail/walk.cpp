@@ -246,8 +246,8 @@ const tql::origin_t& Walk::origin_of(const Frame& frame) {
 
 void Walk::finish_node(Frame& frame) {
     const tql::pattern_t& step = *frame.call.step;
-    if (step.tag != tql::kNoTag) frame.node->tags.insert(step.tag);
-    frame.call.handler->tqlEncode(step, frame.node->properties);
+    if (step.tag != tql::kNoTag) frame.node->add_tag(step.tag);
+    nodes_.encode(*frame.node, *frame.call.handler, step);
     ++statistics_.included;
 }
 
